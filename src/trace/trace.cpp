@@ -1,0 +1,127 @@
+#include "trace/trace.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+namespace zavkjni {
+namespace {
+
+// The process-wide trace state. debugMsgEnvExist is set once, at load, before any native runs.
+const char* debugMsgEnvExist = nullptr;
+// Read without the lock on every message (a relaxed load is a plain load); changed only by the
+// KMSystem natives under the lock.
+std::atomic<int> fileTraceOn{0};
+FILE* traceFile = nullptr;
+char* stampedFormat = nullptr;
+
+// Serialises the file channel: every file line frees and replaces the one shared stampedFormat
+// before it formats from it, so stamp and write happen under this lock.
+pthread_mutex_t fileLock = PTHREAD_MUTEX_INITIALIZER;
+
+class FileLock {
+public:
+    FileLock() noexcept { pthread_mutex_lock(&fileLock); }
+    ~FileLock() { pthread_mutex_unlock(&fileLock); }
+    FileLock(const FileLock&) = delete;
+    FileLock& operator=(const FileLock&) = delete;
+};
+
+constexpr const char* traceFileName = "tvkjdbg.log";
+
+}  // namespace
+
+char* stampTraceFormat(const char* format) noexcept {
+    free(stampedFormat);
+    stampedFormat = static_cast<char*>(malloc(strlen(format) + 150));
+    if (stampedFormat == nullptr) return nullptr;
+    char stamp[128];
+    time_t now = time(nullptr);
+    struct tm local;
+    if (localtime_r(&now, &local) == nullptr ||
+        strftime(stamp, sizeof stamp, "%Y%m%d|%H:%M:%S", &local) == 0) {
+        stamp[0] = '\0';
+    }
+    strcpy(stampedFormat, stamp);
+    strcat(stampedFormat, " || ");
+    strcat(stampedFormat, format);
+    return stampedFormat;
+}
+
+void traceMessage(const char* format, ...) noexcept {
+    if (debugMsgEnvExist != nullptr) {
+        va_list args;
+        va_start(args, format);
+        vfprintf(stderr, format, args);
+        va_end(args);
+    }
+    if (fileTraceOn.load(std::memory_order_relaxed) != 0) {
+        FileLock lock;
+        if (traceFile == nullptr) return;
+        // When no stamped copy can be made the line is still written, unstamped.
+        const char* stamped = stampTraceFormat(format);
+        va_list args;
+        va_start(args, format);
+        vfprintf(traceFile, stamped != nullptr ? stamped : format, args);
+        va_end(args);
+    }
+}
+
+void openTraceFile() noexcept {
+    FileLock lock;
+    // A second opening while the file is open starts the file afresh rather than leaking the
+    // first stream.
+    if (traceFile != nullptr) {
+        fclose(traceFile);
+        traceFile = nullptr;
+    }
+    fileTraceOn.store(1, std::memory_order_relaxed);
+    // The file holds passwords: created for its owner only, and tightened if it existed.
+    int fd = open(traceFileName, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    if (fd >= 0) {
+        fchmod(fd, S_IRUSR | S_IWUSR);
+        traceFile = fdopen(fd, "w+");
+        if (traceFile == nullptr) close(fd);
+    }
+    // A file that cannot be opened leaves the channel off: nothing is ever written to null.
+    if (traceFile == nullptr) fileTraceOn.store(0, std::memory_order_relaxed);
+}
+
+void closeTraceFile() noexcept {
+    FileLock lock;
+    free(stampedFormat);
+    stampedFormat = nullptr;
+    if (traceFile != nullptr) {
+        fclose(traceFile);
+        traceFile = nullptr;
+    }
+    fileTraceOn.store(0, std::memory_order_relaxed);
+}
+
+namespace {
+
+// The load and unload hooks, run as the constructor and destructor of one static object.
+struct LoadHooks {
+    LoadHooks() noexcept {  // staticInit
+        debugMsgEnvExist = getenv("TOLVIK_JNI_DEBUG");
+        traceMessage("JNI_DEBUG......debugMsgEnvExist=%s\n", orNull(debugMsgEnvExist));
+        traceMessage("JNI_DEBUG......staticInit: DLL_PROCESS_ATTACH\n");
+    }
+    ~LoadHooks() {  // staticFini: the file, if still open, is closed only at process exit
+        traceMessage("JNI_DEBUG......staticFini: DLL_PROCESS_DETACH\n");
+    }
+    LoadHooks(const LoadHooks&) = delete;
+    LoadHooks& operator=(const LoadHooks&) = delete;
+};
+
+LoadHooks loadHooks;
+
+}  // namespace
+}  // namespace zavkjni
