@@ -82,4 +82,5 @@ Java_com_norvex_zav_tolvik_basic_KMSystem_c_1ZAVKMCleanAll(JNIEnv*, jclass) noex
 ZAVKJNI_EXPORT void JNICALL Java_com_norvex_zav_tolvik_basic_KMSystem_c_1ShowLibInfo(JNIEnv*,
                                                                                     jclass) noexcept {
     printf("KJNI\n============\n%s\n\n", zavkjni_SCCSInfo);
+    fflush(stdout);  // Java writes to the same stream through its own buffer
 }

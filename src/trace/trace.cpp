@@ -74,6 +74,24 @@ void traceMessage(const char* format, ...) noexcept {
     }
 }
 
+bool traceOn() noexcept {
+    return debugMsgEnvExist != nullptr || fileTraceOn.load(std::memory_order_relaxed) != 0;
+}
+
+void traceBytesAsText(const char* format, const unsigned char* bytes, size_t length) noexcept {
+    if (!traceOn()) return;
+    size_t shown = bytes != nullptr ? strnlen(reinterpret_cast<const char*>(bytes), length) : 0;
+    char* text = static_cast<char*>(malloc(shown + 1));
+    if (text == nullptr) return;
+    if (shown != 0) memcpy(text, bytes, shown);
+    text[shown] = '\0';
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    traceMessage(format, bytes != nullptr ? text : "null");
+#pragma GCC diagnostic pop
+    free(text);
+}
+
 void openTraceFile() noexcept {
     FileLock lock;
     // A second opening while the file is open starts the file afresh rather than leaking the

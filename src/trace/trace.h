@@ -13,6 +13,13 @@ namespace zavkjni {
 // used as formats. It never fails towards its caller.
 void traceMessage(const char* format, ...) noexcept __attribute__((format(printf, 1, 2)));
 
+// traceOn says whether any channel is on (for messages whose argument costs work to make).
+bool traceOn() noexcept;
+
+// traceBytesAsText traces a format with one "%s" whose argument is a byte buffer that is not
+// zero-terminated: the bytes show up to the first zero byte, never past length.
+void traceBytesAsText(const char* format, const unsigned char* bytes, size_t length) noexcept;
+
 // stampTraceFormat replaces the shared stampedFormat with "YYYYmmdd|HH:MM:SS || " + format and
 // returns it, or null when the allocation fails (the caller then writes the line unstamped).
 // Callers hold the file channel's lock.

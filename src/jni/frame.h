@@ -1,0 +1,185 @@
+// What every native shares: the export macro, the reference checks, the holder of the Java
+// strings a native takes, holders of the buffers and records it owns, and the key-database
+// frame (open, operate only after a successful open, close).
+#pragma once
+
+#include <jni.h>
+
+#include <array>
+#include <initializer_list>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+
+#include "marshal/jni_access.h"
+#include "trace/trace.h"
+#include "zavkm.h"
+
+#define ZAVKJNI_NATIVE(type, cls, method) \
+    extern "C" JNIEXPORT type JNICALL Java_com_norvex_zav_tolvik_basic_##cls##_##method
+
+namespace zavkjni {
+
+// Messages shared by many natives.
+namespace msg {
+inline constexpr const char* keyDbFileName = "JNI_DEBUG......cKeyDbFileName = %s\n";
+inline constexpr const char* keyDbPwd = "JNI_DEBUG......cKeyDbPwd = %s\n";
+inline constexpr const char* keyLabel = "JNI_DEBUG......cKeyLabel = %s\n";
+inline constexpr const char* certFileName = "JNI_DEBUG......cCertFileName = %s\n";
+inline constexpr const char* certReqFileName = "JNI_DEBUG......cCertReqFileName = %s\n";
+}  // namespace msg
+
+// hasSelf: the JNIEnv pointer and the calling object (or class) are there.
+inline bool hasSelf(JNIEnv* env, jobject self) noexcept { return env != nullptr && self != nullptr; }
+
+// hasClass: hasSelf, and the class of the calling object can be had.
+inline bool hasClass(JNIEnv* env, jobject self) noexcept {
+    return hasSelf(env, self) && env->GetObjectClass(self) != nullptr;
+}
+
+// JavaStrings holds the UTF-8 texts a native takes from Java strings and gives them back in the
+// order they were taken (first in, first out), on release() or at the latest when it goes.
+//
+// A Java string the caller must pass but passed as null is not taken (taking it would bring the
+// JVM down): its text stays null, its message shows "null", and missing() turns true, so that
+// the native answers its early-failure value instead of opening anything.
+class JavaStrings {
+public:
+    explicit JavaStrings(JNIEnv* env) noexcept : env_(env) {}
+    ~JavaStrings() { release(); }
+    JavaStrings(const JavaStrings&) = delete;
+    JavaStrings& operator=(const JavaStrings&) = delete;
+
+    // take takes a required string and traces it at once with traceFormat (one "%s").
+    const char* take(jstring string, const char* traceFormat) noexcept;
+
+    // takeOptional takes string when present and traces traceFormat with it; when null it traces
+    // nullFormat (no argument), or traceFormat with "null" when nullFormat is null.
+    const char* takeOptional(jstring string, const char* traceFormat,
+                             const char* nullFormat = nullptr) noexcept;
+
+    // takeIfPresent takes an optional string without tracing it (null stays null).
+    const char* takeIfPresent(jstring string) noexcept { return get(string); }
+
+    bool missing() const noexcept { return missing_; }
+
+    // release gives every taken text back, in the order taken. Idempotent.
+    void release() noexcept;
+
+    // releaseInOrder gives the listed texts back first, in the listed order, then the rest in
+    // the order taken: for the few natives that return their strings in another order.
+    void releaseInOrder(std::initializer_list<const char*> order) noexcept;
+
+private:
+    const char* get(jstring string) noexcept;
+
+    struct Taken {
+        jstring string;
+        const char* text;
+    };
+    JNIEnv* env_;
+    std::array<Taken, 8> taken_{};
+    size_t count_ = 0;
+    bool missing_ = false;
+};
+
+// A buffer made from a Java byte array with malloc, freed with free.
+struct JavaBytes {
+    unsigned char* data = nullptr;
+    JavaBytes() = default;
+    JavaBytes(const JavaBytes&) = delete;
+    JavaBytes& operator=(const JavaBytes&) = delete;
+    ~JavaBytes() { free(data); }
+    // from converts array when its length equals expectedLength (traced); else data stays null.
+    unsigned char* from(JNIEnv* env, jbyteArray array, int32_t expectedLength) noexcept {
+        JavaByteArrayToUChar(env, array, expectedLength, &data);
+        return data;
+    }
+};
+
+// A block the key-management library allocated, freed with ZAVKM_Free only when both its
+// pointer and its length are set.
+struct LibraryBlock {
+    uint8_t* data = nullptr;
+    uint32_t length = 0;
+    LibraryBlock() = default;
+    LibraryBlock(const LibraryBlock&) = delete;
+    LibraryBlock& operator=(const LibraryBlock&) = delete;
+    ~LibraryBlock() { reset(); }
+    void reset() noexcept {
+        if (data != nullptr && length != 0) ZAVKM_Free(data);
+        data = nullptr;
+        length = 0;
+    }
+};
+
+// Records the library returned, each released with its own operation.
+template <auto Release>
+struct ReleaseWith {
+    template <class T>
+    void operator()(T* record) const noexcept { Release(record); }
+};
+using DNRecord = std::unique_ptr<ZAVKM_DNItem, ReleaseWith<ZAVKM_FreeDNItem>>;
+using KeyRecord = std::unique_ptr<ZAVKM_KeyItem, ReleaseWith<ZAVKM_FreeKeyItem>>;
+using KeyListRecord = std::unique_ptr<ZAVKM_KeyItemList, ReleaseWith<ZAVKM_FreeKeyItemList>>;
+using LabelListRecord = std::unique_ptr<ZAVKM_LabelList, ReleaseWith<ZAVKM_FreeLabelList>>;
+using CertListRecord = std::unique_ptr<ZAVKM_CertItemList, ReleaseWith<ZAVKM_FreeCertItemList>>;
+using EPKIRecord = std::unique_ptr<ZAVKM_EPKIItem, ReleaseWith<ZAVKM_FreeEPKIItem>>;
+using PKIRecord = std::unique_ptr<ZAVKM_PrivKeyInfoItem, ReleaseWith<ZAVKM_FreePrivKeyInfoItem>>;
+
+// Out-parameter adapter: `ZAVKM_GetX(handle, out(record))` fills a unique_ptr.
+template <class Record>
+class OutRecord {
+public:
+    explicit OutRecord(Record& record) noexcept : record_(record) {}
+    ~OutRecord() { record_.reset(raw_); }
+    OutRecord(const OutRecord&) = delete;
+    OutRecord& operator=(const OutRecord&) = delete;
+    operator typename Record::pointer*() noexcept { return &raw_; }
+
+private:
+    Record& record_;
+    typename Record::pointer raw_ = nullptr;
+};
+template <class Record>
+OutRecord<Record> out(Record& record) noexcept {
+    return OutRecord<Record>(record);
+}
+
+// The key database file and password every key-database native takes first.
+struct KeyDbNames {
+    const char* fileName;
+    const char* password;
+};
+
+// takeKeyDbNames takes and traces the file name, then the password (in clear).
+inline KeyDbNames takeKeyDbNames(JavaStrings& strings, jstring fileName, jstring password) noexcept {
+    const char* file = strings.take(fileName, msg::keyDbFileName);
+    return {file, strings.take(password, msg::keyDbPwd)};
+}
+
+// withKeyDb opens the key database, runs operation(handle) only when the open returned 0, then
+// closes it. Returns the open's code or the operation's; 65 without opening anything when a
+// required string was missing.
+template <class Operation>
+ZAVKM_ReturnCode withKeyDb(const JavaStrings& strings, KeyDbNames db,
+                           Operation&& operation) noexcept {
+    if (strings.missing()) return ZAVKM_ERR_PARAMETER;
+    ZAVKM_KeyDbHandle handle = 0;
+    ZAVKM_ReturnCode rc = ZAVKM_OpenKeyDb(db.fileName, db.password, &handle);
+    if (rc != 0) return rc;
+    rc = operation(handle);
+    if (handle != 0) ZAVKM_CloseKeyDb(handle);
+    return rc;
+}
+
+// validSignatureAlgorithm: the selector is 1 or 2.
+inline bool validSignatureAlgorithm(jint selector) noexcept { return selector == 1 || selector == 2; }
+
+// The millisecond expiry Java passes, as the library's signed 32-bit whole seconds: divided with
+// truncation toward zero, low 32 bits kept.
+inline int32_t expirySeconds(jlong milliseconds) noexcept {
+    return static_cast<int32_t>(static_cast<uint64_t>(milliseconds / 1000) & 0xFFFFFFFFu);
+}
+
+}  // namespace zavkjni

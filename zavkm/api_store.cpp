@@ -1,0 +1,136 @@
+// api_store.cpp - creating, opening, closing and re-keying key databases, the stash, and the
+// password probes.
+#include "keydb.h"
+#include "pkcs12.h"
+#include "session.h"
+#include "stash.h"
+
+using namespace zavkm;
+
+namespace {
+
+Rc registerOpen(std::unique_ptr<KeyDb> kdb, ZAVKM_KeyDbHandle* handle) {
+    ZAVKM_KeyDbHandle h = addHandle(std::move(kdb));
+    if (h == 0) return ZAVKM_ERR_DATABASE_OPEN;
+    *handle = h;
+    trace("handle %u opened", h);
+    return ZAVKM_OK;
+}
+
+Rc openFile(const char* fileName, const char* password, ZAVKM_KeyDbHandle* handle) {
+    *handle = 0;
+    std::unique_ptr<KeyDb> kdb;
+    trace("opening %s", fileName != nullptr ? fileName : "(null)");
+    if (Rc rc = openKeyDb(fileName, password, true, kdb); rc != ZAVKM_OK) return rc;
+    return registerOpen(std::move(kdb), handle);
+}
+
+}  // namespace
+
+extern "C" {
+
+ZAVKM_ReturnCode ZAVKM_CreateNewKeyDb(const char* fileName, const char* password,
+                                      int32_t expireSeconds, ZAVKM_KeyDbHandle* handle) noexcept {
+    return withLibrary(__func__, {fileName, password, handle}, [&]() -> Rc {
+        *handle = 0;
+        trace("creating %s", fileName);
+        std::unique_ptr<KeyDb> kdb;
+        if (Rc rc = createKeyDb(fileName, password, expireSeconds, kdb); rc != ZAVKM_OK)
+            return rc;
+        return registerOpen(std::move(kdb), handle);
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_OpenKeyDb(const char* fileName, const char* password,
+                                 ZAVKM_KeyDbHandle* handle) noexcept {
+    return withLibrary(__func__, {fileName, password, handle},
+                       [&] { return openFile(fileName, password, handle); });
+}
+
+ZAVKM_ReturnCode ZAVKM_OpenKeyDbX(const KeyStoreDescriptor* descriptor,
+                                  ZAVKM_KeyDbHandle* handle) noexcept {
+    return withLibrary(__func__, {descriptor, handle}, [&]() -> Rc {
+        *handle = 0;
+        switch (descriptor->storeType) {
+            case KeyDbFile:
+                if (descriptor->keyDbFileName == nullptr) return ZAVKM_ERR_NULL_PARAMETER;
+                return openFile(descriptor->keyDbFileName,
+                                descriptor->password != nullptr ? descriptor->password : "",
+                                handle);
+            case CryptoToken:
+            case WebDbFile:
+            case MSCertStore: return ZAVKM_ERR_UNSUPPORTED_OPTION;
+            default: return ZAVKM_ERR_INVALID_DATABASE_TYPE;
+        }
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_CloseKeyDb(ZAVKM_KeyDbHandle handle) noexcept {
+    return withLibrary(__func__, {}, [&]() -> Rc {
+        if (!removeHandle(handle)) return ZAVKM_ERR_INVALID_DB_HANDLE;
+        trace("handle %u closed", handle);
+        return ZAVKM_OK;
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_ChangeKeyDbPwd(const char* fileName, const char* oldPassword,
+                                      const char* newPassword, int32_t expireSeconds) noexcept {
+    return withLibrary(__func__, {fileName, oldPassword, newPassword}, [&] {
+        trace("changing the password of %s", fileName);
+        return changeKeyDbPassword(fileName, oldPassword, newPassword, expireSeconds);
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_ChangeKeyDbPwdX(const KeyStoreDescriptor* descriptor) noexcept {
+    return withLibrary(__func__, {descriptor}, [&]() -> Rc {
+        switch (descriptor->storeType) {
+            case KeyDbFile:
+                if (anyNull({descriptor->keyDbFileName, descriptor->password,
+                             descriptor->newPassword}))
+                    return ZAVKM_ERR_NULL_PARAMETER;
+                return changeKeyDbPassword(descriptor->keyDbFileName, descriptor->password,
+                                           descriptor->newPassword, 0);
+            case CryptoToken:
+            case WebDbFile:
+            case MSCertStore: return ZAVKM_ERR_UNSUPPORTED_OPTION;
+            default: return ZAVKM_ERR_INVALID_DATABASE_TYPE;
+        }
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_StashKeyDbPwd(const char* fileName, const char* password) noexcept {
+    return withLibrary(__func__, {fileName, password}, [&]() -> Rc {
+        if (isEmpty(password)) return ZAVKM_ERR_PWD_TOO_SHORT;
+        std::unique_ptr<KeyDb> kdb;  // the password must open the file
+        if (Rc rc = openKeyDb(fileName, password, false, kdb); rc != ZAVKM_OK) return rc;
+        return writeStash(fileName, password);
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_IsPasswordRequired(const KeyStoreDescriptor* descriptor,
+                                          uint8_t* required) noexcept {
+    return withLibrary(__func__, {descriptor, required}, [&]() -> Rc {
+        const char* fileName = descriptor->keyDbFileName;
+        switch (descriptor->storeType) {
+            case KeyDbFile: {
+                if (fileName == nullptr) return ZAVKM_ERR_NULL_PARAMETER;
+                if (Rc rc = probeKeyDbFile(fileName); rc != ZAVKM_OK) return rc;
+                SecretBytes stashed;  // a readable stash opens the file without a password
+                *required = readStash(fileName, stashed) == ZAVKM_OK ? 0 : 1;
+                return ZAVKM_OK;
+            }
+            case WebDbFile: {
+                if (fileName == nullptr) return ZAVKM_ERR_NULL_PARAMETER;
+                bool needed = false;
+                if (Rc rc = pkcs12NeedsPassword(fileName, needed); rc != ZAVKM_OK) return rc;
+                *required = needed ? 1 : 0;
+                return ZAVKM_OK;
+            }
+            case CryptoToken:
+            case MSCertStore: return ZAVKM_ERR_UNSUPPORTED_OPTION;
+            default: return ZAVKM_ERR_INVALID_DATABASE_TYPE;
+        }
+    });
+}
+
+}  // extern "C"

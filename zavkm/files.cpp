@@ -1,0 +1,79 @@
+// files.cpp - whole-file reads and atomic writes.
+#include "files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace zavkm {
+
+Rc readFile(const char* fileName, Bytes& out) noexcept {
+    return guarded([&]() -> Rc {
+        if (isEmpty(fileName)) return ZAVKM_ERR_FILENAME_NULL;
+        int fd = ::open(fileName, O_RDONLY | O_CLOEXEC);
+        if (fd < 0) {
+            if (errno == ENOENT || errno == ENOTDIR) return ZAVKM_ERR_FILE_OPEN_NOT_EXIST;
+            return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED : ZAVKM_ERR_FILE_OPEN_TO_READ;
+        }
+        Bytes data;
+        uint8_t chunk[65536];
+        Rc rc = ZAVKM_OK;
+        for (;;) {
+            ssize_t r = ::read(fd, chunk, sizeof chunk);
+            if (r < 0 && errno == EINTR) continue;
+            if (r < 0) {
+                rc = errno == EISDIR ? ZAVKM_ERR_FILE_OPEN_TO_READ : ZAVKM_ERR_IO;
+                break;
+            }
+            if (r == 0) break;
+            if (data.size() + static_cast<size_t>(r) > kMaxInputFile) {
+                rc = ZAVKM_ERR_IO;
+                break;
+            }
+            data.insert(data.end(), chunk, chunk + r);
+        }
+        ::close(fd);
+        if (rc == ZAVKM_OK) out = std::move(data);
+        return rc;
+    });
+}
+
+Rc writeFile(const char* fileName, const uint8_t* data, size_t n, unsigned mode) noexcept {
+    return guarded([&]() -> Rc {
+        if (isEmpty(fileName)) return ZAVKM_ERR_FILENAME_NULL;
+        std::string temp = std::string(fileName) + ".tmp" + std::to_string(::getpid());
+        int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW,
+                        static_cast<mode_t>(mode));
+        if (fd < 0) {
+            ::unlink(temp.c_str());  // a leftover of a killed writer of this process id
+            fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW,
+                        static_cast<mode_t>(mode));
+        }
+        if (fd < 0) return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED
+                                           : ZAVKM_ERR_FILE_OPEN_TO_WRITE;
+        bool ok = (mode & 077) != 0 || ::fchmod(fd, static_cast<mode_t>(mode)) == 0;
+        const uint8_t* p = data;
+        size_t left = n;
+        while (ok && left > 0) {
+            ssize_t w = ::write(fd, p, left);
+            if (w < 0 && errno == EINTR) continue;
+            if (w <= 0) {
+                ok = false;
+                break;
+            }
+            p += w;
+            left -= static_cast<size_t>(w);
+        }
+        ok = ok && ::fsync(fd) == 0;
+        ok = (::close(fd) == 0) && ok;
+        if (!ok || ::rename(temp.c_str(), fileName) != 0) {
+            ::unlink(temp.c_str());
+            return ZAVKM_ERR_FILE_WRITE;
+        }
+        return ZAVKM_OK;
+    });
+}
+
+}  // namespace zavkm

@@ -1,0 +1,26 @@
+// files.h - reading input files whole and writing output files atomically.
+#pragma once
+
+#include <string>
+
+#include "common.h"
+
+namespace zavkm {
+
+inline constexpr size_t kMaxInputFile = 64u << 20;  // no certificate or PKCS#12 file is larger
+
+// readFile - the whole file into out: ZAVKM_ERR_FILE_OPEN_NOT_EXIST when it does not exist,
+// ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED without permission, ZAVKM_ERR_FILE_OPEN_TO_READ otherwise,
+// ZAVKM_ERR_IO on a read error or a file over kMaxInputFile.
+Rc readFile(const char* fileName, Bytes& out) noexcept;
+
+// writeFile - writes data to fileName through a temporary file in the same directory and a
+// rename, so a reader sees the old file or the whole new one. mode is applied to the new file
+// (0600 for files holding private keys). Returns ZAVKM_ERR_FILE_OPEN_TO_WRITE or
+// ZAVKM_ERR_FILE_WRITE on failure, leaving no temporary file behind.
+Rc writeFile(const char* fileName, const uint8_t* data, size_t n, unsigned mode) noexcept;
+inline Rc writeFile(const char* fileName, const Bytes& data, unsigned mode) noexcept {
+    return writeFile(fileName, data.data(), data.size(), mode);
+}
+
+}  // namespace zavkm

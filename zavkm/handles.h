@@ -1,0 +1,28 @@
+// handles.h - the table of open key databases behind 32-bit handles.
+#pragma once
+
+#include <memory>
+
+#include "keydb.h"
+
+namespace zavkm {
+
+// addHandle - registers an open key database and returns its new handle (never 0); 0 when the
+// table is full.
+ZAVKM_KeyDbHandle addHandle(std::unique_ptr<KeyDb> kdb) noexcept;
+
+// findHandle - the key database behind handle, shared with the table; null for an unknown
+// handle. The caller locks its mutex while it uses it.
+std::shared_ptr<KeyDb> findHandle(ZAVKM_KeyDbHandle handle) noexcept;
+
+// removeHandle - takes the handle out of the table (the database closes when the last user
+// lets go); false for an unknown handle.
+bool removeHandle(ZAVKM_KeyDbHandle handle) noexcept;
+
+// removeAllHandles - closes every open key database (ZAVKM_CleanAll).
+void removeAllHandles() noexcept;
+
+// size_t openHandleCount - how many handles are open.
+size_t openHandleCount() noexcept;
+
+}  // namespace zavkm

@@ -1,0 +1,202 @@
+// kdf.cpp - PBKDF2 with an in-process cache, HKDF, AES-256-GCM.
+#include "kdf.h"
+
+#include <openssl/core_names.h>
+#include <openssl/hmac.h>
+#include <openssl/kdf.h>
+
+#include <list>
+#include <mutex>
+
+#include "ossl.h"
+#include "trace.h"
+
+namespace zavkm {
+namespace {
+
+constexpr size_t kCacheCapacity = 8;
+
+struct CacheEntry {
+    Bytes salt;
+    uint32_t iterations = 0;
+    SecretBytes passwordTag;  // HMAC-SHA256(process key, password)
+    SecretBytes master;
+};
+
+struct KdfCache {
+    std::mutex mutex;
+    SecretBytes processKey;         // random per process, made on first use
+    std::list<CacheEntry> entries;  // most recently used first
+    KdfCacheStats stats;
+};
+
+KdfCache& cache() {
+    static KdfCache* instance = new KdfCache();  // never destroyed: usable until exit
+    return *instance;
+}
+
+// passwordTag - HMAC-SHA256 of the password under the process key; the caller holds the lock.
+Rc passwordTag(KdfCache& c, std::string_view password, SecretBytes& tag) {
+    if (c.processKey.empty()) {
+        SecretBytes key(kKeySize);
+        if (Rc rc = randomBytes(key.data(), key.size()); rc != ZAVKM_OK) return rc;
+        c.processKey = std::move(key);
+    }
+    SecretBytes out(32);
+    unsigned int len = 0;
+    if (HMAC(EVP_sha256(), c.processKey.data(), static_cast<int>(c.processKey.size()),
+             reinterpret_cast<const unsigned char*>(password.data()), password.size(),
+             out.data(), &len) == nullptr)
+        return sslError(ZAVKM_ERR_CRYPTO);
+    tag = std::move(out);
+    return ZAVKM_OK;
+}
+
+bool sameParams(const CacheEntry& e, const KdfParams& p) {
+    return e.iterations == p.iterations && e.salt == p.salt;
+}
+
+}  // namespace
+
+Rc deriveMaster(const KdfParams& params, std::string_view password, SecretBytes& master,
+                bool& fromCache) noexcept {
+    return guarded([&]() -> Rc {
+        fromCache = false;
+        if (params.salt.empty() || params.iterations == 0) return ZAVKM_ERR_DATABASE_CORRUPTION;
+        {
+            KdfCache& c = cache();
+            std::lock_guard lock(c.mutex);
+            SecretBytes tag;
+            if (Rc rc = passwordTag(c, password, tag); rc != ZAVKM_OK) return rc;
+            for (auto it = c.entries.begin(); it != c.entries.end(); ++it) {
+                if (sameParams(*it, params) && it->passwordTag == tag) {
+                    c.entries.splice(c.entries.begin(), c.entries, it);
+                    master = c.entries.front().master;
+                    ++c.stats.hits;
+                    fromCache = true;
+                    return ZAVKM_OK;
+                }
+            }
+            ++c.stats.misses;
+        }
+        SecretBytes out(kKeySize);
+        if (PKCS5_PBKDF2_HMAC(password.data(), static_cast<int>(password.size()),
+                              params.salt.data(), static_cast<int>(params.salt.size()),
+                              static_cast<int>(params.iterations), EVP_sha256(),
+                              static_cast<int>(out.size()), out.data()) != 1)
+            return sslError(ZAVKM_ERR_CRYPTO);
+        master = std::move(out);
+        return ZAVKM_OK;
+    });
+}
+
+void cacheMaster(const KdfParams& params, std::string_view password,
+                 const SecretBytes& master) noexcept {
+    guardedVoid([&] {
+        KdfCache& c = cache();
+        std::lock_guard lock(c.mutex);
+        SecretBytes tag;
+        if (passwordTag(c, password, tag) != ZAVKM_OK) return;
+        for (auto it = c.entries.begin(); it != c.entries.end(); ++it) {
+            if (sameParams(*it, params) && it->passwordTag == tag) {
+                c.entries.splice(c.entries.begin(), c.entries, it);
+                return;
+            }
+        }
+        c.entries.push_front(CacheEntry{params.salt, params.iterations, std::move(tag), master});
+        while (c.entries.size() > kCacheCapacity) c.entries.pop_back();
+    });
+}
+
+void wipeKdfCache() noexcept {
+    KdfCache& c = cache();
+    std::lock_guard lock(c.mutex);
+    c.entries.clear();  // SecretBytes wipe themselves
+    c.processKey = SecretBytes();
+    c.stats = KdfCacheStats{};
+}
+
+KdfCacheStats kdfCacheStats() noexcept {
+    KdfCache& c = cache();
+    std::lock_guard lock(c.mutex);
+    KdfCacheStats s = c.stats;
+    s.entries = c.entries.size();
+    return s;
+}
+
+Rc wrappingKey(const SecretBytes& master, SecretBytes& kek) noexcept {
+    return guarded([&]() -> Rc {
+        SecretBytes out(kKeySize);
+        static const char info[] = "zavkm data-key wrap v1";
+        PkeyCtxPtr ctx(EVP_PKEY_CTX_new_id(EVP_PKEY_HKDF, nullptr));
+        if (!ctx || EVP_PKEY_derive_init(ctx.get()) != 1 ||
+            EVP_PKEY_CTX_set_hkdf_md(ctx.get(), EVP_sha256()) != 1 ||
+            EVP_PKEY_CTX_set1_hkdf_key(ctx.get(), master.data(),
+                                       static_cast<int>(master.size())) != 1 ||
+            EVP_PKEY_CTX_add1_hkdf_info(ctx.get(), reinterpret_cast<const unsigned char*>(info),
+                                        sizeof info - 1) != 1)
+            return sslError(ZAVKM_ERR_CRYPTO);
+        size_t len = out.size();
+        if (EVP_PKEY_derive(ctx.get(), out.data(), &len) != 1 || len != out.size())
+            return sslError(ZAVKM_ERR_CRYPTO);
+        kek = std::move(out);
+        return ZAVKM_OK;
+    });
+}
+
+Rc sealGcm(const SecretBytes& key, const uint8_t* plain, size_t plainLength,
+           std::string_view aad, Bytes& out) noexcept {
+    return guarded([&]() -> Rc {
+        if (key.size() != kKeySize) return ZAVKM_ERR_CRYPTO_PARAMETER;
+        Bytes sealed(kGcmNonceSize + plainLength + kGcmTagSize);
+        if (Rc rc = randomBytes(sealed.data(), kGcmNonceSize); rc != ZAVKM_OK) return rc;
+        CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
+        int len = 0;
+        uint8_t* body = sealed.data() + kGcmNonceSize;
+        if (!ctx ||
+            EVP_EncryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(),
+                               sealed.data()) != 1 ||
+            EVP_EncryptUpdate(ctx.get(), nullptr, &len,
+                              reinterpret_cast<const unsigned char*>(aad.data()),
+                              static_cast<int>(aad.size())) != 1 ||
+            EVP_EncryptUpdate(ctx.get(), body, &len, plain, static_cast<int>(plainLength)) != 1 ||
+            EVP_EncryptFinal_ex(ctx.get(), body + len, &len) != 1 ||
+            EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, kGcmTagSize,
+                                body + plainLength) != 1)
+            return sslError(ZAVKM_ERR_CRYPTO);
+        out = std::move(sealed);
+        return ZAVKM_OK;
+    });
+}
+
+Rc openGcm(const SecretBytes& key, const uint8_t* sealed, size_t sealedLength,
+           std::string_view aad, SecretBytes& plain) noexcept {
+    return guarded([&]() -> Rc {
+        if (key.size() != kKeySize) return ZAVKM_ERR_CRYPTO_PARAMETER;
+        if (sealed == nullptr || sealedLength < kGcmNonceSize + kGcmTagSize)
+            return ZAVKM_ERR_DATABASE_CORRUPTION;
+        size_t bodyLength = sealedLength - kGcmNonceSize - kGcmTagSize;
+        SecretBytes out(bodyLength);
+        CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
+        int len = 0;
+        const uint8_t* body = sealed + kGcmNonceSize;
+        if (!ctx ||
+            EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(), sealed) != 1 ||
+            EVP_DecryptUpdate(ctx.get(), nullptr, &len,
+                              reinterpret_cast<const unsigned char*>(aad.data()),
+                              static_cast<int>(aad.size())) != 1 ||
+            EVP_DecryptUpdate(ctx.get(), out.data(), &len, body, static_cast<int>(bodyLength)) !=
+                1 ||
+            EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, kGcmTagSize,
+                                const_cast<uint8_t*>(body + bodyLength)) != 1)
+            return sslError(ZAVKM_ERR_CRYPTO);
+        if (EVP_DecryptFinal_ex(ctx.get(), out.data() + len, &len) != 1) {
+            clearSslErrors();
+            return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
+        }
+        plain = std::move(out);
+        return ZAVKM_OK;
+    });
+}
+
+}  // namespace zavkm

@@ -1,0 +1,71 @@
+// records.h - the ABI records in C memory: allocation and deep release.
+//
+// Every record, text and byte block handed over the ABI is allocated with calloc/malloc, so the
+// caller may release it with ZAVKM_Free or the release operation of its type, and the release
+// operations accept records the caller built with malloc and ZAVKM_Strdup. The Owned aliases
+// hold a record while it is being built; release() hands it to the caller.
+#pragma once
+
+#include <cstdlib>
+#include <string_view>
+
+#include "common.h"
+
+namespace zavkm {
+
+void freeDN(ZAVKM_DNItem* dn) noexcept;
+void freeCertItem(ZAVKM_CertItem* cert) noexcept;
+void freeCertItemList(ZAVKM_CertItemList* list) noexcept;
+void freeCertReqInfoItem(ZAVKM_CertReqInfoItem* info) noexcept;
+void freeCertReqItem(ZAVKM_CertReqItem* req) noexcept;
+void freeEPKI(ZAVKM_EPKIItem* epki) noexcept;
+void freePrivKeyInfo(ZAVKM_PrivKeyInfoItem* pki) noexcept;
+void freeLabelList(ZAVKM_LabelList* list) noexcept;
+void freeKeyItem(ZAVKM_KeyItem* key) noexcept;
+void freeReqKeyItem(ZAVKM_ReqKeyItem* key) noexcept;
+void freeKeyItemList(ZAVKM_KeyItemList* list) noexcept;
+
+using DNPtr = Owned<ZAVKM_DNItem, freeDN>;
+using CertItemPtr = Owned<ZAVKM_CertItem, freeCertItem>;
+using CertItemListPtr = Owned<ZAVKM_CertItemList, freeCertItemList>;
+using CertReqItemPtr = Owned<ZAVKM_CertReqItem, freeCertReqItem>;
+using EPKIPtr = Owned<ZAVKM_EPKIItem, freeEPKI>;
+using PrivKeyInfoPtr = Owned<ZAVKM_PrivKeyInfoItem, freePrivKeyInfo>;
+using LabelListPtr = Owned<ZAVKM_LabelList, freeLabelList>;
+using KeyItemPtr = Owned<ZAVKM_KeyItem, freeKeyItem>;
+using ReqKeyItemPtr = Owned<ZAVKM_ReqKeyItem, freeReqKeyItem>;
+using KeyItemListPtr = Owned<ZAVKM_KeyItemList, freeKeyItemList>;
+
+// newRecord - a zeroed record from calloc; throws std::bad_alloc when memory runs out.
+template <class T>
+T* newRecord() {
+    void* p = std::calloc(1, sizeof(T));
+    if (p == nullptr) throw std::bad_alloc();
+    return static_cast<T*>(p);
+}
+
+// copyText - a malloc'd copy of text; throws std::bad_alloc.
+char* copyText(std::string_view text);
+
+// copyBytes - a malloc'd copy of n bytes into *out and n into *outLength (a zero length still
+// gives a non-null one-byte block); throws std::bad_alloc.
+void copyBytes(const uint8_t* p, size_t n, uint8_t** out, uint32_t* outLength);
+inline void copyBytes(const Bytes& b, uint8_t** out, uint32_t* outLength) {
+    copyBytes(b.data(), b.size(), out, outLength);
+}
+
+// LabelListBuilder - appends labels to a list in order; take() hands the head over.
+class LabelListBuilder {
+public:
+    void add(std::string_view label);
+    ZAVKM_LabelList* take() noexcept {
+        tail_ = nullptr;
+        return head_.release();
+    }
+
+private:
+    LabelListPtr head_;
+    ZAVKM_LabelList* tail_ = nullptr;
+};
+
+}  // namespace zavkm

@@ -1,0 +1,43 @@
+// session.h - the common frame of operations on an open key database.
+#pragma once
+
+#include <initializer_list>
+
+#include "handles.h"
+#include "state.h"
+#include "trace.h"
+
+namespace zavkm {
+
+// anyNull - true when one of the required pointers is null.
+inline bool anyNull(std::initializer_list<const void*> required) noexcept {
+    for (const void* p : required)
+        if (p == nullptr) return true;
+    return false;
+}
+
+// withKeyDb - the frame of every operation on a handle: the required pointers are checked
+// (ZAVKM_ERR_NULL_PARAMETER), the library must be initialised, the handle must be open
+// (ZAVKM_ERR_INVALID_DB_HANDLE); then fn(KeyDb&) runs with the database locked, no exception
+// escapes, and the result is traced under name.
+template <class Fn>
+Rc withKeyDb(const char* name, ZAVKM_KeyDbHandle handle,
+             std::initializer_list<const void*> required, Fn&& fn) noexcept {
+    if (anyNull(required)) return traceResult(name, ZAVKM_ERR_NULL_PARAMETER);
+    if (!isInitialized()) return traceResult(name, ZAVKM_ERR_NOT_INITIALIZED);
+    std::shared_ptr<KeyDb> kdb = findHandle(handle);
+    if (!kdb) return traceResult(name, ZAVKM_ERR_INVALID_DB_HANDLE);
+    std::lock_guard lock(kdb->mutex);
+    return traceResult(name, guarded([&] { return fn(*kdb); }));
+}
+
+// withLibrary - the frame of operations without a handle: required pointers, initialisation,
+// no escaping exception, the result traced.
+template <class Fn>
+Rc withLibrary(const char* name, std::initializer_list<const void*> required, Fn&& fn) noexcept {
+    if (anyNull(required)) return traceResult(name, ZAVKM_ERR_NULL_PARAMETER);
+    if (!isInitialized()) return traceResult(name, ZAVKM_ERR_NOT_INITIALIZED);
+    return traceResult(name, guarded(fn));
+}
+
+}  // namespace zavkm
