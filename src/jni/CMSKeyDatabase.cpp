@@ -45,25 +45,13 @@ KeyStoreDescriptor describeKeyDbFile(const char* fileName) noexcept {
     return keyDbFileDescriptor(fileName, nullptr);
 }
 
-// The key-list natives share their shape: look up, trace whether a list came back, convert it
-// while the store is open, release it with its own operation. A list that comes back with a
-// failure code is released unconverted.
-template <class Lookup>
-jobjectArray keyItemArray(JNIEnv* env, const char* gotTrace, Lookup lookup,
-                          ZAVKM_KeyDbHandle handle) noexcept {
-    KeyListRecord list;
-    ZAVKM_ReturnCode rc = lookup(handle, out(list));
-    traceMessage(gotTrace, nullness(list.get()));
-    return rc == 0 && list ? getJavaKeyItemArray(env, list.get()) : nullptr;
-}
-
 }  // namespace
 
 // ---- files and passwords -------------------------------------------------------------------
 
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1CreateNewKeyDb)(JNIEnv* env, jobject self,
                                                        jstring keyDbFileName, jstring keyDbPwd,
-                                                       jlong pwdExpireTime) noexcept {
+                                                       jlong pwdExpireTime) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self)) return ZAVKM_ERR_PARAMETER;
     JavaStrings strings(env);
     KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
@@ -77,7 +65,7 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1CreateNewKeyDb)(JNIEnv* env, jobject sel
 
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1OpenKeyDb)(JNIEnv* env, jobject self,
                                                   jstring keyDbFileName,
-                                                  jstring keyDbPwd) noexcept {
+                                                  jstring keyDbPwd) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self)) return ZAVKM_ERR_PARAMETER;
     JavaStrings strings(env);
     KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
@@ -89,7 +77,7 @@ ZAVKJNI_NATIVE(jboolean, CMSKeyDatabase, c_1ChangeKeyDbPwd)(JNIEnv* env, jobject
                                                            jstring keyDbFileName,
                                                            jstring oldKeyDbPwd,
                                                            jstring newKeyDbPwd,
-                                                           jlong pwdExpireTime) noexcept {
+                                                           jlong pwdExpireTime) ZAVKJNI_NOEXCEPT {
     traceMessage("JNI_DEBUG......c_ChangeKeyDbPwd......\n");
     if (!hasClass(env, self)) return JNI_FALSE;
     JavaStrings strings(env);
@@ -103,7 +91,7 @@ ZAVKJNI_NATIVE(jboolean, CMSKeyDatabase, c_1ChangeKeyDbPwd)(JNIEnv* env, jobject
 
 ZAVKJNI_NATIVE(jboolean, CMSKeyDatabase, c_1StashKeyDbPwd)(JNIEnv* env, jobject self,
                                                           jstring keyDbFileName,
-                                                          jstring keyDbPwd) noexcept {
+                                                          jstring keyDbPwd) ZAVKJNI_NOEXCEPT {
     traceMessage("JNI_DEBUG......c_StashKeyDbPwd......\n");
     if (!hasSelf(env, self)) return JNI_FALSE;  // no class lookup here
     JavaStrings strings(env);
@@ -116,7 +104,7 @@ ZAVKJNI_NATIVE(jboolean, CMSKeyDatabase, c_1StashKeyDbPwd)(JNIEnv* env, jobject 
 
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1BuildKeyLabelList)(JNIEnv* env, jobject self,
                                                           jstring keyDbFileName,
-                                                          jstring keyDbPwd) noexcept {
+                                                          jstring keyDbPwd) ZAVKJNI_NOEXCEPT {
     if (!hasSelf(env, self)) return ZAVKM_ERR_PARAMETER;
     jclass cls = env->GetObjectClass(self);
     if (cls == nullptr) return ZAVKM_ERR_PARAMETER;
@@ -147,7 +135,7 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1BuildKeyLabelList)(JNIEnv* env, jobject 
 ZAVKJNI_NATIVE(jobject, CMSKeyDatabase, c_1GetKeyItemByLabel)(JNIEnv* env, jobject self,
                                                              jstring keyDbFileName,
                                                              jstring keyDbPwd, jstring keyLabel,
-                                                             jboolean isReqKey) noexcept {
+                                                             jboolean isReqKey) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self)) return nullptr;
     JavaStrings strings(env);
     KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
@@ -163,19 +151,17 @@ ZAVKJNI_NATIVE(jobject, CMSKeyDatabase, c_1GetKeyItemByLabel)(JNIEnv* env, jobje
 ZAVKJNI_NATIVE(jobjectArray, CMSKeyDatabase, c_1GetKeyItemListByLabel)(JNIEnv* env, jobject self,
                                                                       jstring keyDbFileName,
                                                                       jstring keyDbPwd,
-                                                                      jstring keyLabel) noexcept {
+                                                                      jstring keyLabel) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self)) return nullptr;
     JavaStrings strings(env);
     KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
     const char* label = strings.take(keyLabel, msg::keyLabel);
     jobjectArray keyItems = nullptr;
     withKeyDb(strings, db, [&](ZAVKM_KeyDbHandle handle) {
-        keyItems = keyItemArray(
-            env, "JNI_DEBUG......ZAVKM_GetKeyItemListByLabel gets %s\n",
-            [label](ZAVKM_KeyDbHandle h, ZAVKM_KeyItemList** list) {
-                return ZAVKM_GetKeyItemListByLabel(h, label, list);
-            },
-            handle);
+        keyItems = keyItemArray(env, handle, "JNI_DEBUG......ZAVKM_GetKeyItemListByLabel gets %s\n",
+                                [label](ZAVKM_KeyDbHandle h, ZAVKM_KeyItemList** list) {
+                                    return ZAVKM_GetKeyItemListByLabel(h, label, list);
+                                });
         return 0;
     });
     return keyItems;
@@ -184,7 +170,7 @@ ZAVKJNI_NATIVE(jobjectArray, CMSKeyDatabase, c_1GetKeyItemListByLabel)(JNIEnv* e
 ZAVKJNI_NATIVE(jboolean, CMSKeyDatabase, c_1IsPrivateKeyPresent)(JNIEnv* env, jobject self,
                                                                 jstring keyDbFileName,
                                                                 jstring keyDbPwd,
-                                                                jstring keyLabel) noexcept {
+                                                                jstring keyLabel) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self)) return JNI_FALSE;
     JavaStrings strings(env);
     KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
@@ -199,7 +185,7 @@ ZAVKJNI_NATIVE(jboolean, CMSKeyDatabase, c_1IsPrivateKeyPresent)(JNIEnv* env, jo
 
 ZAVKJNI_NATIVE(jobject, CMSKeyDatabase, c_1GetDefaultKeyItem)(JNIEnv* env, jobject self,
                                                              jstring keyDbFileName,
-                                                             jstring keyDbPwd) noexcept {
+                                                             jstring keyDbPwd) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self)) return nullptr;
     JavaStrings strings(env);
     KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
@@ -223,7 +209,7 @@ ZAVKJNI_NATIVE(jobjectArray, CMSKeyDatabase, c_1GetKeyItemsByPublicKey)(JNIEnv* 
                                                                        jstring keyDbFileName,
                                                                        jstring keyDbPwd,
                                                                        jint publicKeyLen,
-                                                                       jbyteArray publicKey) noexcept {
+                                                                       jbyteArray publicKey) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self) || publicKeyLen <= 0) return nullptr;
     JavaBytes key;  // freed after the strings are given back
     JavaStrings strings(env);
@@ -231,13 +217,11 @@ ZAVKJNI_NATIVE(jobjectArray, CMSKeyDatabase, c_1GetKeyItemsByPublicKey)(JNIEnv* 
     if (key.from(env, publicKey, publicKeyLen) == nullptr) return nullptr;
     jobjectArray keyItems = nullptr;
     withKeyDb(strings, db, [&](ZAVKM_KeyDbHandle handle) {
-        keyItems = keyItemArray(
-            env, "JNI_DEBUG......ZAVKM_GetKeyItemsByPublicKey gets %s\n",
-            [&key, publicKeyLen](ZAVKM_KeyDbHandle h, ZAVKM_KeyItemList** list) {
-                return ZAVKM_GetKeyItemsByPublicKey(h, static_cast<uint32_t>(publicKeyLen),
-                                                    key.data, list);
-            },
-            handle);
+        keyItems = keyItemArray(env, handle, "JNI_DEBUG......ZAVKM_GetKeyItemsByPublicKey gets %s\n",
+                                [&key, publicKeyLen](ZAVKM_KeyDbHandle h, ZAVKM_KeyItemList** list) {
+                                    return ZAVKM_GetKeyItemsByPublicKey(
+                                        h, static_cast<uint32_t>(publicKeyLen), key.data, list);
+                                });
         return 0;
     });
     return keyItems;
@@ -245,56 +229,26 @@ ZAVKJNI_NATIVE(jobjectArray, CMSKeyDatabase, c_1GetKeyItemsByPublicKey)(JNIEnv* 
 
 // ---- certificate and request creation ------------------------------------------------------
 
-namespace {
-
-// The two self-signed natives differ in the call they make and in their trace texts.
-struct SelfSignedTexts {
-    const char* beforeCall;
-    const char* afterCall;
-    const char* exit;
-};
-
-template <class Create>
-jint createSelfSigned(JNIEnv* env, JavaStrings& strings, KeyDbNames db, jobject dnItem,
-                      const SelfSignedTexts& texts, Create create) noexcept {
-    traceMessage("JNI_DEBUG......to call JavaDNItem2CDN()\n");
-    DNRecord dn;
-    JavaDNItem2CDN(env, dnItem, out(dn));
-    ZAVKM_ReturnCode rc = ZAVKM_ERR_INVALID_DN_INPUT;
-    if (dn) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-security"
-        traceMessage(texts.beforeCall);
-        rc = withKeyDb(strings, db, [&](ZAVKM_KeyDbHandle handle) { return create(handle, dn.get()); });
-        traceMessage(texts.afterCall);
-        dn.reset();
-        traceMessage("JNI_DEBUG......after call ZAVKM_FreeDNItem()\n");
-    }
-    strings.release();
-    traceMessage(texts.exit);
-#pragma GCC diagnostic pop
-    return rc;
-}
-
-}  // namespace
-
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1CreateNewSelfSignedCertificate)(
     JNIEnv* env, jobject self, jstring keyDbFileName, jstring keyDbPwd, jint selfSignArg1,
     jstring keyLabel, jboolean selfSignFlag, jint selfSignArg2, jobject dnItem, jint selfSignArg3,
-    jstring certFileName, jboolean isBase64) noexcept {
+    jstring certFileName, jboolean isBase64) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self)) return ZAVKM_ERR_PARAMETER;
     JavaStrings strings(env);
     KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
     const char* label = strings.take(keyLabel, msg::keyLabel);
     const char* certFile = strings.takeOptional(certFileName, msg::certFileName);
     return createSelfSigned(
-        env, strings, db, dnItem,
+        env, strings, dnItem,
         {"JNI_DEBUG......to call ZAVKM_CreateSelfSignedCert()\n",
          "JNI_DEBUG......after call ZAVKM_CreateSelfSignedCert()\n",
          "JNI_DEBUG......to exit CMSKeyDatabase_c_1CreateNewSelfSignedCertificate()\n"},
-        [&](ZAVKM_KeyDbHandle handle, const ZAVKM_DNItem* dn) {
-            return ZAVKM_CreateSelfSignedCert(handle, label, selfSignFlag, selfSignArg1,
-                                              selfSignArg2, dn, selfSignArg3, certFile, isBase64);
+        [&](const ZAVKM_DNItem* dn) {
+            return withKeyDb(strings, db, [&](ZAVKM_KeyDbHandle handle) {
+                return ZAVKM_CreateSelfSignedCert(handle, label, selfSignFlag, selfSignArg1,
+                                                  selfSignArg2, dn, selfSignArg3, certFile,
+                                                  isBase64);
+            });
         });
 }
 
@@ -302,7 +256,7 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1CreateNewSelfSignedCertificateSigExt)(
     JNIEnv* env, jobject self, jstring keyDbFileName, jstring keyDbPwd, jint selfSignArg1,
     jstring keyLabel, jboolean selfSignFlag, jint selfSignArg2, jobject dnItem, jint selfSignArg3,
     jint signatureAlgorithm, jint extensionsDataLen, jbyteArray extensionsData,
-    jstring certFileName, jboolean isBase64) noexcept {
+    jstring certFileName, jboolean isBase64) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self) || !validSignatureAlgorithm(signatureAlgorithm)) {
         return ZAVKM_ERR_PARAMETER;
     }
@@ -313,15 +267,17 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1CreateNewSelfSignedCertificateSigExt)(
     const char* certFile = strings.takeOptional(certFileName, msg::certFileName);
     if (extensionsDataLen > 0) extensions.from(env, extensionsData, extensionsDataLen);
     return createSelfSigned(
-        env, strings, db, dnItem,
+        env, strings, dnItem,
         {"JNI_DEBUG......to call ZAVKM_CreateSelfSignedCertSig()\n",
          "JNI_DEBUG......after call ZAVKM_CreateSelfSignedCertSig()\n",
          "JNI_DEBUG......to exit CMSKeyDatabase_c_1CreateNewSelfSignedCertificateSig()\n"},
-        [&](ZAVKM_KeyDbHandle handle, const ZAVKM_DNItem* dn) {
-            return ZAVKM_CreateSelfSignedCertSigExt(
-                handle, label, selfSignFlag, selfSignArg1, selfSignArg2, dn, selfSignArg3,
-                signatureAlgorithm, extensions.data, static_cast<uint32_t>(extensionsDataLen),
-                certFile, isBase64);
+        [&](const ZAVKM_DNItem* dn) {
+            return withKeyDb(strings, db, [&](ZAVKM_KeyDbHandle handle) {
+                return ZAVKM_CreateSelfSignedCertSigExt(
+                    handle, label, selfSignFlag, selfSignArg1, selfSignArg2, dn, selfSignArg3,
+                    signatureAlgorithm, extensions.data, static_cast<uint32_t>(extensionsDataLen),
+                    certFile, isBase64);
+            });
         });
 }
 
@@ -344,7 +300,7 @@ jint createRequest(JNIEnv* env, const JavaStrings& strings, KeyDbNames db, jbool
 
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1CreateNewCertRequest)(
     JNIEnv* env, jobject self, jstring keyDbFileName, jstring keyDbPwd, jstring keyLabel,
-    jint certReqArg, jobject dnItem, jstring certReqFileName, jboolean isNewCertReq) noexcept {
+    jint certReqArg, jobject dnItem, jstring certReqFileName, jboolean isNewCertReq) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self)) return ZAVKM_ERR_PARAMETER;
     JavaStrings strings(env);
     KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
@@ -363,7 +319,7 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1CreateNewCertRequest)(
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1CreateNewCertRequestSigExt)(
     JNIEnv* env, jobject self, jstring keyDbFileName, jstring keyDbPwd, jstring keyLabel,
     jint certReqArg, jobject dnItem, jint signatureAlgorithm, jint extensionsDataLen,
-    jbyteArray extensionsData, jstring certReqFileName, jboolean isNewCertReq) noexcept {
+    jbyteArray extensionsData, jstring certReqFileName, jboolean isNewCertReq) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self) || !validSignatureAlgorithm(signatureAlgorithm)) {
         return ZAVKM_ERR_PARAMETER;
     }
@@ -429,7 +385,7 @@ bool issueArgumentsPresent(JNIEnv* env, jobject self, jstring certReqFileName,
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1IssueCertificate)(
     JNIEnv* env, jobject self, jstring keyDbFileName, jstring keyDbPwd, jstring issuerKeyLabel,
     jint issueArg1, jstring serialNumber, jint issueArg2, jstring certReqFileName,
-    jstring certFileName, jboolean isBase64) noexcept {
+    jstring certFileName, jboolean isBase64) ZAVKJNI_NOEXCEPT {
     if (!issueArgumentsPresent(env, self, certReqFileName, certFileName, issuerKeyLabel,
                                serialNumber)) {
         return ZAVKM_ERR_PARAMETER;
@@ -446,7 +402,7 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1IssueCertificate)(
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1IssueCertificateSig)(
     JNIEnv* env, jobject self, jstring keyDbFileName, jstring keyDbPwd, jstring issuerKeyLabel,
     jint issueArg1, jstring serialNumber, jint issueArg2, jint signatureAlgorithm,
-    jstring certReqFileName, jstring certFileName, jboolean isBase64) noexcept {
+    jstring certReqFileName, jstring certFileName, jboolean isBase64) ZAVKJNI_NOEXCEPT {
     if (!issueArgumentsPresent(env, self, certReqFileName, certFileName, issuerKeyLabel,
                                serialNumber) ||
         !validSignatureAlgorithm(signatureAlgorithm)) {
@@ -483,7 +439,7 @@ jint onLabel(JNIEnv* env, jobject self, jstring keyDbFileName, jstring keyDbPwd,
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1DeleteKeyByLabel)(JNIEnv* env, jobject self,
                                                          jstring keyDbFileName, jstring keyDbPwd,
                                                          jstring keyLabel,
-                                                         jboolean isReqKey) noexcept {
+                                                         jboolean isReqKey) ZAVKJNI_NOEXCEPT {
     return onLabel(env, self, keyDbFileName, keyDbPwd, keyLabel,
                    [isReqKey](ZAVKM_KeyDbHandle handle, const char* label) {
                        return KM_DeleteKeyItem(handle, label, isReqKey);
@@ -492,14 +448,14 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1DeleteKeyByLabel)(JNIEnv* env, jobject s
 
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1SetDefaultKey)(JNIEnv* env, jobject self,
                                                       jstring keyDbFileName, jstring keyDbPwd,
-                                                      jstring keyLabel) noexcept {
+                                                      jstring keyLabel) ZAVKJNI_NOEXCEPT {
     return onLabel(env, self, keyDbFileName, keyDbPwd, keyLabel, ZAVKM_SetDefaultKeyByLabel);
 }
 
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1SetKeyTrust)(JNIEnv* env, jobject self,
                                                     jstring keyDbFileName, jstring keyDbPwd,
                                                     jstring keyLabel,
-                                                    jboolean isTrusted) noexcept {
+                                                    jboolean isTrusted) ZAVKJNI_NOEXCEPT {
     return onLabel(env, self, keyDbFileName, keyDbPwd, keyLabel,
                    [isTrusted](ZAVKM_KeyDbHandle handle, const char* label) {
                        return ZAVKM_SetTrustStatus(handle, label, isTrusted ? 1 : 0);
@@ -513,7 +469,7 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1InsertKey)(JNIEnv* env, jobject, jstring
                                                   jint certDataLen, jbyteArray certData,
                                                   jint keyDataLen, jbyteArray keyData,
                                                   jboolean insertKeyFlag1,
-                                                  jboolean insertKeyFlag2) noexcept {
+                                                  jboolean insertKeyFlag2) ZAVKJNI_NOEXCEPT {
     if (env == nullptr) return ZAVKM_ERR_PARAMETER;
     JavaBytes cert;
     JavaBytes key;
@@ -534,7 +490,7 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1InsertReqKey)(JNIEnv* env, jobject,
                                                      jstring keyDbFileName, jstring keyDbPwd,
                                                      jstring keyLabel, jint certReqDataLen,
                                                      jbyteArray certReqData, jint keyDataLen,
-                                                     jbyteArray keyData) noexcept {
+                                                     jbyteArray keyData) ZAVKJNI_NOEXCEPT {
     if (env == nullptr) return ZAVKM_ERR_PARAMETER;
     JavaBytes request;
     JavaBytes key;
@@ -553,7 +509,7 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1InsertReqKey)(JNIEnv* env, jobject,
 ZAVKJNI_NATIVE(jobject, CMSKeyDatabase, c_1EncryptPrivateKey)(JNIEnv* env, jobject self,
                                                              jint privateKeyDataLen,
                                                              jbyteArray privateKeyData,
-                                                             jstring keyDbPwd) noexcept {
+                                                             jstring keyDbPwd) ZAVKJNI_NOEXCEPT {
     if (!hasSelf(env, self)) return nullptr;  // no class lookup here
     JavaBytes privateKey;
     JavaStrings strings(env);
@@ -570,7 +526,7 @@ ZAVKJNI_NATIVE(jobject, CMSKeyDatabase, c_1EncryptPrivateKey)(JNIEnv* env, jobje
 ZAVKJNI_NATIVE(jobject, CMSKeyDatabase, c_1DecryptPrivateKey)(JNIEnv* env, jobject self,
                                                              jint epkiDataLen,
                                                              jbyteArray epkiData,
-                                                             jstring keyDbPwd) noexcept {
+                                                             jstring keyDbPwd) ZAVKJNI_NOEXCEPT {
     if (!hasSelf(env, self)) return nullptr;
     JavaBytes encrypted;
     JavaStrings strings(env);
@@ -644,7 +600,7 @@ PfxNames takePfxNames(JavaStrings& strings, jstring keyDbFileName, jstring keyDb
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1ExportToPFXFile)(JNIEnv* env, jobject self,
                                                         jstring keyDbFileName, jstring keyDbPwd,
                                                         jstring pfxFileName, jstring pfxPwd,
-                                                        jobjectArray exportLabels) noexcept {
+                                                        jobjectArray exportLabels) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self)) return ZAVKM_ERR_PARAMETER;
     JavaStrings strings(env);
     PfxNames pfx = takePfxNames(strings, keyDbFileName, keyDbPwd, pfxFileName, pfxPwd);
@@ -660,7 +616,7 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1ExportToPFXFile)(JNIEnv* env, jobject se
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1ImportFromPFXFile)(JNIEnv* env, jobject self,
                                                           jstring keyDbFileName, jstring keyDbPwd,
                                                           jstring pfxFileName,
-                                                          jstring pfxPwd) noexcept {
+                                                          jstring pfxPwd) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self)) return ZAVKM_ERR_PARAMETER;
     JavaStrings strings(env);
     PfxNames pfx = takePfxNames(strings, keyDbFileName, keyDbPwd, pfxFileName, pfxPwd);
@@ -691,7 +647,7 @@ jint storeCertFile(const JavaStrings& strings, KeyDbNames db, const char* certFi
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1ReceiveCert)(JNIEnv* env, jobject self,
                                                     jstring keyDbFileName, jstring keyDbPwd,
                                                     jstring certFileName, jboolean isBase64,
-                                                    jboolean receiveOption) noexcept {
+                                                    jboolean receiveOption) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self)) return ZAVKM_ERR_PARAMETER;
     JavaStrings strings(env);
     KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
@@ -705,7 +661,7 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1ReceiveCert)(JNIEnv* env, jobject self,
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1AddCaCert)(JNIEnv* env, jobject self,
                                                   jstring keyDbFileName, jstring keyDbPwd,
                                                   jstring keyLabel, jstring certFileName,
-                                                  jboolean isBase64) noexcept {
+                                                  jboolean isBase64) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self)) return ZAVKM_ERR_PARAMETER;
     JavaStrings strings(env);
     KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
@@ -722,7 +678,7 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1AddCaCert)(JNIEnv* env, jobject self,
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1ExtractCert)(JNIEnv* env, jobject self,
                                                     jstring keyDbFileName, jstring keyDbPwd,
                                                     jstring keyLabel, jstring certFileName,
-                                                    jboolean isBase64) noexcept {
+                                                    jboolean isBase64) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self)) return ZAVKM_ERR_PARAMETER;
     JavaStrings strings(env);
     KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
@@ -736,7 +692,7 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1ExtractCert)(JNIEnv* env, jobject self,
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1ExtractCertReq)(JNIEnv* env, jobject self,
                                                        jstring keyDbFileName, jstring keyDbPwd,
                                                        jstring keyLabel,
-                                                       jstring certReqFileName) noexcept {
+                                                       jstring certReqFileName) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self)) return ZAVKM_ERR_PARAMETER;
     JavaStrings strings(env);
     KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
@@ -751,7 +707,7 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1ExtractCertReqSig)(JNIEnv* env, jobject 
                                                           jstring keyDbFileName, jstring keyDbPwd,
                                                           jstring keyLabel,
                                                           jint signatureAlgorithm,
-                                                          jstring certReqFileName) noexcept {
+                                                          jstring certReqFileName) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self) || !validSignatureAlgorithm(signatureAlgorithm)) {
         return ZAVKM_ERR_PARAMETER;
     }
@@ -766,7 +722,7 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1ExtractCertReqSig)(JNIEnv* env, jobject 
 }
 
 ZAVKJNI_NATIVE(jobjectArray, CMSKeyDatabase, c_1ExtractCertFromPKCS7Data)(
-    JNIEnv* env, jobject self, jstring certFileName, jboolean isBase64) noexcept {
+    JNIEnv* env, jobject self, jstring certFileName, jboolean isBase64) ZAVKJNI_NOEXCEPT {
     if (!hasSelf(env, self)) return nullptr;  // no class lookup here
     LibraryBlock data;
     JavaStrings strings(env);
@@ -788,7 +744,7 @@ ZAVKJNI_NATIVE(jobjectArray, CMSKeyDatabase, c_1ExtractCertFromPKCS7Data)(
 ZAVKJNI_NATIVE(jboolean, CMSKeyDatabase, c_1CheckCertAsRenewal)(JNIEnv* env, jobject self,
                                                                jstring keyDbFileName,
                                                                jstring keyDbPwd, jint certDataLen,
-                                                               jbyteArray certData) noexcept {
+                                                               jbyteArray certData) ZAVKJNI_NOEXCEPT {
     uint8_t isRenewal = 0;
     if (!hasSelf(env, self)) return JNI_FALSE;  // no class lookup here
     JavaBytes cert;
@@ -815,7 +771,7 @@ ZAVKJNI_NATIVE(jboolean, CMSKeyDatabase, c_1CheckCertAsRenewal)(JNIEnv* env, job
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1RenewCert)(JNIEnv* env, jobject self,
                                                   jstring keyDbFileName, jstring keyDbPwd,
                                                   jint certDataLen,
-                                                  jbyteArray certData) noexcept {
+                                                  jbyteArray certData) ZAVKJNI_NOEXCEPT {
     if (!hasSelf(env, self)) return ZAVKM_ERR_PARAMETER;  // no class lookup here
     JavaBytes cert;
     JavaStrings strings(env);
@@ -833,7 +789,7 @@ ZAVKJNI_NATIVE(jboolean, CMSKeyDatabase, c_1ValidateCertificateChain)(JNIEnv* en
                                                                      jstring keyDbFileName,
                                                                      jstring keyDbPwd,
                                                                      jbyteArray certData,
-                                                                     jint certDataLen) noexcept {
+                                                                     jint certDataLen) ZAVKJNI_NOEXCEPT {
     traceMessage("JNI_DEBUG......c_ValidateCertificateChain......\n");
     if (!hasClass(env, self)) return JNI_FALSE;
     JavaBytes cert;
@@ -872,7 +828,7 @@ jint convert(JNIEnv* env, jstring keyDbFileName, jstring keyDbPwd, jstring kyrFi
 
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1Kyr2Kdb)(JNIEnv* env, jobject self, jstring kyrFileName,
                                                 jstring kyrPwd, jstring keyDbFileName,
-                                                jstring keyDbPwd) noexcept {
+                                                jstring keyDbPwd) ZAVKJNI_NOEXCEPT {
     if (!hasSelf(env, self)) return ZAVKM_ERR_PARAMETER;  // no class lookup here
     return convert(env, keyDbFileName, keyDbPwd, kyrFileName, kyrPwd,
                    [](KeyDbNames db, KeyDbNames kyr) {
@@ -882,7 +838,7 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1Kyr2Kdb)(JNIEnv* env, jobject self, jstr
 
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1Kdb2Kyr)(JNIEnv* env, jobject self,
                                                 jstring keyDbFileName, jstring keyDbPwd,
-                                                jstring kyrFileName, jstring kyrPwd) noexcept {
+                                                jstring kyrFileName, jstring kyrPwd) ZAVKJNI_NOEXCEPT {
     if (!hasSelf(env, self)) return ZAVKM_ERR_PARAMETER;
     return convert(env, keyDbFileName, keyDbPwd, kyrFileName, kyrPwd,
                    [](KeyDbNames db, KeyDbNames kyr) {
@@ -891,11 +847,11 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1Kdb2Kyr)(JNIEnv* env, jobject self,
 }
 
 ZAVKJNI_NATIVE(jboolean, CMSKeyDatabase, c_1IsPasswordRequired)(JNIEnv* env, jobject self,
-                                                               jstring keyDbFileName) noexcept {
+                                                               jstring keyDbFileName) ZAVKJNI_NOEXCEPT {
     return isPasswordRequired(env, self, keyDbFileName, describeKeyDbFile);
 }
 
 ZAVKJNI_NATIVE(jboolean, WEBDBKeyDatabase, c_1IsPasswordRequired)(JNIEnv* env, jobject self,
-                                                                 jstring keyDbFileName) noexcept {
+                                                                 jstring keyDbFileName) ZAVKJNI_NOEXCEPT {
     return isPasswordRequired(env, self, keyDbFileName, webDbFileDescriptor);
 }

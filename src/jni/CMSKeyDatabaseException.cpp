@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "jni/frame.h"
 #include "marshal/jni_access.h"
 #include "trace/trace.h"
 #include "zavkm.h"
@@ -22,9 +23,8 @@ static_assert(sizeof errorNames / sizeof errorNames[0] == ZAVKM_ERROR_COUNT);
 
 }  // namespace
 
-extern "C" JNIEXPORT jboolean JNICALL
-Java_com_norvex_zav_tolvik_basic_CMSKeyDatabaseException_c_1BuildErrCodeNameTable(
-    JNIEnv* env, jclass cls) noexcept {
+ZAVKJNI_NATIVE(jboolean, CMSKeyDatabaseException, c_1BuildErrCodeNameTable)(
+    JNIEnv* env, jclass cls) ZAVKJNI_NOEXCEPT {
     traceMessage("JNI_DEBUG......c_BuildErrCodeNameTable......\n");
     if (env == nullptr || cls == nullptr) return JNI_FALSE;
     jmethodID add = env->GetStaticMethodID(cls, "addCMSErrCode", "(ILjava/lang/String;)Z");

@@ -4,12 +4,12 @@
 
 #include <cstdio>
 
+#include "jni/frame.h"
 #include "trace/trace.h"
 #include "zavkm.h"
 
 using zavkjni::traceMessage;
 
-#define ZAVKJNI_EXPORT extern "C" JNIEXPORT
 #define ZAVKJNI_DATA extern "C" __attribute__((visibility("default")))
 
 ZAVKJNI_DATA const char zavkjni_SCCSInfo[] =
@@ -33,14 +33,13 @@ ZAVKJNI_DATA const char zavkjni_Copyright[] =
     "Use, copying and distribution are allowed only under a licence from Norvex.\n"
     "Version 7.0\n";
 
-ZAVKJNI_EXPORT jboolean JNICALL
-Java_com_norvex_zav_tolvik_basic_KMSystem_c_1IsUSSharedLibraryLoaded(JNIEnv*, jclass) noexcept {
+ZAVKJNI_NATIVE(jboolean, KMSystem, c_1IsUSSharedLibraryLoaded)(JNIEnv*, jclass) ZAVKJNI_NOEXCEPT {
     traceMessage("JNI_DEBUG......Entered KMSystem_c_IsUSSharedLibraryLoaded().\n");
     return ZAVKM_GetMaxCryptoKeySize(1) > 512u ? JNI_TRUE : JNI_FALSE;
 }
 
-ZAVKJNI_EXPORT jint JNICALL Java_com_norvex_zav_tolvik_basic_KMSystem_c_1enableFIPSMode(
-    JNIEnv*, jclass, jboolean flag0, jboolean flag1) noexcept {
+ZAVKJNI_NATIVE(jint, KMSystem, c_1enableFIPSMode)(
+    JNIEnv*, jclass, jboolean flag0, jboolean flag1) ZAVKJNI_NOEXCEPT {
     // The block stays with the key-management library; bytes 2 to 255 are its own.
     auto* block = static_cast<unsigned char*>(ZAVKM_Malloc(256));
     if (block == nullptr) return ZAVKM_ERR_MEMORY_ALLOCATE;  // nothing may be written
@@ -49,8 +48,8 @@ ZAVKJNI_EXPORT jint JNICALL Java_com_norvex_zav_tolvik_basic_KMSystem_c_1enableF
     return ZAVKM_SetCryptoInfo(block);
 }
 
-ZAVKJNI_EXPORT jint JNICALL Java_com_norvex_zav_tolvik_basic_KMSystem_c_1ZAVKMInit(
-    JNIEnv*, jclass, jboolean kmTrace) noexcept {
+ZAVKJNI_NATIVE(jint, KMSystem, c_1ZAVKMInit)(
+    JNIEnv*, jclass, jboolean kmTrace) ZAVKJNI_NOEXCEPT {
     traceMessage("JNI_DEBUG......Entered KMSystem_c_ZAVKMInit().\n");
     if (kmTrace == 1) {
         ZAVKM_ReturnCode rc = ZAVKM_StartTrace("jnidump", "jnitrace", 0, 6144);
@@ -59,8 +58,8 @@ ZAVKJNI_EXPORT jint JNICALL Java_com_norvex_zav_tolvik_basic_KMSystem_c_1ZAVKMIn
     return ZAVKM_Init();
 }
 
-ZAVKJNI_EXPORT jint JNICALL Java_com_norvex_zav_tolvik_basic_KMSystem_c_1ZAVKMInitDebug(
-    JNIEnv* env, jclass cls, jboolean kmTrace, jboolean debugFiles) noexcept {
+ZAVKJNI_NATIVE(jint, KMSystem, c_1ZAVKMInitDebug)(
+    JNIEnv* env, jclass cls, jboolean kmTrace, jboolean debugFiles) ZAVKJNI_NOEXCEPT {
     traceMessage("JNI_KMSystem::ZAVKMInitDebug 0000, entered ...\n");
     if (!debugFiles) return Java_com_norvex_zav_tolvik_basic_KMSystem_c_1ZAVKMInit(env, cls, kmTrace);
     zavkjni::openTraceFile();
@@ -71,16 +70,15 @@ ZAVKJNI_EXPORT jint JNICALL Java_com_norvex_zav_tolvik_basic_KMSystem_c_1ZAVKMIn
     return Java_com_norvex_zav_tolvik_basic_KMSystem_c_1ZAVKMInit(env, cls, kmTrace);
 }
 
-ZAVKJNI_EXPORT jint JNICALL
-Java_com_norvex_zav_tolvik_basic_KMSystem_c_1ZAVKMCleanAll(JNIEnv*, jclass) noexcept {
+ZAVKJNI_NATIVE(jint, KMSystem, c_1ZAVKMCleanAll)(JNIEnv*, jclass) ZAVKJNI_NOEXCEPT {
     traceMessage("JNI_DEBUG......Entered KMSystem_c_ZAVKMCleanAll().\n");
     zavkjni::closeTraceFile();
     ZAVKM_CleanAll();
     return 1;
 }
 
-ZAVKJNI_EXPORT void JNICALL Java_com_norvex_zav_tolvik_basic_KMSystem_c_1ShowLibInfo(JNIEnv*,
-                                                                                    jclass) noexcept {
+ZAVKJNI_NATIVE(void, KMSystem, c_1ShowLibInfo)(JNIEnv*,
+                                                                                    jclass) ZAVKJNI_NOEXCEPT {
     printf("KJNI\n============\n%s\n\n", zavkjni_SCCSInfo);
     fflush(stdout);  // Java writes to the same stream through its own buffer
 }

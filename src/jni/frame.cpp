@@ -54,4 +54,44 @@ void JavaStrings::releaseInOrder(std::initializer_list<const char*> order) noexc
     release();
 }
 
+TokenNames takeTokenNames(JavaStrings& strings, jstring moduleName, jstring tokenLabel,
+                          jstring password) noexcept {
+    TokenNames names{};
+    names.moduleName = strings.take(moduleName, "JNI_DEBUG......cCryptographicModuleName = %s\n");
+    names.tokenLabel = strings.take(tokenLabel, "JNI_DEBUG......cCryptographicTokenLabel = %s\n");
+    names.password =
+        strings.takeOptional(password, "JNI_DEBUG......cCryptographicTokenPassword = %s\n",
+                             "JNI_DEBUG......cCryptographicTokenPassword = NULL\n");
+    return names;
+}
+
+SecondaryNames takeSecondaryNames(JavaStrings& strings, jstring fileName,
+                                  jstring password) noexcept {
+    SecondaryNames names{};
+    names.fileName =
+        strings.takeOptional(fileName, "JNI_DEBUG......cSecondaryKeyDbFileName = %s\n",
+                             "JNI_DEBUG......cSecondaryKeyDbFileName = NULL\n");
+    names.password =
+        strings.takeOptional(password, "JNI_DEBUG......cSecondaryKeyDbFilePassword = %s\n",
+                             "JNI_DEBUG......cSecondaryKeyDbFilePassword = NULL\n");
+    return names;
+}
+
+ZAVKM_ReturnCode deliverSortedLabels(JNIEnv* env, ZAVKM_KeyDbHandle handle,
+                                     const ZAVKM_LabelList* list,
+                                     SortedLabelCallbacks callbacks) noexcept {
+    char labelBuffer[256] = {};
+    for (const ZAVKM_LabelList* node = list; node != nullptr && node->label != nullptr;
+         node = node->next) {
+        uint8_t present = 0;
+        ZAVKM_ReturnCode rc = ZAVKM_IsPrivateKeyPresent(handle, node->label, &present);
+        if (rc != 0) return rc;
+        jstring label = newJavaStringUTF(env, copyLabel(labelBuffer, node->label));
+        if (callbacks.allKeys != nullptr) env->CallVoidMethod(callbacks.self, callbacks.allKeys, label);
+        env->CallVoidMethod(callbacks.self, present != 0 ? callbacks.personal : callbacks.signer,
+                            label);
+    }
+    return 0;
+}
+
 }  // namespace zavkjni

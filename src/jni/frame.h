@@ -11,12 +11,21 @@
 #include <cstdlib>
 #include <memory>
 
+#include "km/descriptor.h"
+#include "km/token.h"
 #include "marshal/jni_access.h"
+#include "marshal/records.h"
 #include "trace/trace.h"
 #include "zavkm.h"
 
 #define ZAVKJNI_NATIVE(type, cls, method) \
     extern "C" JNIEXPORT type JNICALL Java_com_norvex_zav_tolvik_basic_##cls##_##method
+
+// Natives are noexcept; the signature check compiles them without it, against the declarations
+// javac generates.
+#ifndef ZAVKJNI_NOEXCEPT
+#define ZAVKJNI_NOEXCEPT noexcept
+#endif
 
 namespace zavkjni {
 
@@ -170,6 +179,131 @@ ZAVKM_ReturnCode withKeyDb(const JavaStrings& strings, KeyDbNames db,
     if (rc != 0) return rc;
     rc = operation(handle);
     if (handle != 0) ZAVKM_CloseKeyDb(handle);
+    return rc;
+}
+
+// withStore opens the store a descriptor names, runs operation(handle) only when the open
+// returned 0, then closes it. 65 without opening anything when a required string was missing.
+template <class Operation>
+ZAVKM_ReturnCode withStore(const JavaStrings& strings, const KeyStoreDescriptor& descriptor,
+                           Operation&& operation) noexcept {
+    if (strings.missing()) return ZAVKM_ERR_PARAMETER;
+    ZAVKM_KeyDbHandle handle = 0;
+    ZAVKM_ReturnCode rc = ZAVKM_OpenKeyDbX(&descriptor, &handle);
+    if (rc != 0) return rc;
+    rc = operation(handle);
+    if (handle != 0) ZAVKM_CloseKeyDb(handle);
+    return rc;
+}
+
+// The module, token label and optional token password every token native takes first.
+struct TokenNames {
+    const char* moduleName;
+    const char* tokenLabel;
+    const char* password;
+};
+
+// takeTokenNames takes and traces the module name, the token label and, when present, the
+// token password (in clear); an absent password is traced as NULL and not taken.
+TokenNames takeTokenNames(JavaStrings& strings, jstring moduleName, jstring tokenLabel,
+                          jstring password) noexcept;
+
+// withToken opens the token alone and runs operation(handle) on it (see withStore).
+template <class Operation>
+ZAVKM_ReturnCode withToken(const JavaStrings& strings, TokenNames token,
+                           Operation&& operation) noexcept {
+    return withStore(strings, tokenDescriptor(token.moduleName, token.tokenLabel, token.password),
+                     operation);
+}
+
+// The optional secondary key database of a token native.
+struct SecondaryNames {
+    const char* fileName;
+    const char* password;
+};
+
+// takeSecondaryNames takes the optional secondary file name and password (NULL forms when
+// absent).
+SecondaryNames takeSecondaryNames(JavaStrings& strings, jstring fileName,
+                                  jstring password) noexcept;
+
+// withTokenAndSecondary opens the token with its secondary file attached (when named), runs
+// operation(token handle) and closes both.
+template <class Operation>
+ZAVKM_ReturnCode withTokenAndSecondary(const JavaStrings& strings, TokenNames token,
+                                       SecondaryNames secondary, Operation&& operation) noexcept {
+    if (strings.missing()) return ZAVKM_ERR_PARAMETER;
+    ZAVKM_KeyDbHandle tokenHandle = 0;
+    ZAVKM_KeyDbHandle secondaryHandle = 0;
+    ZAVKM_ReturnCode rc = OpenTokenAndSecondaryKeyDb(
+        token.moduleName, token.tokenLabel, token.password, &tokenHandle, secondary.fileName,
+        secondary.password, &secondaryHandle);
+    if (rc != 0) return rc;
+    rc = operation(tokenHandle);
+    CloseTokenAndSecondaryKeyDb(tokenHandle, secondaryHandle);
+    return rc;
+}
+
+// The callbacks that receive the labels of a store sorted by whether their private key is
+// there; allKeys, when set, first receives every label.
+struct SortedLabelCallbacks {
+    jobject self;
+    jmethodID allKeys;
+    jmethodID personal;
+    jmethodID signer;
+};
+
+// deliverSortedLabels walks list, asks the store whether each label's private key is present
+// and hands the label to personal or signer (after allKeys). A failing question stops the walk
+// there, that label undelivered, and its code is returned. The list is not freed here.
+ZAVKM_ReturnCode deliverSortedLabels(JNIEnv* env, ZAVKM_KeyDbHandle handle,
+                                     const ZAVKM_LabelList* list,
+                                     SortedLabelCallbacks callbacks) noexcept;
+
+// keyItemArray runs a key-list lookup on an open store, traces whether a list came back,
+// converts it and releases it with its own operation. A list that comes back with a failure
+// code is released unconverted.
+template <class Lookup>
+jobjectArray keyItemArray(JNIEnv* env, ZAVKM_KeyDbHandle handle, const char* gotTrace,
+                          Lookup lookup) noexcept {
+    KeyListRecord list;
+    ZAVKM_ReturnCode rc = lookup(handle, out(list));
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    traceMessage(gotTrace, nullness(list.get()));
+#pragma GCC diagnostic pop
+    return rc == 0 && list ? getJavaKeyItemArray(env, list.get()) : nullptr;
+}
+
+// The trace texts of a self-signed certificate creation.
+struct SelfSignedTexts {
+    const char* beforeCall;
+    const char* afterCall;
+    const char* exit;
+};
+
+// createSelfSigned converts the subject (116 when it does not convert), runs create(dn) (which
+// opens the store and makes the call) between its trace lines, releases the name, gives the
+// strings back and traces the exit line.
+template <class Create>
+jint createSelfSigned(JNIEnv* env, JavaStrings& strings, jobject dnItem,
+                      const SelfSignedTexts& texts, Create create) noexcept {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+    traceMessage("JNI_DEBUG......to call JavaDNItem2CDN()\n");
+    DNRecord dn;
+    JavaDNItem2CDN(env, dnItem, out(dn));
+    ZAVKM_ReturnCode rc = ZAVKM_ERR_INVALID_DN_INPUT;
+    if (dn) {
+        traceMessage(texts.beforeCall);
+        rc = create(static_cast<const ZAVKM_DNItem*>(dn.get()));
+        traceMessage(texts.afterCall);
+        dn.reset();
+        traceMessage("JNI_DEBUG......after call ZAVKM_FreeDNItem()\n");
+    }
+    strings.release();
+    traceMessage(texts.exit);
+#pragma GCC diagnostic pop
     return rc;
 }
 
