@@ -202,23 +202,23 @@ std::string_view view(const SecretBytes& b) {
     return {reinterpret_cast<const char*>(b.data()), b.size()};
 }
 
-}  // namespace
 
-Rc probeKeyDbFile(const char* fileName) noexcept {
-    if (isEmpty(fileName)) return ZAVKM_ERR_FILENAME_NULL;
-    struct stat st {};
-    if (::stat(fileName, &st) != 0)
-        return errno == ENOENT || errno == ENOTDIR ? ZAVKM_ERR_KEYDB_NOT_EXIST
-                                                   : ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED;
-    if (!S_ISREG(st.st_mode)) return ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE;
-    int fd = ::open(fileName, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED : ZAVKM_ERR_FILE_OPEN_TO_READ;
+// checkHeader - the file behind an open connection is a key database by its first 100 bytes
+// and its size. The bytes are read through SQLite's own file handle: opening and closing a
+// second descriptor on the file would drop the POSIX locks that other connections of this
+// process hold on it.
+Rc checkHeader(sqlite3* db) {
+    sqlite3_file* file = nullptr;
+    if (sqlite3_file_control(db, "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK ||
+        file == nullptr || file->pMethods == nullptr)
+        return ZAVKM_ERR_DATABASE_OPEN;
+    sqlite3_int64 size = 0;
+    if (file->pMethods->xFileSize(file, &size) != SQLITE_OK) return ZAVKM_ERR_DATABASE_READ;
     uint8_t header[100] = {};
-    ssize_t got = ::pread(fd, header, sizeof header, 0);
-    ::close(fd);
-    if (got < 0) return ZAVKM_ERR_DATABASE_READ;
+    int code = file->pMethods->xRead(file, header, sizeof header, 0);
+    if (code != SQLITE_OK && code != SQLITE_IOERR_SHORT_READ) return ZAVKM_ERR_DATABASE_READ;
     static const char magic[16] = "SQLite format 3";  // with its terminating zero
-    size_t n = static_cast<size_t>(got);
+    size_t n = size < 100 ? static_cast<size_t>(size) : sizeof header;
     if (n == 0) return ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE;
     if (std::memcmp(header, magic, n < 16 ? n : 16) != 0) return ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE;
     if (n < sizeof header) return ZAVKM_ERR_DATABASE_CORRUPTION;  // a cut-off key database
@@ -227,8 +227,30 @@ Rc probeKeyDbFile(const char* fileName) noexcept {
     uint32_t pageSize = (uint32_t{header[16]} << 8) | header[17];
     if (pageSize == 1) pageSize = 65536;
     if (pageSize < 512 || (pageSize & (pageSize - 1)) != 0) return ZAVKM_ERR_DATABASE_CORRUPTION;
-    if (st.st_size % pageSize != 0) return ZAVKM_ERR_DATABASE_CORRUPTION;
+    if (size % pageSize != 0) return ZAVKM_ERR_DATABASE_CORRUPTION;
     return ZAVKM_OK;
+}
+
+// statKeyDbFile - ZAVKM_ERR_KEYDB_NOT_EXIST for a missing file, and no directories or devices.
+Rc statKeyDbFile(const char* fileName) {
+    if (isEmpty(fileName)) return ZAVKM_ERR_FILENAME_NULL;
+    struct stat st {};
+    if (::stat(fileName, &st) != 0)
+        return errno == ENOENT || errno == ENOTDIR ? ZAVKM_ERR_KEYDB_NOT_EXIST
+                                                   : ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED;
+    if (!S_ISREG(st.st_mode)) return ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE;
+    return ZAVKM_OK;
+}
+
+}  // namespace
+
+Rc probeKeyDbFile(const char* fileName) noexcept {
+    return guarded([&]() -> Rc {
+        if (Rc rc = statKeyDbFile(fileName); rc != ZAVKM_OK) return rc;
+        SqlitePtr db;
+        if (Rc rc = openConnection(fileName, db); rc != ZAVKM_OK) return rc;
+        return checkHeader(db.get());
+    });
 }
 
 Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSeconds,
@@ -282,6 +304,8 @@ Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSe
         }
         cacheMaster(m.kdf, password, kdb->master);
         kdb->kdf = m.kdf;
+        kdb->password = SecretBytes(reinterpret_cast<const uint8_t*>(password.data()),
+                                    password.size());
         out = std::move(kdb);
         return ZAVKM_OK;
     });
@@ -290,13 +314,14 @@ Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSe
 Rc openKeyDb(const char* fileName, std::string_view password, bool checkExpiry,
              std::unique_ptr<KeyDb>& out) noexcept {
     return guarded([&]() -> Rc {
-        if (Rc rc = probeKeyDbFile(fileName); rc != ZAVKM_OK) return rc;
+        if (Rc rc = statKeyDbFile(fileName); rc != ZAVKM_OK) return rc;
         auto kdb = std::make_unique<KeyDb>();
         kdb->fileName = fileName;
-        SecretBytes secret;
-        if (Rc rc = resolvePassword(kdb->fileName, password, secret); rc != ZAVKM_OK) return rc;
         if (Rc rc = openConnection(kdb->fileName, kdb->db); rc != ZAVKM_OK) return rc;
         sqlite3* db = kdb->db.get();
+        if (Rc rc = checkHeader(db); rc != ZAVKM_OK) return rc;
+        SecretBytes secret;
+        if (Rc rc = resolvePassword(kdb->fileName, password, secret); rc != ZAVKM_OK) return rc;
         Meta m;
         {
             ReadTransaction tx(db);
@@ -310,6 +335,7 @@ Rc openKeyDb(const char* fileName, std::string_view password, bool checkExpiry,
         if (checkExpiry && m.expireSeconds > 0 && now() >= m.passwordTime + m.expireSeconds)
             return ZAVKM_ERR_PASSWORD_EXPIRATION_TIME;
         kdb->kdf = m.kdf;
+        kdb->password = std::move(secret);
         out = std::move(kdb);
         return ZAVKM_OK;
     });

@@ -30,6 +30,7 @@ struct KeyDb {
     KdfParams kdf;
     SecretBytes master;   // the PBES2 key of private keys leaving the library
     SecretBytes dataKey;  // seals the private keys inside the file
+    SecretBytes password; // for keys that arrive under the password with other parameters
 };
 
 // createKeyDb - creates fileName (mode 0600; ZAVKM_ERR_DATABASE_ALREADY_EXISTS when it exists)

@@ -1,13 +1,41 @@
 // pkcs12.h - PKCS#12 files: export, import, keyring files, and the WEBDB password probe.
+//
+// Written files use PBES2 (PBKDF2-HMAC-SHA256, AES-256-CBC) for the shrouded keys and the
+// certificate safe, and an HMAC-SHA256 MAC, each with kPkcs12Iterations iterations. A
+// personal key is a shrouded key bag and a certificate bag sharing a localKeyID, both named by
+// the key's label (friendlyName), followed by the certificates of its chain. A signer
+// certificate is a certificate bag named by its label and marked with the attribute
+// 2.16.840.1.113894.746875.1.1 = anyExtendedKeyUsage, which Java's keytool lists as a
+// trustedCertEntry.
 #pragma once
 
-#include "common.h"
+#include <string>
+#include <vector>
+
+#include "keydb.h"
 
 namespace zavkm {
+
+inline constexpr int kPkcs12Iterations = 100000;
 
 // pkcs12NeedsPassword - whether the PKCS#12 file fileName needs a password: it carries a MAC,
 // encrypted content or a shrouded key. ZAVKM_ERR_KEYDB_NOT_EXIST when the file does not exist,
 // ZAVKM_ERR_WEBDB_DATA_BAD_FORMAT when it is not PKCS#12.
 Rc pkcs12NeedsPassword(const char* fileName, bool& needed) noexcept;
+
+// exportPkcs12 - writes the entries named by labels (empty: every personal key and signer
+// certificate) to fileName (mode 0600, atomically). ZAVKM_ERR_KEY_GET_BY_LABEL for a label
+// that is not there.
+Rc exportPkcs12(const KeyDb& kdb, const std::vector<std::string>& labels, const char* fileName,
+                const char* password) noexcept;
+
+// importPkcs12 - adds every key (with its certificate) and every further certificate of the
+// PKCS#12 file to the open database in one transaction: all or nothing. Labels are the
+// friendlyNames; a certificate without one is labelled by its subject's common name, made
+// unique. Certificates already in the database are not added again. A clashing label gives
+// ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL, a wrong password or failed MAC
+// ZAVKM_ERR_PKCS12_PWD_CORRUPTION, data that is not PKCS#12 ZAVKM_ERR_INVALID_PKCS12_DATA, too
+// many iterations or an algorithm refused in FIPS mode ZAVKM_ERR_PBE_ALG_UNSUPPORT.
+Rc importPkcs12(KeyDb& kdb, const char* fileName, const char* password) noexcept;
 
 }  // namespace zavkm

@@ -1,0 +1,424 @@
+// The fake's state, its blocks and release operations, and its test API.
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+#include "state.h"
+
+namespace fake {
+namespace detail {
+
+State& state() {
+    static State* const theState = new State;  // never destroyed: see state.h
+    return *theState;
+}
+
+void track(const void* ptr, size_t size, std::string_view origin) {
+    if (ptr == nullptr) return;
+    state().live[ptr] = Block{ptr, size, std::string(origin), ""};
+}
+
+bool isTracked(const void* ptr) { return state().live.count(ptr) != 0; }
+
+size_t trackedSize(const void* ptr) {
+    auto found = state().live.find(ptr);
+    return found == state().live.end() ? 0 : found->second.size;
+}
+
+// Moves a tracked block (or an untracked one) to the released list.
+void noteRelease(const void* ptr, std::string_view by) {
+    auto found = state().live.find(ptr);
+    Block block = found != state().live.end() ? found->second : Block{ptr, 0, "untracked", ""};
+    block.releasedBy = by;
+    if (found != state().live.end()) state().live.erase(found);
+    state().releases.push_back(std::move(block));
+}
+
+void release(const void* ptr, std::string_view by) {
+    if (ptr == nullptr) return;
+    noteRelease(ptr, by);
+    free(const_cast<void*>(ptr));
+}
+
+void error(std::string text) { state().errors.push_back(std::move(text)); }
+
+Step takeStep(std::string_view op) {
+    auto found = state().scripts.find(op);
+    if (found == state().scripts.end() || found->second.empty()) return Step{};
+    Step step = std::move(found->second.front());
+    found->second.pop_front();
+    return step;
+}
+
+namespace {
+
+// ---- Deep release of the records, as the library's release operations do it ----------------
+
+void releaseDN(const ZAVKM_DNItem* dn, std::string_view by) {
+    if (dn == nullptr) return;
+    for (const char* part : {dn->cn, dn->ou, dn->o, dn->l, dn->s, dn->pc, dn->c, dn->optionalField1,
+                             dn->optionalField2, dn->optionalField3, dn->optionalField4}) {
+        release(part, by);
+    }
+    release(dn->der, by);
+    release(dn, by);
+}
+
+void releaseCert(const ZAVKM_CertItem* cert, std::string_view by) {
+    if (cert == nullptr) return;
+    release(cert->der, by);
+    release(cert->serialNumber, by);
+    releaseDN(cert->issuer, by);
+    releaseDN(cert->subject, by);
+    release(cert->signature, by);
+    release(cert->sigAlgId, by);
+    release(cert->sigAlgIdOID, by);
+    release(cert->sigAlgIdOIDName, by);
+    release(cert->spki, by);
+    release(cert->extensions, by);
+    release(cert, by);
+}
+
+void releaseCertList(const ZAVKM_CertItemList* list, std::string_view by) {
+    while (list != nullptr) {
+        const ZAVKM_CertItemList* next = list->next;
+        releaseCert(list->cert, by);
+        release(list, by);
+        list = next;
+    }
+}
+
+void releaseCertReq(const ZAVKM_CertReqItem* request, std::string_view by) {
+    if (request == nullptr) return;
+    release(request->der, by);
+    release(request->sig, by);
+    release(request->sigAlgId, by);
+    release(request->sigAlgIdOID, by);
+    release(request->sigAlgIdOIDName, by);
+    if (const ZAVKM_CertReqInfoItem* info = request->certReqInfoItem) {
+        release(info->der, by);
+        releaseDN(info->subjectName, by);
+        release(info->spki, by);
+        release(info->attributes, by);
+        release(info, by);
+    }
+    release(request, by);
+}
+
+template <class Record>  // ZAVKM_EPKIItem, ZAVKM_PrivKeyInfoItem
+void releaseDer(const Record* record, std::string_view by) {
+    if (record == nullptr) return;
+    release(record->der, by);
+    release(record, by);
+}
+
+void releaseKey(const ZAVKM_KeyItem* key, std::string_view by) {
+    if (key == nullptr) return;
+    release(key->label, by);
+    releaseDer(key->epki, by);
+    release(key->keyBer, by);
+    releaseCertList(key->certList, by);
+    release(key, by);
+}
+
+void releaseReqKey(const ZAVKM_ReqKeyItem* key, std::string_view by) {
+    if (key == nullptr) return;
+    release(key->label, by);
+    releaseCertReq(key->certReq, by);
+    releaseDer(key->epki, by);
+    release(key->keyBer, by);
+    release(key, by);
+}
+
+void releaseKeyList(const ZAVKM_KeyItemList* list, std::string_view by) {
+    while (list != nullptr) {
+        const ZAVKM_KeyItemList* next = list->next;
+        releaseKey(list->key, by);
+        release(list, by);
+        list = next;
+    }
+}
+
+void releaseLabels(const ZAVKM_LabelList* list, std::string_view by) {
+    while (list != nullptr) {
+        const ZAVKM_LabelList* next = list->next;
+        release(list->label, by);
+        release(list, by);
+        list = next;
+    }
+}
+
+void* newBlock(size_t size, std::string_view origin, int fill) {
+    void* block = malloc(size == 0 ? 1 : size);
+    if (block == nullptr) return nullptr;
+    memset(block, fill, size == 0 ? 1 : size);
+    track(block, size, origin);
+    return block;
+}
+
+// The library's own blocks are not zeroed: a client that reads bytes it never wrote sees 0xa5.
+constexpr int libraryFill = 0xa5;
+
+template <class Record>
+void clearRecord(const Call& call) {
+    Record** place = call.arg<Record**>(0);
+    if (place != nullptr && *place != nullptr) memset(*place, 0, sizeof(Record));
+}
+
+}  // namespace
+
+void* behave(std::string_view op, const Call& call, const Step& step) {
+    if (op == "ZAVKM_Malloc") {
+        return step.null ? nullptr : newBlock(call.arg<uint32_t>(0), op, libraryFill);
+    }
+    if (op == "ZAVKM_Strdup") {
+        const char* text = call.arg<const char*>(0);
+        if (step.null || text == nullptr) return nullptr;
+        void* copy = newBlock(strlen(text) + 1, op, 0);
+        if (copy != nullptr) strcpy(static_cast<char*>(copy), text);
+        return copy;
+    }
+    if (op == "ZAVKM_Realloc") {
+        void* block = call.arg<void*>(0);
+        uint32_t size = call.arg<uint32_t>(1);
+        if (step.null) return nullptr;  // the old block stays with the caller
+        if (block != nullptr && !isTracked(block)) {
+            error("ZAVKM_Realloc of a block the library never handed out");
+            return nullptr;
+        }
+        state().live.erase(block);  // forgotten before realloc may release it
+        void* grown = realloc(block, size == 0 ? 1 : size);
+        if (grown == nullptr) {
+            track(block, size, op);  // the old block stays with the caller
+            return nullptr;
+        }
+        track(grown, size, op);
+        return grown;
+    }
+    if (op == "ZAVKM_Free") {
+        void* block = call.arg<void*>(0);
+        if (block != nullptr && !isTracked(block)) {
+            error("ZAVKM_Free of a block the library never handed out (or freed twice)");
+            return nullptr;
+        }
+        release(block, op);
+        return nullptr;
+    }
+    if (op == "ZAVKM_SetCryptoInfo") {  // the block stays with the library, whatever it answers
+        void* block = call.arg<void*>(0);
+        if (block == nullptr) return nullptr;
+        auto found = state().live.find(block);
+        if (found == state().live.end()) {
+            error("ZAVKM_SetCryptoInfo of a block the library never handed out");
+        } else {
+            state().adopted.push_back(found->second);
+            noteRelease(block, op);
+        }
+        return nullptr;
+    }
+    if (step.value != 0) return nullptr;  // a scripted failure does nothing more
+    if (op == "ZAVKM_InitDNItem") {
+        clearRecord<ZAVKM_DNItem>(call);
+    } else if (op == "ZAVKM_InitEPKIItem") {
+        clearRecord<ZAVKM_EPKIItem>(call);
+    } else if (op == "ZAVKM_FreeLabelList") {
+        releaseLabels(call.arg<ZAVKM_LabelList*>(0), op);
+    } else if (op == "ZAVKM_FreeDNItem") {
+        releaseDN(call.arg<ZAVKM_DNItem*>(0), op);
+    } else if (op == "ZAVKM_FreeEPKIItem") {
+        releaseDer(call.arg<ZAVKM_EPKIItem*>(0), op);
+    } else if (op == "ZAVKM_FreePrivKeyInfoItem") {
+        releaseDer(call.arg<ZAVKM_PrivKeyInfoItem*>(0), op);
+    } else if (op == "ZAVKM_FreeCertItemList") {
+        releaseCertList(call.arg<ZAVKM_CertItemList*>(0), op);
+    } else if (op == "ZAVKM_FreeKeyItem") {
+        releaseKey(call.arg<ZAVKM_KeyItem*>(0), op);
+    } else if (op == "ZAVKM_FreeReqKeyItem") {
+        releaseReqKey(call.arg<ZAVKM_ReqKeyItem*>(0), op);
+    } else if (op == "ZAVKM_FreeKeyItemList") {
+        releaseKeyList(call.arg<ZAVKM_KeyItemList*>(0), op);
+    }
+    return nullptr;
+}
+
+}  // namespace detail
+
+using detail::Lock;
+using detail::state;
+
+void reset() {
+    Lock lock(state().mutex);
+    for (auto& [ptr, block] : state().live) free(const_cast<void*>(ptr));
+    for (const Block& block : state().adopted) free(const_cast<void*>(block.ptr));
+    state().live.clear();
+    state().adopted.clear();
+    state().releases.clear();
+    state().journal.clear();
+    state().scripts.clear();
+    state().errors.clear();
+}
+
+void script(std::string_view op, Step step) {
+    if (!detail::isOperation(op)) {
+        throw std::invalid_argument("fake::script: no operation " + std::string(op));
+    }
+    Lock lock(state().mutex);
+    auto found = state().scripts.find(op);
+    if (found == state().scripts.end()) {
+        found = state().scripts.emplace(std::string(op), std::deque<Step>{}).first;
+    }
+    found->second.push_back(std::move(step));
+}
+
+std::vector<std::string> journal() {
+    Lock lock(state().mutex);
+    return state().journal;
+}
+
+std::vector<std::string> unusedScripts() {
+    Lock lock(state().mutex);
+    std::vector<std::string> unused;
+    for (const auto& [op, steps] : state().scripts) {
+        for (size_t i = 0; i < steps.size(); ++i) unused.push_back(op);
+    }
+    return unused;
+}
+
+std::vector<std::string> errors() {
+    Lock lock(state().mutex);
+    return state().errors;
+}
+
+std::vector<Block> outstanding() {
+    Lock lock(state().mutex);
+    std::vector<Block> blocks;
+    for (const auto& [ptr, block] : state().live) blocks.push_back(block);
+    return blocks;
+}
+
+std::string releasedBy(const void* ptr) {
+    Lock lock(state().mutex);
+    const auto& releases = state().releases;
+    for (auto it = releases.rbegin(); it != releases.rend(); ++it) {
+        if (it->ptr == ptr) return it->releasedBy;
+    }
+    return "";
+}
+
+std::vector<Block> released() {
+    Lock lock(state().mutex);
+    return state().releases;
+}
+
+std::vector<Block> adopted() {
+    Lock lock(state().mutex);
+    return state().adopted;
+}
+
+void* allocate(size_t size, std::string_view origin) {
+    Lock lock(state().mutex);
+    void* block = calloc(1, size == 0 ? 1 : size);
+    if (block == nullptr) throw std::bad_alloc();
+    detail::track(block, size, origin);
+    return block;
+}
+
+uint8_t* untracked(const std::vector<uint8_t>& bytes) {
+    auto* copy = static_cast<uint8_t*>(malloc(bytes.empty() ? 1 : bytes.size()));
+    if (copy == nullptr) throw std::bad_alloc();
+    if (!bytes.empty()) memcpy(copy, bytes.data(), bytes.size());
+    return copy;
+}
+
+void noteFree(const void* ptr) {
+    if (ptr == nullptr) return;
+    Lock lock(state().mutex);
+    if (detail::isTracked(ptr)) detail::noteRelease(ptr, "free");
+}
+
+char* text(std::string_view text) {
+    auto* copy = static_cast<char*>(allocate(text.size() + 1, "test"));
+    memcpy(copy, text.data(), text.size());
+    return copy;
+}
+
+uint8_t* bytes(const std::vector<uint8_t>& bytes, std::string_view origin) {
+    auto* copy = static_cast<uint8_t*>(allocate(bytes.size(), origin));
+    if (!bytes.empty()) memcpy(copy, bytes.data(), bytes.size());
+    return copy;
+}
+
+namespace {
+char* textOrNull(const char* value) { return value == nullptr ? nullptr : text(value); }
+}  // namespace
+
+ZAVKM_DNItem* dnItem(const DN& parts) {
+    auto* dn = record<ZAVKM_DNItem>();
+    dn->cn = textOrNull(parts.cn);
+    dn->ou = textOrNull(parts.ou);
+    dn->o = textOrNull(parts.o);
+    dn->l = textOrNull(parts.l);
+    dn->s = textOrNull(parts.s);
+    dn->pc = textOrNull(parts.pc);
+    dn->c = textOrNull(parts.c);
+    dn->optionalField1 = textOrNull(parts.optionalField1);
+    dn->optionalField2 = textOrNull(parts.optionalField2);
+    dn->optionalField3 = textOrNull(parts.optionalField3);
+    dn->optionalField4 = textOrNull(parts.optionalField4);
+    setBytes(dn->der, dn->derLength, parts.der);
+    return dn;
+}
+
+namespace {
+// Builds a singly linked list of Node (two words: item, next) holding items in order.
+template <class Node, class Item>
+Node* chain(const std::vector<Item>& items, Item Node::*field) {
+    Node* head = nullptr;
+    Node** tail = &head;
+    for (const Item& item : items) {
+        Node* node = record<Node>();
+        node->*field = item;
+        *tail = node;
+        tail = &node->next;
+    }
+    return head;
+}
+}  // namespace
+
+ZAVKM_LabelList* labelList(const std::vector<const char*>& labels) {
+    std::vector<char*> copies;
+    for (const char* label : labels) copies.push_back(textOrNull(label));
+    return chain(copies, &ZAVKM_LabelList::label);
+}
+
+ZAVKM_CertItemList* certList(const std::vector<ZAVKM_CertItem*>& certs) {
+    return chain(certs, &ZAVKM_CertItemList::cert);
+}
+
+ZAVKM_KeyItemList* keyList(const std::vector<ZAVKM_KeyItem*>& keys) {
+    return chain(keys, &ZAVKM_KeyItemList::key);
+}
+
+ZAVKM_EPKIItem* epkiItem(const std::vector<uint8_t>& der) {
+    auto* epki = record<ZAVKM_EPKIItem>();
+    setBytes(epki->der, epki->derLength, der);
+    return epki;
+}
+
+ZAVKM_PrivKeyInfoItem* privKeyInfoItem(const std::vector<uint8_t>& der) {
+    auto* pki = record<ZAVKM_PrivKeyInfoItem>();
+    setBytes(pki->der, pki->derLength, der);
+    return pki;
+}
+
+std::string hex(const uint8_t* bytes, size_t length) {
+    static const char digits[] = "0123456789abcdef";
+    std::string text;
+    for (size_t i = 0; i < length; ++i) {
+        text += digits[bytes[i] >> 4];
+        text += digits[bytes[i] & 15];
+    }
+    return text;
+}
+
+}  // namespace fake

@@ -1,0 +1,20 @@
+// Counting what the bridge's code calls: this binary links the bridge's objects with malloc,
+// free, time, localtime and localtime_r wrapped (see tests/CMakeLists.txt).
+#pragma once
+
+namespace counting {
+
+struct Counts {
+    int mallocs = 0;
+    int times = 0;      // time()
+    int localtimes = 0; // localtime() and localtime_r()
+};
+
+// arm starts counting from zero; disarm stops and returns the counts.
+void arm();
+Counts disarm();
+
+// failNextMalloc makes the next malloc of this binary's code return null.
+void failNextMalloc();
+
+}  // namespace counting

@@ -1,0 +1,438 @@
+// api_certs.cpp - making certificates and requests, issuing, receiving, storing, exporting.
+#include <unistd.h>
+
+#include "entries.h"
+#include "files.h"
+#include "keyitems.h"
+#include "session.h"
+#include "x509records.h"
+#include "x509util.h"
+
+using namespace zavkm;
+
+namespace {
+
+Rc commitOr(sqlite3* db, WriteTransaction& tx, Rc rc) {
+    if (rc != ZAVKM_OK) return rc;
+    int code = tx.commit();
+    return code == SQLITE_OK ? ZAVKM_OK : sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
+}
+
+// withFileThenCommit - runs change(db) in a transaction, then writeOut() (may be null work),
+// then commits; when the commit fails the written file is removed again, so the database and
+// the file agree.
+template <class Change, class Write>
+Rc withFileThenCommit(KeyDb& kdb, const char* fileName, Change&& change, Write&& writeOut) {
+    sqlite3* db = kdb.db.get();
+    WriteTransaction tx(db);
+    if (tx.beginCode() != SQLITE_OK) return sqlRc(db, tx.beginCode(), ZAVKM_ERR_DATABASE_WRITE);
+    if (Rc rc = change(db); rc != ZAVKM_OK) return rc;
+    if (fileName != nullptr)
+        if (Rc rc = writeOut(); rc != ZAVKM_OK) return rc;
+    Rc rc = commitOr(db, tx, ZAVKM_OK);
+    if (rc != ZAVKM_OK && fileName != nullptr) ::unlink(fileName);
+    return rc;
+}
+
+// personalKeyRow - a row for a new personal key and its certificate.
+Rc personalKeyRow(const KeyDb& kdb, const char* label, X509* cert, EVP_PKEY* key, KeyRow& row) {
+    row.label = label;
+    row.cert = derOf(cert);
+    row.spki = spkiOf(key);
+    row.subject = derOf(X509_get_subject_name(cert));
+    KeyInfo info = keyInfo(key);
+    row.keyType = info.algorithm;
+    row.keyBits = info.bits;
+    SecretBytes pkcs8 = pkcs8Of(key);
+    if (row.cert.empty() || row.spki.empty() || pkcs8.empty()) return sslError(ZAVKM_ERR_ASN);
+    return sealPrivateKey(kdb, pkcs8, row.spki, row.privateKey);
+}
+
+Rc selfSigned(KeyDb& kdb, const char* label, uint8_t makeDefault, int32_t version,
+              int32_t keySize, const ZAVKM_DNItem* subject, int32_t validityDays,
+              int32_t signatureAlgorithm, const uint8_t* extensions, uint32_t extensionsLength,
+              const char* certFileName, uint8_t isBase64) {
+    if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
+    if (Rc rc = checkValidityDays(validityDays); rc != ZAVKM_OK) return rc;
+    const EVP_MD* md = nullptr;
+    if (Rc rc = signatureDigest(signatureAlgorithm, md); rc != ZAVKM_OK) return rc;
+    X509NamePtr name;
+    if (Rc rc = nameFromDN(subject, name); rc != ZAVKM_OK) return rc;
+    ExtStackPtr extra;
+    if (Rc rc = parseExtensions(extensions, extensionsLength, extra); rc != ZAVKM_OK) return rc;
+    std::optional<KeyRow> existing;  // refuse before the costly key generation
+    if (Rc rc = findKey(kdb.db.get(), label, existing); rc != ZAVKM_OK) return rc;
+    if (existing) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
+    PkeyPtr key;
+    if (Rc rc = generateKey(keySize, key); rc != ZAVKM_OK) return rc;
+    Asn1IntPtr serial;
+    if (Rc rc = parseSerial(nullptr, serial); rc != ZAVKM_OK) return rc;
+    CertSpec spec;
+    spec.version = version;
+    spec.subject = name.get();
+    spec.subjectKey = key.get();
+    spec.signingKey = key.get();
+    spec.serial = serial.get();
+    spec.days = validityDays;
+    spec.md = md;
+    spec.ca = true;
+    spec.extra = extra.get();
+    X509Ptr cert;
+    if (Rc rc = makeCertificate(spec, cert); rc != ZAVKM_OK) return rc;
+    KeyRow row;
+    if (Rc rc = personalKeyRow(kdb, label, cert.get(), key.get(), row); rc != ZAVKM_OK) return rc;
+    row.isDefault = makeDefault != 0;
+    row.trusted = true;  // a self-signed certificate made here is a trust anchor
+    return withFileThenCommit(
+        kdb, certFileName, [&](sqlite3* db) { return insertKey(db, row); },
+        [&] { return writeCertificateFile(certFileName, cert.get(), isBase64 != 0); });
+}
+
+Rc newRequest(KeyDb& kdb, const char* label, int32_t keySize, const ZAVKM_DNItem* subject,
+              int32_t signatureAlgorithm, const uint8_t* extensions, uint32_t extensionsLength,
+              const char* fileName) {
+    if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
+    const EVP_MD* md = nullptr;
+    if (Rc rc = signatureDigest(signatureAlgorithm, md); rc != ZAVKM_OK) return rc;
+    X509NamePtr name;
+    if (Rc rc = nameFromDN(subject, name); rc != ZAVKM_OK) return rc;
+    ExtStackPtr exts;
+    if (Rc rc = parseExtensions(extensions, extensionsLength, exts); rc != ZAVKM_OK) return rc;
+    std::optional<RequestRow> existing;
+    if (Rc rc = findRequest(kdb.db.get(), label, existing); rc != ZAVKM_OK) return rc;
+    if (existing) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
+    PkeyPtr key;
+    if (Rc rc = generateKey(keySize, key); rc != ZAVKM_OK) return rc;
+    X509ReqPtr req;
+    if (Rc rc = makeRequest(name.get(), key.get(), exts.get(), md, req); rc != ZAVKM_OK) return rc;
+    RequestRow row;
+    row.label = label;
+    row.request = derOf(req.get());
+    row.spki = spkiOf(key.get());
+    KeyInfo info = keyInfo(key.get());
+    row.keyType = info.algorithm;
+    row.keyBits = info.bits;
+    SecretBytes pkcs8 = pkcs8Of(key.get());
+    if (row.request.empty() || pkcs8.empty()) return sslError(ZAVKM_ERR_ASN);
+    if (Rc rc = sealPrivateKey(kdb, pkcs8, row.spki, row.privateKey); rc != ZAVKM_OK) return rc;
+    return withFileThenCommit(
+        kdb, fileName, [&](sqlite3* db) { return insertRequest(db, row); },
+        [&] { return writeRequestFile(fileName, req.get()); });
+}
+
+// reRequest - writes the request of a request key again, signed anew when a signature
+// algorithm is given (selector 0 keeps the stored request). For a personal key it makes a new
+// request from the certificate's subject and extensions, for renewing that certificate.
+Rc reRequest(KeyDb& kdb, const char* label, int32_t signatureAlgorithm, const char* fileName) {
+    const EVP_MD* md = nullptr;
+    if (signatureAlgorithm != 0)
+        if (Rc rc = signatureDigest(signatureAlgorithm, md); rc != ZAVKM_OK) return rc;
+    sqlite3* db = kdb.db.get();
+    std::optional<RequestRow> request;
+    if (Rc rc = findRequest(db, label, request); rc != ZAVKM_OK) return rc;
+    if (request) {
+        X509ReqPtr req = parseRequest(request->request.data(), request->request.size());
+        if (!req) return ZAVKM_ERR_DATABASE_CORRUPTION;
+        if (md == nullptr) return fileName != nullptr ? writeRequestFile(fileName, req.get()) : 0;
+        PkeyPtr key;
+        if (Rc rc = privateKeyOf(kdb, request->privateKey, request->spki, key); rc != ZAVKM_OK)
+            return rc;
+        if (X509_REQ_sign(req.get(), key.get(), md) <= 0) return sslError(ZAVKM_ERR_CRYPTO_SIGN);
+        Bytes der = derOf(req.get());
+        return withFileThenCommit(
+            kdb, fileName, [&](sqlite3* d) { return updateRequest(d, request->id, der); },
+            [&] { return writeRequestFile(fileName, req.get()); });
+    }
+    std::optional<KeyRow> row;
+    if (Rc rc = findKey(db, label, row); rc != ZAVKM_OK) return rc;
+    if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    PkeyPtr key;
+    if (Rc rc = privateKeyOf(kdb, row->privateKey, row->spki, key); rc != ZAVKM_OK) return rc;
+    X509Ptr cert = parseCertificate(row->cert.data(), row->cert.size());
+    if (!cert) return ZAVKM_ERR_DATABASE_CORRUPTION;
+    ExtStackPtr exts(sk_X509_EXTENSION_new_null());
+    if (!exts) return ZAVKM_ERR_MEMORY_ALLOCATE;
+    int at = X509_get_ext_by_NID(cert.get(), NID_subject_alt_name, -1);
+    if (at >= 0) {
+        X509ExtPtr san(X509_EXTENSION_dup(X509_get_ext(cert.get(), at)));
+        if (!san || !sk_X509_EXTENSION_push(exts.get(), san.get())) return ZAVKM_ERR_MEMORY_ALLOCATE;
+        san.release();
+    }
+    X509ReqPtr req;
+    if (Rc rc = makeRequest(X509_get_subject_name(cert.get()), key.get(), exts.get(),
+                            md != nullptr ? md : EVP_sha256(), req);
+        rc != ZAVKM_OK)
+        return rc;
+    return fileName != nullptr ? writeRequestFile(fileName, req.get()) : ZAVKM_OK;
+}
+
+Rc issue(KeyDb& kdb, const uint8_t* request, uint32_t requestLength, const char* issuerLabel,
+         int32_t version, const char* serialNumber, int32_t validityDays,
+         int32_t signatureAlgorithm, const char* certFileName, uint8_t isBase64) {
+    if (Rc rc = checkValidityDays(validityDays); rc != ZAVKM_OK) return rc;
+    const EVP_MD* md = nullptr;
+    if (Rc rc = signatureDigest(signatureAlgorithm, md); rc != ZAVKM_OK) return rc;
+    Asn1IntPtr serial;
+    if (Rc rc = parseSerial(serialNumber, serial); rc != ZAVKM_OK) return rc;
+    X509ReqPtr req = parseRequest(request, requestLength);
+    if (!req) return ZAVKM_ERR_ASN;
+    EVP_PKEY* subjectKey = X509_REQ_get0_pubkey(req.get());
+    if (subjectKey == nullptr) return sslError(ZAVKM_ERR_ASN);
+    if (X509_REQ_verify(req.get(), subjectKey) != 1) return sslError(ZAVKM_ERR_VALIDATION_KEY_SIGNATURE);
+    if (Rc rc = checkSignaturePolicy(X509_REQ_get_signature_nid(req.get())); rc != ZAVKM_OK)
+        return rc;
+    if (Rc rc = checkKeyPolicy(subjectKey); rc != ZAVKM_OK) return rc;
+    std::optional<KeyRow> issuer;
+    if (Rc rc = findKey(kdb.db.get(), issuerLabel, issuer); rc != ZAVKM_OK) return rc;
+    if (!issuer) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    PkeyPtr issuerKey;
+    if (Rc rc = privateKeyOf(kdb, issuer->privateKey, issuer->spki, issuerKey); rc != ZAVKM_OK)
+        return rc;
+    X509Ptr issuerCert = parseCertificate(issuer->cert.data(), issuer->cert.size());
+    if (!issuerCert) return ZAVKM_ERR_DATABASE_CORRUPTION;
+
+    ExtStackPtr copied(sk_X509_EXTENSION_new_null());  // the request's subject alternative names
+    Owned<STACK_OF(X509_EXTENSION), freeExtStack> requested(X509_REQ_get_extensions(req.get()));
+    clearSslErrors();
+    if (!copied) return ZAVKM_ERR_MEMORY_ALLOCATE;
+    for (int i = 0; requested && i < sk_X509_EXTENSION_num(requested.get()); ++i) {
+        X509_EXTENSION* ext = sk_X509_EXTENSION_value(requested.get(), i);
+        if (OBJ_obj2nid(X509_EXTENSION_get_object(ext)) != NID_subject_alt_name) continue;
+        X509ExtPtr dup(X509_EXTENSION_dup(ext));
+        if (!dup || !sk_X509_EXTENSION_push(copied.get(), dup.get())) return ZAVKM_ERR_MEMORY_ALLOCATE;
+        dup.release();
+    }
+    CertSpec spec;
+    spec.version = version;
+    spec.subject = X509_REQ_get_subject_name(req.get());
+    spec.subjectKey = subjectKey;
+    spec.issuer = issuerCert.get();
+    spec.signingKey = issuerKey.get();
+    spec.serial = serial.get();
+    spec.days = validityDays;
+    spec.md = md;
+    spec.extra = version != 1 ? copied.get() : nullptr;
+    X509Ptr cert;
+    if (Rc rc = makeCertificate(spec, cert); rc != ZAVKM_OK) return rc;
+    return writeCertificateFile(certFileName, cert.get(), isBase64 != 0);
+}
+
+// decodeBase64Text - PEM with any armour (the first block) or bare base64, whitespace ignored.
+Rc decodeBase64Text(const Bytes& text, Bytes& out) {
+    std::string_view all(reinterpret_cast<const char*>(text.data()), text.size());
+    size_t begin = all.find("-----BEGIN");
+    std::string_view body = all;
+    if (begin != std::string_view::npos) {
+        size_t lineEnd = all.find('\n', begin);
+        if (lineEnd == std::string_view::npos) return ZAVKM_ERR_BASE64_INVALID_DATA;
+        size_t end = all.find("-----END", lineEnd);
+        if (end == std::string_view::npos) return ZAVKM_ERR_BASE64_INVALID_DATA;
+        body = all.substr(lineEnd + 1, end - lineEnd - 1);
+    }
+    std::string clean;
+    size_t pos = 0;
+    while (pos < body.size()) {  // drop header lines ("Name: value") and whitespace
+        size_t eol = body.find('\n', pos);
+        std::string_view line = body.substr(pos, eol == std::string_view::npos ? eol : eol - pos);
+        pos = eol == std::string_view::npos ? body.size() : eol + 1;
+        if (line.find(':') != std::string_view::npos) continue;
+        for (char c : line)
+            if (c != ' ' && c != '\t' && c != '\r') clean.push_back(c);
+    }
+    if (clean.empty() || clean.size() % 4 != 0) return ZAVKM_ERR_BASE64_INVALID_DATA;
+    Bytes decoded(clean.size() / 4 * 3);
+    int n = EVP_DecodeBlock(decoded.data(), reinterpret_cast<const unsigned char*>(clean.data()),
+                            static_cast<int>(clean.size()));
+    if (n < 0) return sslError(ZAVKM_ERR_BASE64_INVALID_DATA);
+    size_t padding = 0;
+    for (size_t i = clean.size(); i > 0 && clean[i - 1] == '='; --i) ++padding;
+    if (padding > 2) return ZAVKM_ERR_BASE64_INVALID_DATA;
+    decoded.resize(static_cast<size_t>(n) - padding);
+    out = std::move(decoded);
+    return ZAVKM_OK;
+}
+
+}  // namespace
+
+extern "C" {
+
+ZAVKM_ReturnCode ZAVKM_CreateSelfSignedCert(ZAVKM_KeyDbHandle handle, const char* label,
+                                            uint8_t makeDefault, int32_t version, int32_t keySize,
+                                            const ZAVKM_DNItem* subject, int32_t validityDays,
+                                            const char* certFileName, uint8_t isBase64) noexcept {
+    return withKeyDb(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
+        return selfSigned(kdb, label, makeDefault, version, keySize, subject, validityDays, 1,
+                          nullptr, 0, certFileName, isBase64);
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_CreateSelfSignedCertSigExt(
+    ZAVKM_KeyDbHandle handle, const char* label, uint8_t makeDefault, int32_t version,
+    int32_t keySize, const ZAVKM_DNItem* subject, int32_t validityDays, int32_t signatureAlgorithm,
+    const uint8_t* extensions, uint32_t extensionsLength, const char* certFileName,
+    uint8_t isBase64) noexcept {
+    return withKeyDb(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
+        return selfSigned(kdb, label, makeDefault, version, keySize, subject, validityDays,
+                          signatureAlgorithm, extensions, extensionsLength, certFileName,
+                          isBase64);
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_CreateNewCertReq(ZAVKM_KeyDbHandle handle, const char* label,
+                                        int32_t keySize, const ZAVKM_DNItem* subject,
+                                        const char* certReqFileName, const void*,
+                                        const void*) noexcept {
+    return withKeyDb(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
+        return newRequest(kdb, label, keySize, subject, 1, nullptr, 0, certReqFileName);
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_CreateNewCertReqSigExt(ZAVKM_KeyDbHandle handle, const char* label,
+                                              int32_t keySize, const ZAVKM_DNItem* subject,
+                                              int32_t signatureAlgorithm,
+                                              const uint8_t* extensions, uint32_t extensionsLength,
+                                              const char* certReqFileName, const void*,
+                                              const void*) noexcept {
+    return withKeyDb(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
+        return newRequest(kdb, label, keySize, subject, signatureAlgorithm, extensions,
+                          extensionsLength, certReqFileName);
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_ReCreateCertReq(ZAVKM_KeyDbHandle handle, const char* label,
+                                       const char* certReqFileName, const void*,
+                                       const void*) noexcept {
+    return withKeyDb(__func__, handle, {label, certReqFileName},
+                     [&](KeyDb& kdb) { return reRequest(kdb, label, 0, certReqFileName); });
+}
+
+ZAVKM_ReturnCode ZAVKM_ReCreateCertReqSig(ZAVKM_KeyDbHandle handle, const char* label,
+                                          int32_t signatureAlgorithm, const char* certReqFileName,
+                                          const void*, const void*) noexcept {
+    return withKeyDb(__func__, handle, {label}, [&](KeyDb& kdb) -> Rc {
+        if (signatureAlgorithm != 1 && signatureAlgorithm != 2) return ZAVKM_ERR_SIGNATURE_ALGORITHM;
+        return reRequest(kdb, label, signatureAlgorithm, certReqFileName);
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_IssueCert(ZAVKM_KeyDbHandle handle, const uint8_t* request,
+                                 uint32_t requestLength, const char* issuerLabel, int32_t version,
+                                 const char* serialNumber, int32_t validityDays,
+                                 const char* certFileName, uint8_t isBase64, const void*,
+                                 const void*) noexcept {
+    return withKeyDb(__func__, handle, {request, issuerLabel, certFileName}, [&](KeyDb& kdb) {
+        return issue(kdb, request, requestLength, issuerLabel, version, serialNumber,
+                     validityDays, 1, certFileName, isBase64);
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_IssueCertSig(ZAVKM_KeyDbHandle handle, const uint8_t* request,
+                                    uint32_t requestLength, const char* issuerLabel,
+                                    int32_t version, const char* serialNumber,
+                                    int32_t validityDays, int32_t signatureAlgorithm,
+                                    const char* certFileName, uint8_t isBase64, const void*,
+                                    const void*) noexcept {
+    return withKeyDb(__func__, handle, {request, issuerLabel, certFileName}, [&](KeyDb& kdb) {
+        return issue(kdb, request, requestLength, issuerLabel, version, serialNumber,
+                     validityDays, signatureAlgorithm, certFileName, isBase64);
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_Base64DecodeFileToBuf(const char* fileName, uint8_t** data,
+                                             uint32_t* length) noexcept {
+    return withLibrary(__func__, {fileName, data, length}, [&]() -> Rc {
+        *data = nullptr;
+        *length = 0;
+        Bytes text, decoded;
+        Rc rc = readFile(fileName, text);
+        if (rc == ZAVKM_ERR_FILE_OPEN_NOT_EXIST) rc = ZAVKM_ERR_FILE_OPEN_TO_READ;
+        if (rc != ZAVKM_OK) return rc;
+        if (Rc d = decodeBase64Text(text, decoded); d != ZAVKM_OK) return d;
+        copyBytes(decoded, data, length);
+        return ZAVKM_OK;
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_GetUnsignedCertFromCert(const uint8_t* der, uint32_t derLength,
+                                               uint8_t** tbs, uint32_t* tbsLength) noexcept {
+    return withLibrary(__func__, {der, tbs, tbsLength}, [&]() -> Rc {
+        *tbs = nullptr;
+        *tbsLength = 0;
+        Bytes part = tbsOf(der, derLength);
+        if (part.empty()) return ZAVKM_ERR_ASN;
+        copyBytes(part, tbs, tbsLength);
+        return ZAVKM_OK;
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_StoreCACert(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
+                                   uint32_t certLength, const char* label) noexcept {
+    return withKeyDb(__func__, handle, {cert, label}, [&](KeyDb& kdb) -> Rc {
+        if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
+        X509Ptr x509 = parseCertificate(cert, certLength);
+        if (!x509) return ZAVKM_ERR_ASN;
+        if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(x509.get())); rc != ZAVKM_OK)
+            return rc;
+        EVP_PKEY* key = X509_get0_pubkey(x509.get());
+        if (key == nullptr) return sslError(ZAVKM_ERR_ASN);
+        if (Rc rc = checkKeyPolicy(key); rc != ZAVKM_OK) return rc;
+        KeyRow row;
+        row.label = label;
+        row.cert = derOf(x509.get());
+        row.spki = spkiOf(key);
+        row.subject = derOf(X509_get_subject_name(x509.get()));
+        KeyInfo info = keyInfo(key);
+        row.keyType = info.algorithm;
+        row.keyBits = info.bits;
+        row.trusted = true;  // a stored signer certificate is a trust anchor
+        return withFileThenCommit(
+            kdb, nullptr, [&](sqlite3* db) { return insertKey(db, row); }, [] { return 0; });
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_ReceiveCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
+                                   uint32_t certLength, uint8_t makeDefault) noexcept {
+    return withKeyDb(__func__, handle, {cert}, [&](KeyDb& kdb) -> Rc {
+        X509Ptr x509 = parseCertificate(cert, certLength);
+        if (!x509) return ZAVKM_ERR_ASN;
+        if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(x509.get())); rc != ZAVKM_OK)
+            return rc;
+        EVP_PKEY* key = X509_get0_pubkey(x509.get());
+        if (key == nullptr) return sslError(ZAVKM_ERR_ASN);
+        Bytes spki = spkiOf(key);
+        return withFileThenCommit(
+            kdb, nullptr,
+            [&](sqlite3* db) -> Rc {
+                std::vector<RequestRow> requests;
+                if (Rc rc = findRequestsBySpki(db, spki, requests); rc != ZAVKM_OK) return rc;
+                if (requests.empty()) return ZAVKM_ERR_REQKEY_FOR_CERT_NULL;
+                const RequestRow& request = requests.front();
+                KeyRow row;
+                row.label = request.label;
+                row.cert = derOf(x509.get());
+                row.spki = spki;
+                row.subject = derOf(X509_get_subject_name(x509.get()));
+                row.keyType = request.keyType;
+                row.keyBits = request.keyBits;
+                row.privateKey = request.privateKey;  // sealed to the public key: still valid
+                row.isDefault = makeDefault != 0;
+                if (Rc rc = deleteRequest(db, request.label); rc != ZAVKM_OK) return rc;
+                return insertKey(db, row);
+            },
+            [] { return 0; });
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_ExportCert(ZAVKM_KeyDbHandle handle, const char* label,
+                                  const char* certFileName, uint8_t isBase64) noexcept {
+    return withKeyDb(__func__, handle, {label, certFileName}, [&](KeyDb& kdb) -> Rc {
+        std::optional<KeyRow> row;
+        if (Rc rc = findKey(kdb.db.get(), label, row); rc != ZAVKM_OK) return rc;
+        if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+        X509Ptr cert = parseCertificate(row->cert.data(), row->cert.size());
+        if (!cert) return ZAVKM_ERR_DATABASE_CORRUPTION;
+        return writeCertificateFile(certFileName, cert.get(), isBase64 != 0);
+    });
+}
+
+}  // extern "C"

@@ -1,0 +1,180 @@
+// api_chain.cpp - certificates from PKCS#7 data, renewal, and chain validation.
+#include <openssl/pem.h>
+
+#include "entries.h"
+#include "keyitems.h"
+#include "session.h"
+#include "x509records.h"
+#include "x509util.h"
+
+using namespace zavkm;
+
+namespace {
+
+// certsOfPkcs7 - the certificates of a PKCS#7 SignedData (DER or PEM); false when data is
+// not PKCS#7.
+bool certsOfPkcs7(const uint8_t* data, uint32_t length, std::vector<X509Ptr>& out) {
+    Pkcs7Ptr p7;
+    BioPtr bio(BIO_new_mem_buf(data, static_cast<int>(length)));
+    if (!bio) return false;
+    std::string_view text(reinterpret_cast<const char*>(data), length);
+    if (text.find("-----BEGIN") != std::string_view::npos)
+        p7.reset(PEM_read_bio_PKCS7(bio.get(), nullptr, nullptr, nullptr));
+    else
+        p7.reset(d2i_PKCS7_bio(bio.get(), nullptr));
+    clearSslErrors();
+    if (!p7) return false;
+    STACK_OF(X509)* certs = nullptr;
+    int type = OBJ_obj2nid(p7->type);
+    if (type == NID_pkcs7_signed && p7->d.sign != nullptr)
+        certs = p7->d.sign->cert;
+    else if (type == NID_pkcs7_signedAndEnveloped && p7->d.signed_and_enveloped != nullptr)
+        certs = p7->d.signed_and_enveloped->cert;
+    else
+        return false;
+    for (int i = 0; i < sk_X509_num(certs); ++i) {
+        X509Ptr c(X509_dup(sk_X509_value(certs, i)));
+        if (!c) throw std::bad_alloc();
+        out.push_back(std::move(c));
+    }
+    return true;
+}
+
+// certsOfPem - every CERTIFICATE block of PEM text.
+void certsOfPem(const uint8_t* data, uint32_t length, std::vector<X509Ptr>& out) {
+    BioPtr bio(BIO_new_mem_buf(data, static_cast<int>(length)));
+    while (bio) {
+        X509Ptr c(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+        if (!c) break;
+        out.push_back(std::move(c));
+    }
+    clearSslErrors();
+}
+
+// personalKeyFor - the first personal key (with private key) holding cert's public key.
+Rc personalKeyFor(sqlite3* db, X509* cert, std::optional<KeyRow>& out) {
+    out.reset();
+    EVP_PKEY* key = X509_get0_pubkey(cert);
+    if (key == nullptr) return sslError(ZAVKM_ERR_ASN);
+    std::vector<KeyRow> rows;
+    if (Rc rc = findKeysBySpki(db, spkiOf(key), rows); rc != ZAVKM_OK) return rc;
+    for (KeyRow& r : rows)
+        if (!r.privateKey.empty()) {
+            out = std::move(r);
+            break;
+        }
+    return ZAVKM_OK;
+}
+
+Rc verifyCodeToRc(int error) {
+    switch (error) {
+        case X509_V_OK: return ZAVKM_OK;
+        case X509_V_ERR_CERT_HAS_EXPIRED:
+        case X509_V_ERR_CERT_NOT_YET_VALID: return ZAVKM_ERR_VALIDATION_KEY_VALIDITY;
+        case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
+        case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY: return ZAVKM_ERR_VALIDATION_KEY_ISSUER_NOT_FOUND;
+        case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
+        case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
+        case X509_V_ERR_CERT_UNTRUSTED: return ZAVKM_ERR_CERT_ROOT_NOT_TRUSTED;
+        case X509_V_ERR_CERT_SIGNATURE_FAILURE: return ZAVKM_ERR_VALIDATION_KEY_SIGNATURE;
+        case X509_V_ERR_INVALID_CA: return ZAVKM_ERR_VALIDATION_KEY_BASIC_CONSTRAINTS;
+        case X509_V_ERR_CERT_REVOKED: return ZAVKM_ERR_CERT_REVOKED;
+        default: return ZAVKM_ERR_INVALID_CERT_CHAIN;
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+ZAVKM_ReturnCode ZAVKM_ExtractCertListFromPKCS7Data(const uint8_t* data, uint32_t length,
+                                                    ZAVKM_CertItemList** list) noexcept {
+    return withLibrary(__func__, {data, list}, [&]() -> Rc {
+        *list = nullptr;
+        if (length == 0) return ZAVKM_ERR_ASN;
+        std::vector<X509Ptr> certs;
+        if (!certsOfPkcs7(data, length, certs)) {  // also a PEM bundle or one certificate
+            certsOfPem(data, length, certs);
+            if (certs.empty())
+                if (X509Ptr one = parseCertificate(data, length)) certs.push_back(std::move(one));
+            if (certs.empty()) return ZAVKM_ERR_ASN;
+        }
+        CertItemListPtr out;
+        if (Rc rc = certListRecord(certs, out); rc != ZAVKM_OK) return rc;
+        *list = out.release();
+        return ZAVKM_OK;
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_CheckCertAsRenewal(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
+                                          uint32_t certLength, uint8_t* isRenewal) noexcept {
+    return withKeyDb(__func__, handle, {cert, isRenewal}, [&](KeyDb& kdb) -> Rc {
+        *isRenewal = 0;
+        X509Ptr x509 = parseCertificate(cert, certLength);
+        if (!x509) return ZAVKM_ERR_ASN;
+        std::optional<KeyRow> row;
+        if (Rc rc = personalKeyFor(kdb.db.get(), x509.get(), row); rc != ZAVKM_OK) return rc;
+        *isRenewal = row ? 1 : 0;
+        return ZAVKM_OK;
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_RenewCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
+                                 uint32_t certLength) noexcept {
+    return withKeyDb(__func__, handle, {cert}, [&](KeyDb& kdb) -> Rc {
+        X509Ptr x509 = parseCertificate(cert, certLength);
+        if (!x509) return ZAVKM_ERR_ASN;
+        if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(x509.get())); rc != ZAVKM_OK)
+            return rc;
+        sqlite3* db = kdb.db.get();
+        WriteTransaction tx(db);
+        if (tx.beginCode() != SQLITE_OK) return sqlRc(db, tx.beginCode(), ZAVKM_ERR_DATABASE_WRITE);
+        std::optional<KeyRow> row;
+        if (Rc rc = personalKeyFor(db, x509.get(), row); rc != ZAVKM_OK) return rc;
+        if (!row) return ZAVKM_ERR_REQKEY_FOR_CERT_NULL;
+        if (Rc rc = replaceCertificate(db, row->id, derOf(x509.get()),
+                                       derOf(X509_get_subject_name(x509.get())));
+            rc != ZAVKM_OK)
+            return rc;
+        int code = tx.commit();
+        return code == SQLITE_OK ? ZAVKM_OK : sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_ValidateCertChain(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
+                                         uint32_t certLength, uint8_t* isValid) noexcept {
+    return withKeyDb(__func__, handle, {cert, isValid}, [&](KeyDb& kdb) -> Rc {
+        *isValid = 0;
+        X509Ptr x509 = parseCertificate(cert, certLength);
+        if (!x509) return ZAVKM_ERR_ASN;
+        std::vector<KeyRow> rows;
+        if (Rc rc = allKeys(kdb.db.get(), rows); rc != ZAVKM_OK) return rc;
+        X509StorePtr store(X509_STORE_new());
+        X509StackPtr untrusted(sk_X509_new_null());
+        if (!store || !untrusted) return ZAVKM_ERR_MEMORY_ALLOCATE;
+        for (const KeyRow& r : rows) {
+            X509Ptr c = parseCertificate(r.cert.data(), r.cert.size());
+            if (!c) continue;
+            if (r.trusted) {
+                if (X509_STORE_add_cert(store.get(), c.get()) != 1) clearSslErrors();
+            } else if (sk_X509_push(untrusted.get(), c.get()) > 0) {
+                c.release();
+            }
+        }
+        X509_STORE_set_flags(store.get(), X509_V_FLAG_PARTIAL_CHAIN);
+        X509StoreCtxPtr ctx(X509_STORE_CTX_new());
+        if (!ctx || X509_STORE_CTX_init(ctx.get(), store.get(), x509.get(), untrusted.get()) != 1)
+            return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
+        int ok = X509_verify_cert(ctx.get());
+        int error = X509_STORE_CTX_get_error(ctx.get());
+        clearSslErrors();
+        trace("chain validation: %s", X509_verify_cert_error_string(error));
+        if (ok == 1) {
+            *isValid = 1;
+            return ZAVKM_OK;
+        }
+        return verifyCodeToRc(error != X509_V_OK ? error : X509_V_ERR_UNSPECIFIED);
+    });
+}
+
+}  // extern "C"

@@ -1,0 +1,321 @@
+// api_keys.cpp - label lists, key lookups, inserting, deleting and flagging keys, and private
+// keys under a password.
+#include "entries.h"
+#include "epki.h"
+#include "keyitems.h"
+#include "session.h"
+#include "x509util.h"
+
+using namespace zavkm;
+
+namespace {
+
+Rc labelList(const std::vector<std::string>& labels, ZAVKM_LabelList** list) {
+    LabelListBuilder builder;
+    for (const std::string& label : labels) builder.add(label);
+    *list = builder.take();
+    return ZAVKM_OK;
+}
+
+// commitOr - commits tx when rc is ZAVKM_OK; the commit's failure is the result.
+Rc commitOr(sqlite3* db, WriteTransaction& tx, Rc rc) {
+    if (rc != ZAVKM_OK) return rc;
+    int code = tx.commit();
+    return code == SQLITE_OK ? ZAVKM_OK : sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
+}
+
+// inWriteTransaction - runs fn(db) in one transaction, committed only when fn succeeds.
+template <class Fn>
+Rc inWriteTransaction(KeyDb& kdb, Fn&& fn) {
+    sqlite3* db = kdb.db.get();
+    WriteTransaction tx(db);
+    if (tx.beginCode() != SQLITE_OK) return sqlRc(db, tx.beginCode(), ZAVKM_ERR_DATABASE_WRITE);
+    return commitOr(db, tx, fn(db));
+}
+
+// keyItemsList - a list of key items for rows.
+Rc keyItemsList(const KeyDb& kdb, const std::vector<KeyRow>& rows, ZAVKM_KeyItemList** list) {
+    KeyItemListPtr head;
+    ZAVKM_KeyItemList* tail = nullptr;
+    for (const KeyRow& row : rows) {
+        KeyItemPtr item;
+        if (Rc rc = keyItemOf(kdb, row, item); rc != ZAVKM_OK) return rc;
+        auto* node = newRecord<ZAVKM_KeyItemList>();
+        node->key = item.release();
+        if (tail == nullptr)
+            head.reset(node);
+        else
+            tail->next = node;
+        tail = node;
+    }
+    *list = head.release();
+    return ZAVKM_OK;
+}
+
+// decodeKeyData - the private key of keyData, an EncryptedPrivateKeyInfo under the database's
+// password (a plain PrivateKeyInfo is accepted too).
+Rc decodeKeyData(const KeyDb& kdb, const uint8_t* key, uint32_t keyLength, PkeyPtr& out) {
+    if (PkeyPtr plain = parsePrivateKey(key, keyLength)) {
+        out = std::move(plain);
+        return ZAVKM_OK;
+    }
+    SecretBytes pkcs8;
+    std::string_view password(reinterpret_cast<const char*>(kdb.password.data()),
+                              kdb.password.size());
+    if (Rc rc = decryptEpki(key, keyLength, password, &kdb, pkcs8); rc != ZAVKM_OK) return rc;
+    out = keyFromPkcs8(pkcs8);
+    return out ? ZAVKM_OK : ZAVKM_ERR_ASN;
+}
+
+// sealedKeyRow - fills the key columns of a row (type, size, sealed private key) for key.
+Rc sealKey(const KeyDb& kdb, EVP_PKEY* key, const Bytes& spki, Bytes& sealed) {
+    SecretBytes pkcs8 = pkcs8Of(key);
+    if (pkcs8.empty()) return sslError(ZAVKM_ERR_ASN);
+    return sealPrivateKey(kdb, pkcs8, spki, sealed);
+}
+
+}  // namespace
+
+extern "C" {
+
+ZAVKM_ReturnCode ZAVKM_GetKeyDbLabelList(ZAVKM_KeyDbHandle handle,
+                                         ZAVKM_LabelList** list) noexcept {
+    return withKeyDb(__func__, handle, {list}, [&](KeyDb& kdb) -> Rc {
+        *list = nullptr;
+        std::vector<std::string> labels;
+        if (Rc rc = keyLabels(kdb.db.get(), labels); rc != ZAVKM_OK) return rc;
+        return labelList(labels, list);
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_GetReqKeyDbLabelList(ZAVKM_KeyDbHandle handle,
+                                            ZAVKM_LabelList** list) noexcept {
+    return withKeyDb(__func__, handle, {list}, [&](KeyDb& kdb) -> Rc {
+        *list = nullptr;
+        std::vector<std::string> labels;
+        if (Rc rc = requestLabels(kdb.db.get(), labels); rc != ZAVKM_OK) return rc;
+        return labelList(labels, list);
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_GetKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char* label,
+                                         ZAVKM_KeyItem** key) noexcept {
+    return withKeyDb(__func__, handle, {label, key}, [&](KeyDb& kdb) -> Rc {
+        *key = nullptr;
+        ReadTransaction tx(kdb.db.get());
+        std::optional<KeyRow> row;
+        if (Rc rc = findKey(kdb.db.get(), label, row); rc != ZAVKM_OK) return rc;
+        if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+        KeyItemPtr item;
+        if (Rc rc = keyItemOf(kdb, *row, item); rc != ZAVKM_OK) return rc;
+        *key = item.release();
+        return ZAVKM_OK;
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_GetReqKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char* label,
+                                            ZAVKM_ReqKeyItem** key) noexcept {
+    return withKeyDb(__func__, handle, {label, key}, [&](KeyDb& kdb) -> Rc {
+        *key = nullptr;
+        std::optional<RequestRow> row;
+        if (Rc rc = findRequest(kdb.db.get(), label, row); rc != ZAVKM_OK) return rc;
+        if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+        ReqKeyItemPtr item;
+        if (Rc rc = reqKeyItemOf(kdb, *row, item); rc != ZAVKM_OK) return rc;
+        *key = item.release();
+        return ZAVKM_OK;
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_GetKeyItemListByLabel(ZAVKM_KeyDbHandle handle, const char* label,
+                                             ZAVKM_KeyItemList** list) noexcept {
+    return withKeyDb(__func__, handle, {label, list}, [&](KeyDb& kdb) -> Rc {
+        *list = nullptr;
+        ReadTransaction tx(kdb.db.get());
+        std::optional<KeyRow> row;
+        if (Rc rc = findKey(kdb.db.get(), label, row); rc != ZAVKM_OK) return rc;
+        if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+        return keyItemsList(kdb, {*row}, list);
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_IsPrivateKeyPresent(ZAVKM_KeyDbHandle handle, const char* label,
+                                           uint8_t* present) noexcept {
+    return withKeyDb(__func__, handle, {label, present}, [&](KeyDb& kdb) -> Rc {
+        *present = 0;
+        std::optional<KeyRow> row;
+        if (Rc rc = findKey(kdb.db.get(), label, row); rc != ZAVKM_OK) return rc;
+        if (row) {
+            *present = row->privateKey.empty() ? 0 : 1;
+            return ZAVKM_OK;
+        }
+        std::optional<RequestRow> request;  // a request key always holds its private key
+        if (Rc rc = findRequest(kdb.db.get(), label, request); rc != ZAVKM_OK) return rc;
+        if (!request) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+        *present = 1;
+        return ZAVKM_OK;
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_GetDefaultKeyItem(ZAVKM_KeyDbHandle handle, ZAVKM_KeyItem** key) noexcept {
+    return withKeyDb(__func__, handle, {key}, [&](KeyDb& kdb) -> Rc {
+        *key = nullptr;
+        ReadTransaction tx(kdb.db.get());
+        std::optional<KeyRow> row;
+        if (Rc rc = findDefaultKey(kdb.db.get(), row); rc != ZAVKM_OK) return rc;
+        if (!row) return ZAVKM_ERR_KEYDB_DEFAULT_KEY_NULL;
+        KeyItemPtr item;
+        if (Rc rc = keyItemOf(kdb, *row, item); rc != ZAVKM_OK) return rc;
+        *key = item.release();
+        return ZAVKM_OK;
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_GetKeyItemsByPublicKey(ZAVKM_KeyDbHandle handle, uint32_t publicKeyLength,
+                                              const uint8_t* publicKey,
+                                              ZAVKM_KeyItemList** list) noexcept {
+    return withKeyDb(__func__, handle, {publicKey, list}, [&](KeyDb& kdb) -> Rc {
+        *list = nullptr;
+        if (publicKeyLength == 0) return ZAVKM_ERR_PARAMETER;
+        const unsigned char* p = publicKey;  // re-encoded, so any valid DER form matches
+        PkeyPtr key(d2i_PUBKEY(nullptr, &p, static_cast<long>(publicKeyLength)));
+        if (!key) return sslError(ZAVKM_ERR_ASN);
+        ReadTransaction tx(kdb.db.get());
+        std::vector<KeyRow> rows;
+        if (Rc rc = findKeysBySpki(kdb.db.get(), spkiOf(key.get()), rows); rc != ZAVKM_OK)
+            return rc;
+        return keyItemsList(kdb, rows, list);
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_DeleteKey(ZAVKM_KeyDbHandle handle, const char* label) noexcept {
+    return withKeyDb(__func__, handle, {label}, [&](KeyDb& kdb) {
+        return inWriteTransaction(kdb, [&](sqlite3* db) { return deleteKey(db, label); });
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_DeleteRequestKeyPair(ZAVKM_KeyDbHandle handle, const char* label) noexcept {
+    return withKeyDb(__func__, handle, {label}, [&](KeyDb& kdb) {
+        return inWriteTransaction(kdb, [&](sqlite3* db) { return deleteRequest(db, label); });
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_SetDefaultKeyByLabel(ZAVKM_KeyDbHandle handle, const char* label) noexcept {
+    return withKeyDb(__func__, handle, {label}, [&](KeyDb& kdb) {
+        return inWriteTransaction(kdb, [&](sqlite3* db) -> Rc {
+            std::optional<KeyRow> row;
+            if (Rc rc = findKey(db, label, row); rc != ZAVKM_OK) return rc;
+            if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+            if (row->privateKey.empty()) return ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL;
+            return setDefaultKey(db, label);
+        });
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_SetTrustStatus(ZAVKM_KeyDbHandle handle, const char* label,
+                                      uint8_t trusted) noexcept {
+    return withKeyDb(__func__, handle, {label}, [&](KeyDb& kdb) {
+        return inWriteTransaction(kdb,
+                                  [&](sqlite3* db) { return setTrusted(db, label, trusted != 0); });
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_InsertKey(ZAVKM_KeyDbHandle handle, const char* label, uint32_t certLength,
+                                 const uint8_t* cert, uint32_t keyLength, const uint8_t* key,
+                                 uint8_t makeDefault, uint8_t trusted) noexcept {
+    return withKeyDb(__func__, handle, {label, cert}, [&](KeyDb& kdb) -> Rc {
+        if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
+        if (key == nullptr && keyLength != 0) return ZAVKM_ERR_NULL_PARAMETER;
+        X509Ptr x509 = parseCertificate(cert, certLength);
+        if (!x509) return ZAVKM_ERR_ASN;
+        if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(x509.get())); rc != ZAVKM_OK)
+            return rc;
+        EVP_PKEY* publicKey = X509_get0_pubkey(x509.get());
+        if (publicKey == nullptr) return sslError(ZAVKM_ERR_ASN);
+        if (Rc rc = checkKeyPolicy(publicKey); rc != ZAVKM_OK) return rc;
+        KeyRow row;
+        row.label = label;
+        row.cert = derOf(x509.get());
+        row.spki = spkiOf(publicKey);
+        row.subject = derOf(X509_get_subject_name(x509.get()));
+        KeyInfo info = keyInfo(publicKey);
+        row.keyType = info.algorithm;
+        row.keyBits = info.bits;
+        row.trusted = trusted != 0;
+        if (key != nullptr && keyLength != 0) {
+            PkeyPtr privateKey;
+            if (Rc rc = decodeKeyData(kdb, key, keyLength, privateKey); rc != ZAVKM_OK) return rc;
+            if (!sameKey(privateKey.get(), publicKey)) return ZAVKM_ERR_VALIDATION_KEY_PAIR;
+            if (Rc rc = sealKey(kdb, privateKey.get(), row.spki, row.privateKey); rc != ZAVKM_OK)
+                return rc;
+            row.isDefault = makeDefault != 0;
+        } else if (makeDefault != 0) {
+            return ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL;  // only a personal key can be the default
+        }
+        return inWriteTransaction(kdb, [&](sqlite3* db) { return insertKey(db, row); });
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_InsertReqKey(ZAVKM_KeyDbHandle handle, const char* label,
+                                    uint32_t requestLength, const uint8_t* request,
+                                    uint32_t keyLength, const uint8_t* key) noexcept {
+    return withKeyDb(__func__, handle, {label, request, key}, [&](KeyDb& kdb) -> Rc {
+        if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
+        X509ReqPtr req = parseRequest(request, requestLength);
+        if (!req) return ZAVKM_ERR_ASN;
+        EVP_PKEY* publicKey = X509_REQ_get0_pubkey(req.get());
+        if (publicKey == nullptr) return sslError(ZAVKM_ERR_ASN);
+        if (Rc rc = checkKeyPolicy(publicKey); rc != ZAVKM_OK) return rc;
+        PkeyPtr privateKey;
+        if (Rc rc = decodeKeyData(kdb, key, keyLength, privateKey); rc != ZAVKM_OK) return rc;
+        if (!sameKey(privateKey.get(), publicKey)) return ZAVKM_ERR_VALIDATION_KEY_PAIR;
+        RequestRow row;
+        row.label = label;
+        row.request = derOf(req.get());
+        row.spki = spkiOf(publicKey);
+        KeyInfo info = keyInfo(publicKey);
+        row.keyType = info.algorithm;
+        row.keyBits = info.bits;
+        if (Rc rc = sealKey(kdb, privateKey.get(), row.spki, row.privateKey); rc != ZAVKM_OK)
+            return rc;
+        return inWriteTransaction(kdb, [&](sqlite3* db) { return insertRequest(db, row); });
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_GetEPKIItemFromPrivateKey(const uint8_t* privateKey,
+                                                 uint32_t privateKeyLength, const char* password,
+                                                 ZAVKM_EPKIItem** epki) noexcept {
+    return withLibrary(__func__, {privateKey, password, epki}, [&]() -> Rc {
+        *epki = nullptr;
+        if (isEmpty(password)) return ZAVKM_ERR_PWD_TOO_SHORT;
+        PkeyPtr key = parsePrivateKey(privateKey, privateKeyLength);
+        if (!key) return ZAVKM_ERR_ASN;
+        SecretBytes pkcs8 = pkcs8Of(key.get());
+        if (pkcs8.empty()) return sslError(ZAVKM_ERR_ASN);
+        Bytes der;
+        if (Rc rc = epkiWithPassword(password, pkcs8, der); rc != ZAVKM_OK) return rc;
+        EPKIPtr item(newRecord<ZAVKM_EPKIItem>());
+        copyBytes(der, &item->der, &item->derLength);
+        *epki = item.release();
+        return ZAVKM_OK;
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_GetPrivKeyInfoItemFromEPKIItem(const ZAVKM_EPKIItem* epki,
+                                                      const char* password,
+                                                      ZAVKM_PrivKeyInfoItem** pki) noexcept {
+    return withLibrary(__func__, {epki, password, pki}, [&]() -> Rc {
+        *pki = nullptr;
+        if (epki->der == nullptr) return ZAVKM_ERR_NULL_PARAMETER;
+        SecretBytes pkcs8;
+        if (Rc rc = decryptEpki(epki->der, epki->derLength, password, nullptr, pkcs8);
+            rc != ZAVKM_OK)
+            return rc;
+        PrivKeyInfoPtr item(newRecord<ZAVKM_PrivKeyInfoItem>());
+        copyBytes(pkcs8.data(), pkcs8.size(), &item->der, &item->derLength);
+        *pki = item.release();
+        return ZAVKM_OK;
+    });
+}
+
+}  // extern "C"

@@ -1,0 +1,197 @@
+// entries.cpp - reading and writing key database rows.
+#include "entries.h"
+
+#include <cstring>
+
+namespace zavkm {
+namespace {
+
+constexpr char kKeyColumns[] =
+    "SELECT id, label, cert, spki, subject, key_type, key_bits, private_key, is_default, "
+    "trusted FROM keys ";
+constexpr char kRequestColumns[] =
+    "SELECT id, label, request, spki, key_type, key_bits, private_key FROM requests ";
+
+KeyRow keyRow(const Stmt& s) {
+    KeyRow r;
+    r.id = s.integer(0);
+    r.label = s.text(1);
+    r.cert = s.blob(2);
+    r.spki = s.blob(3);
+    r.subject = s.blob(4);
+    r.keyType = static_cast<int32_t>(s.integer(5));
+    r.keyBits = static_cast<int32_t>(s.integer(6));
+    if (!s.isNull(7)) r.privateKey = s.blob(7);
+    r.isDefault = s.integer(8) != 0;
+    r.trusted = s.integer(9) != 0;
+    return r;
+}
+
+RequestRow requestRow(const Stmt& s) {
+    RequestRow r;
+    r.id = s.integer(0);
+    r.label = s.text(1);
+    r.request = s.blob(2);
+    r.spki = s.blob(3);
+    r.keyType = static_cast<int32_t>(s.integer(4));
+    r.keyBits = static_cast<int32_t>(s.integer(5));
+    r.privateKey = s.blob(6);
+    return r;
+}
+
+// collect - steps s to its end, appending make(s) for each row.
+template <class T, class Make>
+Rc collect(sqlite3* db, Stmt& s, std::vector<T>& out, Make make) {
+    for (;;) {
+        int code = s.step();
+        if (code == SQLITE_DONE) return ZAVKM_OK;
+        if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_READ);
+        out.push_back(make(s));
+    }
+}
+
+template <class T, class Make>
+Rc one(sqlite3* db, Stmt& s, std::optional<T>& out, Make make) {
+    std::vector<T> rows;
+    if (Rc rc = collect(db, s, rows, make); rc != ZAVKM_OK) return rc;
+    if (rows.empty())
+        out.reset();
+    else
+        out = std::move(rows.front());
+    return ZAVKM_OK;
+}
+
+Rc change(sqlite3* db, Stmt& s, bool mustHit) {
+    int code = s.step();
+    if ((code & 0xff) == SQLITE_CONSTRAINT) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
+    if (code != SQLITE_DONE) return sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
+    if (mustHit && sqlite3_changes(db) == 0) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    return ZAVKM_OK;
+}
+
+Rc clearDefault(sqlite3* db) {
+    Stmt s(db, "UPDATE keys SET is_default = 0 WHERE is_default <> 0");
+    return change(db, s, false);
+}
+
+}  // namespace
+
+Rc checkLabel(const char* label) noexcept {
+    if (label == nullptr) return ZAVKM_ERR_NULL_PARAMETER;
+    size_t n = std::strlen(label);
+    return n >= 1 && n <= 255 ? ZAVKM_OK : ZAVKM_ERR_PARAMETER;
+}
+
+Rc findKey(sqlite3* db, const std::string& label, std::optional<KeyRow>& out) {
+    Stmt s(db, std::string(kKeyColumns) + "WHERE label = ?1");
+    s.bind(1, label);
+    return one(db, s, out, keyRow);
+}
+
+Rc findDefaultKey(sqlite3* db, std::optional<KeyRow>& out) {
+    Stmt s(db, std::string(kKeyColumns) + "WHERE is_default <> 0 ORDER BY id LIMIT 1");
+    return one(db, s, out, keyRow);
+}
+
+Rc findKeysBySpki(sqlite3* db, const Bytes& spki, std::vector<KeyRow>& out) {
+    Stmt s(db, std::string(kKeyColumns) + "WHERE spki = ?1 ORDER BY id");
+    s.bind(1, spki);
+    return collect(db, s, out, keyRow);
+}
+
+Rc findKeysBySubject(sqlite3* db, const Bytes& subject, std::vector<KeyRow>& out) {
+    Stmt s(db, std::string(kKeyColumns) + "WHERE subject = ?1 ORDER BY id");
+    s.bind(1, subject);
+    return collect(db, s, out, keyRow);
+}
+
+Rc allKeys(sqlite3* db, std::vector<KeyRow>& out) {
+    Stmt s(db, std::string(kKeyColumns) + "ORDER BY id");
+    return collect(db, s, out, keyRow);
+}
+
+Rc findRequest(sqlite3* db, const std::string& label, std::optional<RequestRow>& out) {
+    Stmt s(db, std::string(kRequestColumns) + "WHERE label = ?1");
+    s.bind(1, label);
+    return one(db, s, out, requestRow);
+}
+
+Rc findRequestsBySpki(sqlite3* db, const Bytes& spki, std::vector<RequestRow>& out) {
+    Stmt s(db, std::string(kRequestColumns) + "WHERE spki = ?1 ORDER BY id");
+    s.bind(1, spki);
+    return collect(db, s, out, requestRow);
+}
+
+Rc keyLabels(sqlite3* db, std::vector<std::string>& out) {
+    Stmt s(db, "SELECT label FROM keys ORDER BY id");
+    return collect(db, s, out, [](const Stmt& st) { return st.text(0); });
+}
+
+Rc requestLabels(sqlite3* db, std::vector<std::string>& out) {
+    Stmt s(db, "SELECT label FROM requests ORDER BY id");
+    return collect(db, s, out, [](const Stmt& st) { return st.text(0); });
+}
+
+Rc insertKey(sqlite3* db, const KeyRow& row) {
+    if (row.isDefault)
+        if (Rc rc = clearDefault(db); rc != ZAVKM_OK) return rc;
+    Stmt s(db,
+           "INSERT INTO keys(label, cert, spki, subject, key_type, key_bits, private_key, "
+           "is_default, trusted) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)");
+    s.bind(1, row.label).bind(2, row.cert).bind(3, row.spki).bind(4, row.subject);
+    s.bind(5, int64_t{row.keyType}).bind(6, int64_t{row.keyBits});
+    if (row.privateKey.empty())
+        s.bindNull(7);
+    else
+        s.bind(7, row.privateKey);
+    s.bind(8, int64_t{row.isDefault ? 1 : 0}).bind(9, int64_t{row.trusted ? 1 : 0});
+    return change(db, s, false);
+}
+
+Rc insertRequest(sqlite3* db, const RequestRow& row) {
+    Stmt s(db,
+           "INSERT INTO requests(label, request, spki, key_type, key_bits, private_key) "
+           "VALUES(?1, ?2, ?3, ?4, ?5, ?6)");
+    s.bind(1, row.label).bind(2, row.request).bind(3, row.spki);
+    s.bind(4, int64_t{row.keyType}).bind(5, int64_t{row.keyBits}).bind(6, row.privateKey);
+    return change(db, s, false);
+}
+
+Rc deleteKey(sqlite3* db, const std::string& label) {
+    Stmt s(db, "DELETE FROM keys WHERE label = ?1");
+    s.bind(1, label);
+    return change(db, s, true);
+}
+
+Rc deleteRequest(sqlite3* db, const std::string& label) {
+    Stmt s(db, "DELETE FROM requests WHERE label = ?1");
+    s.bind(1, label);
+    return change(db, s, true);
+}
+
+Rc setDefaultKey(sqlite3* db, const std::string& label) {
+    if (Rc rc = clearDefault(db); rc != ZAVKM_OK) return rc;
+    Stmt s(db, "UPDATE keys SET is_default = 1 WHERE label = ?1");
+    s.bind(1, label);
+    return change(db, s, true);
+}
+
+Rc setTrusted(sqlite3* db, const std::string& label, bool trusted) {
+    Stmt s(db, "UPDATE keys SET trusted = ?2 WHERE label = ?1");
+    s.bind(1, label).bind(2, int64_t{trusted ? 1 : 0});
+    return change(db, s, true);
+}
+
+Rc replaceCertificate(sqlite3* db, int64_t id, const Bytes& cert, const Bytes& subject) {
+    Stmt s(db, "UPDATE keys SET cert = ?2, subject = ?3 WHERE id = ?1");
+    s.bind(1, id).bind(2, cert).bind(3, subject);
+    return change(db, s, true);
+}
+
+Rc updateRequest(sqlite3* db, int64_t id, const Bytes& request) {
+    Stmt s(db, "UPDATE requests SET request = ?2 WHERE id = ?1");
+    s.bind(1, id).bind(2, request);
+    return change(db, s, true);
+}
+
+}  // namespace zavkm

@@ -1,0 +1,106 @@
+// keyitems.cpp - key records for the caller.
+#include "keyitems.h"
+
+#include "epki.h"
+#include "x509records.h"
+#include "x509util.h"
+
+namespace zavkm {
+
+Rc chainOf(sqlite3* db, X509Ptr cert, std::vector<X509Ptr>& chain) {
+    chain.clear();
+    chain.push_back(std::move(cert));
+    while (chain.size() < 16) {
+        X509* last = chain.back().get();
+        if (isSelfSigned(last)) break;
+        std::vector<KeyRow> candidates;
+        Bytes issuerName = derOf(X509_get_issuer_name(last));
+        if (Rc rc = findKeysBySubject(db, issuerName, candidates); rc != ZAVKM_OK) return rc;
+        X509Ptr next;
+        for (const KeyRow& row : candidates) {
+            X509Ptr candidate = parseCertificate(row.cert.data(), row.cert.size());
+            if (candidate && signedBy(last, candidate.get())) {
+                next = std::move(candidate);
+                break;
+            }
+        }
+        if (!next) break;
+        bool seen = false;  // a loop of cross-signed certificates ends the walk
+        for (const X509Ptr& c : chain) seen = seen || X509_cmp(c.get(), next.get()) == 0;
+        if (seen) break;
+        chain.push_back(std::move(next));
+    }
+    return ZAVKM_OK;
+}
+
+Rc privateKeyOf(const KeyDb& kdb, const Bytes& sealed, const Bytes& spki, PkeyPtr& key) {
+    if (sealed.empty()) return ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL;
+    SecretBytes pkcs8;
+    if (Rc rc = openPrivateKey(kdb, sealed, spki, pkcs8); rc != ZAVKM_OK) return rc;
+    key = keyFromPkcs8(pkcs8);
+    return key ? ZAVKM_OK : ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
+}
+
+namespace {
+
+// epkiOf - the sealed key as an EPKI record.
+Rc epkiOf(const KeyDb& kdb, const Bytes& sealed, const Bytes& spki, EPKIPtr& out) {
+    SecretBytes pkcs8;
+    if (Rc rc = openPrivateKey(kdb, sealed, spki, pkcs8); rc != ZAVKM_OK) return rc;
+    Bytes der;
+    if (Rc rc = epkiForKeyDb(kdb, pkcs8, der); rc != ZAVKM_OK) return rc;
+    EPKIPtr epki(newRecord<ZAVKM_EPKIItem>());
+    copyBytes(der, &epki->der, &epki->derLength);
+    out = std::move(epki);
+    return ZAVKM_OK;
+}
+
+}  // namespace
+
+Rc keyItemOf(const KeyDb& kdb, const KeyRow& row, KeyItemPtr& out) {
+    KeyItemPtr item(newRecord<ZAVKM_KeyItem>());
+    item->shortValue1 = row.keyType;
+    item->label = copyText(row.label);
+    item->keySize = row.keyBits;
+    item->keyFlag1 = row.isDefault ? 1 : 0;
+    item->keyFlag2 = row.trusted ? 1 : 0;
+    copyBytes(row.spki, &item->keyBer, &item->keyBerLength);
+    item->hasKeyBer = 1;
+    if (!row.privateKey.empty()) {
+        EPKIPtr epki;
+        if (Rc rc = epkiOf(kdb, row.privateKey, row.spki, epki); rc != ZAVKM_OK) return rc;
+        item->epki = epki.release();
+        item->hasPrivateKey = 1;
+    }
+    X509Ptr cert = parseCertificate(row.cert.data(), row.cert.size());
+    if (!cert) return ZAVKM_ERR_DATABASE_CORRUPTION;
+    std::vector<X509Ptr> chain;
+    if (Rc rc = chainOf(kdb.db.get(), std::move(cert), chain); rc != ZAVKM_OK) return rc;
+    CertItemListPtr list;
+    if (Rc rc = certListRecord(chain, list); rc != ZAVKM_OK) return rc;
+    item->certList = list.release();
+    item->hasCertList = 1;
+    out = std::move(item);
+    return ZAVKM_OK;
+}
+
+Rc reqKeyItemOf(const KeyDb& kdb, const RequestRow& row, ReqKeyItemPtr& out) {
+    ReqKeyItemPtr item(newRecord<ZAVKM_ReqKeyItem>());
+    item->shortValue1 = row.keyType;
+    item->label = copyText(row.label);
+    item->keySize = row.keyBits;
+    copyBytes(row.spki, &item->keyBer, &item->keyBerLength);
+    item->hasKeyBer = 1;
+    X509ReqPtr req = parseRequest(row.request.data(), row.request.size());
+    if (!req) return ZAVKM_ERR_DATABASE_CORRUPTION;
+    CertReqItemPtr reqItem;
+    if (Rc rc = requestRecord(req.get(), reqItem); rc != ZAVKM_OK) return rc;
+    item->certReq = reqItem.release();
+    EPKIPtr epki;
+    if (Rc rc = epkiOf(kdb, row.privateKey, row.spki, epki); rc != ZAVKM_OK) return rc;
+    item->epki = epki.release();
+    out = std::move(item);
+    return ZAVKM_OK;
+}
+
+}  // namespace zavkm

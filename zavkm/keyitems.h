@@ -1,0 +1,24 @@
+// keyitems.h - key records for the caller: a key with its chain and encrypted private key, a
+// request key with its request.
+#pragma once
+
+#include "entries.h"
+#include "ossl.h"
+#include "records.h"
+
+namespace zavkm {
+
+// chainOf - cert followed by its issuers found in the database (by subject name and
+// signature), up to a self-signed one; at most 16 certificates.
+Rc chainOf(sqlite3* db, X509Ptr cert, std::vector<X509Ptr>& chain);
+
+// privateKeyOf - the private key of a row, unsealed; ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL for a
+// signer certificate, ZAVKM_ERR_DATABASE_KEY_INTEGRITY when the sealed key fails its check.
+Rc privateKeyOf(const KeyDb& kdb, const Bytes& sealed, const Bytes& spki, PkeyPtr& key);
+
+// keyItemOf / reqKeyItemOf - the ABI records of a row. The private key leaves as an
+// EncryptedPrivateKeyInfo under the database's password (no KDF run).
+Rc keyItemOf(const KeyDb& kdb, const KeyRow& row, KeyItemPtr& out);
+Rc reqKeyItemOf(const KeyDb& kdb, const RequestRow& row, ReqKeyItemPtr& out);
+
+}  // namespace zavkm

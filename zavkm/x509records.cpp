@@ -1,0 +1,230 @@
+// x509records.cpp - ABI records from decoded certificates, requests and names.
+#include "x509records.h"
+
+#include <openssl/asn1.h>
+
+#include <climits>
+#include <ctime>
+#include <string>
+
+#include "der.h"
+#include "x509util.h"
+
+namespace zavkm {
+namespace {
+
+// utf8Of - the entry's value as UTF-8 text.
+std::string utf8Of(const X509_NAME_ENTRY* entry) {
+    unsigned char* out = nullptr;
+    int n = ASN1_STRING_to_UTF8(&out, X509_NAME_ENTRY_get_data(entry));
+    if (n < 0) {
+        clearSslErrors();
+        return {};
+    }
+    std::string s(reinterpret_cast<char*>(out), static_cast<size_t>(n));
+    OPENSSL_free(out);
+    return s;
+}
+
+std::string oidText(const ASN1_OBJECT* obj, bool numeric) {
+    char buf[128];
+    int n = OBJ_obj2txt(buf, sizeof buf, obj, numeric ? 1 : 0);
+    return n > 0 ? std::string(buf, static_cast<size_t>(n) < sizeof buf ? static_cast<size_t>(n)
+                                                                         : sizeof buf - 1)
+                 : std::string();
+}
+
+int32_t clampedTime(const ASN1_TIME* t) {
+    std::tm tm{};
+    if (t == nullptr || ASN1_TIME_to_tm(t, &tm) != 1) {
+        clearSslErrors();
+        return 0;
+    }
+    int64_t seconds = static_cast<int64_t>(timegm(&tm));
+    if (seconds > INT32_MAX) return INT32_MAX;
+    if (seconds < INT32_MIN) return INT32_MIN;
+    return static_cast<int32_t>(seconds);
+}
+
+std::string serialHex(const ASN1_INTEGER* serial) {
+    BignumPtr bn(ASN1_INTEGER_to_BN(serial, nullptr));
+    if (!bn) {
+        clearSslErrors();
+        return {};
+    }
+    int n = BN_num_bytes(bn.get());
+    Bytes bytes(n > 0 ? static_cast<size_t>(n) : 1, 0);  // zero is one 00 byte
+    if (n > 0) BN_bn2bin(bn.get(), bytes.data());
+    static const char digits[] = "0123456789ABCDEF";
+    std::string hex = BN_is_negative(bn.get()) ? "-" : "";
+    for (uint8_t b : bytes) {
+        hex.push_back(digits[b >> 4]);
+        hex.push_back(digits[b & 15]);
+    }
+    return hex;
+}
+
+}  // namespace
+
+Rc dnRecord(const X509_NAME* name, DNPtr& out) {
+    DNPtr dn(newRecord<ZAVKM_DNItem>());
+    char** optional[] = {&dn->optionalField1, &dn->optionalField2, &dn->optionalField3,
+                         &dn->optionalField4};
+    size_t used = 0;
+    for (int i = 0; i < X509_NAME_entry_count(name); ++i) {
+        const X509_NAME_ENTRY* entry = X509_NAME_get_entry(name, i);
+        const ASN1_OBJECT* obj = X509_NAME_ENTRY_get_object(entry);
+        char** field = nullptr;
+        switch (OBJ_obj2nid(obj)) {
+            case NID_commonName: field = &dn->cn; break;
+            case NID_organizationalUnitName: field = &dn->ou; break;
+            case NID_organizationName: field = &dn->o; break;
+            case NID_localityName: field = &dn->l; break;
+            case NID_stateOrProvinceName: field = &dn->s; break;
+            case NID_postalCode: field = &dn->pc; break;
+            case NID_countryName: field = &dn->c; break;
+            default: break;
+        }
+        std::string value = utf8Of(entry);
+        if (field != nullptr && *field == nullptr) {
+            *field = copyText(value);
+        } else if (used < 4) {
+            int nid = OBJ_obj2nid(obj);
+            std::string type = nid != NID_undef ? OBJ_nid2sn(nid) : oidText(obj, true);
+            *optional[used++] = copyText(type + "=" + value);
+        }
+    }
+    Bytes der = derOf(name);
+    if (der.empty()) return sslError(ZAVKM_ERR_ASN);
+    copyBytes(der, &dn->der, &dn->derLength);
+    out = std::move(dn);
+    return ZAVKM_OK;
+}
+
+Rc certRecord(X509* cert, CertItemPtr& out) {
+    CertItemPtr item(newRecord<ZAVKM_CertItem>());
+    Bytes der = derOf(cert);
+    if (der.empty()) return sslError(ZAVKM_ERR_ASN);
+    copyBytes(der, &item->der, &item->derLength);
+    item->shortValue1 = static_cast<int32_t>(X509_get_version(cert)) + 1;
+    EVP_PKEY* key = X509_get0_pubkey(cert);
+    item->shortValue2 = key != nullptr ? EVP_PKEY_get_bits(key) : 0;
+    clearSslErrors();
+    std::string serial = serialHex(X509_get0_serialNumber(cert));
+    if (serial.empty()) return ZAVKM_ERR_ASN;
+    item->serialNumber = copyText(serial);
+    DNPtr issuer, subject;
+    if (Rc rc = dnRecord(X509_get_issuer_name(cert), issuer); rc != ZAVKM_OK) return rc;
+    if (Rc rc = dnRecord(X509_get_subject_name(cert), subject); rc != ZAVKM_OK) return rc;
+    item->issuer = issuer.release();
+    item->subject = subject.release();
+    item->effectTime = clampedTime(X509_get0_notBefore(cert));
+    item->expireTime = clampedTime(X509_get0_notAfter(cert));
+    const ASN1_BIT_STRING* sig = nullptr;
+    const X509_ALGOR* alg = nullptr;
+    X509_get0_signature(&sig, &alg, cert);
+    copyBytes(ASN1_STRING_get0_data(sig), static_cast<size_t>(ASN1_STRING_length(sig)),
+              &item->signature, &item->signatureLength);
+    Bytes algDer = toDer(alg, i2d_X509_ALGOR);
+    copyBytes(algDer, &item->sigAlgId, &item->sigAlgIdLength);
+    const ASN1_OBJECT* algObj = nullptr;
+    X509_ALGOR_get0(&algObj, nullptr, nullptr, alg);
+    item->sigAlgIdOID = copyText(oidText(algObj, true));
+    int nid = OBJ_obj2nid(algObj);
+    item->sigAlgIdOIDName = copyText(nid != NID_undef ? OBJ_nid2ln(nid) : oidText(algObj, true));
+    Bytes spki = toDer(X509_get_X509_PUBKEY(cert), i2d_X509_PUBKEY);
+    copyBytes(spki, &item->spki, &item->spkiLength);
+    const STACK_OF(X509_EXTENSION)* exts = X509_get0_extensions(cert);
+    if (exts != nullptr && sk_X509_EXTENSION_num(exts) > 0) {
+        Bytes extDer = toDer(exts, i2d_X509_EXTENSIONS);
+        copyBytes(extDer, &item->extensions, &item->extensionsLength);
+    }
+    out = std::move(item);
+    return ZAVKM_OK;
+}
+
+Rc certListRecord(const std::vector<X509Ptr>& certs, CertItemListPtr& out) {
+    CertItemListPtr head;
+    ZAVKM_CertItemList* tail = nullptr;
+    for (const X509Ptr& cert : certs) {
+        CertItemPtr item;
+        if (Rc rc = certRecord(cert.get(), item); rc != ZAVKM_OK) return rc;
+        auto* node = newRecord<ZAVKM_CertItemList>();
+        node->cert = item.release();
+        if (tail == nullptr)
+            head.reset(node);
+        else
+            tail->next = node;
+        tail = node;
+    }
+    out = std::move(head);
+    return ZAVKM_OK;
+}
+
+Bytes tbsOf(const uint8_t* der, size_t n) {
+    DerElement outer, tbs;
+    if (!readDer(der, n, outer) || outer.tag != 0x30 || outer.totalLength != n) return {};
+    if (!readDer(outer.content, outer.contentLength, tbs) || tbs.tag != 0x30) return {};
+    return Bytes(tbs.start, tbs.start + tbs.totalLength);
+}
+
+namespace {
+
+// requestParts - the information part of a request and its attributes as a SET OF Attribute.
+void requestParts(const Bytes& der, Bytes& info, Bytes& attributes) {
+    DerElement outer, cri, field;
+    if (!readDer(der.data(), der.size(), outer) || outer.tag != 0x30) return;
+    if (!readDer(outer.content, outer.contentLength, cri) || cri.tag != 0x30) return;
+    info.assign(cri.start, cri.start + cri.totalLength);
+    const uint8_t* p = cri.content;
+    size_t left = cri.contentLength;
+    for (int i = 0; i < 4 && readDer(p, left, field); ++i) {  // version, subject, spki, [0]
+        if (i == 3 && field.tag == 0xA0 && field.contentLength > 0) {
+            attributes.assign(field.start, field.start + field.totalLength);
+            attributes[0] = 0x31;  // [0] IMPLICIT SET OF becomes a plain SET OF
+        }
+        p += field.totalLength;
+        left -= field.totalLength;
+    }
+}
+
+}  // namespace
+
+Rc requestRecord(X509_REQ* req, CertReqItemPtr& out) {
+    CertReqItemPtr item(newRecord<ZAVKM_CertReqItem>());
+    Bytes der = derOf(req);
+    if (der.empty()) return sslError(ZAVKM_ERR_ASN);
+    copyBytes(der, &item->der, &item->derLength);
+    const ASN1_BIT_STRING* sig = nullptr;
+    const X509_ALGOR* alg = nullptr;
+    X509_REQ_get0_signature(req, &sig, &alg);
+    copyBytes(ASN1_STRING_get0_data(sig), static_cast<size_t>(ASN1_STRING_length(sig)),
+              &item->sig, &item->sigLength);
+    Bytes algDer = toDer(alg, i2d_X509_ALGOR);
+    copyBytes(algDer, &item->sigAlgId, &item->sigAlgIdLength);
+    const ASN1_OBJECT* algObj = nullptr;
+    X509_ALGOR_get0(&algObj, nullptr, nullptr, alg);
+    item->sigAlgIdOID = copyText(oidText(algObj, true));
+    int nid = OBJ_obj2nid(algObj);
+    item->sigAlgIdOIDName = copyText(nid != NID_undef ? OBJ_nid2ln(nid) : oidText(algObj, true));
+
+    auto* info = newRecord<ZAVKM_CertReqInfoItem>();
+    item->certReqInfoItem = info;
+    Bytes infoDer, attributes;
+    requestParts(der, infoDer, attributes);
+    if (infoDer.empty()) return ZAVKM_ERR_ASN;
+    copyBytes(infoDer, &info->der, &info->derLength);
+    EVP_PKEY* key = X509_REQ_get0_pubkey(req);
+    info->keySize = key != nullptr ? EVP_PKEY_get_bits(key) : 0;
+    clearSslErrors();
+    DNPtr subject;
+    if (Rc rc = dnRecord(X509_REQ_get_subject_name(req), subject); rc != ZAVKM_OK) return rc;
+    info->subjectName = subject.release();
+    Bytes spki = key != nullptr ? spkiOf(key) : Bytes();
+    copyBytes(spki, &info->spki, &info->spkiLength);
+    if (!attributes.empty()) copyBytes(attributes, &info->attributes, &info->attributesLength);
+    out = std::move(item);
+    return ZAVKM_OK;
+}
+
+}  // namespace zavkm

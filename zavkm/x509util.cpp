@@ -1,0 +1,358 @@
+// x509util.cpp - certificates, requests and keys.
+#include "x509util.h"
+
+#include <openssl/bn.h>
+#include <openssl/pem.h>
+
+#include <cctype>
+#include <string>
+
+#include "files.h"
+#include "state.h"
+
+namespace zavkm {
+namespace {
+
+bool looksLikePem(const uint8_t* p, size_t n) {
+    static const char marker[] = "-----BEGIN";
+    if (n < sizeof marker - 1) return false;
+    std::string_view text(reinterpret_cast<const char*>(p), n < 4096 ? n : 4096);
+    return text.find(marker) != std::string_view::npos;
+}
+
+BioPtr memBio(const uint8_t* p, size_t n) {
+    return BioPtr(BIO_new_mem_buf(p, static_cast<int>(n)));
+}
+
+
+}  // namespace
+
+X509Ptr parseCertificate(const uint8_t* p, size_t n) {
+    if (p == nullptr || n == 0 || n > 0x7fffffff) return nullptr;
+    X509Ptr cert;
+    if (looksLikePem(p, n)) {
+        BioPtr bio = memBio(p, n);
+        cert.reset(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+    } else {
+        const unsigned char* q = p;
+        cert.reset(d2i_X509(nullptr, &q, static_cast<long>(n)));
+        if (cert && q != p + n) cert.reset();  // trailing bytes: not one certificate
+    }
+    clearSslErrors();
+    return cert;
+}
+
+X509ReqPtr parseRequest(const uint8_t* p, size_t n) {
+    if (p == nullptr || n == 0 || n > 0x7fffffff) return nullptr;
+    X509ReqPtr req;
+    if (looksLikePem(p, n)) {
+        BioPtr bio = memBio(p, n);
+        req.reset(PEM_read_bio_X509_REQ(bio.get(), nullptr, nullptr, nullptr));
+    } else {
+        const unsigned char* q = p;
+        req.reset(d2i_X509_REQ(nullptr, &q, static_cast<long>(n)));
+        if (req && q != p + n) req.reset();
+    }
+    clearSslErrors();
+    return req;
+}
+
+PkeyPtr parsePrivateKey(const uint8_t* p, size_t n) {
+    if (p == nullptr || n == 0 || n > 0x7fffffff) return nullptr;
+    PkeyPtr key;
+    if (looksLikePem(p, n)) {
+        BioPtr bio = memBio(p, n);
+        // No password callback: an encrypted PEM key is refused here rather than prompted for.
+        key.reset(PEM_read_bio_PrivateKey(bio.get(), nullptr,
+                                          [](char*, int, int, void*) { return -1; }, nullptr));
+    } else {
+        const unsigned char* q = p;
+        key.reset(d2i_AutoPrivateKey(nullptr, &q, static_cast<long>(n)));
+    }
+    clearSslErrors();
+    return key;
+}
+
+KeyInfo keyInfo(const EVP_PKEY* key) noexcept {
+    KeyInfo info;
+    if (key == nullptr) return info;
+    if (EVP_PKEY_is_a(key, "RSA") || EVP_PKEY_is_a(key, "RSA-PSS"))
+        info.algorithm = 1;
+    else if (EVP_PKEY_is_a(key, "EC"))
+        info.algorithm = 2;
+    info.bits = EVP_PKEY_get_bits(key);
+    return info;
+}
+
+Rc checkKeyPolicy(const EVP_PKEY* key) noexcept {
+    KeyInfo info = keyInfo(key);
+    if (info.algorithm == 0) return ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
+    if (fipsMode() && info.algorithm == 1 && info.bits < 2048)
+        return ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE;
+    return ZAVKM_OK;
+}
+
+Rc checkSignaturePolicy(int signatureNid) noexcept {
+    if (!fipsMode()) return ZAVKM_OK;
+    int digest = NID_undef, pkey = NID_undef;
+    if (OBJ_find_sigid_algs(signatureNid, &digest, &pkey) != 1) return ZAVKM_OK;
+    if (digest == NID_md5 || digest == NID_sha1 || digest == NID_md5_sha1 || digest == NID_md2 ||
+        digest == NID_md4)
+        return ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
+    return ZAVKM_OK;
+}
+
+Rc generateKey(int32_t keySize, PkeyPtr& out) noexcept {
+    EVP_PKEY* key = nullptr;
+    if (keySize >= 1024 && keySize <= 16384) {
+        if (fipsMode() && keySize < 2048) return ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE;
+        key = EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", static_cast<size_t>(keySize));
+    } else if (keySize == 256 || keySize == 384 || keySize == 521) {
+        const char* curve = keySize == 256 ? "P-256" : keySize == 384 ? "P-384" : "P-521";
+        key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", curve);
+    } else {
+        return ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE;
+    }
+    if (key == nullptr) return sslError(ZAVKM_ERR_CRYPTO);
+    out.reset(key);
+    return ZAVKM_OK;
+}
+
+Rc signatureDigest(int32_t selector, const EVP_MD*& md) noexcept {
+    switch (selector) {
+        case 1: md = EVP_sha256(); return ZAVKM_OK;
+        case 2: md = EVP_sha384(); return ZAVKM_OK;
+        default: return ZAVKM_ERR_SIGNATURE_ALGORITHM;
+    }
+}
+
+Rc nameFromDN(const ZAVKM_DNItem* dn, X509NamePtr& out) {
+    if (dn == nullptr) return ZAVKM_ERR_INVALID_DN_INPUT;
+    X509NamePtr name(X509_NAME_new());
+    if (!name) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
+    const struct {
+        int nid;
+        const char* value;
+    } parts[] = {
+        {NID_countryName, dn->c},       {NID_stateOrProvinceName, dn->s},
+        {NID_localityName, dn->l},      {NID_postalCode, dn->pc},
+        {NID_organizationName, dn->o},  {NID_organizationalUnitName, dn->ou},
+        {NID_commonName, dn->cn},
+    };
+    for (const auto& part : parts) {
+        if (isEmpty(part.value)) continue;
+        if (X509_NAME_add_entry_by_NID(name.get(), part.nid, MBSTRING_UTF8,
+                                       reinterpret_cast<const unsigned char*>(part.value), -1, -1,
+                                       0) != 1)
+            return sslError(ZAVKM_ERR_INVALID_DN_INPUT);
+    }
+    if (X509_NAME_entry_count(name.get()) == 0) return ZAVKM_ERR_INVALID_DN_INPUT;
+    out = std::move(name);
+    return ZAVKM_OK;
+}
+
+Rc parseExtensions(const uint8_t* p, uint32_t n, ExtStackPtr& out) {
+    ExtStackPtr exts;
+    if (n == 0) {
+        exts.reset(sk_X509_EXTENSION_new_null());
+        if (!exts) return ZAVKM_ERR_MEMORY_ALLOCATE;
+        out = std::move(exts);
+        return ZAVKM_OK;
+    }
+    if (p == nullptr) return ZAVKM_ERR_PARAMETER;
+    const unsigned char* q = p;
+    exts.reset(d2i_X509_EXTENSIONS(nullptr, &q, static_cast<long>(n)));
+    if (!exts || q != p + n) return sslError(ZAVKM_ERR_ASN);
+    for (int i = 0; i < sk_X509_EXTENSION_num(exts.get()); ++i) {
+        const ASN1_OBJECT* a = X509_EXTENSION_get_object(sk_X509_EXTENSION_value(exts.get(), i));
+        for (int j = i + 1; j < sk_X509_EXTENSION_num(exts.get()); ++j)
+            if (OBJ_cmp(a, X509_EXTENSION_get_object(sk_X509_EXTENSION_value(exts.get(), j))) == 0)
+                return ZAVKM_ERR_VALIDATION_DUPLICATE_EXTENSIONS;
+    }
+    out = std::move(exts);
+    return ZAVKM_OK;
+}
+
+Rc parseSerial(const char* text, Asn1IntPtr& out) {
+    BIGNUM* raw = nullptr;
+    if (isEmpty(text)) {
+        uint8_t bytes[16];
+        if (Rc rc = randomBytes(bytes, sizeof bytes); rc != ZAVKM_OK) return rc;
+        bytes[0] &= 0x7f;  // positive, so the DER needs no leading zero byte
+        bytes[0] |= 0x40;  // and it keeps all 16 bytes
+        raw = BN_bin2bn(bytes, sizeof bytes, nullptr);
+    } else {
+        std::string s(text);
+        bool hex = s.size() > 2 && s[0] == '0' && (s[1] == 'x' || s[1] == 'X');
+        std::string digits = hex ? s.substr(2) : s;
+        if (digits.empty() || digits.size() > 80) return ZAVKM_ERR_PARAMETER;
+        for (char c : digits)
+            if (!(hex ? std::isxdigit(static_cast<unsigned char>(c))
+                      : std::isdigit(static_cast<unsigned char>(c))))
+                return ZAVKM_ERR_PARAMETER;
+        int used = hex ? BN_hex2bn(&raw, digits.c_str()) : BN_dec2bn(&raw, digits.c_str());
+        if (used != static_cast<int>(digits.size())) {
+            BN_free(raw);
+            return sslError(ZAVKM_ERR_PARAMETER);
+        }
+    }
+    BignumPtr bn(raw);
+    if (!bn) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
+    if (BN_is_zero(bn.get()) || BN_is_negative(bn.get()) || BN_num_bytes(bn.get()) > 20)
+        return ZAVKM_ERR_PARAMETER;
+    out.reset(BN_to_ASN1_INTEGER(bn.get(), nullptr));
+    if (!out) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
+    return ZAVKM_OK;
+}
+
+Rc checkValidityDays(int32_t days) noexcept {
+    if (days > 9999) return ZAVKM_ERR_EXPIRE_DAYS_TOO_LARGE;
+    if (days < 1) return ZAVKM_ERR_PARAMETER;
+    return ZAVKM_OK;
+}
+
+namespace {
+
+// addExtension - one extension from its configuration text; replaces one of the same type.
+Rc addExtension(X509* cert, X509V3_CTX* ctx, int nid, const char* value, bool critical) {
+    std::string text = critical ? std::string("critical,") + value : std::string(value);
+    X509ExtPtr ext(X509V3_EXT_nconf_nid(nullptr, ctx, nid, text.c_str()));
+    if (!ext) return sslError(ZAVKM_ERR_CRYPTO);
+    if (X509_add_ext(cert, ext.get(), -1) != 1) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
+    return ZAVKM_OK;
+}
+
+// replaceExtension - adds ext, removing any extension of the same type first.
+Rc replaceExtension(X509* cert, X509_EXTENSION* ext) {
+    int at = X509_get_ext_by_OBJ(cert, X509_EXTENSION_get_object(ext), -1);
+    if (at >= 0) X509_EXTENSION_free(X509_delete_ext(cert, at));
+    if (X509_add_ext(cert, ext, -1) != 1) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
+    return ZAVKM_OK;
+}
+
+}  // namespace
+
+Rc makeCertificate(const CertSpec& spec, X509Ptr& out) {
+    X509Ptr cert(X509_new());
+    if (!cert) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
+    const bool v3 = spec.version != 1;
+    X509* issuerCert = spec.issuer != nullptr ? spec.issuer : cert.get();
+    if (X509_set_version(cert.get(), v3 ? 2 : 0) != 1 ||
+        X509_set_serialNumber(cert.get(), const_cast<ASN1_INTEGER*>(spec.serial)) != 1 ||
+        X509_set_subject_name(cert.get(), spec.subject) != 1 ||
+        X509_set_issuer_name(cert.get(), spec.issuer != nullptr
+                                             ? X509_get_subject_name(spec.issuer)
+                                             : spec.subject) != 1 ||
+        X509_gmtime_adj(X509_getm_notBefore(cert.get()), 0) == nullptr ||
+        X509_time_adj_ex(X509_getm_notAfter(cert.get()), spec.days, 0, nullptr) == nullptr ||
+        X509_set_pubkey(cert.get(), spec.subjectKey) != 1)
+        return sslError(ZAVKM_ERR_CRYPTO);
+    if (v3) {
+        X509V3_CTX ctx;
+        X509V3_set_ctx(&ctx, issuerCert, cert.get(), nullptr, nullptr, 0);
+        Rc rc = spec.ca ? addExtension(cert.get(), &ctx, NID_basic_constraints, "CA:TRUE", true)
+                        : addExtension(cert.get(), &ctx, NID_basic_constraints, "CA:FALSE", false);
+        if (rc == ZAVKM_OK && spec.ca)
+            rc = addExtension(cert.get(), &ctx, NID_key_usage,
+                              "keyCertSign,cRLSign,digitalSignature", true);
+        if (rc == ZAVKM_OK)
+            rc = addExtension(cert.get(), &ctx, NID_subject_key_identifier, "hash", false);
+        if (rc == ZAVKM_OK)
+            rc = addExtension(cert.get(), &ctx, NID_authority_key_identifier, "keyid:always",
+                              false);
+        for (int i = 0; rc == ZAVKM_OK && spec.extra != nullptr &&
+                        i < sk_X509_EXTENSION_num(spec.extra);
+             ++i)
+            rc = replaceExtension(cert.get(), sk_X509_EXTENSION_value(spec.extra, i));
+        if (rc != ZAVKM_OK) return rc;
+    } else if (spec.extra != nullptr && sk_X509_EXTENSION_num(spec.extra) > 0) {
+        return ZAVKM_ERR_VALIDATION_KEY_WRONG_VERSION;  // a v1 certificate carries none
+    }
+    if (X509_sign(cert.get(), spec.signingKey, spec.md) <= 0) return sslError(ZAVKM_ERR_CRYPTO_SIGN);
+    out = std::move(cert);
+    return ZAVKM_OK;
+}
+
+Rc makeRequest(const X509_NAME* subject, EVP_PKEY* key, const STACK_OF(X509_EXTENSION) * exts,
+               const EVP_MD* md, X509ReqPtr& out) {
+    X509ReqPtr req(X509_REQ_new());
+    if (!req) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
+    if (X509_REQ_set_version(req.get(), 0) != 1 ||
+        X509_REQ_set_subject_name(req.get(), subject) != 1 ||
+        X509_REQ_set_pubkey(req.get(), key) != 1)
+        return sslError(ZAVKM_ERR_CRYPTO);
+    if (exts != nullptr && sk_X509_EXTENSION_num(exts) > 0 &&
+        X509_REQ_add_extensions(req.get(), const_cast<STACK_OF(X509_EXTENSION)*>(exts)) != 1)
+        return sslError(ZAVKM_ERR_ASN);
+    if (X509_REQ_sign(req.get(), key, md) <= 0) return sslError(ZAVKM_ERR_CRYPTO_SIGN);
+    out = std::move(req);
+    return ZAVKM_OK;
+}
+
+Bytes spkiOf(const EVP_PKEY* key) { return toDer(key, i2d_PUBKEY); }
+
+SecretBytes pkcs8Of(const EVP_PKEY* key) {
+    P8InfPtr p8(EVP_PKEY2PKCS8(key));
+    if (!p8) {
+        clearSslErrors();
+        return {};
+    }
+    int n = i2d_PKCS8_PRIV_KEY_INFO(p8.get(), nullptr);
+    if (n <= 0) return {};
+    SecretBytes out(static_cast<size_t>(n));
+    unsigned char* q = out.data();
+    if (i2d_PKCS8_PRIV_KEY_INFO(p8.get(), &q) != n) return {};
+    return out;
+}
+
+PkeyPtr keyFromPkcs8(const SecretBytes& pkcs8) {
+    const unsigned char* q = pkcs8.data();
+    P8InfPtr p8(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &q, static_cast<long>(pkcs8.size())));
+    PkeyPtr key(p8 ? EVP_PKCS82PKEY(p8.get()) : nullptr);
+    clearSslErrors();
+    return key;
+}
+
+bool sameKey(const EVP_PKEY* a, const EVP_PKEY* b) noexcept {
+    int r = EVP_PKEY_eq(a, b);
+    clearSslErrors();
+    return r == 1;
+}
+
+Bytes derOf(const X509* cert) { return toDer(cert, i2d_X509); }
+Bytes derOf(const X509_REQ* req) { return toDer(req, i2d_X509_REQ); }
+Bytes derOf(const X509_NAME* name) { return toDer(name, i2d_X509_NAME); }
+
+Rc writeCertificateFile(const char* fileName, const X509* cert, bool pem) {
+    if (!pem) {
+        Bytes der = derOf(cert);
+        if (der.empty()) return sslError(ZAVKM_ERR_ASN);
+        return writeFile(fileName, der, 0644);
+    }
+    BioPtr bio(BIO_new(BIO_s_mem()));
+    if (!bio || PEM_write_bio_X509(bio.get(), cert) != 1) return sslError(ZAVKM_ERR_BASE64_ENCODING);
+    char* data = nullptr;
+    long n = BIO_get_mem_data(bio.get(), &data);
+    return writeFile(fileName, reinterpret_cast<const uint8_t*>(data), static_cast<size_t>(n), 0644);
+}
+
+Rc writeRequestFile(const char* fileName, const X509_REQ* req) {
+    BioPtr bio(BIO_new(BIO_s_mem()));
+    if (!bio || PEM_write_bio_X509_REQ(bio.get(), req) != 1)
+        return sslError(ZAVKM_ERR_BASE64_ENCODING);
+    char* data = nullptr;
+    long n = BIO_get_mem_data(bio.get(), &data);
+    return writeFile(fileName, reinterpret_cast<const uint8_t*>(data), static_cast<size_t>(n), 0644);
+}
+
+bool signedBy(X509* cert, X509* issuer) noexcept {
+    if (X509_NAME_cmp(X509_get_issuer_name(cert), X509_get_subject_name(issuer)) != 0) return false;
+    EVP_PKEY* key = X509_get0_pubkey(issuer);
+    int r = key != nullptr ? X509_verify(cert, key) : 0;
+    clearSslErrors();
+    return r == 1;
+}
+
+bool isSelfSigned(X509* cert) noexcept { return signedBy(cert, cert); }
+
+}  // namespace zavkm

@@ -1,0 +1,106 @@
+// x509util.h - certificates, requests and keys with OpenSSL's EVP and X509 interfaces:
+// parsing (DER or PEM), key generation, names, extensions, serial numbers, signing policy,
+// and writing files.
+#pragma once
+
+#include "ossl.h"
+
+namespace zavkm {
+
+// parseCertificate / parseRequest - a certificate or PKCS#10 request from DER or PEM bytes;
+// null when the bytes are neither (the error queue is cleared).
+X509Ptr parseCertificate(const uint8_t* p, size_t n);
+X509ReqPtr parseRequest(const uint8_t* p, size_t n);
+
+// parsePrivateKey - an unencrypted private key: PKCS#8 PrivateKeyInfo or the algorithm's own
+// form, DER or PEM; null when it is none of these.
+PkeyPtr parsePrivateKey(const uint8_t* p, size_t n);
+
+// KeyInfo - the key algorithm (1 RSA, 2 EC, 0 other) and size in bits.
+struct KeyInfo {
+    int32_t algorithm = 0;
+    int32_t bits = 0;
+};
+KeyInfo keyInfo(const EVP_PKEY* key) noexcept;
+
+// generateKey - 1024 to 16384 gives RSA of that many bits, 256/384/521 EC P-256/P-384/P-521;
+// anything else, or RSA below 2048 in FIPS mode, ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE.
+Rc generateKey(int32_t keySize, PkeyPtr& out) noexcept;
+
+// checkKeyPolicy - ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE for an RSA key below 2048 bits in
+// FIPS mode, ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM for a key that is neither RSA nor EC.
+Rc checkKeyPolicy(const EVP_PKEY* key) noexcept;
+
+// checkSignaturePolicy - in FIPS mode, ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM for an MD5 or
+// SHA-1 signature algorithm (nid of the signature algorithm).
+Rc checkSignaturePolicy(int signatureNid) noexcept;
+
+// signatureDigest - selector 1 gives SHA-256, 2 SHA-384, else ZAVKM_ERR_SIGNATURE_ALGORITHM.
+Rc signatureDigest(int32_t selector, const EVP_MD*& md) noexcept;
+
+// nameFromDN - an X509_NAME from the named parts of dn (C, ST, L, postalCode, O, OU, CN);
+// ZAVKM_ERR_INVALID_DN_INPUT when it has none or a part is not valid for its type.
+Rc nameFromDN(const ZAVKM_DNItem* dn, X509NamePtr& out);
+
+// parseExtensions - DER Extensions (SEQUENCE OF Extension). A null pointer with length 0 gives
+// an empty stack; null with a length ZAVKM_ERR_PARAMETER; bad DER ZAVKM_ERR_ASN; an extension
+// twice ZAVKM_ERR_VALIDATION_DUPLICATE_EXTENSIONS.
+Rc parseExtensions(const uint8_t* p, uint32_t n, ExtStackPtr& out);
+
+// parseSerial - decimal, or hexadecimal after "0x"; null or empty gives a random positive
+// 128-bit serial. Zero, negative or malformed: ZAVKM_ERR_PARAMETER.
+Rc parseSerial(const char* text, Asn1IntPtr& out);
+
+// checkValidityDays - 1 to 9999; more gives ZAVKM_ERR_EXPIRE_DAYS_TOO_LARGE, less
+// ZAVKM_ERR_PARAMETER.
+Rc checkValidityDays(int32_t days) noexcept;
+
+// CertSpec - what makeCertificate needs. issuer null means self-signed (subjectKey signs).
+struct CertSpec {
+    int32_t version = 3;                       // 1 gives a v1 certificate, else v3
+    const X509_NAME* subject = nullptr;
+    EVP_PKEY* subjectKey = nullptr;            // its public half goes into the certificate
+    X509* issuer = nullptr;                    // issuer certificate, or null
+    EVP_PKEY* signingKey = nullptr;            // the issuer's private key
+    const ASN1_INTEGER* serial = nullptr;
+    int32_t days = 365;
+    const EVP_MD* md = nullptr;
+    bool ca = false;                           // CA:TRUE and keyCertSign
+    const STACK_OF(X509_EXTENSION)* extra = nullptr;  // added last, replacing same-type ones
+};
+Rc makeCertificate(const CertSpec& spec, X509Ptr& out);
+
+// makeRequest - a signed PKCS#10 request for key with subject and extensions (may be null).
+Rc makeRequest(const X509_NAME* subject, EVP_PKEY* key, const STACK_OF(X509_EXTENSION) * exts,
+               const EVP_MD* md, X509ReqPtr& out);
+
+// spkiOf - the DER SubjectPublicKeyInfo of a key.
+Bytes spkiOf(const EVP_PKEY* key);
+
+// pkcs8Of - the DER PKCS#8 PrivateKeyInfo of a private key; empty on failure.
+SecretBytes pkcs8Of(const EVP_PKEY* key);
+
+// keyFromPkcs8 - the private key in a DER PrivateKeyInfo; null when it is not one.
+PkeyPtr keyFromPkcs8(const SecretBytes& pkcs8);
+
+// sameKey - whether two keys share their public half.
+bool sameKey(const EVP_PKEY* a, const EVP_PKEY* b) noexcept;
+
+// derOf - the DER of a certificate or request.
+Bytes derOf(const X509* cert);
+Bytes derOf(const X509_REQ* req);
+Bytes derOf(const X509_NAME* name);
+
+// writeCertificateFile - PEM or DER, atomically.
+Rc writeCertificateFile(const char* fileName, const X509* cert, bool pem);
+
+// writeRequestFile - PEM, atomically.
+Rc writeRequestFile(const char* fileName, const X509_REQ* req);
+
+// isSelfIssued - subject equals issuer and the certificate verifies with its own key.
+bool isSelfSigned(X509* cert) noexcept;
+
+// signedBy - whether cert verifies with issuer's public key (names compared first).
+bool signedBy(X509* cert, X509* issuer) noexcept;
+
+}  // namespace zavkm
