@@ -675,18 +675,33 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1AddCaCert)(JNIEnv* env, jobject self,
 
 // ---- extraction ----------------------------------------------------------------------------
 
+namespace {
+
+// The natives that write what a label holds to a file, after their reference check: the file,
+// the password, the label and the output file name, then the operation on the open database.
+template <class Operation>
+jint writeLabel(JNIEnv* env, jstring keyDbFileName, jstring keyDbPwd, jstring keyLabel,
+                jstring outputFileName, const char* outputTrace, Operation operation) noexcept {
+    JavaStrings strings(env);
+    KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
+    const char* label = strings.take(keyLabel, msg::keyLabel);
+    const char* output = strings.take(outputFileName, outputTrace);
+    return withKeyDb(strings, db,
+                     [&](ZAVKM_KeyDbHandle handle) { return operation(handle, label, output); });
+}
+
+}  // namespace
+
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1ExtractCert)(JNIEnv* env, jobject self,
                                                     jstring keyDbFileName, jstring keyDbPwd,
                                                     jstring keyLabel, jstring certFileName,
                                                     jboolean isBase64) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self)) return ZAVKM_ERR_PARAMETER;
-    JavaStrings strings(env);
-    KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
-    const char* label = strings.take(keyLabel, msg::keyLabel);
-    const char* certFile = strings.take(certFileName, msg::certFileName);
-    return withKeyDb(strings, db, [&](ZAVKM_KeyDbHandle handle) {
-        return ZAVKM_ExportCert(handle, label, certFile, isBase64);
-    });
+    return writeLabel(env, keyDbFileName, keyDbPwd, keyLabel, certFileName,
+                      msg::certFileName,
+                      [isBase64](ZAVKM_KeyDbHandle handle, const char* label, const char* file) {
+                          return ZAVKM_ExportCert(handle, label, file, isBase64);
+                      });
 }
 
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1ExtractCertReq)(JNIEnv* env, jobject self,
@@ -694,13 +709,11 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1ExtractCertReq)(JNIEnv* env, jobject sel
                                                        jstring keyLabel,
                                                        jstring certReqFileName) ZAVKJNI_NOEXCEPT {
     if (!hasClass(env, self)) return ZAVKM_ERR_PARAMETER;
-    JavaStrings strings(env);
-    KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
-    const char* label = strings.take(keyLabel, msg::keyLabel);
-    const char* reqFile = strings.take(certReqFileName, msg::certReqFileName);
-    return withKeyDb(strings, db, [&](ZAVKM_KeyDbHandle handle) {
-        return ZAVKM_ReCreateCertReq(handle, label, reqFile, nullptr, nullptr);
-    });
+    return writeLabel(env, keyDbFileName, keyDbPwd, keyLabel, certReqFileName,
+                      msg::certReqFileName,
+                      [](ZAVKM_KeyDbHandle handle, const char* label, const char* file) {
+                          return ZAVKM_ReCreateCertReq(handle, label, file, nullptr, nullptr);
+                      });
 }
 
 ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1ExtractCertReqSig)(JNIEnv* env, jobject self,
@@ -711,14 +724,13 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1ExtractCertReqSig)(JNIEnv* env, jobject 
     if (!hasClass(env, self) || !validSignatureAlgorithm(signatureAlgorithm)) {
         return ZAVKM_ERR_PARAMETER;
     }
-    JavaStrings strings(env);
-    KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
-    const char* label = strings.take(keyLabel, msg::keyLabel);
-    const char* reqFile = strings.take(certReqFileName, msg::certReqFileName);
-    return withKeyDb(strings, db, [&](ZAVKM_KeyDbHandle handle) {
-        return ZAVKM_ReCreateCertReqSig(handle, label, signatureAlgorithm, reqFile, nullptr,
-                                        nullptr);
-    });
+    return writeLabel(env, keyDbFileName, keyDbPwd, keyLabel, certReqFileName,
+                      msg::certReqFileName,
+                      [signatureAlgorithm](ZAVKM_KeyDbHandle handle, const char* label,
+                                           const char* file) {
+                          return ZAVKM_ReCreateCertReqSig(handle, label, signatureAlgorithm, file,
+                                                          nullptr, nullptr);
+                      });
 }
 
 ZAVKJNI_NATIVE(jobjectArray, CMSKeyDatabase, c_1ExtractCertFromPKCS7Data)(

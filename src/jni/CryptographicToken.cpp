@@ -24,6 +24,22 @@ bool hasToken(JNIEnv* env, jobject self, jstring moduleName, jstring tokenLabel)
     return hasSelf(env, self) && moduleName != nullptr && tokenLabel != nullptr;
 }
 
+// The natives that work on one label of the token, after their checks: the token names, the key
+// label and, when outputTrace is given, a file name; then operation(handle, label, file) on the
+// open token.
+template <class Operation>
+ZAVKM_ReturnCode onTokenLabel(JNIEnv* env, jstring moduleName, jstring tokenLabel,
+                              jstring password, jstring keyLabel, jstring fileName,
+                              const char* fileTrace, Operation operation) noexcept {
+    JavaStrings strings(env);
+    TokenNames token = takeTokenNames(strings, moduleName, tokenLabel, password);
+    const char* label = strings.take(keyLabel, msg::keyLabel);
+    const char* file = fileTrace != nullptr ? strings.take(fileName, fileTrace) : nullptr;
+    return withToken(strings, token, [&](ZAVKM_KeyDbHandle handle) {
+        return operation(handle, label, file);
+    });
+}
+
 }  // namespace
 
 // ---- token labels and passwords ------------------------------------------------------------
@@ -121,15 +137,13 @@ ZAVKJNI_NATIVE(jobject, CryptographicToken, c_1GetKeyItemByLabel)(
         keyLabel == nullptr) {
         return nullptr;
     }
-    JavaStrings strings(env);
-    TokenNames token = takeTokenNames(strings, cryptographicModuleName, cryptographicTokenLabel,
-                                      cryptographicTokenPassword);
-    const char* label = strings.take(keyLabel, msg::keyLabel);
     jobject keyItem = nullptr;
-    withToken(strings, token, [&](ZAVKM_KeyDbHandle handle) {
-        keyItem = getJavaKeyItemByLabel(env, handle, label, isReqKey);  // before the close
-        return 0;
-    });
+    onTokenLabel(env, cryptographicModuleName, cryptographicTokenLabel, cryptographicTokenPassword,
+                 keyLabel, nullptr, nullptr,
+                 [&](ZAVKM_KeyDbHandle handle, const char* label, const char*) {
+                     keyItem = getJavaKeyItemByLabel(env, handle, label, isReqKey);  // before the close
+                     return 0;
+                 });
     return keyItem;
 }
 
@@ -140,13 +154,11 @@ ZAVKJNI_NATIVE(jint, CryptographicToken, c_1DeleteKeyItemByLabel)(
         keyLabel == nullptr) {
         return ZAVKM_ERR_PARAMETER;
     }
-    JavaStrings strings(env);
-    TokenNames token = takeTokenNames(strings, cryptographicModuleName, cryptographicTokenLabel,
-                                      cryptographicTokenPassword);
-    const char* label = strings.take(keyLabel, msg::keyLabel);
-    return withToken(strings, token, [&](ZAVKM_KeyDbHandle handle) {
-        return KM_DeleteKeyItem(handle, label, isReqKey);
-    });
+    return onTokenLabel(env, cryptographicModuleName, cryptographicTokenLabel,
+                        cryptographicTokenPassword, keyLabel, nullptr, nullptr,
+                        [isReqKey](ZAVKM_KeyDbHandle handle, const char* label, const char*) {
+                            return KM_DeleteKeyItem(handle, label, isReqKey);
+                        });
 }
 
 // ---- certificate import and extraction -----------------------------------------------------
@@ -231,14 +243,11 @@ ZAVKJNI_NATIVE(jint, CryptographicToken, c_1ExtractCertificate)(
         keyLabel == nullptr || certFileName == nullptr) {
         return ZAVKM_ERR_PARAMETER;
     }
-    JavaStrings strings(env);
-    TokenNames token = takeTokenNames(strings, cryptographicModuleName, cryptographicTokenLabel,
-                                      cryptographicTokenPassword);
-    const char* label = strings.take(keyLabel, msg::keyLabel);
-    const char* certFile = strings.take(certFileName, msg::certFileName);
-    return withToken(strings, token, [&](ZAVKM_KeyDbHandle handle) {
-        return ZAVKM_ExportCert(handle, label, certFile, isBase64);
-    });
+    return onTokenLabel(env, cryptographicModuleName, cryptographicTokenLabel,
+                        cryptographicTokenPassword, keyLabel, certFileName, msg::certFileName,
+                        [isBase64](ZAVKM_KeyDbHandle handle, const char* label, const char* file) {
+                            return ZAVKM_ExportCert(handle, label, file, isBase64);  // it writes
+                        });
 }
 
 // ---- requests and self-signed certificates -------------------------------------------------
@@ -274,15 +283,14 @@ ZAVKJNI_NATIVE(jint, CryptographicToken, c_1RecreatePersonalCertificateRequest)(
         !validSignatureAlgorithm(signatureAlgorithm)) {
         return ZAVKM_ERR_PARAMETER;
     }
-    JavaStrings strings(env);
-    TokenNames token = takeTokenNames(strings, cryptographicModuleName, cryptographicTokenLabel,
-                                      cryptographicTokenPassword);
-    const char* label = strings.take(keyLabel, msg::keyLabel);
-    const char* reqFile = strings.take(certReqFileName, msg::certReqFileName);
-    return withToken(strings, token, [&](ZAVKM_KeyDbHandle handle) {
-        return ZAVKM_ReCreateCertReqSig(handle, label, signatureAlgorithm, reqFile, nullptr,
-                                        nullptr);
-    });
+    return onTokenLabel(env, cryptographicModuleName, cryptographicTokenLabel,
+                        cryptographicTokenPassword, keyLabel, certReqFileName,
+                        msg::certReqFileName,
+                        [signatureAlgorithm](ZAVKM_KeyDbHandle handle, const char* label,
+                                             const char* file) {
+                            return ZAVKM_ReCreateCertReqSig(handle, label, signatureAlgorithm,
+                                                            file, nullptr, nullptr);
+                        });
 }
 
 namespace {
@@ -354,14 +362,12 @@ ZAVKJNI_NATIVE(jint, CryptographicToken, c_1ExtractPersonalCertificateRequest)(
         keyLabel == nullptr || certReqFileName == nullptr) {
         return ZAVKM_ERR_PARAMETER;
     }
-    JavaStrings strings(env);
-    TokenNames token = takeTokenNames(strings, cryptographicModuleName, cryptographicTokenLabel,
-                                      cryptographicTokenPassword);
-    const char* label = strings.take(keyLabel, msg::keyLabel);
-    const char* reqFile = strings.take(certReqFileName, msg::certReqFileName);
-    return withToken(strings, token, [&](ZAVKM_KeyDbHandle handle) {
-        return ZAVKM_ReCreateCertReq(handle, label, reqFile, nullptr, nullptr);
-    });
+    return onTokenLabel(env, cryptographicModuleName, cryptographicTokenLabel,
+                        cryptographicTokenPassword, keyLabel, certReqFileName,
+                        msg::certReqFileName,
+                        [](ZAVKM_KeyDbHandle handle, const char* label, const char* file) {
+                            return ZAVKM_ReCreateCertReq(handle, label, file, nullptr, nullptr);
+                        });
 }
 
 // ---- renewal -------------------------------------------------------------------------------
