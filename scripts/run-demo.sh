@@ -7,5 +7,5 @@ cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo > /dev/null
 cmake --build build -j"$(nproc)"
 mkdir -p build/demo
 cd build/demo
-exec java -Xcheck:jni -Djava.library.path=../lib -cp ../java/tolvik.jar \
+exec java -Djava.library.path=../lib -cp ../java/tolvik.jar \
   com.norvex.zav.tolvik.demo.Main "$@"

@@ -13,8 +13,10 @@ import java.security.cert.Certificate;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.Collections;
+import java.util.Comparator;
 import java.util.List;
 import java.util.Locale;
+import java.util.stream.Stream;
 
 /**
  * KeyStoreBench - our key database through the Java binding against the JDK's PKCS12 KeyStore,
@@ -69,14 +71,26 @@ public final class KeyStoreBench {
         System.loadLibrary("zavkjni");
         check(KMSystem.c_ZAVKMInit(false), "c_ZAVKMInit");
         Path dir = Files.createTempDirectory("tolvik-bench-");
-        System.out.println("working directory: " + dir);
-        KeyStoreBench bench = new KeyStoreBench(dir);
-        for (int size : sizes) {
-            bench.measure(size);
+        try {
+            KeyStoreBench bench = new KeyStoreBench(dir);
+            for (int size : sizes) {
+                bench.measure(size);
+            }
+            bench.coldOpen(sizes[sizes.length - 1]);
+            bench.printTable();
+        } finally {
+            KMSystem.c_ZAVKMCleanAll();
+            removeTree(dir);
         }
-        bench.coldOpen(sizes[sizes.length - 1]);
-        bench.printTable();
-        KMSystem.c_ZAVKMCleanAll();
+    }
+
+    /** removeTree - deletes the working directory and everything in it. */
+    private static void removeTree(Path dir) throws IOException {
+        try (Stream<Path> paths = Files.walk(dir)) {
+            for (Path path : paths.sorted(Comparator.reverseOrder()).toList()) {
+                Files.delete(path);
+            }
+        }
     }
 
     private void measure(int size) throws Exception {

@@ -60,6 +60,11 @@ public final class Main {
         // The build information is printed by native code: flush ours first to keep the order.
         System.out.flush();
         KMSystem.c_ShowLibInfo();
+        boolean named = CMSKeyDatabaseException.c_BuildErrCodeNameTable();
+        System.out.println("return-code names (" + CMSKeyDatabaseException.errCodeNames().size()
+                + (named ? ", all accepted" : ", table refused") + "):");
+        CMSKeyDatabaseException.errCodeNames().forEach(
+                (code, name) -> System.out.println("  " + code + " " + name));
 
         int failures = rc == 0 ? 0 : 1;
         if (rc == 0) {
@@ -70,11 +75,11 @@ public final class Main {
         }
         System.out.println("c_ZAVKMCleanAll() = " + KMSystem.c_ZAVKMCleanAll());
         System.out.println(failures == 0 ? "demo finished: every step worked"
-                : "demo finished: " + failures + " step(s) FAILED");
+                : "demo FAILED");
         System.exit(failures == 0 ? 0 : 1);
     }
 
-    /** run - the steps in order, up to the first that fails; returns 1 if one failed. */
+    /** run - the steps in order, up to the first that fails; returns 1 if one failed, else 0. */
     private int run() {
         try {
             steps();
@@ -102,13 +107,9 @@ public final class Main {
                         file("server.csr"), file("server.pem"), true));
         step("receive the server certificate as the default key",
                 () -> db.c_ReceiveCert(kdb, PASSWORD, file("server.pem"), true, true));
-        List<String> labels = listLabels();
-        KeyItem server = listKeyItems(labels);
-        if (server != null && server.getCertificate() != null) {
-            byte[] der = server.getCertificate().getDer();
-            check("validate the server certificate's chain in the key database",
-                    () -> db.c_ValidateCertificateChain(kdb, PASSWORD, der, der.length));
-        }
+        byte[] der = listKeyItems(listLabels()).getCertificate().getDer();
+        check("validate the server certificate's chain in the key database",
+                () -> db.c_ValidateCertificateChain(kdb, PASSWORD, der, der.length));
         step("export \"" + SERVER_LABEL + "\" to the PKCS#12 file server.p12",
                 () -> db.c_ExportToPFXFile(kdb, PASSWORD, file("server.p12"), EXPORT_PASSWORD,
                         new String[] {SERVER_LABEL}));
@@ -142,7 +143,10 @@ public final class Main {
         return db.getKeyLabels();
     }
 
-    /** listKeyItems - reads and prints every key item; returns the server's, or null. */
+    /**
+     * listKeyItems - reads and prints every key item; returns the server's, which must be the
+     * default key with a chain of two, or fails the step.
+     */
     private KeyItem listKeyItems(List<String> labels) {
         System.out.println("==> read the key items");
         System.out.printf("    %-10s %9s  %-32s %-22s %s%n", "label", "key size", "flags",

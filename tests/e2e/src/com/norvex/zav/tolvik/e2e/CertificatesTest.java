@@ -11,9 +11,12 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 import com.norvex.zav.tolvik.basic.CMSKeyDatabase;
 import com.norvex.zav.tolvik.basic.CertificateItem;
 import com.norvex.zav.tolvik.basic.KeyItem;
+import java.io.ByteArrayInputStream;
 import java.io.IOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.security.cert.CertificateFactory;
+import java.security.cert.X509Certificate;
 import java.util.List;
 import java.util.function.ToIntFunction;
 import java.util.stream.Stream;
@@ -56,7 +59,7 @@ class CertificatesTest {
 
     @ParameterizedTest(name = "{0}")
     @MethodSource("chains")
-    void requestIssueReceiveAndVerify(Chain row) throws IOException {
+    void requestIssueReceiveAndVerify(Chain row) throws Exception {
         KeyDbFile kdb = KeyDbFile.create(dir, "chain.kdb");
         CMSKeyDatabase db = kdb.db;
         String cn = "server.e2e.test";
@@ -148,10 +151,19 @@ class CertificatesTest {
         assertTrue(ca.isTrusted() && !ca.isDefaultKey(), ca::toString);
         assertTrue(db.c_ValidateCertificateChain(kdb.name(), kdb.password, der, der.length));
 
-        Km.ok(db.c_ExtractCert(kdb.name(), kdb.password, "server",
-                kdb.path("extracted.pem").toString(), true), "c_ExtractCert");
+        // Validity as asked, as the JDK's own decoder reads it.
+        X509Certificate jdk = (X509Certificate) CertificateFactory.getInstance("X.509")
+                .generateCertificate(new ByteArrayInputStream(der));
+        assertEquals(jdk.getNotBefore().getTime() / 1000, chain[0].getEffectTime());
+        assertEquals(jdk.getNotAfter().getTime() / 1000, chain[0].getExpireTime());
+        long days = (chain[0].getExpireTime() - chain[0].getEffectTime()) / 86400;
+        assertTrue(days >= 364 && days <= 366, () -> "valid for " + days + " days");
+
+        Path extracted = kdb.path(row.pem() ? "extracted.pem" : "extracted.der");
+        Km.ok(db.c_ExtractCert(kdb.name(), kdb.password, "server", extracted.toString(),
+                row.pem()), "c_ExtractCert");
         assertEquals(Tool.fingerprint(dir, kdb.path("leaf.pem"), true),
-                Tool.fingerprint(dir, kdb.path("extracted.pem"), true));
+                Tool.fingerprint(dir, extracted, row.pem()));
     }
 
     @ParameterizedTest(name = "serial \"{0}\" is {1}")

@@ -15,11 +15,15 @@ import java.io.IOException;
 import java.io.UncheckedIOException;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.ArrayList;
 import java.util.List;
 import java.util.Map;
+import java.util.stream.Stream;
 import org.junit.jupiter.api.BeforeAll;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.MethodSource;
 
 /**
  * ExchangeTest - keys leaving and entering a key database: PKCS#12 files, keyring files and
@@ -91,13 +95,33 @@ class ExchangeTest {
         assertTrue(copy.key("extca").isTrusted());
     }
 
-    @Test
-    void pkcs12ImportIsAllOrNothing() {
+    /** Import - one row: how openssl writes the PKCS#12 file, the label it must get. */
+    record Import(String name, List<String> exportArgs, String label) {
+        @Override
+        public String toString() {
+            return name;
+        }
+    }
+
+    static Stream<Import> imports() {
+        return Stream.of(
+                new Import("AES-256, friendlyName", List.of("-name", "imported"), "imported"),
+                new Import("3DES, SHA-1 MAC", List.of("-name", "legacy", "-keypbe",
+                        "PBE-SHA1-3DES", "-certpbe", "PBE-SHA1-3DES", "-macalg", "sha1"),
+                        "legacy"),
+                new Import("no friendlyName", List.of(), "imported.e2e.test"));
+    }
+
+    @ParameterizedTest(name = "{0}")
+    @MethodSource("imports")
+    void pkcs12ImportIsAllOrNothing(Import row) {
         Tool.openssl(dir, "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-384",
                 "-nodes", "-keyout", "imp.key", "-subj", "/CN=imported.e2e.test", "-days", "30",
                 "-out", "imp.pem");
-        Tool.openssl(dir, "pkcs12", "-export", "-name", "imported", "-inkey", "imp.key", "-in",
-                "imp.pem", "-passout", "pass:" + P12_PASSWORD, "-out", "imp.p12");
+        List<String> export = new ArrayList<>(List.of("pkcs12", "-export", "-inkey", "imp.key",
+                "-in", "imp.pem", "-passout", "pass:" + P12_PASSWORD, "-out", "imp.p12"));
+        export.addAll(row.exportArgs());
+        Tool.openssl(dir, export.toArray(String[]::new));
         KeyDbFile target = KeyDbFile.create(dir, "import.kdb");
         String p12 = dir.resolve("imp.p12").toString();
 
@@ -109,16 +133,26 @@ class ExchangeTest {
 
         Km.ok(target.db.c_ImportFromPFXFile(target.name(), target.password, p12, P12_PASSWORD),
                 "import");
-        assertEquals(List.of("imported"), target.labels());
-        KeyItem item = target.key("imported");
+        assertEquals(List.of(row.label()), target.labels());
+        KeyItem item = target.key(row.label());
         assertEquals(384, item.getKeySize());
         assertTrue(item.hasPrivateKey());
         Tool.openssl(dir, "x509", "-in", "imp.pem", "-outform", "DER", "-out", "imp.der");
         assertArrayEquals(read(dir.resolve("imp.der")), item.getCertificate().getDer());
 
-        Km.expect(23, target.db.c_ImportFromPFXFile(target.name(), target.password, p12,
-                P12_PASSWORD), "import of a label that is taken");
-        assertEquals(List.of("imported"), target.labels());
+        if (row.exportArgs().isEmpty()) {
+            // Without a friendlyName the label is made unique instead of clashing.
+            Km.ok(target.db.c_ImportFromPFXFile(target.name(), target.password, p12,
+                    P12_PASSWORD), "second import without friendlyName");
+            List<String> labels = target.labels();
+            assertEquals(2, labels.size(), labels::toString);
+            assertTrue(labels.get(1).startsWith(row.label()) && !labels.get(1).equals(
+                    row.label()), labels::toString);
+        } else {
+            Km.expect(23, target.db.c_ImportFromPFXFile(target.name(), target.password, p12,
+                    P12_PASSWORD), "import of a label that is taken");
+            assertEquals(List.of(row.label()), target.labels());
+        }
     }
 
     @Test
