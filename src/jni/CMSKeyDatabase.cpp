@@ -365,6 +365,7 @@ jint issueCertificate(JNIEnv* env, jstring keyDbFileName, jstring keyDbPwd,
             rc = withKeyDb(strings, db, [&](ZAVKM_KeyDbHandle handle) {
                 return issue(handle, request.data, request.length, issuer, serial, certFile);
             });
+            request.release();  // also when the open failed
         }
     }
     strings.releaseInOrder(

@@ -50,8 +50,7 @@ ZAVKJNI_NATIVE(jint, CryptographicToken, c_1GetCryptoTokenLabelList)(
     jmethodID addTokenLabel = env->GetStaticMethodID(cls, "addTokenLabel", sig::labelCallback);
     if (addTokenLabel == nullptr) return ZAVKM_ERR_PARAMETER;  // before any string is taken
     JavaStrings strings(env);
-    const char* moduleName =
-        strings.take(cryptographicModuleName, "JNI_DEBUG......cCryptographicModuleName = %s\n");
+    const char* moduleName = strings.take(cryptographicModuleName, msg::moduleName);
     if (strings.missing()) return ZAVKM_ERR_PARAMETER;
     LabelListRecord labels;  // released even when it comes back with a failure code
     ZAVKM_ReturnCode rc = ZAVKM_GetCryptoTokenLabelList(moduleName, out(labels));
@@ -64,10 +63,11 @@ ZAVKJNI_NATIVE(jboolean, CryptographicToken, c_1IsPasswordRequired)(
     jstring cryptographicTokenLabel) ZAVKJNI_NOEXCEPT {
     if (!hasToken(env, self, cryptographicModuleName, cryptographicTokenLabel)) return JNI_FALSE;
     JavaStrings strings(env);
-    TokenNames token = takeTokenNames(strings, cryptographicModuleName, cryptographicTokenLabel,
-                                      nullptr);
+    const char* moduleName = strings.take(cryptographicModuleName, msg::moduleName);
+    const char* tokenLabel = strings.take(cryptographicTokenLabel, msg::tokenLabel);
     if (strings.missing()) return JNI_FALSE;
-    KeyStoreDescriptor descriptor = tokenDescriptor(token.moduleName, token.tokenLabel, nullptr);
+    // Probed without a password: no store is opened.
+    KeyStoreDescriptor descriptor = tokenDescriptor(moduleName, tokenLabel, nullptr);
     uint8_t required = 0;
     ZAVKM_ReturnCode rc = ZAVKM_IsPasswordRequired(&descriptor, &required);
     return rc == 0 && required == 1 ? JNI_TRUE : JNI_FALSE;
@@ -81,10 +81,8 @@ ZAVKJNI_NATIVE(jint, CryptographicToken, c_1ChangeKeyDbPwd)(
         return ZAVKM_ERR_PARAMETER;
     }
     JavaStrings strings(env);
-    const char* moduleName =
-        strings.take(cryptographicModuleName, "JNI_DEBUG......cCryptographicModuleName = %s\n");
-    const char* tokenLabel =
-        strings.take(cryptographicTokenLabel, "JNI_DEBUG......cCryptographicTokenLabel = %s\n");
+    const char* moduleName = strings.take(cryptographicModuleName, msg::moduleName);
+    const char* tokenLabel = strings.take(cryptographicTokenLabel, msg::tokenLabel);
     const char* oldPassword = strings.take(
         cryptographicTokenOldPassword, "JNI_DEBUG......cCryptographicTokenOldPassword = %s\n");
     const char* newPassword = strings.take(

@@ -57,8 +57,8 @@ void JavaStrings::releaseInOrder(std::initializer_list<const char*> order) noexc
 TokenNames takeTokenNames(JavaStrings& strings, jstring moduleName, jstring tokenLabel,
                           jstring password) noexcept {
     TokenNames names{};
-    names.moduleName = strings.take(moduleName, "JNI_DEBUG......cCryptographicModuleName = %s\n");
-    names.tokenLabel = strings.take(tokenLabel, "JNI_DEBUG......cCryptographicTokenLabel = %s\n");
+    names.moduleName = strings.take(moduleName, msg::moduleName);
+    names.tokenLabel = strings.take(tokenLabel, msg::tokenLabel);
     names.password =
         strings.takeOptional(password, "JNI_DEBUG......cCryptographicTokenPassword = %s\n",
                              "JNI_DEBUG......cCryptographicTokenPassword = NULL\n");

@@ -36,6 +36,8 @@ inline constexpr const char* keyDbPwd = "JNI_DEBUG......cKeyDbPwd = %s\n";
 inline constexpr const char* keyLabel = "JNI_DEBUG......cKeyLabel = %s\n";
 inline constexpr const char* certFileName = "JNI_DEBUG......cCertFileName = %s\n";
 inline constexpr const char* certReqFileName = "JNI_DEBUG......cCertReqFileName = %s\n";
+inline constexpr const char* moduleName = "JNI_DEBUG......cCryptographicModuleName = %s\n";
+inline constexpr const char* tokenLabel = "JNI_DEBUG......cCryptographicTokenLabel = %s\n";
 }  // namespace msg
 
 // hasSelf: the JNIEnv pointer and the calling object (or class) are there.
@@ -115,8 +117,17 @@ struct LibraryBlock {
     LibraryBlock(const LibraryBlock&) = delete;
     LibraryBlock& operator=(const LibraryBlock&) = delete;
     ~LibraryBlock() { reset(); }
+    // reset frees the block when both its pointer and its length are set: a certificate
+    // buffer that is empty was never allocated.
     void reset() noexcept {
         if (data != nullptr && length != 0) ZAVKM_Free(data);
+        data = nullptr;
+        length = 0;
+    }
+    // release frees whatever block there is, empty or not (a decoded request is always the
+    // library's block).
+    void release() noexcept {
+        if (data != nullptr) ZAVKM_Free(data);
         data = nullptr;
         length = 0;
     }
@@ -192,7 +203,7 @@ ZAVKM_ReturnCode withStore(const JavaStrings& strings, const KeyStoreDescriptor&
     ZAVKM_ReturnCode rc = ZAVKM_OpenKeyDbX(&descriptor, &handle);
     if (rc != 0) return rc;
     rc = operation(handle);
-    if (handle != 0) ZAVKM_CloseKeyDb(handle);
+    ZAVKM_CloseKeyDb(handle);  // whatever the operation returned
     return rc;
 }
 

@@ -1,5 +1,6 @@
 // Distinguished names: Java DNItem to the library's record and back.
 #include <cstdlib>
+#include <cstring>
 
 #include "marshal/classes.h"
 #include "marshal/jni_access.h"
@@ -42,10 +43,20 @@ void JavaDNItem2CDN(JNIEnv* env, jobject dnItem, ZAVKM_DNItem** out) noexcept {
     for (size_t i = 0; i < partCount; ++i) {
         values[i] = static_cast<jstring>(env->GetObjectField(dnItem, fields[i]));
     }
-    // The record is malloc'd here; ZAVKM_FreeDNItem releases it and its texts.
-    *out = static_cast<ZAVKM_DNItem*>(malloc(sizeof(ZAVKM_DNItem)));
-    if (*out == nullptr) return;
-    ZAVKM_InitDNItem(out);
+    // The record is allocated here (zeroed, so that it is never released uninitialised) and
+    // prepared by the library; ZAVKM_FreeDNItem releases it and its texts. Should the library
+    // fail, or hand back a record of its own, ours is given back rather than lost.
+    auto* made = static_cast<ZAVKM_DNItem*>(malloc(sizeof(ZAVKM_DNItem)));
+    if (made == nullptr) return;
+    memset(made, 0, sizeof *made);
+    *out = made;
+    if (ZAVKM_InitDNItem(out) != 0) {
+        if (*out != made && *out != nullptr) ZAVKM_FreeDNItem(*out);
+        free(made);
+        *out = nullptr;
+        return;
+    }
+    if (*out != made) free(made);
     ZAVKM_DNItem* record = *out;
     if (record == nullptr) return;
     for (size_t i = 0; i < partCount; ++i) {
