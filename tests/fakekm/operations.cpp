@@ -121,7 +121,12 @@ std::string show(A value, size_t index, const Call& call, const std::vector<std:
     } else if constexpr (std::is_same_v<A, const ZAVKM_DNItem*>) {
         return describeDN(value);
     } else if constexpr (std::is_same_v<A, const ZAVKM_EPKIItem*>) {
-        return value == nullptr ? "null" : "EPKI[" + hex(value->der, value->derLength) + "]";
+        if (value == nullptr) return "null";
+        // A record may carry a length without bytes: shown, never read.
+        if (value->der == nullptr) {
+            return "EPKI{der=null, derLength=" + std::to_string(value->derLength) + "}";
+        }
+        return "EPKI[" + hex(value->der, value->derLength) + "]";
     } else if constexpr (std::is_same_v<A, void*> || std::is_same_v<A, const void*>) {
         if (value != nullptr && isTracked(value)) {
             return "block(" + std::to_string(trackedSize(value)) + ")";

@@ -81,6 +81,10 @@ struct Row {
     std::function<void(Context&, const Returned&)> check = nullptr;  // further checks
     Channels channels = Channels::Both;
     Blocks blocks = Blocks::AllReleased;
+    // The texts in the order the native gives them back, for the natives that do not give them
+    // back in the order taken (label texts given back as soon as they are copied, strings given
+    // back in another fixed order). Empty: the order taken.
+    std::vector<std::string> givenBack = {};
 };
 void PrintTo(const Row& row, std::ostream* out);
 

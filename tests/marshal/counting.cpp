@@ -33,36 +33,33 @@ void failNextMalloc() { failMalloc = true; }
 
 }  // namespace counting
 
+// The bridge's objects are linked into this binary with their calls of these C library
+// functions renamed to the functions below (see tests/CMakeLists.txt).
 extern "C" {
-void* __real_malloc(size_t size);
-void __real_free(void* block);
-time_t __real_time(time_t* now);
-struct tm* __real_localtime(const time_t* now);
-struct tm* __real_localtime_r(const time_t* now, struct tm* local);
 
-void* __wrap_malloc(size_t size) {
+void* zav_counted_malloc(size_t size) {
     if (counting::failMalloc.exchange(false)) return nullptr;
     if (counting::armed) ++counting::mallocs;
-    return __real_malloc(size);
+    return malloc(size);
 }
 
-void __wrap_free(void* block) {
+void zav_counted_free(void* block) {
     if (block != nullptr) fake::noteFree(block);
-    __real_free(block);
+    free(block);
 }
 
-time_t __wrap_time(time_t* now) {
+time_t zav_counted_time(time_t* now) {
     if (counting::armed) ++counting::times;
-    return __real_time(now);
+    return time(now);
 }
 
-struct tm* __wrap_localtime(const time_t* now) {
+struct tm* zav_counted_localtime(const time_t* now) {
     if (counting::armed) ++counting::localtimes;
-    return __real_localtime(now);
+    return localtime(now);
 }
 
-struct tm* __wrap_localtime_r(const time_t* now, struct tm* local) {
+struct tm* zav_counted_localtime_r(const time_t* now, struct tm* local) {
     if (counting::armed) ++counting::localtimes;
-    return __real_localtime_r(now, local);
+    return localtime_r(now, local);
 }
 }

@@ -1,5 +1,6 @@
-// Counting what the bridge's code calls: this binary links the bridge's objects with malloc,
-// free, time, localtime and localtime_r wrapped (see tests/CMakeLists.txt).
+// Counting what the bridge's code calls: this binary links the bridge's objects with their calls
+// of malloc, free, time, localtime and localtime_r sent to counting functions (see
+// tests/CMakeLists.txt).
 #pragma once
 
 namespace counting {
@@ -14,7 +15,7 @@ struct Counts {
 void arm();
 Counts disarm();
 
-// failNextMalloc makes the next malloc of this binary's code return null.
+// failNextMalloc makes the bridge's next malloc return null.
 void failNextMalloc();
 
 }  // namespace counting

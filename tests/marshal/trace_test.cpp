@@ -40,6 +40,16 @@ protected:
     long start_ = 0;
 };
 
+// The harness's line matching: wildcards stand for references only, everything else is exact.
+TEST(TraceLines, WildcardsStandForReferencesOnly) {
+    EXPECT_EQ(matchLines({"c = 0x{ref}, m {ptr}"}, {"c = 0x7f3a, m 0x55aa"}), "");
+    EXPECT_EQ(matchLines({"m {ptr}"}, {"m (nil)"}), "");
+    EXPECT_NE(matchLines({"c = 0x{ref}"}, {"c = 0x"}), "");
+    EXPECT_NE(matchLines({"c = 0x{ref}"}, {"c = 0x12 "}), "");
+    EXPECT_NE(matchLines({"a", "b"}, {"a"}), "");
+    EXPECT_NE(matchLines({"a"}, {"a", "b"}), "");
+}
+
 TEST(TraceOff, AMessageCostsNoAllocationNoClockAndWritesNothing) {
     if (harness::stderrChannelOn()) GTEST_SKIP() << "for runs without TOLVIK_JNI_DEBUG";
     StderrCapture capture;
