@@ -48,10 +48,10 @@ Rc personalKeyRow(const KeyDb& kdb, const char* label, X509* cert, EVP_PKEY* key
     return sealPrivateKey(kdb, pkcs8, row.spki, row.privateKey);
 }
 
-Rc selfSigned(KeyDb& kdb, const char* label, uint8_t makeDefault, int32_t version,
-              int32_t keySize, const ZAVKM_DNItem* subject, int32_t validityDays,
-              int32_t signatureAlgorithm, const uint8_t* extensions, uint32_t extensionsLength,
-              const char* certFileName, uint8_t isBase64) {
+Rc selfSigned(KeyDb& kdb, const char* label, uint8_t makeDefault, int32_t version, int32_t keySize,
+              const ZAVKM_DNItem* subject, int32_t validityDays, int32_t signatureAlgorithm,
+              const uint8_t* extensions, uint32_t extensionsLength, const char* certFileName,
+              uint8_t isBase64) {
     if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
     if (Rc rc = checkValidityDays(validityDays); rc != ZAVKM_OK) return rc;
     const EVP_MD* md = nullptr;
@@ -98,9 +98,7 @@ Rc newRequest(KeyDb& kdb, const char* label, int32_t keySize, const ZAVKM_DNItem
     if (Rc rc = nameFromDN(subject, name); rc != ZAVKM_OK) return rc;
     ExtStackPtr exts;
     if (Rc rc = parseExtensions(extensions, extensionsLength, exts); rc != ZAVKM_OK) return rc;
-    std::optional<RequestRow> existing;
-    if (Rc rc = findRequest(kdb.db.get(), label, existing); rc != ZAVKM_OK) return rc;
-    if (existing) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
+    if (Rc rc = checkRequestLabelFree(kdb.db.get(), label); rc != ZAVKM_OK) return rc;
     PkeyPtr key;
     if (Rc rc = generateKey(keySize, key); rc != ZAVKM_OK) return rc;
     X509ReqPtr req;
@@ -155,7 +153,8 @@ Rc reRequest(KeyDb& kdb, const char* label, int32_t signatureAlgorithm, const ch
     int at = X509_get_ext_by_NID(cert.get(), NID_subject_alt_name, -1);
     if (at >= 0) {
         X509ExtPtr san(X509_EXTENSION_dup(X509_get_ext(cert.get(), at)));
-        if (!san || !sk_X509_EXTENSION_push(exts.get(), san.get())) return ZAVKM_ERR_MEMORY_ALLOCATE;
+        if (!san || !sk_X509_EXTENSION_push(exts.get(), san.get()))
+            return ZAVKM_ERR_MEMORY_ALLOCATE;
         san.release();
     }
     X509ReqPtr req;
@@ -178,7 +177,8 @@ Rc issue(KeyDb& kdb, const uint8_t* request, uint32_t requestLength, const char*
     if (!req) return ZAVKM_ERR_ASN;
     EVP_PKEY* subjectKey = X509_REQ_get0_pubkey(req.get());
     if (subjectKey == nullptr) return sslError(ZAVKM_ERR_ASN);
-    if (X509_REQ_verify(req.get(), subjectKey) != 1) return sslError(ZAVKM_ERR_VALIDATION_KEY_SIGNATURE);
+    if (X509_REQ_verify(req.get(), subjectKey) != 1)
+        return sslError(ZAVKM_ERR_VALIDATION_KEY_SIGNATURE);
     if (Rc rc = checkSignaturePolicy(X509_REQ_get_signature_nid(req.get())); rc != ZAVKM_OK)
         return rc;
     if (Rc rc = checkKeyPolicy(subjectKey); rc != ZAVKM_OK) return rc;
@@ -199,7 +199,8 @@ Rc issue(KeyDb& kdb, const uint8_t* request, uint32_t requestLength, const char*
         X509_EXTENSION* ext = sk_X509_EXTENSION_value(requested.get(), i);
         if (OBJ_obj2nid(X509_EXTENSION_get_object(ext)) != NID_subject_alt_name) continue;
         X509ExtPtr dup(X509_EXTENSION_dup(ext));
-        if (!dup || !sk_X509_EXTENSION_push(copied.get(), dup.get())) return ZAVKM_ERR_MEMORY_ALLOCATE;
+        if (!dup || !sk_X509_EXTENSION_push(copied.get(), dup.get()))
+            return ZAVKM_ERR_MEMORY_ALLOCATE;
         dup.release();
     }
     CertSpec spec;
@@ -273,8 +274,7 @@ ZAVKM_ReturnCode ZAVKM_CreateSelfSignedCertSigExt(
     uint8_t isBase64) noexcept {
     return withKeyDb(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
         return selfSigned(kdb, label, makeDefault, version, keySize, subject, validityDays,
-                          signatureAlgorithm, extensions, extensionsLength, certFileName,
-                          isBase64);
+                          signatureAlgorithm, extensions, extensionsLength, certFileName, isBase64);
     });
 }
 
@@ -289,8 +289,8 @@ ZAVKM_ReturnCode ZAVKM_CreateNewCertReq(ZAVKM_KeyDbHandle handle, const char* la
 
 ZAVKM_ReturnCode ZAVKM_CreateNewCertReqSigExt(ZAVKM_KeyDbHandle handle, const char* label,
                                               int32_t keySize, const ZAVKM_DNItem* subject,
-                                              int32_t signatureAlgorithm,
-                                              const uint8_t* extensions, uint32_t extensionsLength,
+                                              int32_t signatureAlgorithm, const uint8_t* extensions,
+                                              uint32_t extensionsLength,
                                               const char* certReqFileName, const void*,
                                               const void*) noexcept {
     return withKeyDb(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
@@ -310,7 +310,8 @@ ZAVKM_ReturnCode ZAVKM_ReCreateCertReqSig(ZAVKM_KeyDbHandle handle, const char* 
                                           int32_t signatureAlgorithm, const char* certReqFileName,
                                           const void*, const void*) noexcept {
     return withKeyDb(__func__, handle, {label}, [&](KeyDb& kdb) -> Rc {
-        if (signatureAlgorithm != 1 && signatureAlgorithm != 2) return ZAVKM_ERR_SIGNATURE_ALGORITHM;
+        if (signatureAlgorithm != 1 && signatureAlgorithm != 2)
+            return ZAVKM_ERR_SIGNATURE_ALGORITHM;
         return reRequest(kdb, label, signatureAlgorithm, certReqFileName);
     });
 }
@@ -321,20 +322,19 @@ ZAVKM_ReturnCode ZAVKM_IssueCert(ZAVKM_KeyDbHandle handle, const uint8_t* reques
                                  const char* certFileName, uint8_t isBase64, const void*,
                                  const void*) noexcept {
     return withKeyDb(__func__, handle, {request, issuerLabel, certFileName}, [&](KeyDb& kdb) {
-        return issue(kdb, request, requestLength, issuerLabel, version, serialNumber,
-                     validityDays, 1, certFileName, isBase64);
+        return issue(kdb, request, requestLength, issuerLabel, version, serialNumber, validityDays,
+                     1, certFileName, isBase64);
     });
 }
 
 ZAVKM_ReturnCode ZAVKM_IssueCertSig(ZAVKM_KeyDbHandle handle, const uint8_t* request,
                                     uint32_t requestLength, const char* issuerLabel,
-                                    int32_t version, const char* serialNumber,
-                                    int32_t validityDays, int32_t signatureAlgorithm,
-                                    const char* certFileName, uint8_t isBase64, const void*,
-                                    const void*) noexcept {
+                                    int32_t version, const char* serialNumber, int32_t validityDays,
+                                    int32_t signatureAlgorithm, const char* certFileName,
+                                    uint8_t isBase64, const void*, const void*) noexcept {
     return withKeyDb(__func__, handle, {request, issuerLabel, certFileName}, [&](KeyDb& kdb) {
-        return issue(kdb, request, requestLength, issuerLabel, version, serialNumber,
-                     validityDays, signatureAlgorithm, certFileName, isBase64);
+        return issue(kdb, request, requestLength, issuerLabel, version, serialNumber, validityDays,
+                     signatureAlgorithm, certFileName, isBase64);
     });
 }
 

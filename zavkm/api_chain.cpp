@@ -68,18 +68,26 @@ Rc personalKeyFor(sqlite3* db, X509* cert, std::optional<KeyRow>& out) {
 
 Rc verifyCodeToRc(int error) {
     switch (error) {
-        case X509_V_OK: return ZAVKM_OK;
+        case X509_V_OK:
+            return ZAVKM_OK;
         case X509_V_ERR_CERT_HAS_EXPIRED:
-        case X509_V_ERR_CERT_NOT_YET_VALID: return ZAVKM_ERR_VALIDATION_KEY_VALIDITY;
+        case X509_V_ERR_CERT_NOT_YET_VALID:
+            return ZAVKM_ERR_VALIDATION_KEY_VALIDITY;
         case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
-        case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY: return ZAVKM_ERR_VALIDATION_KEY_ISSUER_NOT_FOUND;
+        case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
+            return ZAVKM_ERR_VALIDATION_KEY_ISSUER_NOT_FOUND;
         case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
         case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
-        case X509_V_ERR_CERT_UNTRUSTED: return ZAVKM_ERR_CERT_ROOT_NOT_TRUSTED;
-        case X509_V_ERR_CERT_SIGNATURE_FAILURE: return ZAVKM_ERR_VALIDATION_KEY_SIGNATURE;
-        case X509_V_ERR_INVALID_CA: return ZAVKM_ERR_VALIDATION_KEY_BASIC_CONSTRAINTS;
-        case X509_V_ERR_CERT_REVOKED: return ZAVKM_ERR_CERT_REVOKED;
-        default: return ZAVKM_ERR_INVALID_CERT_CHAIN;
+        case X509_V_ERR_CERT_UNTRUSTED:
+            return ZAVKM_ERR_CERT_ROOT_NOT_TRUSTED;
+        case X509_V_ERR_CERT_SIGNATURE_FAILURE:
+            return ZAVKM_ERR_VALIDATION_KEY_SIGNATURE;
+        case X509_V_ERR_INVALID_CA:
+            return ZAVKM_ERR_VALIDATION_KEY_BASIC_CONSTRAINTS;
+        case X509_V_ERR_CERT_REVOKED:
+            return ZAVKM_ERR_CERT_REVOKED;
+        default:
+            return ZAVKM_ERR_INVALID_CERT_CHAIN;
     }
 }
 

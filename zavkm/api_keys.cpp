@@ -261,6 +261,7 @@ ZAVKM_ReturnCode ZAVKM_InsertReqKey(ZAVKM_KeyDbHandle handle, const char* label,
                                     uint32_t keyLength, const uint8_t* key) noexcept {
     return withKeyDb(__func__, handle, {label, request, key}, [&](KeyDb& kdb) -> Rc {
         if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
+        if (Rc rc = checkRequestLabelFree(kdb.db.get(), label); rc != ZAVKM_OK) return rc;
         X509ReqPtr req = parseRequest(request, requestLength);
         if (!req) return ZAVKM_ERR_ASN;
         EVP_PKEY* publicKey = X509_REQ_get0_pubkey(req.get());

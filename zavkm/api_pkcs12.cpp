@@ -29,33 +29,32 @@ ZAVKM_ReturnCode ZAVKM_ImportKeysFromPFXFile(ZAVKM_KeyDbHandle handle, const cha
 
 ZAVKM_ReturnCode ZAVKM_Kdb2Kyr(const char* keyDbFileName, const char* keyDbPassword,
                                const char* kyrFileName, const char* kyrPassword) noexcept {
-    return withLibrary(__func__, {keyDbFileName, keyDbPassword, kyrFileName, kyrPassword},
-                       [&]() -> Rc {
-                           std::unique_ptr<KeyDb> kdb;
-                           if (Rc rc = openKeyDb(keyDbFileName, keyDbPassword, true, kdb);
-                               rc != ZAVKM_OK)
-                               return rc;
-                           return exportPkcs12(*kdb, {}, kyrFileName, kyrPassword);
-                       });
+    return withLibrary(
+        __func__, {keyDbFileName, keyDbPassword, kyrFileName, kyrPassword}, [&]() -> Rc {
+            std::unique_ptr<KeyDb> kdb;
+            if (Rc rc = openKeyDb(keyDbFileName, keyDbPassword, true, kdb); rc != ZAVKM_OK)
+                return rc;
+            return exportPkcs12(*kdb, {}, kyrFileName, kyrPassword);
+        });
 }
 
 ZAVKM_ReturnCode ZAVKM_Kyr2Kdb(const char* kyrFileName, const char* kyrPassword,
                                const char* keyDbFileName, const char* keyDbPassword) noexcept {
-    return withLibrary(__func__, {kyrFileName, kyrPassword, keyDbFileName, keyDbPassword},
-                       [&]() -> Rc {
-                           if (::access(kyrFileName, F_OK) != 0) return ZAVKM_ERR_FILE_OPEN_NOT_EXIST;
-                           std::unique_ptr<KeyDb> kdb;
-                           if (Rc rc = createKeyDb(keyDbFileName, keyDbPassword, 0, kdb);
-                               rc != ZAVKM_OK)
-                               return rc;
-                           Rc rc = importPkcs12(*kdb, kyrFileName, kyrPassword);
-                           if (rc != ZAVKM_OK) {  // nothing half-made is left behind
-                               kdb.reset();
-                               for (const char* suffix : {"", "-wal", "-shm", "-journal"})
-                                   ::unlink((std::string(keyDbFileName) + suffix).c_str());
-                           }
-                           return rc;
-                       });
+    return withLibrary(
+        __func__, {kyrFileName, kyrPassword, keyDbFileName, keyDbPassword}, [&]() -> Rc {
+            if (::access(kyrFileName, F_OK) != 0) return ZAVKM_ERR_FILE_OPEN_NOT_EXIST;
+            std::unique_ptr<KeyDb> kdb;
+            if (Rc rc = createKeyDb(keyDbFileName, keyDbPassword, 0, kdb); rc != ZAVKM_OK)
+                return rc;
+            Rc rc = importPkcs12(*kdb, kyrFileName, kyrPassword);
+            if (rc != ZAVKM_OK) {  // nothing half-made is left behind
+                kdb->db.forbidReuse();
+                kdb.reset();
+                for (const char* suffix : {"", "-wal", "-shm", "-journal"})
+                    ::unlink((std::string(keyDbFileName) + suffix).c_str());
+            }
+            return rc;
+        });
 }
 
 }  // extern "C"

@@ -36,9 +36,7 @@ ZAVKM_ReturnCode ZAVKM_StartTrace(const char* tag, const char* fileName, int32_t
     return traceResult("ZAVKM_StartTrace", rc);
 }
 
-uint32_t ZAVKM_GetMaxCryptoKeySize(int32_t keyType) noexcept {
-    return keyType == 1 ? 16384u : 0u;
-}
+uint32_t ZAVKM_GetMaxCryptoKeySize(int32_t keyType) noexcept { return keyType == 1 ? 16384u : 0u; }
 
 ZAVKM_ReturnCode ZAVKM_SetCryptoInfo(void* cryptoInfo) noexcept {
     if (cryptoInfo == nullptr) return traceResult("ZAVKM_SetCryptoInfo", ZAVKM_ERR_NULL_PARAMETER);
@@ -55,8 +53,6 @@ void* ZAVKM_Realloc(void* block, uint32_t size) noexcept { return std::realloc(b
 
 void ZAVKM_Free(void* block) noexcept { std::free(block); }
 
-char* ZAVKM_Strdup(const char* text) noexcept {
-    return text != nullptr ? strdup(text) : nullptr;
-}
+char* ZAVKM_Strdup(const char* text) noexcept { return text != nullptr ? strdup(text) : nullptr; }
 
 }  // extern "C"

@@ -35,8 +35,7 @@ ZAVKM_ReturnCode ZAVKM_CreateNewKeyDb(const char* fileName, const char* password
         *handle = 0;
         trace("creating %s", fileName);
         std::unique_ptr<KeyDb> kdb;
-        if (Rc rc = createKeyDb(fileName, password, expireSeconds, kdb); rc != ZAVKM_OK)
-            return rc;
+        if (Rc rc = createKeyDb(fileName, password, expireSeconds, kdb); rc != ZAVKM_OK) return rc;
         return registerOpen(std::move(kdb), handle);
     });
 }
@@ -59,8 +58,10 @@ ZAVKM_ReturnCode ZAVKM_OpenKeyDbX(const KeyStoreDescriptor* descriptor,
                                 handle);
             case CryptoToken:
             case WebDbFile:
-            case MSCertStore: return ZAVKM_ERR_UNSUPPORTED_OPTION;
-            default: return ZAVKM_ERR_INVALID_DATABASE_TYPE;
+            case MSCertStore:
+                return ZAVKM_ERR_UNSUPPORTED_OPTION;
+            default:
+                return ZAVKM_ERR_INVALID_DATABASE_TYPE;
         }
     });
 }
@@ -85,15 +86,17 @@ ZAVKM_ReturnCode ZAVKM_ChangeKeyDbPwdX(const KeyStoreDescriptor* descriptor) noe
     return withLibrary(__func__, {descriptor}, [&]() -> Rc {
         switch (descriptor->storeType) {
             case KeyDbFile:
-                if (anyNull({descriptor->keyDbFileName, descriptor->password,
-                             descriptor->newPassword}))
+                if (anyNull(
+                        {descriptor->keyDbFileName, descriptor->password, descriptor->newPassword}))
                     return ZAVKM_ERR_NULL_PARAMETER;
                 return changeKeyDbPassword(descriptor->keyDbFileName, descriptor->password,
                                            descriptor->newPassword, 0);
             case CryptoToken:
             case WebDbFile:
-            case MSCertStore: return ZAVKM_ERR_UNSUPPORTED_OPTION;
-            default: return ZAVKM_ERR_INVALID_DATABASE_TYPE;
+            case MSCertStore:
+                return ZAVKM_ERR_UNSUPPORTED_OPTION;
+            default:
+                return ZAVKM_ERR_INVALID_DATABASE_TYPE;
         }
     });
 }
@@ -127,8 +130,10 @@ ZAVKM_ReturnCode ZAVKM_IsPasswordRequired(const KeyStoreDescriptor* descriptor,
                 return ZAVKM_OK;
             }
             case CryptoToken:
-            case MSCertStore: return ZAVKM_ERR_UNSUPPORTED_OPTION;
-            default: return ZAVKM_ERR_INVALID_DATABASE_TYPE;
+            case MSCertStore:
+                return ZAVKM_ERR_UNSUPPORTED_OPTION;
+            default:
+                return ZAVKM_ERR_INVALID_DATABASE_TYPE;
         }
     });
 }

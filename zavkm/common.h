@@ -56,7 +56,7 @@ using Owned = std::unique_ptr<T, Deleter<F>>;
 
 // SecretBytes - a byte buffer that OPENSSL_cleanse()s itself on destruction and on reuse.
 class SecretBytes {
-public:
+  public:
     SecretBytes() = default;
     explicit SecretBytes(size_t n) : data_(n, 0) {}
     SecretBytes(const uint8_t* p, size_t n) : data_(p, p + n) {}
@@ -95,7 +95,7 @@ public:
         if (!data_.empty()) OPENSSL_cleanse(data_.data(), data_.size());
     }
 
-private:
+  private:
     std::vector<uint8_t> data_;
 };
 

@@ -13,7 +13,7 @@ struct DerElement {
     const uint8_t* start = nullptr;    // the tag byte
     const uint8_t* content = nullptr;  // the first content byte
     size_t contentLength = 0;
-    size_t totalLength = 0;            // tag, length and content
+    size_t totalLength = 0;  // tag, length and content
 };
 
 // readDer - reads the element at p (n bytes available); false when it is malformed, uses a

@@ -82,6 +82,16 @@ Rc checkLabel(const char* label) noexcept {
     return n >= 1 && n <= 255 ? ZAVKM_OK : ZAVKM_ERR_PARAMETER;
 }
 
+Rc checkRequestLabelFree(sqlite3* db, const std::string& label) {
+    Stmt s(db,
+           "SELECT (SELECT count(*) FROM keys WHERE label = ?1) + "
+           "(SELECT count(*) FROM requests WHERE label = ?1)");
+    s.bind(1, label);
+    int code = s.step();
+    if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_READ);
+    return s.integer(0) == 0 ? ZAVKM_OK : ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
+}
+
 Rc findKey(sqlite3* db, const std::string& label, std::optional<KeyRow>& out) {
     Stmt s(db, std::string(kKeyColumns) + "WHERE label = ?1");
     s.bind(1, label);

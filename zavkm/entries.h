@@ -60,6 +60,11 @@ Rc setTrusted(sqlite3* db, const std::string& label, bool trusted);
 Rc replaceCertificate(sqlite3* db, int64_t id, const Bytes& cert, const Bytes& subject);
 Rc updateRequest(sqlite3* db, int64_t id, const Bytes& request);
 
+// checkRequestLabelFree - a new request key needs a label that neither a request key nor a
+// personal key holds, or its certificate could never be received under it:
+// ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL otherwise.
+Rc checkRequestLabelFree(sqlite3* db, const std::string& label);
+
 // checkLabel - a label is 1 to 255 bytes without NUL: ZAVKM_ERR_PARAMETER otherwise.
 Rc checkLabel(const char* label) noexcept;
 

@@ -42,7 +42,8 @@ Rc viewPbes2(const X509_ALGOR* alg, Pbes2View& view) {
     const ASN1_TYPE* param = nullptr;
     // X509_ALGOR_get0 hands the parameter's value; the whole ASN1_TYPE is alg->parameter.
     param = alg->parameter;
-    view.pbe2.reset(static_cast<PBE2PARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBE2PARAM), param)));
+    view.pbe2.reset(
+        static_cast<PBE2PARAM*>(ASN1_TYPE_unpack_sequence(ASN1_ITEM_rptr(PBE2PARAM), param)));
     if (!view.pbe2) return sslError(ZAVKM_ERR_ASN);
     if (OBJ_obj2nid(view.pbe2->keyfunc->algorithm) != NID_id_pbkdf2)
         return ZAVKM_ERR_PBE_ALG_UNSUPPORT;
@@ -62,8 +63,7 @@ bool fitsKeyDb(const Pbes2View& view, const KeyDb& kdb) {
         return false;
     const ASN1_OCTET_STRING* salt = view.kdf->salt->value.octet_string;
     return static_cast<size_t>(ASN1_STRING_length(salt)) == kdb.kdf.salt.size() &&
-           std::memcmp(ASN1_STRING_get0_data(salt), kdb.kdf.salt.data(), kdb.kdf.salt.size()) ==
-               0;
+           std::memcmp(ASN1_STRING_get0_data(salt), kdb.kdf.salt.data(), kdb.kdf.salt.size()) == 0;
 }
 
 // cbc - AES-256-CBC with PKCS#7 padding in either direction.
@@ -72,8 +72,9 @@ Rc cbc(bool encrypt, const SecretBytes& key, const uint8_t* iv, const uint8_t* i
     CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
     SecretBytes buf(n + kIvSize);
     int len = 0, tail = 0;
-    if (!ctx || EVP_CipherInit_ex(ctx.get(), EVP_aes_256_cbc(), nullptr, key.data(), iv,
-                                  encrypt ? 1 : 0) != 1 ||
+    if (!ctx ||
+        EVP_CipherInit_ex(ctx.get(), EVP_aes_256_cbc(), nullptr, key.data(), iv, encrypt ? 1 : 0) !=
+            1 ||
         EVP_CipherUpdate(ctx.get(), buf.data(), &len, in, static_cast<int>(n)) != 1)
         return sslError(ZAVKM_ERR_CRYPTO);
     if (EVP_CipherFinal_ex(ctx.get(), buf.data() + len, &tail) != 1) {
@@ -137,7 +138,8 @@ Rc epkiForKeyDb(const KeyDb& kdb, const SecretBytes& pkcs8, Bytes& out) noexcept
         ASN1_OCTET_STRING* digest = nullptr;
         X509_SIG_getm(sig.get(), &sigAlg, &digest);
         if (X509_ALGOR_copy(sigAlg, alg.get()) != 1 ||
-            ASN1_OCTET_STRING_set(digest, cipherText.data(), static_cast<int>(cipherText.size())) != 1)
+            ASN1_OCTET_STRING_set(digest, cipherText.data(), static_cast<int>(cipherText.size())) !=
+                1)
             return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
         out = toDer(sig.get(), i2d_X509_SIG);
         return out.empty() ? sslError(ZAVKM_ERR_ASN) : ZAVKM_OK;

@@ -2,9 +2,9 @@
 // AES-256-CBC), readable by `openssl pkcs8` with the password.
 #pragma once
 
-#include <string_view>
-
 #include <openssl/x509.h>
+
+#include <string_view>
 
 #include "keydb.h"
 

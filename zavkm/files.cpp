@@ -51,8 +51,8 @@ Rc writeFile(const char* fileName, const uint8_t* data, size_t n, unsigned mode)
             fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW,
                         static_cast<mode_t>(mode));
         }
-        if (fd < 0) return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED
-                                           : ZAVKM_ERR_FILE_OPEN_TO_WRITE;
+        if (fd < 0)
+            return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED : ZAVKM_ERR_FILE_OPEN_TO_WRITE;
         bool ok = (mode & 077) != 0 || ::fchmod(fd, static_cast<mode_t>(mode)) == 0;
         const uint8_t* p = data;
         size_t left = n;

@@ -45,8 +45,8 @@ Rc passwordTag(KdfCache& c, std::string_view password, SecretBytes& tag) {
     SecretBytes out(32);
     unsigned int len = 0;
     if (HMAC(EVP_sha256(), c.processKey.data(), static_cast<int>(c.processKey.size()),
-             reinterpret_cast<const unsigned char*>(password.data()), password.size(),
-             out.data(), &len) == nullptr)
+             reinterpret_cast<const unsigned char*>(password.data()), password.size(), out.data(),
+             &len) == nullptr)
         return sslError(ZAVKM_ERR_CRYPTO);
     tag = std::move(out);
     return ZAVKM_OK;
@@ -131,8 +131,8 @@ Rc wrappingKey(const SecretBytes& master, SecretBytes& kek) noexcept {
         PkeyCtxPtr ctx(EVP_PKEY_CTX_new_id(EVP_PKEY_HKDF, nullptr));
         if (!ctx || EVP_PKEY_derive_init(ctx.get()) != 1 ||
             EVP_PKEY_CTX_set_hkdf_md(ctx.get(), EVP_sha256()) != 1 ||
-            EVP_PKEY_CTX_set1_hkdf_key(ctx.get(), master.data(),
-                                       static_cast<int>(master.size())) != 1 ||
+            EVP_PKEY_CTX_set1_hkdf_key(ctx.get(), master.data(), static_cast<int>(master.size())) !=
+                1 ||
             EVP_PKEY_CTX_add1_hkdf_info(ctx.get(), reinterpret_cast<const unsigned char*>(info),
                                         sizeof info - 1) != 1)
             return sslError(ZAVKM_ERR_CRYPTO);
@@ -144,8 +144,8 @@ Rc wrappingKey(const SecretBytes& master, SecretBytes& kek) noexcept {
     });
 }
 
-Rc sealGcm(const SecretBytes& key, const uint8_t* plain, size_t plainLength,
-           std::string_view aad, Bytes& out) noexcept {
+Rc sealGcm(const SecretBytes& key, const uint8_t* plain, size_t plainLength, std::string_view aad,
+           Bytes& out) noexcept {
     return guarded([&]() -> Rc {
         if (key.size() != kKeySize) return ZAVKM_ERR_CRYPTO_PARAMETER;
         Bytes sealed(kGcmNonceSize + plainLength + kGcmTagSize);
@@ -154,23 +154,23 @@ Rc sealGcm(const SecretBytes& key, const uint8_t* plain, size_t plainLength,
         int len = 0;
         uint8_t* body = sealed.data() + kGcmNonceSize;
         if (!ctx ||
-            EVP_EncryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(),
-                               sealed.data()) != 1 ||
+            EVP_EncryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(), sealed.data()) !=
+                1 ||
             EVP_EncryptUpdate(ctx.get(), nullptr, &len,
                               reinterpret_cast<const unsigned char*>(aad.data()),
                               static_cast<int>(aad.size())) != 1 ||
             EVP_EncryptUpdate(ctx.get(), body, &len, plain, static_cast<int>(plainLength)) != 1 ||
             EVP_EncryptFinal_ex(ctx.get(), body + len, &len) != 1 ||
-            EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, kGcmTagSize,
-                                body + plainLength) != 1)
+            EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, kGcmTagSize, body + plainLength) !=
+                1)
             return sslError(ZAVKM_ERR_CRYPTO);
         out = std::move(sealed);
         return ZAVKM_OK;
     });
 }
 
-Rc openGcm(const SecretBytes& key, const uint8_t* sealed, size_t sealedLength,
-           std::string_view aad, SecretBytes& plain) noexcept {
+Rc openGcm(const SecretBytes& key, const uint8_t* sealed, size_t sealedLength, std::string_view aad,
+           SecretBytes& plain) noexcept {
     return guarded([&]() -> Rc {
         if (key.size() != kKeySize) return ZAVKM_ERR_CRYPTO_PARAMETER;
         if (sealed == nullptr || sealedLength < kGcmNonceSize + kGcmTagSize)

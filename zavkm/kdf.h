@@ -54,12 +54,12 @@ KdfCacheStats kdfCacheStats() noexcept;
 Rc wrappingKey(const SecretBytes& master, SecretBytes& kek) noexcept;
 
 // sealGcm - nonce || AES-256-GCM(key, plain, aad) || tag into out.
-Rc sealGcm(const SecretBytes& key, const uint8_t* plain, size_t plainLength,
-           std::string_view aad, Bytes& out) noexcept;
+Rc sealGcm(const SecretBytes& key, const uint8_t* plain, size_t plainLength, std::string_view aad,
+           Bytes& out) noexcept;
 
 // openGcm - the inverse of sealGcm. A failed tag gives ZAVKM_ERR_DATABASE_KEY_INTEGRITY; a
 // block too short to hold nonce and tag gives ZAVKM_ERR_DATABASE_CORRUPTION.
-Rc openGcm(const SecretBytes& key, const uint8_t* sealed, size_t sealedLength,
-           std::string_view aad, SecretBytes& plain) noexcept;
+Rc openGcm(const SecretBytes& key, const uint8_t* sealed, size_t sealedLength, std::string_view aad,
+           SecretBytes& plain) noexcept;
 
 }  // namespace zavkm

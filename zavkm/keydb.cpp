@@ -42,6 +42,7 @@ CREATE TABLE keys(
   is_default INTEGER NOT NULL DEFAULT 0,
   trusted INTEGER NOT NULL DEFAULT 0);
 CREATE INDEX keys_spki ON keys(spki);
+CREATE INDEX keys_labels ON keys(id, label);
 CREATE INDEX keys_subject ON keys(subject);
 CREATE TABLE requests(
   id INTEGER PRIMARY KEY,
@@ -52,6 +53,7 @@ CREATE TABLE requests(
   key_bits INTEGER NOT NULL,
   private_key BLOB NOT NULL);
 CREATE INDEX requests_spki ON requests(spki);
+CREATE INDEX requests_labels ON requests(id, label);
 )sql";
 
 // Meta - the meta row.
@@ -64,7 +66,8 @@ struct Meta {
 };
 
 void put64(Bytes& out, int64_t v) {
-    for (int i = 7; i >= 0; --i) out.push_back(static_cast<uint8_t>(static_cast<uint64_t>(v) >> (8 * i)));
+    for (int i = 7; i >= 0; --i)
+        out.push_back(static_cast<uint8_t>(static_cast<uint64_t>(v) >> (8 * i)));
 }
 
 // metaCheck - SHA-256 over the meta fields, telling a damaged meta row from a wrong password.
@@ -90,20 +93,8 @@ uint32_t be32(const uint8_t* p) {
     return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
 }
 
-// openConnection - a configured SQLite connection to an existing file.
-Rc openConnection(const std::string& name, SqlitePtr& out) {
-    int flags = ::access(name.c_str(), W_OK) == 0 ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY;
-    sqlite3* raw = nullptr;
-    int code = sqlite3_open_v2(name.c_str(), &raw, flags | SQLITE_OPEN_NOMUTEX, nullptr);
-    SqlitePtr db(raw);
-    if (code != SQLITE_OK) return sqlRc(raw, code, ZAVKM_ERR_DATABASE_OPEN);
-    sqlite3_extended_result_codes(raw, 1);
-    sqlite3_busy_timeout(raw, kBusyTimeoutMs);
-    code = exec(raw, "PRAGMA synchronous=FULL; PRAGMA trusted_schema=OFF;");
-    if (code != SQLITE_OK) return sqlRc(raw, code, ZAVKM_ERR_DATABASE_OPEN);
-    out = std::move(db);
-    return ZAVKM_OK;
-}
+// openConnection - a configured connection to an existing file, pooled or new.
+Rc openConnection(const std::string& name, Connection& out) { return takeConnection(name, out); }
 
 Rc readMeta(sqlite3* db, Meta& m) {
     Stmt s(db,
@@ -202,7 +193,6 @@ std::string_view view(const SecretBytes& b) {
     return {reinterpret_cast<const char*>(b.data()), b.size()};
 }
 
-
 // checkHeader - the file behind an open connection is a key database by its first 100 bytes
 // and its size. The bytes are read through SQLite's own file handle: opening and closing a
 // second descriptor on the file would drop the POSIX locks that other connections of this
@@ -220,7 +210,8 @@ Rc checkHeader(sqlite3* db) {
     static const char magic[16] = "SQLite format 3";  // with its terminating zero
     size_t n = size < 100 ? static_cast<size_t>(size) : sizeof header;
     if (n == 0) return ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE;
-    if (std::memcmp(header, magic, n < 16 ? n : 16) != 0) return ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE;
+    if (std::memcmp(header, magic, n < 16 ? n : 16) != 0)
+        return ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE;
     if (n < sizeof header) return ZAVKM_ERR_DATABASE_CORRUPTION;  // a cut-off key database
     if (be32(header + 68) != static_cast<uint32_t>(kApplicationId))
         return ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE;
@@ -247,9 +238,11 @@ Rc statKeyDbFile(const char* fileName) {
 Rc probeKeyDbFile(const char* fileName) noexcept {
     return guarded([&]() -> Rc {
         if (Rc rc = statKeyDbFile(fileName); rc != ZAVKM_OK) return rc;
-        SqlitePtr db;
+        Connection db;
         if (Rc rc = openConnection(fileName, db); rc != ZAVKM_OK) return rc;
-        return checkHeader(db.get());
+        Rc rc = checkHeader(db.get());
+        if (rc == ZAVKM_OK) db.markReusable();
+        return rc;
     });
 }
 
@@ -266,6 +259,8 @@ Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSe
         }
         bool modeOk = ::fchmod(fd, 0600) == 0;
         ::close(fd);
+        for (const char* suffix : {"-wal", "-shm", "-journal"})  // left by an earlier file
+            ::unlink((name + suffix).c_str());
 
         auto kdb = std::make_unique<KeyDb>();
         kdb->fileName = name;
@@ -296,6 +291,9 @@ Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSe
             }
             if (rc == ZAVKM_OK && (code = tx.commit()) != SQLITE_OK)
                 rc = sqlRc(db, code, ZAVKM_ERR_DATABASE_CREATE);
+            // The new file holds its header, schema and password record by itself.
+            if (rc == ZAVKM_OK && (code = exec(db, "PRAGMA wal_checkpoint(TRUNCATE)")) != SQLITE_OK)
+                rc = sqlRc(db, code, ZAVKM_ERR_DATABASE_CREATE);
         }
         if (rc != ZAVKM_OK) {
             kdb.reset();
@@ -303,9 +301,10 @@ Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSe
             return rc;
         }
         cacheMaster(m.kdf, password, kdb->master);
+        kdb->db.markReusable();
         kdb->kdf = m.kdf;
-        kdb->password = SecretBytes(reinterpret_cast<const uint8_t*>(password.data()),
-                                    password.size());
+        kdb->password =
+            SecretBytes(reinterpret_cast<const uint8_t*>(password.data()), password.size());
         out = std::move(kdb);
         return ZAVKM_OK;
     });
@@ -330,6 +329,7 @@ Rc openKeyDb(const char* fileName, std::string_view password, bool checkExpiry,
             if (Rc rc = checkSchema(db); rc != ZAVKM_OK) return rc;
             if (Rc rc = readMeta(db, m); rc != ZAVKM_OK) return rc;
         }
+        kdb->db.markReusable();  // a sound key database, whatever the password turns out
         if (Rc rc = unlockDataKey(m, view(secret), kdb->master, kdb->dataKey); rc != ZAVKM_OK)
             return rc;
         if (checkExpiry && m.expireSeconds > 0 && now() >= m.passwordTime + m.expireSeconds)

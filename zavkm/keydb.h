@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "common.h"
+#include "connpool.h"
 #include "kdf.h"
 #include "sql.h"
 
@@ -19,18 +20,17 @@ namespace zavkm {
 
 inline constexpr int32_t kApplicationId = 0x5A41564B;  // "ZAVK"
 inline constexpr int32_t kSchemaVersion = 1;
-inline constexpr int kBusyTimeoutMs = 60000;
 
 // KeyDb - an open key database: the SQLite connection and the secrets proven by the password.
 // One thread at a time: callers hold `mutex` while they use it.
 struct KeyDb {
     std::mutex mutex;
-    SqlitePtr db;
+    Connection db;
     std::string fileName;
     KdfParams kdf;
-    SecretBytes master;   // the PBES2 key of private keys leaving the library
-    SecretBytes dataKey;  // seals the private keys inside the file
-    SecretBytes password; // for keys that arrive under the password with other parameters
+    SecretBytes master;    // the PBES2 key of private keys leaving the library
+    SecretBytes dataKey;   // seals the private keys inside the file
+    SecretBytes password;  // for keys that arrive under the password with other parameters
 };
 
 // createKeyDb - creates fileName (mode 0600; ZAVKM_ERR_DATABASE_ALREADY_EXISTS when it exists)

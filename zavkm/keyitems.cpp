@@ -1,6 +1,7 @@
 // keyitems.cpp - key records for the caller.
 #include "keyitems.h"
 
+#include "certcache.h"
 #include "epki.h"
 #include "x509records.h"
 #include "x509util.h"
@@ -18,7 +19,7 @@ Rc chainOf(sqlite3* db, X509Ptr cert, std::vector<X509Ptr>& chain) {
         if (Rc rc = findKeysBySubject(db, issuerName, candidates); rc != ZAVKM_OK) return rc;
         X509Ptr next;
         for (const KeyRow& row : candidates) {
-            X509Ptr candidate = parseCertificate(row.cert.data(), row.cert.size());
+            X509Ptr candidate = cachedCertificate(row.cert);
             if (candidate && signedBy(last, candidate.get())) {
                 next = std::move(candidate);
                 break;
@@ -72,7 +73,7 @@ Rc keyItemOf(const KeyDb& kdb, const KeyRow& row, KeyItemPtr& out) {
         item->epki = epki.release();
         item->hasPrivateKey = 1;
     }
-    X509Ptr cert = parseCertificate(row.cert.data(), row.cert.size());
+    X509Ptr cert = cachedCertificate(row.cert);
     if (!cert) return ZAVKM_ERR_DATABASE_CORRUPTION;
     std::vector<X509Ptr> chain;
     if (Rc rc = chainOf(kdb.db.get(), std::move(cert), chain); rc != ZAVKM_OK) return rc;

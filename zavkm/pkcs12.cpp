@@ -38,14 +38,20 @@ Pkcs12Ptr parsePkcs12(const Bytes& data) {
     return p12;
 }
 
+// Legacy algorithms: the providers this library loaded, released by ZAVKM_CleanAll.
+std::mutex providerMutex;
+OSSL_PROVIDER* defaultProvider = nullptr;  // guarded by providerMutex
+OSSL_PROVIDER* legacyProvider = nullptr;   // guarded by providerMutex
+
 // loadLegacyAlgorithms - makes 3DES and RC2 PKCS#12 files readable (outside FIPS mode only).
+// Loading any provider stops the implicit one, so the default provider is loaded with it.
 void loadLegacyAlgorithms() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        OSSL_PROVIDER_load(nullptr, "default");  // loading any provider stops the implicit one
-        if (OSSL_PROVIDER_load(nullptr, "legacy") == nullptr) trace("legacy provider missing");
-        clearSslErrors();
-    });
+    std::lock_guard lock(providerMutex);
+    if (defaultProvider != nullptr) return;
+    defaultProvider = OSSL_PROVIDER_load(nullptr, "default");
+    legacyProvider = OSSL_PROVIDER_load(nullptr, "legacy");
+    if (legacyProvider == nullptr) trace("legacy provider missing: RC2 files are unreadable");
+    clearSslErrors();
 }
 
 // asKey - bytes as a set key.
@@ -93,15 +99,14 @@ Rc collectEntries(const KeyDb& kdb, const std::vector<std::string>& labels,
 Rc nameBag(PKCS12_SAFEBAG* bag, const std::string& label, const Bytes* keyId, bool trusted) {
     if (PKCS12_add_friendlyname_utf8(bag, label.c_str(), static_cast<int>(label.size())) != 1)
         return sslError(ZAVKM_ERR_ASN);
-    if (keyId != nullptr &&
-        PKCS12_add_localkeyid(bag, const_cast<uint8_t*>(keyId->data()),
-                              static_cast<int>(keyId->size())) != 1)
+    if (keyId != nullptr && PKCS12_add_localkeyid(bag, const_cast<uint8_t*>(keyId->data()),
+                                                  static_cast<int>(keyId->size())) != 1)
         return sslError(ZAVKM_ERR_ASN);
     if (trusted) {
         Asn1ObjPtr anyEku(OBJ_txt2obj("2.5.29.37.0", 1));
-        if (!anyEku || PKCS12_add1_attr_by_txt(bag, kJavaTrustOid, V_ASN1_OBJECT,
-                                               reinterpret_cast<const unsigned char*>(anyEku.get()),
-                                               -1) != 1)
+        if (!anyEku ||
+            PKCS12_add1_attr_by_txt(bag, kJavaTrustOid, V_ASN1_OBJECT,
+                                    reinterpret_cast<const unsigned char*>(anyEku.get()), -1) != 1)
             return sslError(ZAVKM_ERR_ASN);
     }
     return ZAVKM_OK;
@@ -155,8 +160,8 @@ Rc buildPkcs12(const std::vector<ExportEntry>& entries, const char* password, By
         safes.reset(rawSafes);
         return sslError(ZAVKM_ERR_CRYPTO);
     }
-    if (keyBags && PKCS12_add_safe_ex(&rawSafes, keyBags.get(), -1, 0, nullptr, nullptr,
-                                      nullptr) != 1) {
+    if (keyBags &&
+        PKCS12_add_safe_ex(&rawSafes, keyBags.get(), -1, 0, nullptr, nullptr, nullptr) != 1) {
         safes.reset(rawSafes);
         return sslError(ZAVKM_ERR_CRYPTO);
     }
@@ -213,7 +218,8 @@ struct Reader {
         const ASN1_TYPE* id = PKCS12_SAFEBAG_get0_attr(bag, NID_localKeyID);
         if (id != nullptr && id->type == V_ASN1_OCTET_STRING) {
             const ASN1_OCTET_STRING* s = id->value.octet_string;
-            f.keyId.assign(ASN1_STRING_get0_data(s), ASN1_STRING_get0_data(s) + ASN1_STRING_length(s));
+            f.keyId.assign(ASN1_STRING_get0_data(s),
+                           ASN1_STRING_get0_data(s) + ASN1_STRING_length(s));
         }
         const STACK_OF(X509_ATTRIBUTE)* attrs = PKCS12_SAFEBAG_get0_attrs(bag);
         Asn1ObjPtr trust(OBJ_txt2obj(kJavaTrustOid, 1));
@@ -240,8 +246,8 @@ struct Reader {
                     const X509_ALGOR* alg = nullptr;
                     X509_SIG_get0(PKCS12_SAFEBAG_get0_pkcs8(bag), &alg, nullptr);
                     if (Rc rc = admit(alg); rc != ZAVKM_OK) return rc;
-                    P8InfPtr p8(PKCS12_decrypt_skey_ex(bag, password, passwordLength, nullptr,
-                                                       nullptr));
+                    P8InfPtr p8(
+                        PKCS12_decrypt_skey_ex(bag, password, passwordLength, nullptr, nullptr));
                     if (!p8) return sslError(ZAVKM_ERR_PKCS12_PWD_CORRUPTION);
                     PkeyPtr key(EVP_PKCS82PKEY(p8.get()));
                     if (!key) return sslError(ZAVKM_ERR_INVALID_PKCS12_DATA);
@@ -259,7 +265,8 @@ struct Reader {
                     if (Rc rc = bags(PKCS12_SAFEBAG_get0_safes(bag), depth + 1); rc != ZAVKM_OK)
                         return rc;
                     break;
-                default: break;  // CRLs and secrets are not kept
+                default:
+                    break;  // CRLs and secrets are not kept
             }
         }
         return ZAVKM_OK;
@@ -274,7 +281,8 @@ struct Reader {
             const ASN1_INTEGER* iter = nullptr;
             PKCS12_get0_mac(nullptr, &macAlg, nullptr, &iter, p12.get());
             long n = iter != nullptr ? ASN1_INTEGER_get(iter) : 1;
-            if (n <= 0 || n > static_cast<long>(kMaxPbeIterations)) return ZAVKM_ERR_PBE_ALG_UNSUPPORT;
+            if (n <= 0 || n > static_cast<long>(kMaxPbeIterations))
+                return ZAVKM_ERR_PBE_ALG_UNSUPPORT;
             totalIterations += n;
             const ASN1_OBJECT* macObj = nullptr;
             X509_ALGOR_get0(&macObj, nullptr, nullptr, macAlg);
@@ -295,7 +303,9 @@ struct Reader {
             PKCS7* safe = sk_PKCS7_value(safes.get(), i);
             BagsPtr list;
             switch (OBJ_obj2nid(safe->type)) {
-                case NID_pkcs7_data: list.reset(PKCS12_unpack_p7data(safe)); break;
+                case NID_pkcs7_data:
+                    list.reset(PKCS12_unpack_p7data(safe));
+                    break;
                 case NID_pkcs7_encrypted: {
                     if (safe->d.encrypted == nullptr || safe->d.encrypted->enc_data == nullptr)
                         return ZAVKM_ERR_INVALID_PKCS12_DATA;
@@ -305,7 +315,8 @@ struct Reader {
                     if (!list) return sslError(ZAVKM_ERR_PKCS12_PWD_CORRUPTION);
                     break;
                 }
-                default: return ZAVKM_ERR_INVALID_PKCS12_DATA;
+                default:
+                    return ZAVKM_ERR_INVALID_PKCS12_DATA;
             }
             if (!list) return sslError(ZAVKM_ERR_INVALID_PKCS12_DATA);
             if (Rc rc = bags(list.get(), 0); rc != ZAVKM_OK) return rc;
@@ -417,6 +428,13 @@ Rc plan(const KeyDb& kdb, Reader& in, Planner& out) {
 }
 
 }  // namespace
+
+void unloadLegacyAlgorithms() noexcept {
+    std::lock_guard lock(providerMutex);
+    if (legacyProvider != nullptr) OSSL_PROVIDER_unload(legacyProvider);
+    if (defaultProvider != nullptr) OSSL_PROVIDER_unload(defaultProvider);
+    legacyProvider = defaultProvider = nullptr;
+}
 
 Rc pkcs12NeedsPassword(const char* fileName, bool& needed) noexcept {
     return guarded([&]() -> Rc {

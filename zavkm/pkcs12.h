@@ -38,4 +38,8 @@ Rc exportPkcs12(const KeyDb& kdb, const std::vector<std::string>& labels, const 
 // many iterations or an algorithm refused in FIPS mode ZAVKM_ERR_PBE_ALG_UNSUPPORT.
 Rc importPkcs12(KeyDb& kdb, const char* fileName, const char* password) noexcept;
 
+// unloadLegacyAlgorithms - releases the providers loaded for legacy PKCS#12 files
+// (ZAVKM_CleanAll); the next import loads them again.
+void unloadLegacyAlgorithms() noexcept;
+
 }  // namespace zavkm

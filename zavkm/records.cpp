@@ -12,8 +12,16 @@ void freeBytesWiped(uint8_t* p, uint32_t n) noexcept {
 
 void freeDN(ZAVKM_DNItem* dn) noexcept {
     if (dn == nullptr) return;
-    char* texts[] = {dn->cn, dn->ou, dn->o, dn->l, dn->s, dn->pc, dn->c,
-                     dn->optionalField1, dn->optionalField2, dn->optionalField3,
+    char* texts[] = {dn->cn,
+                     dn->ou,
+                     dn->o,
+                     dn->l,
+                     dn->s,
+                     dn->pc,
+                     dn->c,
+                     dn->optionalField1,
+                     dn->optionalField2,
+                     dn->optionalField3,
                      dn->optionalField4};
     for (char* t : texts) std::free(t);
     std::free(dn->der);

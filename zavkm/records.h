@@ -56,14 +56,14 @@ inline void copyBytes(const Bytes& b, uint8_t** out, uint32_t* outLength) {
 
 // LabelListBuilder - appends labels to a list in order; take() hands the head over.
 class LabelListBuilder {
-public:
+  public:
     void add(std::string_view label);
     ZAVKM_LabelList* take() noexcept {
         tail_ = nullptr;
         return head_.release();
     }
 
-private:
+  private:
     LabelListPtr head_;
     ZAVKM_LabelList* tail_ = nullptr;
 };

@@ -8,20 +8,35 @@ namespace zavkm {
 Rc sqlRc(sqlite3* db, int code, Rc fallback) noexcept {
     Rc rc = fallback;
     switch (code & 0xff) {
-        case SQLITE_CORRUPT: rc = ZAVKM_ERR_DATABASE_CORRUPTION; break;
-        case SQLITE_NOTADB: rc = ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE; break;
-        case SQLITE_NOMEM: rc = ZAVKM_ERR_MEMORY_ALLOCATE; break;
-        case SQLITE_FULL: rc = ZAVKM_ERR_DATABASE_WRITE; break;
-        case SQLITE_READONLY: rc = ZAVKM_ERR_DATABASE_WRITE; break;
+        case SQLITE_CORRUPT:
+            rc = ZAVKM_ERR_DATABASE_CORRUPTION;
+            break;
+        case SQLITE_NOTADB:
+            rc = ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE;
+            break;
+        case SQLITE_NOMEM:
+            rc = ZAVKM_ERR_MEMORY_ALLOCATE;
+            break;
+        case SQLITE_FULL:
+            rc = ZAVKM_ERR_DATABASE_WRITE;
+            break;
+        case SQLITE_READONLY:
+            rc = ZAVKM_ERR_DATABASE_WRITE;
+            break;
         case SQLITE_IOERR:
             rc = (code == SQLITE_IOERR_READ || code == SQLITE_IOERR_SHORT_READ)
                      ? ZAVKM_ERR_DATABASE_READ
                      : ZAVKM_ERR_DATABASE_WRITE;
             break;
-        case SQLITE_CANTOPEN: rc = ZAVKM_ERR_DATABASE_OPEN; break;
+        case SQLITE_CANTOPEN:
+            rc = ZAVKM_ERR_DATABASE_OPEN;
+            break;
         case SQLITE_BUSY:
-        case SQLITE_LOCKED: rc = ZAVKM_ERR_DATABASE; break;
-        default: break;
+        case SQLITE_LOCKED:
+            rc = ZAVKM_ERR_DATABASE;
+            break;
+        default:
+            break;
     }
     trace("sqlite: %d (%s) -> %d", code, db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(code),
           rc);
@@ -41,8 +56,7 @@ Stmt& Stmt::bind(int i, int64_t v) {
 }
 
 Stmt& Stmt::bind(int i, std::string_view text) {
-    sqlite3_bind_text(stmt_.get(), i, text.data(), static_cast<int>(text.size()),
-                      SQLITE_TRANSIENT);
+    sqlite3_bind_text(stmt_.get(), i, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
     return *this;
 }
 

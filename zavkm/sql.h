@@ -17,14 +17,15 @@ using SqlitePtr = Owned<sqlite3, closeSqlite>;
 using StmtPtr = Owned<sqlite3_stmt, sqlite3_finalize>;
 
 // sqlRc - the return code for a failed SQLite call: corruption gives
-// ZAVKM_ERR_DATABASE_CORRUPTION, a file that is not a database ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE,
-// a full disk or I/O failure ZAVKM_ERR_DATABASE_WRITE or ZAVKM_ERR_DATABASE_READ, memory
-// ZAVKM_ERR_MEMORY_ALLOCATE, anything else fallback. Traces the SQLite message.
+// ZAVKM_ERR_DATABASE_CORRUPTION, a file that is not a database
+// ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE, a full disk or I/O failure ZAVKM_ERR_DATABASE_WRITE or
+// ZAVKM_ERR_DATABASE_READ, memory ZAVKM_ERR_MEMORY_ALLOCATE, anything else fallback. Traces the
+// SQLite message.
 Rc sqlRc(sqlite3* db, int code, Rc fallback) noexcept;
 
 // Stmt - one prepared statement; bind by 1-based index, step, read columns.
 class Stmt {
-public:
+  public:
     Stmt(sqlite3* db, std::string_view sql);
     bool ok() const noexcept { return stmt_ != nullptr; }
     int prepareCode() const noexcept { return prepareCode_; }
@@ -41,7 +42,7 @@ public:
     bool isNull(int col) const noexcept;
     sqlite3_stmt* get() const noexcept { return stmt_.get(); }
 
-private:
+  private:
     StmtPtr stmt_;
     int prepareCode_ = SQLITE_OK;
 };
@@ -52,13 +53,13 @@ int exec(sqlite3* db, const char* sql) noexcept;
 // WriteTransaction - BEGIN IMMEDIATE (waiting under the busy timeout for other writers);
 // rolled back on destruction unless commit() succeeded.
 class WriteTransaction {
-public:
+  public:
     explicit WriteTransaction(sqlite3* db) noexcept;
     ~WriteTransaction();
     int beginCode() const noexcept { return begin_; }
     int commit() noexcept;
 
-private:
+  private:
     sqlite3* db_;
     int begin_;
     bool done_ = false;
@@ -66,12 +67,12 @@ private:
 
 // ReadTransaction - BEGIN (deferred) for a consistent view over several statements.
 class ReadTransaction {
-public:
+  public:
     explicit ReadTransaction(sqlite3* db) noexcept;
     ~ReadTransaction();
     int beginCode() const noexcept { return begin_; }
 
-private:
+  private:
     sqlite3* db_;
     int begin_;
 };

@@ -35,8 +35,7 @@ bool writeAll(int fd, const uint8_t* p, size_t n) {
 std::string stashFileName(const std::string& keyDbFileName) {
     size_t slash = keyDbFileName.find_last_of('/');
     size_t dot = keyDbFileName.find_last_of('.');
-    bool hasExtension =
-        dot != std::string::npos && (slash == std::string::npos || dot > slash + 1);
+    bool hasExtension = dot != std::string::npos && (slash == std::string::npos || dot > slash + 1);
     return (hasExtension ? keyDbFileName.substr(0, dot) : keyDbFileName) + ".sth";
 }
 
@@ -54,10 +53,10 @@ Rc writeStash(const std::string& keyDbFileName, const std::string& password) noe
         std::string target = stashFileName(keyDbFileName);
         std::string temp = target + ".tmp" + std::to_string(::getpid());
         int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
-        if (fd < 0) return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED
-                                           : ZAVKM_ERR_FILE_OPEN_TO_WRITE;
-        bool ok = ::fchmod(fd, 0600) == 0 && writeAll(fd, block.data(), block.size()) &&
-                  ::fsync(fd) == 0;
+        if (fd < 0)
+            return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED : ZAVKM_ERR_FILE_OPEN_TO_WRITE;
+        bool ok =
+            ::fchmod(fd, 0600) == 0 && writeAll(fd, block.data(), block.size()) && ::fsync(fd) == 0;
         ok = (::close(fd) == 0) && ok;
         if (!ok || ::rename(temp.c_str(), target.c_str()) != 0) {
             ::unlink(temp.c_str());
@@ -72,7 +71,8 @@ Rc readStash(const std::string& keyDbFileName, SecretBytes& password) noexcept {
     return guarded([&]() -> Rc {
         std::string name = stashFileName(keyDbFileName);
         int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) return errno == ENOENT ? ZAVKM_ERR_PWDFILE_NOT_EXIST : ZAVKM_ERR_FILE_OPEN_TO_READ;
+        if (fd < 0)
+            return errno == ENOENT ? ZAVKM_ERR_PWDFILE_NOT_EXIST : ZAVKM_ERR_FILE_OPEN_TO_READ;
         SecretBytes block(kHeader + kMaxPassword + 1);
         size_t got = 0;
         for (;;) {

@@ -12,7 +12,7 @@ namespace {
 std::mutex traceMutex;
 std::FILE* traceFile = nullptr;  // guarded by traceMutex
 std::atomic<bool> tracing{false};
-char traceTag[64] = "";          // guarded by traceMutex
+char traceTag[64] = "";  // guarded by traceMutex
 }  // namespace
 
 Rc startTrace(const char* tag, const char* fileName, int32_t /*level*/) noexcept {

@@ -30,7 +30,7 @@ std::string oidText(const ASN1_OBJECT* obj, bool numeric) {
     char buf[128];
     int n = OBJ_obj2txt(buf, sizeof buf, obj, numeric ? 1 : 0);
     return n > 0 ? std::string(buf, static_cast<size_t>(n) < sizeof buf ? static_cast<size_t>(n)
-                                                                         : sizeof buf - 1)
+                                                                        : sizeof buf - 1)
                  : std::string();
 }
 
@@ -76,14 +76,29 @@ Rc dnRecord(const X509_NAME* name, DNPtr& out) {
         const ASN1_OBJECT* obj = X509_NAME_ENTRY_get_object(entry);
         char** field = nullptr;
         switch (OBJ_obj2nid(obj)) {
-            case NID_commonName: field = &dn->cn; break;
-            case NID_organizationalUnitName: field = &dn->ou; break;
-            case NID_organizationName: field = &dn->o; break;
-            case NID_localityName: field = &dn->l; break;
-            case NID_stateOrProvinceName: field = &dn->s; break;
-            case NID_postalCode: field = &dn->pc; break;
-            case NID_countryName: field = &dn->c; break;
-            default: break;
+            case NID_commonName:
+                field = &dn->cn;
+                break;
+            case NID_organizationalUnitName:
+                field = &dn->ou;
+                break;
+            case NID_organizationName:
+                field = &dn->o;
+                break;
+            case NID_localityName:
+                field = &dn->l;
+                break;
+            case NID_stateOrProvinceName:
+                field = &dn->s;
+                break;
+            case NID_postalCode:
+                field = &dn->pc;
+                break;
+            case NID_countryName:
+                field = &dn->c;
+                break;
+            default:
+                break;
         }
         std::string value = utf8Of(entry);
         if (field != nullptr && *field == nullptr) {
@@ -198,8 +213,8 @@ Rc requestRecord(X509_REQ* req, CertReqItemPtr& out) {
     const ASN1_BIT_STRING* sig = nullptr;
     const X509_ALGOR* alg = nullptr;
     X509_REQ_get0_signature(req, &sig, &alg);
-    copyBytes(ASN1_STRING_get0_data(sig), static_cast<size_t>(ASN1_STRING_length(sig)),
-              &item->sig, &item->sigLength);
+    copyBytes(ASN1_STRING_get0_data(sig), static_cast<size_t>(ASN1_STRING_length(sig)), &item->sig,
+              &item->sigLength);
     Bytes algDer = toDer(alg, i2d_X509_ALGOR);
     copyBytes(algDer, &item->sigAlgId, &item->sigAlgIdLength);
     const ASN1_OBJECT* algObj = nullptr;

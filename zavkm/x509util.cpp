@@ -24,7 +24,6 @@ BioPtr memBio(const uint8_t* p, size_t n) {
     return BioPtr(BIO_new_mem_buf(p, static_cast<int>(n)));
 }
 
-
 }  // namespace
 
 X509Ptr parseCertificate(const uint8_t* p, size_t n) {
@@ -63,8 +62,8 @@ PkeyPtr parsePrivateKey(const uint8_t* p, size_t n) {
     if (looksLikePem(p, n)) {
         BioPtr bio = memBio(p, n);
         // No password callback: an encrypted PEM key is refused here rather than prompted for.
-        key.reset(PEM_read_bio_PrivateKey(bio.get(), nullptr,
-                                          [](char*, int, int, void*) { return -1; }, nullptr));
+        key.reset(PEM_read_bio_PrivateKey(
+            bio.get(), nullptr, [](char*, int, int, void*) { return -1; }, nullptr));
     } else {
         const unsigned char* q = p;
         key.reset(d2i_AutoPrivateKey(nullptr, &q, static_cast<long>(n)));
@@ -120,9 +119,14 @@ Rc generateKey(int32_t keySize, PkeyPtr& out) noexcept {
 
 Rc signatureDigest(int32_t selector, const EVP_MD*& md) noexcept {
     switch (selector) {
-        case 1: md = EVP_sha256(); return ZAVKM_OK;
-        case 2: md = EVP_sha384(); return ZAVKM_OK;
-        default: return ZAVKM_ERR_SIGNATURE_ALGORITHM;
+        case 1:
+            md = EVP_sha256();
+            return ZAVKM_OK;
+        case 2:
+            md = EVP_sha384();
+            return ZAVKM_OK;
+        default:
+            return ZAVKM_ERR_SIGNATURE_ALGORITHM;
     }
 }
 
@@ -134,9 +138,9 @@ Rc nameFromDN(const ZAVKM_DNItem* dn, X509NamePtr& out) {
         int nid;
         const char* value;
     } parts[] = {
-        {NID_countryName, dn->c},       {NID_stateOrProvinceName, dn->s},
-        {NID_localityName, dn->l},      {NID_postalCode, dn->pc},
-        {NID_organizationName, dn->o},  {NID_organizationalUnitName, dn->ou},
+        {NID_countryName, dn->c},      {NID_stateOrProvinceName, dn->s},
+        {NID_localityName, dn->l},     {NID_postalCode, dn->pc},
+        {NID_organizationName, dn->o}, {NID_organizationalUnitName, dn->ou},
         {NID_commonName, dn->cn},
     };
     for (const auto& part : parts) {
@@ -240,9 +244,8 @@ Rc makeCertificate(const CertSpec& spec, X509Ptr& out) {
     if (X509_set_version(cert.get(), v3 ? 2 : 0) != 1 ||
         X509_set_serialNumber(cert.get(), const_cast<ASN1_INTEGER*>(spec.serial)) != 1 ||
         X509_set_subject_name(cert.get(), spec.subject) != 1 ||
-        X509_set_issuer_name(cert.get(), spec.issuer != nullptr
-                                             ? X509_get_subject_name(spec.issuer)
-                                             : spec.subject) != 1 ||
+        X509_set_issuer_name(cert.get(), spec.issuer != nullptr ? X509_get_subject_name(spec.issuer)
+                                                                : spec.subject) != 1 ||
         X509_gmtime_adj(X509_getm_notBefore(cert.get()), 0) == nullptr ||
         X509_time_adj_ex(X509_getm_notAfter(cert.get()), spec.days, 0, nullptr) == nullptr ||
         X509_set_pubkey(cert.get(), spec.subjectKey) != 1)
@@ -258,17 +261,17 @@ Rc makeCertificate(const CertSpec& spec, X509Ptr& out) {
         if (rc == ZAVKM_OK)
             rc = addExtension(cert.get(), &ctx, NID_subject_key_identifier, "hash", false);
         if (rc == ZAVKM_OK)
-            rc = addExtension(cert.get(), &ctx, NID_authority_key_identifier, "keyid:always",
-                              false);
-        for (int i = 0; rc == ZAVKM_OK && spec.extra != nullptr &&
-                        i < sk_X509_EXTENSION_num(spec.extra);
-             ++i)
+            rc =
+                addExtension(cert.get(), &ctx, NID_authority_key_identifier, "keyid:always", false);
+        for (int i = 0;
+             rc == ZAVKM_OK && spec.extra != nullptr && i < sk_X509_EXTENSION_num(spec.extra); ++i)
             rc = replaceExtension(cert.get(), sk_X509_EXTENSION_value(spec.extra, i));
         if (rc != ZAVKM_OK) return rc;
     } else if (spec.extra != nullptr && sk_X509_EXTENSION_num(spec.extra) > 0) {
         return ZAVKM_ERR_VALIDATION_KEY_WRONG_VERSION;  // a v1 certificate carries none
     }
-    if (X509_sign(cert.get(), spec.signingKey, spec.md) <= 0) return sslError(ZAVKM_ERR_CRYPTO_SIGN);
+    if (X509_sign(cert.get(), spec.signingKey, spec.md) <= 0)
+        return sslError(ZAVKM_ERR_CRYPTO_SIGN);
     out = std::move(cert);
     return ZAVKM_OK;
 }
@@ -330,10 +333,12 @@ Rc writeCertificateFile(const char* fileName, const X509* cert, bool pem) {
         return writeFile(fileName, der, 0644);
     }
     BioPtr bio(BIO_new(BIO_s_mem()));
-    if (!bio || PEM_write_bio_X509(bio.get(), cert) != 1) return sslError(ZAVKM_ERR_BASE64_ENCODING);
+    if (!bio || PEM_write_bio_X509(bio.get(), cert) != 1)
+        return sslError(ZAVKM_ERR_BASE64_ENCODING);
     char* data = nullptr;
     long n = BIO_get_mem_data(bio.get(), &data);
-    return writeFile(fileName, reinterpret_cast<const uint8_t*>(data), static_cast<size_t>(n), 0644);
+    return writeFile(fileName, reinterpret_cast<const uint8_t*>(data), static_cast<size_t>(n),
+                     0644);
 }
 
 Rc writeRequestFile(const char* fileName, const X509_REQ* req) {
@@ -342,7 +347,8 @@ Rc writeRequestFile(const char* fileName, const X509_REQ* req) {
         return sslError(ZAVKM_ERR_BASE64_ENCODING);
     char* data = nullptr;
     long n = BIO_get_mem_data(bio.get(), &data);
-    return writeFile(fileName, reinterpret_cast<const uint8_t*>(data), static_cast<size_t>(n), 0644);
+    return writeFile(fileName, reinterpret_cast<const uint8_t*>(data), static_cast<size_t>(n),
+                     0644);
 }
 
 bool signedBy(X509* cert, X509* issuer) noexcept {

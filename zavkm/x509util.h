@@ -57,16 +57,16 @@ Rc checkValidityDays(int32_t days) noexcept;
 
 // CertSpec - what makeCertificate needs. issuer null means self-signed (subjectKey signs).
 struct CertSpec {
-    int32_t version = 3;                       // 1 gives a v1 certificate, else v3
+    int32_t version = 3;  // 1 gives a v1 certificate, else v3
     const X509_NAME* subject = nullptr;
-    EVP_PKEY* subjectKey = nullptr;            // its public half goes into the certificate
-    X509* issuer = nullptr;                    // issuer certificate, or null
-    EVP_PKEY* signingKey = nullptr;            // the issuer's private key
+    EVP_PKEY* subjectKey = nullptr;  // its public half goes into the certificate
+    X509* issuer = nullptr;          // issuer certificate, or null
+    EVP_PKEY* signingKey = nullptr;  // the issuer's private key
     const ASN1_INTEGER* serial = nullptr;
     int32_t days = 365;
     const EVP_MD* md = nullptr;
-    bool ca = false;                           // CA:TRUE and keyCertSign
-    const STACK_OF(X509_EXTENSION)* extra = nullptr;  // added last, replacing same-type ones
+    bool ca = false;                                   // CA:TRUE and keyCertSign
+    const STACK_OF(X509_EXTENSION) * extra = nullptr;  // added last, replacing same-type ones
 };
 Rc makeCertificate(const CertSpec& spec, X509Ptr& out);
 

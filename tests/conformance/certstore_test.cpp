@@ -27,20 +27,7 @@ jobject newStore() {
     return harness::newObject("com/norvex/zav/tolvik/basic/MSCertificateStore", "()V");
 }
 
-// StoreCase - one scenario of a native that opens the store (handle 7).
-struct StoreCase {
-    const char* provider = providerName;   // null: no provider name
-    const char* password = storePassword;  // null: no password
-    bool tokenPasswordName = false;        // a given password is traced as the token password's
-    int openCode = 0;
-    std::vector<Scripted> script;
-    std::vector<std::string> before;     // library calls before the open
-    std::vector<std::string> operation;  // library calls on the open store, before its close
-    std::vector<std::string> after;      // library calls after the close or the failed open
-    std::vector<std::string> trace;      // trace lines after the provider's and password's
-    Check check = nullptr;
-    std::vector<std::string> givenBack = {};  // texts given back out of the order taken
-};
+using StoreCase = FrameCase;
 
 std::vector<std::string> storeTrace(const char* provider, const char* password,
                                     bool tokenPasswordName) {
@@ -58,24 +45,9 @@ std::string storeDescriptor(const char* provider, const char* password) {
 
 Row storeRow(std::string name, StoreCase sc, std::function<Returned(Context&)> call,
              Returned returns) {
-    std::vector<Scripted> script = {sc.openCode == 0 ? opens() : openFails(sc.openCode)};
-    script.insert(script.end(), sc.script.begin(), sc.script.end());
-    std::vector<std::string> journal = sc.before;
-    journal.push_back(opened(storeDescriptor(sc.provider, sc.password)));
-    if (sc.openCode == 0) {
-        journal.insert(journal.end(), sc.operation.begin(), sc.operation.end());
-        journal.push_back(closed(storeHandle));
-    }
-    journal.insert(journal.end(), sc.after.begin(), sc.after.end());
-    Row row = {std::move(name),
-               script,
-               std::move(call),
-               journal,
-               concat({storeTrace(sc.provider, sc.password, sc.tokenPasswordName), sc.trace}),
-               returns,
-               sc.check};
-    row.givenBack = sc.givenBack;
-    return row;
+    return frameRow(std::move(name), sc, storeDescriptor(sc.provider, sc.password),
+                    storeTrace(sc.provider, sc.password, sc.tokenPasswordName), std::move(call),
+                    returns);
 }
 
 // ---- c_GetCSPNameList ------------------------------------------------------------------------

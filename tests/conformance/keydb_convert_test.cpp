@@ -7,6 +7,7 @@
 
 #include "com_norvex_zav_tolvik_basic_CMSKeyDatabase.h"
 #include "com_norvex_zav_tolvik_basic_WEBDBKeyDatabase.h"
+#include "java_calls.h"
 #include "keydb_rows.h"
 
 namespace {
@@ -29,11 +30,11 @@ const std::vector<std::string> convertTrace = {keydb::fileLine, keydb::pwdLine,
 const std::vector<std::string> keyringFirst = {"r.kyr", "rpw", "k.kdb", "pw"};
 
 jint kyr2Kdb(JNIEnv* env, jobject self, const char* keyDbPwd) {
-    return Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1Kyr2Kdb(
+    return KEYDB_NATIVE(Kyr2Kdb)(
         env, self, str("r.kyr"), str("rpw"), str("k.kdb"), str(keyDbPwd));
 }
 jint kdb2Kyr(JNIEnv* env, jobject self, const char* keyDbPwd) {
-    return Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1Kdb2Kyr(
+    return KEYDB_NATIVE(Kdb2Kyr)(
         env, self, str("k.kdb"), str(keyDbPwd), str("r.kyr"), str("rpw"));
 }
 
@@ -78,7 +79,7 @@ Row missingPassword(const char* name, jint (*native)(JNIEnv*, jobject, const cha
 // ---- Password probes ---------------------------------------------------------------------------
 
 jboolean probeKeyDb(JNIEnv* env, jobject self, jstring fileName) {
-    return Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1IsPasswordRequired(env, self,
+    return KEYDB_NATIVE(IsPasswordRequired)(env, self,
                                                                                  fileName);
 }
 jboolean probeWebDb(JNIEnv* env, jobject self, jstring fileName) {
@@ -132,18 +133,11 @@ const std::vector<Row> convertRows = {
     convert("Kdb2KyrFails", kdb2Kyr, "ZAVKM_Kdb2Kyr", kdb2KyrCall, ZAVKM_ERR_KDB2KYR),
     missingPassword("Kyr2KdbNullKeyDbPassword", kyr2Kdb),
     missingPassword("Kdb2KyrNullKeyDbPassword", kdb2Kyr),
-    {"Kyr2KdbWithoutThis",
-     {},
-     [](Context& c) { return returned(kyr2Kdb(c.env, nullptr, "pw")); },
-     {},
-     {},
-     rc(ZAVKM_ERR_PARAMETER)},
-    {"Kdb2KyrWithoutEnv",
-     {},
-     [](Context&) { return returned(kdb2Kyr(nullptr, newDb(), "pw")); },
-     {},
-     {},
-     rc(ZAVKM_ERR_PARAMETER)},
+    keydb::nullThis("Kyr2KdbWithoutThis", [](JNIEnv* env, jobject self) {
+        return returned(kyr2Kdb(env, self, "pw")); }, rc(ZAVKM_ERR_PARAMETER)),
+    keydb::nullEnv("Kdb2KyrWithoutEnv", [](JNIEnv* env, jobject self) {
+        return returned(kdb2Kyr(env, self, "pw"));
+    }, rc(ZAVKM_ERR_PARAMETER)),
     probe("KeyDbPasswordRequired", keyDbProbe, 0, 1, yes),
     probe("KeyDbPasswordNotRequired", keyDbProbe, 0, 0, no),
     probe("KeyDbAnswerTwoIsNotRequired", keyDbProbe, 0, 2, no),
@@ -160,38 +154,24 @@ const std::vector<Row> convertRows = {
 
 CONFORMANCE_ROWS(KeyDbConvertRows, convertRows);
 
-using KeyDbConvertThroughJava = keydb::JavaCalls;
+using namespace javacalls;
 
-TEST_F(KeyDbConvertThroughJava, ConversionsAndProbesBind) {
-    const char* const fourStrings =
-        "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)I";
-    jmethodID toKdb = method("c_Kyr2Kdb", fourStrings);
-    jmethodID toKyr = method("c_Kdb2Kyr", fourStrings);
-    jmethodID probeMethod = method("c_IsPasswordRequired", "(Ljava/lang/String;)Z");
-    fake::script("ZAVKM_Kyr2Kdb", fake::returns(ZAVKM_ERR_KYR2KDB));
-    EXPECT_EQ(
-        checked(env->CallIntMethod(db, toKdb, str("r.kyr"), str("rpw"), str("k.kdb"), str("pw"))),
-        ZAVKM_ERR_KYR2KDB);
-    fake::script("ZAVKM_Kdb2Kyr", fake::returns(ZAVKM_ERR_KDB2KYR));
-    EXPECT_EQ(
-        checked(env->CallIntMethod(db, toKyr, str("k.kdb"), str("pw"), str("r.kyr"), str("rpw"))),
-        ZAVKM_ERR_KDB2KYR);
-    fake::script("ZAVKM_IsPasswordRequired", fake::returns(0).out(1, uint8_t{1}));
-    EXPECT_TRUE(checked(env->CallBooleanMethod(db, probeMethod, str("k.kdb"))));
+const std::vector<JavaCall> javaCalls = {
+    {"c_Kyr2Kdb", "(SSSS)I", [] { return std::vector{s("r.kyr"), s("rpw"), s("k.kdb"), s("pw")}; },
+     {{"ZAVKM_Kyr2Kdb", fake::returns(ZAVKM_ERR_KYR2KDB)}}, ZAVKM_ERR_KYR2KDB, {kyr2KdbCall}},
+    {"c_Kdb2Kyr", "(SSSS)I", [] { return std::vector{s("k.kdb"), s("pw"), s("r.kyr"), s("rpw")}; },
+     {{"ZAVKM_Kdb2Kyr", fake::returns(ZAVKM_ERR_KDB2KYR)}}, ZAVKM_ERR_KDB2KYR, {kdb2KyrCall}},
+    {"c_IsPasswordRequired", "(S)Z", [] { return std::vector{s("k.kdb")}; },
+     {{"ZAVKM_IsPasswordRequired", fake::returns(0).out(1, uint8_t{1})}}, JNI_TRUE,
+     {R"(ZAVKM_IsPasswordRequired(KeyStoreDescriptor{type=1, keyDbFileName="k.kdb"}, non-null))"}},
+};
+JAVA_CALLS(KeyDbConvertJava, keydb::dbClass, javaCalls);
 
-    jclass webDbClass = harness::findClass(webDbProbe.receiverClass);
-    jobject webDb = harness::newObject(webDbProbe.receiverClass, "()V");
-    jmethodID webProbe =
-        env->GetMethodID(webDbClass, "c_IsPasswordRequired", "(Ljava/lang/String;)Z");
-    ASSERT_NE(webProbe, nullptr);
-    fake::script("ZAVKM_IsPasswordRequired", fake::returns(0).out(1, uint8_t{1}));
-    EXPECT_TRUE(checked(env->CallBooleanMethod(webDb, webProbe, str("w.p12"))));
-    EXPECT_THAT(
-        fake::journal(),
-        ::testing::ElementsAre(
-            kyr2KdbCall, kdb2KyrCall,
-            R"(ZAVKM_IsPasswordRequired(KeyStoreDescriptor{type=1, keyDbFileName="k.kdb"}, non-null))",
-            R"(ZAVKM_IsPasswordRequired(KeyStoreDescriptor{type=3, keyDbFileName="w.p12"}, non-null))"));
-}
+const std::vector<JavaCall> webDbCalls = {
+    {"c_IsPasswordRequired", "(S)Z", [] { return std::vector{s("w.p12")}; },
+     {{"ZAVKM_IsPasswordRequired", fake::returns(0).out(1, uint8_t{1})}}, JNI_TRUE,
+     {R"(ZAVKM_IsPasswordRequired(KeyStoreDescriptor{type=3, keyDbFileName="w.p12"}, non-null))"}},
+};
+JAVA_CALLS(WebDbJava, webDbProbe.receiverClass, webDbCalls);
 
 }  // namespace

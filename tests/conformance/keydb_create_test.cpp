@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "com_norvex_zav_tolvik_basic_CMSKeyDatabase.h"
+#include "java_calls.h"
 #include "keydb_rows.h"
 
 namespace {
@@ -90,7 +91,7 @@ Row selfSigned(const char* name, Args args, std::vector<Scripted> script, Lines 
             script,
             [args](Context& c) {
                 return returned(
-                    Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1CreateNewSelfSignedCertificate(
+                    KEYDB_NATIVE(CreateNewSelfSignedCertificate)(
                         c.env, newDb(), str("k.kdb"), str("pw"), 3, str("lbl"), JNI_TRUE, 2048,
                         subjectOf(args), 365, str(args.outFile), JNI_TRUE));
             },
@@ -114,7 +115,7 @@ Row selfSignedSigExt(const char* name, Args args, std::vector<Scripted> script, 
             script,
             [args](Context& c) {
                 return returned(
-                    Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1CreateNewSelfSignedCertificateSigExt(
+                    KEYDB_NATIVE(CreateNewSelfSignedCertificateSigExt)(
                         c.env, newDb(), str("k.kdb"), str("pw"), 3, str("lbl"), JNI_TRUE, 2048,
                         subjectOf(args), 365, args.signatureAlgorithm, args.extensionsDataLen,
                         harness::byteArray(extensions), str(args.outFile), JNI_FALSE));
@@ -146,14 +147,11 @@ const std::vector<Row> selfSignedRows = {
     selfSigned("SelfSignedWrongPassword", certFile, {keydb::openFails(13)}, withSubject(""),
                rc(13)),
     selfSigned("SelfSignedSubjectDoesNotConvert", noSubject, {}, {}, rc(116)),
-    {"SelfSignedNullThis", {},
-     [](Context& c) {
-         return returned(
-             Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1CreateNewSelfSignedCertificate(
-                 c.env, nullptr, str("k.kdb"), str("pw"), 3, str("lbl"), JNI_TRUE, 2048,
-                 keydb::dnItem("Alice", "NO"), 365, str("c.arm"), JNI_TRUE));
-     },
-     {}, {}, rc(65)},
+    keydb::nullThis("SelfSignedNullThis", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(CreateNewSelfSignedCertificate)(env, self, str("k.kdb"),
+            str("pw"), 3, str("lbl"), JNI_TRUE, 2048, keydb::dnItem("Alice", "NO"), 365,
+            str("c.arm"), JNI_TRUE));
+    }, rc(65)),
 
     selfSignedSigExt("SigExtCreates", certFile, {keydb::opened()},
                      withSubject(sigExtCall("[3000]", "2")), {keydb::bytesFit}, rc(0)),
@@ -179,7 +177,7 @@ Row request(const char* name, Args args, std::vector<Scripted> script, Lines jou
     return withSubjectGivenBack({name,
             script,
             [args](Context& c) {
-                return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1CreateNewCertRequest(
+                return returned(KEYDB_NATIVE(CreateNewCertRequest)(
                     c.env, newDb(), str("k.kdb"), str("pw"), str("lbl"), 2048, subjectOf(args),
                     str("r.csr"), args.isNew));
             },
@@ -203,7 +201,7 @@ Row requestSigExt(const char* name, Args args, std::vector<Scripted> script, Lin
             script,
             [args](Context& c) {
                 return returned(
-                    Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1CreateNewCertRequestSigExt(
+                    KEYDB_NATIVE(CreateNewCertRequestSigExt)(
                         c.env, newDb(), str("k.kdb"), str("pw"), str("lbl"), 2048,
                         subjectOf(args), args.signatureAlgorithm, args.extensionsDataLen,
                         harness::byteArray(extensions), str(args.outFile), args.isNew));
@@ -231,13 +229,10 @@ const std::vector<Row> requestRows = {
             {openCall, R"(ZAVKM_ReCreateCertReq(7, "lbl", "r.csr", null, null))", closeCall}, rc(0)),
     request("RequestWrongPassword", {}, {keydb::openFails(13)}, withSubject(""), rc(13)),
     request("RequestSubjectDoesNotConvert", {.subject = false}, {}, {}, rc(116)),
-    {"RequestNullThis", {},
-     [](Context& c) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1CreateNewCertRequest(
-             c.env, nullptr, str("k.kdb"), str("pw"), str("lbl"), 2048, keydb::dnItem("Alice", "NO"),
-             str("r.csr"), JNI_TRUE));
-     },
-     {}, {}, rc(65)},
+    keydb::nullThis("RequestNullThis", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(CreateNewCertRequest)(env, self, str("k.kdb"), str("pw"),
+            str("lbl"), 2048, keydb::dnItem("Alice", "NO"), str("r.csr"), JNI_TRUE));
+    }, rc(65)),
 
     requestSigExt("RequestSigExtNew", requestFile, {keydb::opened()},
                   withSubject(R"(ZAVKM_CreateNewCertReqSigExt(7, "lbl", 2048, )" + aliceRecord +
@@ -292,10 +287,10 @@ Row issue(const char* name, std::optional<jint> signatureAlgorithm, jboolean isB
                [=](Context& c) {
                    return returned(
                        !signatureAlgorithm
-                           ? Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1IssueCertificate(
+                           ? KEYDB_NATIVE(IssueCertificate)(
                                  c.env, newDb(), str("k.kdb"), str("pw"), str("ca"), 3, str(serial),
                                  365, str("r.csr"), str("c.arm"), isBase64)
-                           : Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1IssueCertificateSig(
+                           : KEYDB_NATIVE(IssueCertificateSig)(
                                  c.env, newDb(), str("k.kdb"), str("pw"), str("ca"), 3, str(serial),
                                  365, *signatureAlgorithm, str("r.csr"), str("c.arm"), isBase64));
                },
@@ -330,13 +325,10 @@ const std::vector<Row> issueRows = {
     issue("IssueWrongPasswordFreesTheRequest", std::nullopt, JNI_TRUE, "0A1B",
           {requestRead(), keydb::openFails(13)}, {decodeCall, openCall, freeRequest}, rc(13)),
     issue("IssueNullSerialNumber", std::nullopt, JNI_TRUE, nullptr, {}, {}, rc(65)),
-    {"IssueNullThis", {},
-     [](Context& c) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1IssueCertificate(
-             c.env, nullptr, str("k.kdb"), str("pw"), str("ca"), 3, str("0A1B"), 365, str("r.csr"),
-             str("c.arm"), JNI_TRUE));
-     },
-     {}, {}, rc(65)},
+    keydb::nullThis("IssueNullThis", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(IssueCertificate)(env, self, str("k.kdb"), str("pw"),
+            str("ca"), 3, str("0A1B"), 365, str("r.csr"), str("c.arm"), JNI_TRUE));
+    }, rc(65)),
     issue("IssueSigIssues", 2, JNI_TRUE, "0A1B", {requestRead(), keydb::opened()},
           {decodeCall, openCall,
            R"(ZAVKM_IssueCertSig(7, [3082], 2, "ca", 3, "0A1B", 365, 2, "c.arm", 1, null, null))",
@@ -348,61 +340,52 @@ const std::vector<Row> issueRows = {
 
 CONFORMANCE_ROWS(KeyDbIssueRows, issueRows);
 
-class KeyDbCreateThroughJava : public keydb::JavaCalls {};
+using namespace javacalls;
 
-TEST_F(KeyDbCreateThroughJava, NativesBind) {
-    using ::testing::ElementsAre;
-    const std::string dn = "Lcom/norvex/zav/tolvik/basic/DNItem;";
-    const std::string s = "Ljava/lang/String;";
-    jstring file = str("k.kdb");
-    jstring pwd = str("pw");
-    jstring label = str("lbl");
-    jobject subject = keydb::dnItem("Alice", "NO");
-    jbyteArray ext = harness::byteArray(extensions);
-
-    EXPECT_EQ(checked(env->CallIntMethod(
-                  db, method("c_CreateNewSelfSignedCertificate", ("(" + s + s + "I" + s + "ZI" + dn + "I" + s + "Z)I").c_str()),
-                  file, pwd, jint{3}, label, JNI_TRUE, jint{2048}, subject, jint{365}, str("c.arm"), JNI_TRUE)),
-              0);
-    EXPECT_THAT(ops(), ElementsAre("ZAVKM_InitDNItem", "ZAVKM_Strdup", "ZAVKM_Strdup", "ZAVKM_OpenKeyDb",
-                                   "ZAVKM_CreateSelfSignedCert", "ZAVKM_FreeDNItem"));
-
-    EXPECT_EQ(checked(env->CallIntMethod(
-                  db, method("c_CreateNewSelfSignedCertificateSigExt",
-                             ("(" + s + s + "I" + s + "ZI" + dn + "III[B" + s + "Z)I").c_str()),
-                  file, pwd, jint{3}, label, JNI_TRUE, jint{2048}, subject, jint{365}, jint{3}, jint{2}, ext,
-                  str("c.arm"), JNI_TRUE)),
-              65);
-    EXPECT_THAT(ops(), ::testing::IsEmpty());
-
-    EXPECT_EQ(checked(env->CallIntMethod(
-                  db, method("c_CreateNewCertRequest", ("(" + s + s + s + "I" + dn + s + "Z)I").c_str()),
-                  file, pwd, label, jint{2048}, subject, str("r.csr"), JNI_FALSE)),
-              0);
-    EXPECT_THAT(ops(), ElementsAre("ZAVKM_OpenKeyDb", "ZAVKM_ReCreateCertReq"));
-
-    EXPECT_EQ(checked(env->CallIntMethod(
-                  db, method("c_CreateNewCertRequestSigExt", ("(" + s + s + s + "I" + dn + "II[B" + s + "Z)I").c_str()),
-                  file, pwd, label, jint{2048}, static_cast<jobject>(nullptr), jint{1}, jint{2}, ext,
-                  str("r.csr"), JNI_TRUE)),
-              116);
-    EXPECT_THAT(ops(), ::testing::IsEmpty());
-
-    fake::script("ZAVKM_Base64DecodeFileToBuf", fake::returns(40));
-    EXPECT_EQ(checked(env->CallIntMethod(
-                  db, method("c_IssueCertificate", ("(" + s + s + s + "I" + s + "I" + s + s + "Z)I").c_str()),
-                  file, pwd, str("ca"), jint{3}, str("0A1B"), jint{365}, str("r.csr"), str("c.arm"), JNI_TRUE)),
-              40);
-    EXPECT_THAT(ops(), ElementsAre("ZAVKM_Base64DecodeFileToBuf"));
-
-    fake::script("ZAVKM_Base64DecodeFileToBuf", requestRead().step);
-    EXPECT_EQ(checked(env->CallIntMethod(
-                  db, method("c_IssueCertificateSig", ("(" + s + s + s + "I" + s + "II" + s + s + "Z)I").c_str()),
-                  file, pwd, str("ca"), jint{3}, str("0A1B"), jint{365}, jint{1}, str("r.csr"), str("c.arm"),
-                  JNI_FALSE)),
-              0);
-    EXPECT_THAT(ops(), ElementsAre("ZAVKM_Base64DecodeFileToBuf", "ZAVKM_OpenKeyDb", "ZAVKM_IssueCertSig",
-                                   "ZAVKM_Free"));
-}
+#define DN "Lcom/norvex/zav/tolvik/basic/DNItem;"
+const std::vector<JavaCall> javaCalls = {
+    {"c_CreateNewSelfSignedCertificate", "(SSISZI" DN "ISZ)I",
+     [] {
+         return std::vector{s("k.kdb"), s("pw"), i(3), s("lbl"), z(true), i(2048),
+                            o(keydb::dnItem("Alice", "NO")), i(365), s("c.arm"), z(true)};
+     },
+     {}, 0,
+     {"ZAVKM_InitDNItem", "ZAVKM_Strdup", "ZAVKM_Strdup", "ZAVKM_OpenKeyDb",
+      "ZAVKM_CreateSelfSignedCert", "ZAVKM_FreeDNItem"}},
+    {"c_CreateNewSelfSignedCertificateSigExt", "(SSISZI" DN "III[BSZ)I",
+     [] {
+         return std::vector{s("k.kdb"), s("pw"), i(3), s("lbl"), z(true), i(2048),
+                            o(keydb::dnItem("Alice", "NO")), i(365), i(3), i(2), bytes(extensions),
+                            s("c.arm"), z(true)};
+     },
+     {}, 65, {}},
+    {"c_CreateNewCertRequest", "(SSSI" DN "SZ)I",
+     [] {
+         return std::vector{s("k.kdb"), s("pw"), s("lbl"), i(2048), o(keydb::dnItem("Alice", "NO")),
+                            s("r.csr"), z(false)};
+     },
+     {}, 0, {"ZAVKM_OpenKeyDb", "ZAVKM_ReCreateCertReq"}},
+    {"c_CreateNewCertRequestSigExt", "(SSSI" DN "II[BSZ)I",
+     [] {
+         return std::vector{s("k.kdb"), s("pw"), s("lbl"), i(2048), o(nullptr), i(1), i(2),
+                            bytes(extensions), s("r.csr"), z(true)};
+     },
+     {}, 116, {}},
+    {"c_IssueCertificate", "(SSSISISSZ)I",
+     [] {
+         return std::vector{s("k.kdb"), s("pw"), s("ca"), i(3), s("0A1B"), i(365), s("r.csr"),
+                            s("c.arm"), z(true)};
+     },
+     {{"ZAVKM_Base64DecodeFileToBuf", fake::returns(40)}}, 40, {"ZAVKM_Base64DecodeFileToBuf"}},
+    {"c_IssueCertificateSig", "(SSSISIISSZ)I",
+     [] {
+         return std::vector{s("k.kdb"), s("pw"), s("ca"), i(3), s("0A1B"), i(365), i(1), s("r.csr"),
+                            s("c.arm"), z(false)};
+     },
+     {requestRead()}, 0,
+     {"ZAVKM_Base64DecodeFileToBuf", "ZAVKM_OpenKeyDb", "ZAVKM_IssueCertSig", "ZAVKM_Free"}},
+};
+#undef DN
+JAVA_CALLS(KeyDbCreateJava, keydb::dbClass, javaCalls);
 
 }  // namespace

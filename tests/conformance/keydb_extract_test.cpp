@@ -7,6 +7,7 @@
 
 #include "../marshal/records.h"
 #include "com_norvex_zav_tolvik_basic_CMSKeyDatabase.h"
+#include "java_calls.h"
 #include "keydb_rows.h"
 
 namespace {
@@ -36,15 +37,15 @@ std::string reCreateSigCall(int selector) {
 
 // The three writers, called with `this` (and, for the signing one, `selector`).
 jint extractCert(Context& c, jobject self, int) {
-    return Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1ExtractCert(
+    return KEYDB_NATIVE(ExtractCert)(
         c.env, self, str("k.kdb"), str("pw"), str("lbl"), str("out.der"), JNI_TRUE);
 }
 jint extractReq(Context& c, jobject self, int) {
-    return Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1ExtractCertReq(
+    return KEYDB_NATIVE(ExtractCertReq)(
         c.env, self, str("k.kdb"), str("pw"), str("lbl"), str("out.csr"));
 }
 jint extractReqSig(Context& c, jobject self, int selector) {
-    return Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1ExtractCertReqSig(
+    return KEYDB_NATIVE(ExtractCertReqSig)(
         c.env, self, str("k.kdb"), str("pw"), str("lbl"), selector, str("out.csr"));
 }
 
@@ -140,7 +141,7 @@ struct P7File {
 };
 
 jobjectArray fromPkcs7(Context& c, jobject self, const char* fileName, jboolean isBase64) {
-    return Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1ExtractCertFromPKCS7Data(
+    return KEYDB_NATIVE(ExtractCertFromPKCS7Data)(
         c.env, self, str(fileName), isBase64);
 }
 
@@ -271,42 +272,31 @@ const std::vector<Row> pkcs7Rows = {
 
 CONFORMANCE_ROWS(KeyDbPkcs7Rows, pkcs7Rows);
 
-using KeyDbExtractThroughJava = keydb::JavaCalls;
+using namespace javacalls;
 
-TEST_F(KeyDbExtractThroughJava, ExtractionNativesBind) {
-    const char* const fourStrings =
-        "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;";
-    jmethodID cert = method("c_ExtractCert", (std::string(fourStrings) + "Z)I").c_str());
-    jmethodID req = method("c_ExtractCertReq", (std::string(fourStrings) + ")I").c_str());
-    jmethodID reqSig =
-        method("c_ExtractCertReqSig",
-               "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;ILjava/lang/String;)I");
-    jmethodID p7 = method("c_ExtractCertFromPKCS7Data",
-                          "(Ljava/lang/String;Z)[Lcom/norvex/zav/tolvik/basic/CertificateItem;");
-    fake::script("ZAVKM_ExportCert", fake::returns(ZAVKM_ERR_KEY_GET_BY_LABEL));
-    EXPECT_EQ(checked(env->CallIntMethod(db, cert, str("k.kdb"), str("pw"), str("lbl"),
-                                         str("out.der"), JNI_FALSE)),
-              ZAVKM_ERR_KEY_GET_BY_LABEL);
-    fake::script("ZAVKM_ReCreateCertReq", fake::returns(ZAVKM_ERR_FILE_OPEN_TO_WRITE));
-    EXPECT_EQ(
-        checked(env->CallIntMethod(db, req, str("k.kdb"), str("pw"), str("lbl"), str("out.csr"))),
-        ZAVKM_ERR_FILE_OPEN_TO_WRITE);
-    EXPECT_EQ(checked(env->CallIntMethod(db, reqSig, str("k.kdb"), str("pw"), str("lbl"), 3,
-                                         str("out.csr"))),
-              ZAVKM_ERR_PARAMETER);
-    EXPECT_THAT(ops(), ::testing::ElementsAre("ZAVKM_OpenKeyDb", "ZAVKM_ExportCert",
-                                              "ZAVKM_OpenKeyDb", "ZAVKM_ReCreateCertReq"));
-    fake::script("ZAVKM_Base64DecodeFileToBuf",
-                 fake::returns(0)
-                     .out(1, [] { return fake::bytes(p7Bytes, "ZAVKM_Base64DecodeFileToBuf"); })
-                     .out(2, uint32_t{4}));
-    fake::script("ZAVKM_ExtractCertListFromPKCS7Data", certsOut(0, {true, true}));
-    auto array =
-        static_cast<jobjectArray>(checked(env->CallObjectMethod(db, p7, str("p7.b64"), JNI_TRUE)));
-    EXPECT_EQ(harness::objects(array).size(), 2u);
-    EXPECT_THAT(ops(), ::testing::ElementsAre("ZAVKM_Base64DecodeFileToBuf",
-                                              "ZAVKM_ExtractCertListFromPKCS7Data",
-                                              "ZAVKM_FreeCertItemList", "ZAVKM_Free"));
-}
+const std::vector<JavaCall> javaCalls = {
+    {"c_ExtractCert", "(SSSSZ)I",
+     [] { return std::vector{s("k.kdb"), s("pw"), s("lbl"), s("out.der"), z(false)}; },
+     {{"ZAVKM_ExportCert", fake::returns(ZAVKM_ERR_KEY_GET_BY_LABEL)}}, ZAVKM_ERR_KEY_GET_BY_LABEL,
+     {"ZAVKM_OpenKeyDb", "ZAVKM_ExportCert"}},
+    {"c_ExtractCertReq", "(SSSS)I", [] { return std::vector{s("k.kdb"), s("pw"), s("lbl"),
+        s("out.csr")}; },
+     {{"ZAVKM_ReCreateCertReq", fake::returns(ZAVKM_ERR_FILE_OPEN_TO_WRITE)}},
+     ZAVKM_ERR_FILE_OPEN_TO_WRITE, {"ZAVKM_OpenKeyDb", "ZAVKM_ReCreateCertReq"}},
+    {"c_ExtractCertReqSig", "(SSSIS)I",
+     [] { return std::vector{s("k.kdb"), s("pw"), s("lbl"), i(3), s("out.csr")}; }, {},
+     ZAVKM_ERR_PARAMETER, {}},
+    {"c_ExtractCertFromPKCS7Data", "(SZ)[Lcom/norvex/zav/tolvik/basic/CertificateItem;",
+     [] { return std::vector{s("p7.b64"), z(true)}; },
+     {{"ZAVKM_Base64DecodeFileToBuf",
+       fake::returns(0)
+           .out(1, [] { return fake::bytes(p7Bytes, "ZAVKM_Base64DecodeFileToBuf"); })
+           .out(2, uint32_t{4})},
+      {"ZAVKM_ExtractCertListFromPKCS7Data", certsOut(0, {true, true})}},
+     2,
+     {"ZAVKM_Base64DecodeFileToBuf", "ZAVKM_ExtractCertListFromPKCS7Data", "ZAVKM_FreeCertItemList",
+      "ZAVKM_Free"}},
+};
+JAVA_CALLS(KeyDbExtractJava, keydb::dbClass, javaCalls);
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "com_norvex_zav_tolvik_basic_CMSKeyDatabase.h"
+#include "java_calls.h"
 #include "keydb_rows.h"
 
 namespace {
@@ -37,7 +38,7 @@ Row create(const char* name, jlong milliseconds, const char* seconds, fake::Step
     return {name,
             {{"ZAVKM_CreateNewKeyDb", step}},
             [milliseconds](Context& c) {
-                return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1CreateNewKeyDb(
+                return returned(KEYDB_NATIVE(CreateNewKeyDb)(
                     c.env, newDb(), str("k.kdb"), str("pw"), milliseconds));
             },
             journal,
@@ -54,7 +55,7 @@ Row open(const char* name, const char* password, std::vector<harness::Scripted> 
     return {name,
             script,
             [password](Context& c) {
-                return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1OpenKeyDb(
+                return returned(KEYDB_NATIVE(OpenKeyDb)(
                     c.env, newDb(), str("k.kdb"), str(password)));
             },
             journal,
@@ -69,7 +70,7 @@ Row change(const char* name, jlong milliseconds, const char* seconds, int64_t co
     return {name,
             {{"ZAVKM_ChangeKeyDbPwd", fake::returns(code)}},
             [milliseconds](Context& c) {
-                return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1ChangeKeyDbPwd(
+                return returned(KEYDB_NATIVE(ChangeKeyDbPwd)(
                     c.env, newDb(), str("k.kdb"), str("old"), str("new"), milliseconds));
             },
             {std::string(R"(ZAVKM_ChangeKeyDbPwd("k.kdb", "old", "new", )") + seconds + ")"},
@@ -82,7 +83,7 @@ Row stash(const char* name, int64_t code, Returned expected) {
     return {name,
             {{"ZAVKM_StashKeyDbPwd", fake::returns(code)}},
             [](Context& c) {
-                return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1StashKeyDbPwd(
+                return returned(KEYDB_NATIVE(StashKeyDbPwd)(
                     c.env, newDb(), str("k.kdb"), str("pw")));
             },
             {R"(ZAVKM_StashKeyDbPwd("k.kdb", "pw"))"},
@@ -103,12 +104,9 @@ const std::vector<Row> fileRows = {
     create("CreateFailsLeavesNothingToClose", 0, "0",
            fake::returns(23).out(3, keydb::openHandle), false, rc(23)),
     create("CreateWithoutHandleClosesNothing", 0, "0", fake::returns(0), false, rc(0)),
-    {"CreateNullThis", {},
-     [](Context& c) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1CreateNewKeyDb(
-             c.env, nullptr, str("k.kdb"), str("pw"), 0));
-     },
-     {}, {}, rc(65)},
+    keydb::nullThis("CreateNullThis", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(CreateNewKeyDb)(env, self, str("k.kdb"), str("pw"), 0));
+    }, rc(65)),
 
     open("OpenClosesAgain", "pw", {keydb::opened()}, {openCall, closeCall}, {fileLine, pwdLine},
          rc(0)),
@@ -117,65 +115,42 @@ const std::vector<Row> fileRows = {
     // A password Java should never leave out: nothing is opened, the file name is given back.
     open("OpenNullPassword", nullptr, {}, {}, {fileLine, "JNI_DEBUG......cKeyDbPwd = null"},
          rc(65)),
-    {"OpenNullThis", {},
-     [](Context& c) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1OpenKeyDb(
-             c.env, nullptr, str("k.kdb"), str("pw")));
-     },
-     {}, {}, rc(65)},
-    {"OpenNoEnv", {},
-     [](Context&) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1OpenKeyDb(
-             nullptr, newDb(), str("k.kdb"), str("pw")));
-     },
-     {}, {}, rc(65)},
+    keydb::nullThis("OpenNullThis", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(OpenKeyDb)(env, self, str("k.kdb"), str("pw")));
+    }, rc(65)),
+    keydb::nullEnv("OpenNoEnv", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(OpenKeyDb)(env, self, str("k.kdb"), str("pw")));
+    }, rc(65)),
 
     change("ChangeSucceeds", 1000, "1", 0, yes),
     change("ChangeFails", -1999, "-1", 13, no),
-    {"ChangeNullThisTracesItsEntry", {},
-     [](Context& c) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1ChangeKeyDbPwd(
-             c.env, nullptr, str("k.kdb"), str("old"), str("new"), 0));
-     },
-     {}, {changeEntered}, no},
+    keydb::nullThis("ChangeNullThisTracesItsEntry", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(ChangeKeyDbPwd)(env, self, str("k.kdb"), str("old"),
+            str("new"), 0));
+    }, no, {changeEntered}),
 
     stash("StashSucceeds", 0, yes),
     stash("StashFails", 1, no),
-    {"StashNullThisTracesItsEntry", {},
-     [](Context& c) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1StashKeyDbPwd(
-             c.env, nullptr, str("k.kdb"), str("pw")));
-     },
-     {}, {stashEntered}, no},
+    keydb::nullThis("StashNullThisTracesItsEntry", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(StashKeyDbPwd)(env, self, str("k.kdb"), str("pw")));
+    }, no, {stashEntered}),
 };
 
 CONFORMANCE_ROWS(KeyDbFileRows, fileRows);
 
-class KeyDbFilesThroughJava : public keydb::JavaCalls {};
+using namespace javacalls;
 
-TEST_F(KeyDbFilesThroughJava, NativesBind) {
-    jstring file = str("k.kdb");
-    jstring pwd = str("pw");
-    fake::script("ZAVKM_CreateNewKeyDb", fake::returns(0).out(3, keydb::openHandle));
-    EXPECT_EQ(checked(env->CallIntMethod(db, method("c_CreateNewKeyDb", "(Ljava/lang/String;Ljava/lang/String;J)I"),
-                                         file, pwd, jlong{5000})), 0);
-    EXPECT_THAT(fake::journal(), ::testing::ElementsAre(createCall("5"), closeCall));
-    fake::reset();
-
-    fake::script("ZAVKM_OpenKeyDb", fake::returns(13));
-    EXPECT_EQ(checked(env->CallIntMethod(db, method("c_OpenKeyDb", "(Ljava/lang/String;Ljava/lang/String;)I"),
-                                         file, pwd)), 13);
-    EXPECT_THAT(ops(), ::testing::ElementsAre("ZAVKM_OpenKeyDb"));
-
-    EXPECT_TRUE(checked(env->CallBooleanMethod(
-        db, method("c_ChangeKeyDbPwd", "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;J)Z"),
-        file, pwd, str("new"), jlong{0})));
-    EXPECT_THAT(ops(), ::testing::ElementsAre("ZAVKM_ChangeKeyDbPwd"));
-
-    fake::script("ZAVKM_StashKeyDbPwd", fake::returns(2));
-    EXPECT_FALSE(checked(env->CallBooleanMethod(
-        db, method("c_StashKeyDbPwd", "(Ljava/lang/String;Ljava/lang/String;)Z"), file, pwd)));
-    EXPECT_THAT(ops(), ::testing::ElementsAre("ZAVKM_StashKeyDbPwd"));
-}
+const std::vector<JavaCall> javaCalls = {
+    {"c_CreateNewKeyDb", "(SSJ)I", [] { return std::vector{s("k.kdb"), s("pw"), j(5000)}; },
+     {{"ZAVKM_CreateNewKeyDb", fake::returns(0).out(3, keydb::openHandle)}}, 0,
+     {createCall("5"), closeCall}},
+    {"c_OpenKeyDb", "(SS)I", [] { return std::vector{s("k.kdb"), s("pw")}; },
+     {{"ZAVKM_OpenKeyDb", fake::returns(13)}}, 13, {"ZAVKM_OpenKeyDb"}},
+    {"c_ChangeKeyDbPwd", "(SSSJ)Z", [] { return std::vector{s("k.kdb"), s("pw"), s("new"), j(0)}; },
+     {}, JNI_TRUE, {"ZAVKM_ChangeKeyDbPwd"}},
+    {"c_StashKeyDbPwd", "(SS)Z", [] { return std::vector{s("k.kdb"), s("pw")}; },
+     {{"ZAVKM_StashKeyDbPwd", fake::returns(2)}}, JNI_FALSE, {"ZAVKM_StashKeyDbPwd"}},
+};
+JAVA_CALLS(KeyDbFilesJava, keydb::dbClass, javaCalls);
 
 }  // namespace

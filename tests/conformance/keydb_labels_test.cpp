@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "com_norvex_zav_tolvik_basic_CMSKeyDatabase.h"
+#include "java_calls.h"
 #include "keydb_rows.h"
 
 namespace {
@@ -68,7 +69,7 @@ Row labels(const char* name, const char* receiver, std::vector<Scripted> script,
                         EXPECT_EQ(c.ledger.count("CallVoidMethod"), 0u) << "a label before the close";
                     });
                 }
-                return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1BuildKeyLabelList(
+                return returned(KEYDB_NATIVE(BuildKeyLabelList)(
                     c.env, c.subject, str("k.kdb"), str("pw")));
             },
             journal,
@@ -101,7 +102,7 @@ const std::vector<Row> labelRows = {
      {keydb::opened(), labelsStep("ZAVKM_GetKeyDbLabelList", 0, {"a"})},
      [](Context& c) {
          c.subject = harness::newObject("zavtest/LabelSink", "()V");
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1BuildKeyLabelList(
+         return returned(KEYDB_NATIVE(BuildKeyLabelList)(
              c.env, c.subject, str("k.kdb"), str("pw")));
      },
      join({whileOpen({keyListCall, reqListCall}), {freeLabels}}),
@@ -139,12 +140,9 @@ const std::vector<Row> labelRows = {
             labelsStep("ZAVKM_GetReqKeyDbLabelList", 0, {"r"})},
            join({whileOpen({keyListCall, reqListCall}), {freeLabels, freeLabels}}),
            {"JNI_DEBUG......cLabel = a"}, rc(0), {"addKeyLabel:a"}, "NoSuchMethodError"),
-    {"LabelsNullThis", {},
-     [](Context& c) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1BuildKeyLabelList(
-             c.env, nullptr, str("k.kdb"), str("pw")));
-     },
-     {}, {}, rc(65)},
+    keydb::nullThis("LabelsNullThis", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(BuildKeyLabelList)(env, self, str("k.kdb"), str("pw")));
+    }, rc(65)),
 };
 
 CONFORMANCE_ROWS(KeyDbLabelRows, labelRows);
@@ -166,17 +164,17 @@ std::function<void(Context&, const Returned&)> checkKey(const char* op) {
 
 LabelNative byLabel(jboolean isReqKey) {
     return [isReqKey](JNIEnv* env, jobject self) {
-        return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1GetKeyItemByLabel(
+        return returned(KEYDB_NATIVE(GetKeyItemByLabel)(
             env, self, str("k.kdb"), str("pw"), str("lbl"), isReqKey));
     };
 }
 const LabelNative listByLabel = [](JNIEnv* env, jobject self) {
     return returned(static_cast<jobject>(
-        Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1GetKeyItemListByLabel(
+        KEYDB_NATIVE(GetKeyItemListByLabel)(
             env, self, str("k.kdb"), str("pw"), str("lbl"))));
 };
 const LabelNative present = [](JNIEnv* env, jobject self) {
-    return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1IsPrivateKeyPresent(
+    return returned(KEYDB_NATIVE(IsPrivateKeyPresent)(
         env, self, str("k.kdb"), str("pw"), str("lbl")));
 };
 
@@ -275,7 +273,7 @@ Row defaultKey(const char* name, std::vector<Scripted> script, Lines journal, Li
     return {name,
             script,
             [](Context& c) {
-                return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1GetDefaultKeyItem(
+                return returned(KEYDB_NATIVE(GetDefaultKeyItem)(
                     c.env, newDb(), str("k.kdb"), str("pw")));
             },
             journal,
@@ -295,7 +293,7 @@ Row byPublicKey(const char* name, jint length, std::optional<std::vector<uint8_t
             [length, key](Context& c) {
                 jbyteArray array = key ? harness::byteArray(*key) : nullptr;
                 return returned(static_cast<jobject>(
-                    Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1GetKeyItemsByPublicKey(
+                    KEYDB_NATIVE(GetKeyItemsByPublicKey)(
                         c.env, newDb(), str("k.kdb"), str("pw"), length, array)));
             },
             journal,
@@ -317,12 +315,9 @@ const std::vector<Row> defaultAndPublicKeyRows = {
                nullObject),
     defaultKey("DefaultWrongPasswordStillTraced", {keydb::openFails(13)}, {openCall},
                {"JNI_DEBUG......ZAVKM_GetDefaultKeyItem gets NULL"}, nullObject),
-    {"DefaultNullThis", {},
-     [](Context& c) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1GetDefaultKeyItem(
-             c.env, nullptr, str("k.kdb"), str("pw")));
-     },
-     {}, {}, nullObject},
+    keydb::nullThis("DefaultNullThis", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(GetDefaultKeyItem)(env, self, str("k.kdb"), str("pw")));
+    }, nullObject),
 
     byPublicKey("PublicKeyFound", 3, publicKey,
                 {keydb::opened(),
@@ -347,72 +342,48 @@ const std::vector<Row> defaultAndPublicKeyRows = {
     byPublicKey("PublicKeyOneShort", 2, publicKey, {}, {}, {fileLine, pwdLine, keydb::bytesDiffer},
                 nullObject),
     byPublicKey("PublicKeyNullArray", 3, std::nullopt, {}, {}, {fileLine, pwdLine}, nullObject),
-    {"PublicKeyNullThis", {},
-     [](Context& c) {
-         return returned(static_cast<jobject>(
-             Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1GetKeyItemsByPublicKey(
-                 c.env, nullptr, str("k.kdb"), str("pw"), 3, harness::byteArray(publicKey))));
-     },
-     {}, {}, nullObject},
+    keydb::nullThis("PublicKeyNullThis", [](JNIEnv* env, jobject self) {
+        return returned(static_cast<jobject>(KEYDB_NATIVE(GetKeyItemsByPublicKey)(env, self,
+            str("k.kdb"), str("pw"), 3, harness::byteArray(publicKey))));
+    }, nullObject),
 };
 
 CONFORMANCE_ROWS(KeyDbDefaultAndPublicKeyRows, defaultAndPublicKeyRows);
 
-class KeyDbLabelsThroughJava : public keydb::JavaCalls {};
+using namespace javacalls;
 
-TEST_F(KeyDbLabelsThroughJava, NativesBind) {
-    jstring file = str("k.kdb");
-    jstring pwd = str("pw");
-    jstring label = str("lbl");
-    using ::testing::ElementsAre;
-
-    fake::script("ZAVKM_GetKeyDbLabelList", labelsStep("ZAVKM_GetKeyDbLabelList", 0, {"a"}).step);
-    EXPECT_EQ(checked(env->CallIntMethod(
-                  db, method("c_BuildKeyLabelList", "(Ljava/lang/String;Ljava/lang/String;)I"), file, pwd)),
-              0);
-    EXPECT_EQ(harness::listOfStrings(harness::callObject(db, "getKeyLabels", "()Ljava/util/List;")),
-              std::vector<std::string>{"a"});
-    EXPECT_THAT(ops(), ElementsAre("ZAVKM_OpenKeyDb", "ZAVKM_GetKeyDbLabelList",
-                                   "ZAVKM_GetReqKeyDbLabelList", "ZAVKM_FreeLabelList"));
-
-    const char* const keyItem = "Lcom/norvex/zav/tolvik/basic/KeyItem;";
-    fake::script("ZAVKM_GetReqKeyItemByLabel",
-                 fake::returns(0).out(2, [] { return keydb::reqKeyRecord("lbl", 1024); }));
-    jobject key = checked(env->CallObjectMethod(
-        db, method("c_GetKeyItemByLabel",
-                   (std::string("(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Z)") + keyItem).c_str()),
-        file, pwd, label, JNI_TRUE));
-    EXPECT_EQ(keydb::labelOf(key), "lbl");
-    EXPECT_THAT(ops(), ElementsAre("ZAVKM_OpenKeyDb", "ZAVKM_GetReqKeyItemByLabel", "ZAVKM_FreeReqKeyItem"));
-
-    fake::script("ZAVKM_GetKeyItemListByLabel",
-                 fake::returns(0).out(2, [] { return fake::keyList({keydb::keyRecord("lbl", 2048)}); }));
-    jobject list = checked(env->CallObjectMethod(
-        db, method("c_GetKeyItemListByLabel",
-                   (std::string("(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)[") + keyItem).c_str()),
-        file, pwd, label));
-    EXPECT_EQ(harness::objects(static_cast<jobjectArray>(list)).size(), 1u);
-    EXPECT_THAT(ops(), ElementsAre("ZAVKM_OpenKeyDb", "ZAVKM_GetKeyItemListByLabel", "ZAVKM_FreeKeyItemList"));
-
-    fake::script("ZAVKM_IsPrivateKeyPresent", fake::returns(0).out(2, uint8_t{1}));
-    EXPECT_TRUE(checked(env->CallBooleanMethod(
-        db, method("c_IsPrivateKeyPresent", "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)Z"),
-        file, pwd, label)));
-    EXPECT_THAT(ops(), ElementsAre("ZAVKM_OpenKeyDb", "ZAVKM_IsPrivateKeyPresent"));
-
-    fake::script("ZAVKM_GetDefaultKeyItem", keyFound(1));
-    jobject defaultKey = checked(env->CallObjectMethod(
-        db, method("c_GetDefaultKeyItem", (std::string("(Ljava/lang/String;Ljava/lang/String;)") + keyItem).c_str()),
-        file, pwd));
-    EXPECT_EQ(keydb::labelOf(defaultKey), "lbl");
-    EXPECT_THAT(ops(), ElementsAre("ZAVKM_OpenKeyDb", "ZAVKM_GetDefaultKeyItem", "ZAVKM_FreeKeyItem"));
-
-    EXPECT_EQ(checked(env->CallObjectMethod(
-                  db, method("c_GetKeyItemsByPublicKey",
-                             (std::string("(Ljava/lang/String;Ljava/lang/String;I[B)[") + keyItem).c_str()),
-                  file, pwd, jint{3}, harness::byteArray(publicKey))),
-              nullptr);
-    EXPECT_THAT(ops(), ElementsAre("ZAVKM_OpenKeyDb", "ZAVKM_GetKeyItemsByPublicKey"));
-}
+#define KEY_ITEM "Lcom/norvex/zav/tolvik/basic/KeyItem;"
+const std::vector<JavaCall> javaCalls = {
+    {"c_BuildKeyLabelList", "(SS)I", [] { return std::vector{s("k.kdb"), s("pw")}; },
+     {labelsStep("ZAVKM_GetKeyDbLabelList", 0, {"a"})}, 0,
+     {"ZAVKM_OpenKeyDb", "ZAVKM_GetKeyDbLabelList", "ZAVKM_GetReqKeyDbLabelList",
+      "ZAVKM_FreeLabelList"},
+     [](jobject db) {
+         EXPECT_THAT(harness::listOfStrings(harness::callObject(db, "getKeyLabels",
+             "()Ljava/util/List;")),
+                     ::testing::ElementsAre("a"));
+     }},
+    {"c_GetKeyItemByLabel", "(SSSZ)" KEY_ITEM,
+     [] { return std::vector{s("k.kdb"), s("pw"), s("lbl"), z(true)}; },
+     {{"ZAVKM_GetReqKeyItemByLabel",
+       fake::returns(0).out(2, [] { return keydb::reqKeyRecord("lbl", 1024); })}},
+     1, {"ZAVKM_OpenKeyDb", "ZAVKM_GetReqKeyItemByLabel", "ZAVKM_FreeReqKeyItem"}},
+    {"c_GetKeyItemListByLabel", "(SSS)[" KEY_ITEM,
+     [] { return std::vector{s("k.kdb"), s("pw"), s("lbl")}; },
+     {{"ZAVKM_GetKeyItemListByLabel",
+       fake::returns(0).out(2, [] { return fake::keyList({keydb::keyRecord("lbl", 2048)}); })}},
+     1, {"ZAVKM_OpenKeyDb", "ZAVKM_GetKeyItemListByLabel", "ZAVKM_FreeKeyItemList"}},
+    {"c_IsPrivateKeyPresent", "(SSS)Z", [] { return std::vector{s("k.kdb"), s("pw"), s("lbl")}; },
+     {{"ZAVKM_IsPrivateKeyPresent", fake::returns(0).out(2, uint8_t{1})}}, JNI_TRUE,
+     {"ZAVKM_OpenKeyDb", "ZAVKM_IsPrivateKeyPresent"}},
+    {"c_GetDefaultKeyItem", "(SS)" KEY_ITEM, [] { return std::vector{s("k.kdb"), s("pw")}; },
+     {{"ZAVKM_GetDefaultKeyItem", keyFound(1)}}, 1,
+     {"ZAVKM_OpenKeyDb", "ZAVKM_GetDefaultKeyItem", "ZAVKM_FreeKeyItem"}},
+    {"c_GetKeyItemsByPublicKey", "(SSI[B)[" KEY_ITEM,
+     [] { return std::vector{s("k.kdb"), s("pw"), i(3), bytes(publicKey)}; }, {}, -1,
+     {"ZAVKM_OpenKeyDb", "ZAVKM_GetKeyItemsByPublicKey"}},
+};
+#undef KEY_ITEM
+JAVA_CALLS(KeyDbLabelsJava, keydb::dbClass, javaCalls);
 
 }  // namespace

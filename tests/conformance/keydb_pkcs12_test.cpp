@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "com_norvex_zav_tolvik_basic_CMSKeyDatabase.h"
+#include "java_calls.h"
 #include "keydb_rows.h"
 
 namespace {
@@ -66,7 +67,7 @@ Row exportRow(const char* name, std::optional<std::vector<const char*>> labels,
         name,
         std::move(script),
         [labels](Context& c) {
-            return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1ExportToPFXFile(
+            return returned(KEYDB_NATIVE(ExportToPFXFile)(
                 c.env, newDb(), str("k.kdb"), str("pw"), str("p.p12"), str("ppw"),
                 labelArray(labels)));
         },
@@ -95,7 +96,7 @@ Row importRow(const char* name, const char* pfxPwd, std::vector<Scripted> script
         name,
         std::move(script),
         [pfxPwd](Context& c) {
-            return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1ImportFromPFXFile(
+            return returned(KEYDB_NATIVE(ImportFromPFXFile)(
                 c.env, newDb(), str("k.kdb"), str("pw"), str("p.p12"), str(pfxPwd)));
         },
         std::move(journal),
@@ -123,16 +124,10 @@ const std::vector<Row> pkcs12Rows = {
               {"JNI_DEBUG......exportLabel = b"}, rc(ZAVKM_ERR_DATABASE_INVALID_PASSWORD)),
     // No array: 65 once the four strings are taken (and given back); nothing is opened.
     exportRow("ExportNullArray", std::nullopt, {}, {}, {}, rc(ZAVKM_ERR_PARAMETER)),
-    {"ExportWithoutThis",
-     {},
-     [](Context& c) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1ExportToPFXFile(
-             c.env, nullptr, str("k.kdb"), str("pw"), str("p.p12"), str("ppw"),
-             labelArray(std::vector<const char*>{"a"})));
-     },
-     {},
-     {},
-     rc(ZAVKM_ERR_PARAMETER)},
+    keydb::nullThis("ExportWithoutThis", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(ExportToPFXFile)(env, self, str("k.kdb"), str("pw"),
+            str("p.p12"), str("ppw"), labelArray(std::vector<const char*>{"a"})));
+    }, rc(ZAVKM_ERR_PARAMETER)),
     importRow("ImportMain", "ppw", {keydb::opened()}, keydb::whileOpen({importCall}), rc(0)),
     importRow("ImportFailsAndStillCloses", "ppw",
               {keydb::opened(),
@@ -142,40 +137,30 @@ const std::vector<Row> pkcs12Rows = {
               {keydb::openCall}, rc(ZAVKM_ERR_DATABASE_OPEN)),
     // A missing PKCS#12 password is not taken: 65, nothing opened.
     importRow("ImportNullPfxPassword", nullptr, {}, {}, rc(ZAVKM_ERR_PARAMETER)),
-    {"ImportWithoutEnv",
-     {},
-     [](Context&) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1ImportFromPFXFile(
-             nullptr, newDb(), str("k.kdb"), str("pw"), str("p.p12"), str("ppw")));
-     },
-     {},
-     {},
-     rc(ZAVKM_ERR_PARAMETER)},
+    keydb::nullEnv("ImportWithoutEnv", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(ImportFromPFXFile)(env, self, str("k.kdb"), str("pw"),
+            str("p.p12"), str("ppw")));
+    }, rc(ZAVKM_ERR_PARAMETER)),
 };
 
 CONFORMANCE_ROWS(KeyDbPkcs12Rows, pkcs12Rows);
 
-using KeyDbPkcs12ThroughJava = keydb::JavaCalls;
+using namespace javacalls;
 
-TEST_F(KeyDbPkcs12ThroughJava, ExportAndImportBind) {
-    jmethodID exportKeys = method("c_ExportToPFXFile",
-                                  "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;"
-                                  "Ljava/lang/String;[Ljava/lang/String;)I");
-    jmethodID importKeys =
-        method("c_ImportFromPFXFile",
-               "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)I");
-    fake::script("ZAVKM_ExportKeys", fake::returns(ZAVKM_ERR_EXPORT_TYPE));
-    EXPECT_EQ(
-        checked(env->CallIntMethod(db, exportKeys, str("k.kdb"), str("pw"), str("p.p12"),
-                                   str("ppw"), labelArray(std::vector<const char*>{"a", "b"}))),
-        ZAVKM_ERR_EXPORT_TYPE);
-    EXPECT_THAT(ops(), ::testing::ElementsAre("ZAVKM_Strdup", "ZAVKM_Strdup", "ZAVKM_OpenKeyDb",
-                                              "ZAVKM_ExportKeys", "ZAVKM_FreeLabelList"));
-    fake::script("ZAVKM_ImportKeysFromPFXFile", fake::returns(ZAVKM_ERR_INVALID_PKCS12_DATA));
-    EXPECT_EQ(checked(env->CallIntMethod(db, importKeys, str("k.kdb"), str("pw"), str("p.p12"),
-                                         str("ppw"))),
-              ZAVKM_ERR_INVALID_PKCS12_DATA);
-    EXPECT_THAT(ops(), ::testing::ElementsAre("ZAVKM_OpenKeyDb", "ZAVKM_ImportKeysFromPFXFile"));
-}
+const std::vector<JavaCall> javaCalls = {
+    {"c_ExportToPFXFile", "(SSSS[Ljava/lang/String;)I",
+     [] {
+         return std::vector{s("k.kdb"), s("pw"), s("p.p12"), s("ppw"),
+                            o(labelArray(std::vector<const char*>{"a", "b"}))};
+     },
+     {{"ZAVKM_ExportKeys", fake::returns(ZAVKM_ERR_EXPORT_TYPE)}}, ZAVKM_ERR_EXPORT_TYPE,
+     {"ZAVKM_Strdup", "ZAVKM_Strdup", "ZAVKM_OpenKeyDb", "ZAVKM_ExportKeys",
+         "ZAVKM_FreeLabelList"}},
+    {"c_ImportFromPFXFile", "(SSSS)I", [] { return std::vector{s("k.kdb"), s("pw"), s("p.p12"),
+        s("ppw")}; },
+     {{"ZAVKM_ImportKeysFromPFXFile", fake::returns(ZAVKM_ERR_INVALID_PKCS12_DATA)}},
+     ZAVKM_ERR_INVALID_PKCS12_DATA, {"ZAVKM_OpenKeyDb", "ZAVKM_ImportKeysFromPFXFile"}},
+};
+JAVA_CALLS(KeyDbPkcs12Java, keydb::dbClass, javaCalls);
 
 }  // namespace

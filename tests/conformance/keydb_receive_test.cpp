@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "com_norvex_zav_tolvik_basic_CMSKeyDatabase.h"
+#include "java_calls.h"
 #include "keydb_rows.h"
 
 namespace {
@@ -123,7 +124,7 @@ struct CertNative {
 const CertNative receiveCert = {
     "ZAVKM_ReceiveCert",
     [](Context& c, jobject self, const Source& source) {
-        return Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1ReceiveCert(
+        return KEYDB_NATIVE(ReceiveCert)(
             c.env, self, str("k.kdb"), str("pw"), str(source.fileName), source.isBase64, JNI_TRUE);
     },
     receiveTrace,
@@ -134,7 +135,7 @@ const CertNative receiveCert = {
 const CertNative addCaCert = {
     "ZAVKM_StoreCACert",
     [](Context& c, jobject self, const Source& source) {
-        return Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1AddCaCert(
+        return KEYDB_NATIVE(AddCaCert)(
             c.env, self, str("k.kdb"), str("pw"), str("lbl"), str(source.fileName),
             source.isBase64);
     },
@@ -255,36 +256,25 @@ const std::vector<Row> receiveRows = {
     certRow("AddCaOpenFails", addCaCert, base64,
             {decoded(0, true), keydb::openFails(ZAVKM_ERR_DATABASE_OPEN)},
             {decodeCall, keydb::openCall, freeCall(2)}, rc(ZAVKM_ERR_DATABASE_OPEN)),
-    {"AddCaWithoutEnv",
-     {},
-     [](Context&) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1AddCaCert(
-             nullptr, newDb(), str("k.kdb"), str("pw"), str("lbl"), str("c.der"), JNI_FALSE));
-     },
-     {},
-     {},
-     rc(ZAVKM_ERR_PARAMETER)},
+    keydb::nullEnv("AddCaWithoutEnv", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(AddCaCert)(env, self, str("k.kdb"), str("pw"), str("lbl"),
+            str("c.der"), JNI_FALSE));
+    }, rc(ZAVKM_ERR_PARAMETER)),
 };
 
 CONFORMANCE_ROWS(KeyDbReceiveRows, receiveRows);
 
-using KeyDbReceiveThroughJava = keydb::JavaCalls;
+using namespace javacalls;
 
-TEST_F(KeyDbReceiveThroughJava, ReceiveAndAddCaBind) {
-    jmethodID receiveCert =
-        method("c_ReceiveCert", "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;ZZ)I");
-    jmethodID addCaCert =
-        method("c_AddCaCert",
-               "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Z)I");
-    fake::script("ZAVKM_Base64DecodeFileToBuf", fake::returns(ZAVKM_ERR_BASE64_INVALID_DATA));
-    EXPECT_EQ(checked(env->CallIntMethod(db, receiveCert, str("k.kdb"), str("pw"), str("c.b64"),
-                                         JNI_TRUE, JNI_FALSE)),
-              ZAVKM_ERR_BASE64_INVALID_DATA);
-    EXPECT_THAT(ops(), ::testing::ElementsAre("ZAVKM_Base64DecodeFileToBuf"));
-    EXPECT_EQ(checked(env->CallIntMethod(db, addCaCert, str("k.kdb"), str("pw"), str("lbl"),
-                                         str("no-such.der"), JNI_FALSE)),
-              ZAVKM_ERR_FILE_OPEN_TO_READ);
-    EXPECT_THAT(ops(), ::testing::IsEmpty());
-}
+const std::vector<JavaCall> javaCalls = {
+    {"c_ReceiveCert", "(SSSZZ)I",
+     [] { return std::vector{s("k.kdb"), s("pw"), s("c.b64"), z(true), z(false)}; },
+     {{"ZAVKM_Base64DecodeFileToBuf", fake::returns(ZAVKM_ERR_BASE64_INVALID_DATA)}},
+     ZAVKM_ERR_BASE64_INVALID_DATA, {"ZAVKM_Base64DecodeFileToBuf"}},
+    {"c_AddCaCert", "(SSSSZ)I",
+     [] { return std::vector{s("k.kdb"), s("pw"), s("lbl"), s("no-such.der"), z(false)}; }, {},
+     ZAVKM_ERR_FILE_OPEN_TO_READ, {}},
+};
+JAVA_CALLS(KeyDbReceiveJava, keydb::dbClass, javaCalls);
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "com_norvex_zav_tolvik_basic_CMSKeyDatabase.h"
+#include "java_calls.h"
 #include "keydb_rows.h"
 
 namespace {
@@ -34,17 +35,17 @@ using Lines = std::vector<std::string>;
 
 LabelNative deleteKey(jboolean isReqKey) {
     return [isReqKey](JNIEnv* env, jobject self) {
-        return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1DeleteKeyByLabel(
+        return returned(KEYDB_NATIVE(DeleteKeyByLabel)(
             env, self, str("k.kdb"), str("pw"), str("lbl"), isReqKey));
     };
 }
 const LabelNative setDefault = [](JNIEnv* env, jobject self) {
-    return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1SetDefaultKey(
+    return returned(KEYDB_NATIVE(SetDefaultKey)(
         env, self, str("k.kdb"), str("pw"), str("lbl")));
 };
 LabelNative setTrust(jboolean isTrusted) {
     return [isTrusted](JNIEnv* env, jobject self) {
-        return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1SetKeyTrust(
+        return returned(KEYDB_NATIVE(SetKeyTrust)(
             env, self, str("k.kdb"), str("pw"), str("lbl"), isTrusted));
     };
 }
@@ -103,10 +104,10 @@ Row insert(const char* name, bool request, Insert in, const std::string& shownCa
             [request, in](Context& c) {
                 jobject self = in.self ? newDb() : nullptr;
                 return returned(
-                    request ? Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1InsertReqKey(
+                    request ? KEYDB_NATIVE(InsertReqKey)(
                                   c.env, self, str("k.kdb"), str("pw"), str("lbl"), in.certLength,
                                   harness::byteArray(cert), in.keyLength, harness::byteArray(keyData))
-                            : Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1InsertKey(
+                            : KEYDB_NATIVE(InsertKey)(
                                   c.env, self, str("k.kdb"), str("pw"), str("lbl"), in.certLength,
                                   harness::byteArray(cert), in.keyLength, harness::byteArray(keyData),
                                   in.flag1, in.flag2));
@@ -136,7 +137,7 @@ const std::vector<Row> insertRows = {
     {"InsertKeyWrongPassword",
      {keydb::openFails(13)},
      [](Context& c) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1InsertKey(
+         return returned(KEYDB_NATIVE(InsertKey)(
              c.env, newDb(), str("k.kdb"), str("pw"), str("lbl"), 2, harness::byteArray(cert), 0,
              nullptr, JNI_FALSE, JNI_FALSE));
      },
@@ -183,9 +184,9 @@ Row privateKey(const char* name, bool decrypt, jint length, std::optional<std::v
                 }
                 jbyteArray array = data ? harness::byteArray(*data) : nullptr;
                 return returned(
-                    decrypt ? Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1DecryptPrivateKey(
+                    decrypt ? KEYDB_NATIVE(DecryptPrivateKey)(
                                   c.env, newDb(), length, array, str("pw"))
-                            : Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1EncryptPrivateKey(
+                            : KEYDB_NATIVE(EncryptPrivateKey)(
                                   c.env, newDb(), length, array, str("pw")));
             },
             journal,
@@ -222,12 +223,10 @@ const std::vector<Row> privateKeyRows = {
                {bytesFit, encryptReturns + "9"}, nullObject),
     privateKey("EncryptLength0", false, 0, plainKey, {}, {}, {}, nullObject),
     privateKey("EncryptOneShort", false, 2, plainKey, {}, {}, {bytesDiffer}, nullObject),
-    {"EncryptNullThis", {},
-     [](Context& c) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1EncryptPrivateKey(
-             c.env, nullptr, 3, harness::byteArray(plainKey), str("pw")));
-     },
-     {}, {}, nullObject},
+    keydb::nullThis("EncryptNullThis", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(EncryptPrivateKey)(env, self, 3, harness::byteArray(plainKey),
+            str("pw")));
+    }, nullObject),
 
     privateKey("DecryptDecrypts", true, 3, plainKey, {decrypted(0)},
                decryptJournal("EPKI[010203]", true), {bytesFit, decryptReturns + "0", pkiTrace},
@@ -249,7 +248,7 @@ const std::vector<Row> privateKeyRows = {
     {"DecryptNoRecord",
      {{"ZAVKM_Malloc", fake::returnsNull()}},
      [](Context& c) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1DecryptPrivateKey(
+         return returned(KEYDB_NATIVE(DecryptPrivateKey)(
              c.env, newDb(), 3, harness::byteArray(plainKey), str("pw")));
      },
      {"ZAVKM_Malloc(32)"},
@@ -257,70 +256,47 @@ const std::vector<Row> privateKeyRows = {
      nullObject},
     {"DecryptLength0", {},
      [](Context& c) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1DecryptPrivateKey(
+         return returned(KEYDB_NATIVE(DecryptPrivateKey)(
              c.env, newDb(), 0, harness::byteArray(plainKey), str("pw")));
      },
      {}, {pwdLine}, nullObject},
-    {"DecryptNullThis", {},
-     [](Context& c) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1DecryptPrivateKey(
-             c.env, nullptr, 3, harness::byteArray(plainKey), str("pw")));
-     },
-     {}, {}, nullObject},
+    keydb::nullThis("DecryptNullThis", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(DecryptPrivateKey)(env, self, 3, harness::byteArray(plainKey),
+            str("pw")));
+    }, nullObject),
 };
 
 CONFORMANCE_ROWS(KeyDbPrivateKeyRows, privateKeyRows);
 
-class KeyDbRecordsThroughJava : public keydb::JavaCalls {};
+using namespace javacalls;
 
-TEST_F(KeyDbRecordsThroughJava, NativesBind) {
-    using ::testing::ElementsAre;
-    const std::string s = "Ljava/lang/String;";
-    jstring file = str("k.kdb");
-    jstring pwd = str("pw");
-    jstring label = str("lbl");
-
-    EXPECT_EQ(checked(env->CallIntMethod(db, method("c_DeleteKeyByLabel", ("(" + s + s + s + "Z)I").c_str()),
-                                         file, pwd, label, JNI_TRUE)),
-              0);
-    EXPECT_THAT(ops(), ElementsAre("ZAVKM_OpenKeyDb", "ZAVKM_DeleteRequestKeyPair"));
-
-    EXPECT_EQ(checked(env->CallIntMethod(db, method("c_InsertKey", ("(" + s + s + s + "I[BI[BZZ)I").c_str()),
-                                         file, pwd, label, jint{2}, harness::byteArray(cert), jint{0},
-                                         static_cast<jbyteArray>(nullptr), JNI_FALSE, JNI_TRUE)),
-              0);
-    EXPECT_THAT(ops(), ElementsAre("ZAVKM_OpenKeyDb", "ZAVKM_InsertKey"));
-
-    EXPECT_EQ(checked(env->CallIntMethod(db, method("c_InsertReqKey", ("(" + s + s + s + "I[BI[B)I").c_str()),
-                                         file, pwd, label, jint{2}, harness::byteArray(cert), jint{3},
-                                         harness::byteArray(keyData))),
-              0);
-    EXPECT_THAT(ops(), ElementsAre("ZAVKM_OpenKeyDb", "ZAVKM_InsertReqKey"));
-
-    EXPECT_EQ(checked(env->CallIntMethod(db, method("c_SetDefaultKey", ("(" + s + s + s + ")I").c_str()),
-                                         file, pwd, label)),
-              0);
-    EXPECT_THAT(ops(), ElementsAre("ZAVKM_OpenKeyDb", "ZAVKM_SetDefaultKeyByLabel"));
-
-    EXPECT_EQ(checked(env->CallIntMethod(db, method("c_SetKeyTrust", ("(" + s + s + s + "Z)I").c_str()),
-                                         file, pwd, label, JNI_FALSE)),
-              0);
-    EXPECT_THAT(ops(), ElementsAre("ZAVKM_OpenKeyDb", "ZAVKM_SetTrustStatus"));
-
-    fake::script("ZAVKM_GetEPKIItemFromPrivateKey", encrypted(0).step);
-    jobject epki = checked(env->CallObjectMethod(
-        db, method("c_EncryptPrivateKey", ("(I[B" + s + ")Lcom/norvex/zav/tolvik/basic/EncryptedPrivateKeyInfoItem;").c_str()),
-        jint{3}, harness::byteArray(plainKey), pwd));
-    EXPECT_NE(epki, nullptr);
-    EXPECT_THAT(ops(), ElementsAre("ZAVKM_GetEPKIItemFromPrivateKey", "ZAVKM_FreeEPKIItem"));
-
-    fake::script("ZAVKM_GetPrivKeyInfoItemFromEPKIItem", decrypted(0).step);
-    jobject pki = checked(env->CallObjectMethod(
-        db, method("c_DecryptPrivateKey", ("(I[B" + s + ")Lcom/norvex/zav/tolvik/basic/PrivateKeyInfoItem;").c_str()),
-        jint{3}, harness::byteArray(plainKey), pwd));
-    EXPECT_NE(pki, nullptr);
-    EXPECT_THAT(ops(), ElementsAre("ZAVKM_Malloc", "ZAVKM_InitEPKIItem", "ZAVKM_GetPrivKeyInfoItemFromEPKIItem",
-                                   "ZAVKM_FreePrivKeyInfoItem", "ZAVKM_FreeEPKIItem"));
-}
+const std::vector<JavaCall> javaCalls = {
+    {"c_DeleteKeyByLabel", "(SSSZ)I", [] { return std::vector{s("k.kdb"), s("pw"), s("lbl"),
+        z(true)}; },
+     {}, 0, {"ZAVKM_OpenKeyDb", "ZAVKM_DeleteRequestKeyPair"}},
+    {"c_InsertKey", "(SSSI[BI[BZZ)I",
+     [] {
+         return std::vector{s("k.kdb"), s("pw"), s("lbl"), i(2), bytes(cert), i(0), o(nullptr),
+                            z(false), z(true)};
+     },
+     {}, 0, {"ZAVKM_OpenKeyDb", "ZAVKM_InsertKey"}},
+    {"c_InsertReqKey", "(SSSI[BI[B)I",
+     [] { return std::vector{s("k.kdb"), s("pw"), s("lbl"), i(2), bytes(cert), i(3),
+         bytes(keyData)}; },
+     {}, 0, {"ZAVKM_OpenKeyDb", "ZAVKM_InsertReqKey"}},
+    {"c_SetDefaultKey", "(SSS)I", [] { return std::vector{s("k.kdb"), s("pw"), s("lbl")}; }, {}, 0,
+     {"ZAVKM_OpenKeyDb", "ZAVKM_SetDefaultKeyByLabel"}},
+    {"c_SetKeyTrust", "(SSSZ)I", [] { return std::vector{s("k.kdb"), s("pw"), s("lbl"),
+        z(false)}; },
+     {}, 0, {"ZAVKM_OpenKeyDb", "ZAVKM_SetTrustStatus"}},
+    {"c_EncryptPrivateKey", "(I[BS)Lcom/norvex/zav/tolvik/basic/EncryptedPrivateKeyInfoItem;",
+     [] { return std::vector{i(3), bytes(plainKey), s("pw")}; }, {encrypted(0)}, 1,
+     {"ZAVKM_GetEPKIItemFromPrivateKey", "ZAVKM_FreeEPKIItem"}},
+    {"c_DecryptPrivateKey", "(I[BS)Lcom/norvex/zav/tolvik/basic/PrivateKeyInfoItem;",
+     [] { return std::vector{i(3), bytes(plainKey), s("pw")}; }, {decrypted(0)}, 1,
+     {"ZAVKM_Malloc", "ZAVKM_InitEPKIItem", "ZAVKM_GetPrivKeyInfoItemFromEPKIItem",
+      "ZAVKM_FreePrivKeyInfoItem", "ZAVKM_FreeEPKIItem"}},
+};
+JAVA_CALLS(KeyDbRecordsJava, keydb::dbClass, javaCalls);
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "com_norvex_zav_tolvik_basic_CMSKeyDatabase.h"
+#include "java_calls.h"
 #include "keydb_rows.h"
 
 namespace {
@@ -96,7 +97,7 @@ Row isRenewal(const char* name, const Cert& cert, bool opened, int64_t code,
         name,
         std::move(script),
         [cert](Context& c) {
-            return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1CheckCertAsRenewal(
+            return returned(KEYDB_NATIVE(CheckCertAsRenewal)(
                 c.env, newDb(), str("k.kdb"), str("pw"), cert.length, arrayOf(cert)));
         },
         std::move(journal),
@@ -116,7 +117,7 @@ Row renew(const char* name, const Cert& cert, std::vector<Scripted> script,
     Row row = {name,
                std::move(script),
                [cert](Context& c) {
-                   return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1RenewCert(
+                   return returned(KEYDB_NATIVE(RenewCert)(
                        c.env, newDb(), str("k.kdb"), str("pw"), cert.length, arrayOf(cert)));
                },
                std::move(journal),
@@ -148,7 +149,7 @@ Row validate(const char* name, const Cert& cert, std::vector<Scripted> script,
         std::move(script),
         [cert](Context& c) {
             return returned(
-                Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1ValidateCertificateChain(
+                KEYDB_NATIVE(ValidateCertificateChain)(
                     c.env, newDb(), str("k.kdb"), str("pw"), arrayOf(cert), cert.length));
         },
         std::move(journal),
@@ -179,15 +180,10 @@ const std::vector<Row> renewalRows = {
     // A wrong password: false, and no 0100 line.
     isRenewal("IsRenewalWrongPassword", abc, false, ZAVKM_ERR_DATABASE_INVALID_PASSWORD,
               std::nullopt, no),
-    {"IsRenewalWithoutThis",
-     {},
-     [](Context& c) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1CheckCertAsRenewal(
-             c.env, nullptr, str("k.kdb"), str("pw"), 3, arrayOf(abc)));
-     },
-     {},
-     {},
-     no},
+    keydb::nullThis("IsRenewalWithoutThis", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(CheckCertAsRenewal)(env, self, str("k.kdb"), str("pw"), 3,
+            arrayOf(abc)));
+    }, no),
     renew("RenewMain", abc, {keydb::opened()}, keydb::whileOpen({renewCall(abc)}), rc(0)),
     renew("RenewRejectedStillCloses", abc,
           {keydb::opened(), {"ZAVKM_RenewCert", fake::returns(ZAVKM_ERR_VALIDATION_KEY_PAIR)}},
@@ -201,15 +197,10 @@ const std::vector<Row> renewalRows = {
           keydb::whileOpen({renewCall(oneLonger)}), rc(ZAVKM_ERR_NULL_PARAMETER)),
     renew("RenewOpenFails", abc, {keydb::openFails(ZAVKM_ERR_DATABASE_INVALID_PASSWORD)},
           {keydb::openCall}, rc(ZAVKM_ERR_DATABASE_INVALID_PASSWORD)),
-    {"RenewWithoutEnv",
-     {},
-     [](Context&) {
-         return returned(Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1RenewCert(
-             nullptr, newDb(), str("k.kdb"), str("pw"), 3, arrayOf(abc)));
-     },
-     {},
-     {},
-     rc(ZAVKM_ERR_PARAMETER)},
+    keydb::nullEnv("RenewWithoutEnv", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(RenewCert)(env, self, str("k.kdb"), str("pw"), 3,
+            arrayOf(abc)));
+    }, rc(ZAVKM_ERR_PARAMETER)),
     chain("ValidateValid", 0, 1, yes),
     chain("ValidateJudgementTwoIsNotValid", 0, 2, no),
     chain("ValidateInvalid", ZAVKM_ERR_INVALID_CERT_CHAIN, 0, no),
@@ -221,39 +212,30 @@ const std::vector<Row> renewalRows = {
     validate("ValidateOpenFails", abc, {keydb::openFails(ZAVKM_ERR_DATABASE_OPEN)},
              {keydb::openCall}, {}, no),
     // The entry line comes before any check.
-    {"ValidateWithoutThis",
-     {},
-     [](Context& c) {
-         return returned(
-             Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1ValidateCertificateChain(
-                 c.env, nullptr, str("k.kdb"), str("pw"), arrayOf(abc), 3));
-     },
-     {},
-     {validateEntered},
-     no},
+    keydb::nullThis("ValidateWithoutThis", [](JNIEnv* env, jobject self) {
+        return returned(KEYDB_NATIVE(ValidateCertificateChain)(env, self, str("k.kdb"), str("pw"),
+            arrayOf(abc), 3));
+    }, no, {validateEntered}),
 };
 
 CONFORMANCE_ROWS(KeyDbRenewalRows, renewalRows);
 
-using KeyDbRenewalThroughJava = keydb::JavaCalls;
+using namespace javacalls;
 
-TEST_F(KeyDbRenewalThroughJava, RenewalNativesBind) {
-    jmethodID check = method("c_CheckCertAsRenewal", "(Ljava/lang/String;Ljava/lang/String;I[B)Z");
-    jmethodID renewCert = method("c_RenewCert", "(Ljava/lang/String;Ljava/lang/String;I[B)I");
-    jmethodID validateChain =
-        method("c_ValidateCertificateChain", "(Ljava/lang/String;Ljava/lang/String;[BI)Z");
-    jbyteArray der = harness::byteArray({0x30, 0x03});
-    fake::script("ZAVKM_CheckCertAsRenewal", judged(0, 1));
-    EXPECT_TRUE(checked(env->CallBooleanMethod(db, check, str("k.kdb"), str("pw"), 2, der)));
-    fake::script("ZAVKM_RenewCert", fake::returns(ZAVKM_ERR_VALIDATION_KEY_PAIR));
-    EXPECT_EQ(checked(env->CallIntMethod(db, renewCert, str("k.kdb"), str("pw"), 2, der)),
-              ZAVKM_ERR_VALIDATION_KEY_PAIR);
-    fake::script("ZAVKM_ValidateCertChain", judged(0, 1));
-    EXPECT_TRUE(
-        checked(env->CallBooleanMethod(db, validateChain, str("k.kdb"), str("pw"), der, 2)));
-    EXPECT_THAT(ops(), ::testing::ElementsAre("ZAVKM_OpenKeyDb", "ZAVKM_CheckCertAsRenewal",
-                                              "ZAVKM_OpenKeyDb", "ZAVKM_RenewCert",
-                                              "ZAVKM_OpenKeyDb", "ZAVKM_ValidateCertChain"));
-}
+const std::vector<JavaCall> javaCalls = {
+    {"c_CheckCertAsRenewal", "(SSI[B)Z",
+     [] { return std::vector{s("k.kdb"), s("pw"), i(2), bytes({0x30, 0x03})}; },
+     {{"ZAVKM_CheckCertAsRenewal", judged(0, 1)}}, JNI_TRUE,
+     {"ZAVKM_OpenKeyDb", "ZAVKM_CheckCertAsRenewal"}},
+    {"c_RenewCert", "(SSI[B)I", [] { return std::vector{s("k.kdb"), s("pw"), i(2), bytes({0x30,
+        0x03})}; },
+     {{"ZAVKM_RenewCert", fake::returns(ZAVKM_ERR_VALIDATION_KEY_PAIR)}},
+     ZAVKM_ERR_VALIDATION_KEY_PAIR, {"ZAVKM_OpenKeyDb", "ZAVKM_RenewCert"}},
+    {"c_ValidateCertificateChain", "(SS[BI)Z",
+     [] { return std::vector{s("k.kdb"), s("pw"), bytes({0x30, 0x03}), i(2)}; },
+     {{"ZAVKM_ValidateCertChain", judged(0, 1)}}, JNI_TRUE,
+     {"ZAVKM_OpenKeyDb", "ZAVKM_ValidateCertChain"}},
+};
+JAVA_CALLS(KeyDbRenewalJava, keydb::dbClass, javaCalls);
 
 }  // namespace

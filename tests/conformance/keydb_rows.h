@@ -13,6 +13,10 @@
 #include <vector>
 
 #include "rows.h"
+#include "store_rows.h"
+
+// KEYDB_NATIVE(method) names the CMSKeyDatabase native of Java's `method`.
+#define KEYDB_NATIVE(method) Java_com_norvex_zav_tolvik_basic_CMSKeyDatabase_c_1##method
 
 namespace keydb {
 
@@ -25,14 +29,11 @@ inline const std::string closeCall = "ZAVKM_CloseKeyDb(7)";
 inline const std::string fileLine = "JNI_DEBUG......cKeyDbFileName = k.kdb";
 inline const std::string pwdLine = "JNI_DEBUG......cKeyDbPwd = pw";
 inline const std::string labelLine = "JNI_DEBUG......cKeyLabel = lbl";
-inline const std::string bytesFit = "JNI_DEBUG......JavaByteArrayToUChar(): jByteLen == jCertBERLen";
-inline const std::string bytesDiffer =
-    "JNI_DEBUG......JavaByteArrayToUChar(): jByteLen != jCertBERLen";
+inline const std::string bytesFit = storerows::bytesMatch;
+using storerows::bytesDiffer;
 
 // The lines getJavaKeyItem writes for a key record without private key, certificates or BER.
-inline const std::vector<std::string> keyItemTrace = {
-    "JNI_DEBUG......jKeyItemClass = 0x{ref}",
-    "JNI_DEBUG......jKeyItemClass = 0x{ref}, constructor=0x{ref}"};
+inline const std::vector<std::string> keyItemTrace = storerows::keyItemTrace();
 
 // opened is the fake's answer "open, as handle 7"; openFails(rc) its refusal.
 inline harness::Scripted opened() {
@@ -40,12 +41,8 @@ inline harness::Scripted opened() {
 }
 inline harness::Scripted openFails(int64_t rc) { return {"ZAVKM_OpenKeyDb", fake::returns(rc)}; }
 
-// join chains line lists.
-inline std::vector<std::string> join(std::initializer_list<std::vector<std::string>> parts) {
-    std::vector<std::string> all;
-    for (const auto& part : parts) all.insert(all.end(), part.begin(), part.end());
-    return all;
-}
+using storerows::concat;
+inline constexpr auto& join = concat;  // chains line lists
 
 // whileOpen is the journal of calls made on the open file: the open, the calls, the close.
 inline std::vector<std::string> whileOpen(std::vector<std::string> calls) {
@@ -77,19 +74,19 @@ inline harness::Row onLabel(const char* name, LabelNative native,
 }
 
 // nullThis plays native with a null `this`: nothing may happen but the early answer.
-inline harness::Row nullThis(const char* name, LabelNative native, harness::Returned expected) {
-    return {name, {}, [native](harness::Context& c) { return native(c.env, nullptr); }, {}, {},
+inline harness::Row nullThis(const char* name, LabelNative native, harness::Returned expected,
+                            std::vector<std::string> trace = {}) {
+    return {name, {}, [native](harness::Context& c) { return native(c.env, nullptr); }, {}, trace,
             expected};
 }
 
-// keyRecord is a key record of the given label and size, nothing else set; made at call time.
-inline ZAVKM_KeyItem* keyRecord(const char* label, int32_t keySize) {
-    auto* key = fake::record<ZAVKM_KeyItem>();
-    key->label = fake::text(label);
-    key->keySize = keySize;
-    key->shortValue1 = 1;
-    return key;
+// nullEnv plays native with a null JNIEnv and a new CMSKeyDatabase: only the early answer.
+inline harness::Row nullEnv(const char* name, LabelNative native, harness::Returned expected) {
+    return {name, {}, [native](harness::Context&) { return native(nullptr, newDb()); }, {}, {},
+            expected};
 }
+
+using storerows::keyRecord;  // a key record of a label and size, made at call time
 
 // reqKeyRecord is a request key record of the given label and size, without its request.
 inline ZAVKM_ReqKeyItem* reqKeyRecord(const char* label, int32_t keySize) {
@@ -149,45 +146,5 @@ inline size_t stringsGivenBack(const harness::Ledger& ledger) {
     for (const auto& event : ledger.strings()) count += event.taken ? 0 : 1;
     return count;
 }
-
-// JavaCalls is the fixture of the calls made through Java: a CMSKeyDatabase and its methods.
-class JavaCalls : public harness::JvmTest {
-protected:
-    void SetUp() override {
-        harness::JvmTest::SetUp();
-        fake::reset();
-        db = newDb();
-    }
-    void TearDown() override {
-        EXPECT_THAT(fake::errors(), ::testing::IsEmpty());
-        EXPECT_THAT(fake::outstanding().size(), 0u);
-        fake::reset();
-        harness::JvmTest::TearDown();
-    }
-    jmethodID method(const char* name, const char* signature) {
-        jmethodID id = env->GetMethodID(harness::findClass(dbClass), name, signature);
-        EXPECT_NE(id, nullptr) << name << signature;
-        return id;
-    }
-    // ops names the operations the fake saw, in order, and forgets them after checking that
-    // no block was left behind.
-    std::vector<std::string> ops() {
-        EXPECT_THAT(fake::outstanding().size(), 0u);
-        EXPECT_THAT(fake::errors(), ::testing::IsEmpty());
-        std::vector<std::string> names;
-        for (const std::string& line : fake::journal()) names.push_back(line.substr(0, line.find('(')));
-        fake::reset();
-        return names;
-    }
-    // Results of a Java call, after checking that it left no exception.
-    template <class T>
-    T checked(T result) {
-        EXPECT_FALSE(env->ExceptionCheck());
-        return result;
-    }
-
-    JNIEnv* env = harness::java();
-    jobject db = nullptr;
-};
 
 }  // namespace keydb

@@ -198,6 +198,39 @@ inline std::vector<std::string> concat(std::initializer_list<std::vector<std::st
     return joined;
 }
 
+// FrameCase - one scenario of a native that opens a token or store (handle 7) with a
+// descriptor, works on it and closes it.
+struct FrameCase {
+    const char* provider = "csp";    // a store's provider name (null: none)
+    const char* password = "pw";     // the token or store password Java passes (null: none)
+    bool tokenPasswordName = false;  // a store password traced as the token password's
+    int openCode = 0;                // the open's answer; 0 opens as handle 7
+    std::vector<Scripted> script;    // answers of the native's own operations
+    std::vector<std::string> before;      // library calls before the open
+    std::vector<std::string> operation;   // library calls on the open store, before its close
+    std::vector<std::string> after;       // library calls after the close or the failed open
+    std::vector<std::string> conversion;  // trace lines before the frame's (conversions first)
+    std::vector<std::string> trace;       // trace lines after the frame's
+    Check check = nullptr;
+    std::vector<std::string> givenBack = {};  // texts given back out of the order taken
+};
+
+// frameRow: the open (of `descriptor`), the case's calls, and the trace `frame` writes as it
+// takes its strings.
+inline harness::Row frameRow(std::string name, FrameCase fc, const std::string& descriptor,
+                             std::vector<std::string> frame,
+                             std::function<Returned(Context&)> call, Returned returns) {
+    std::vector<Scripted> script = {fc.openCode == 0 ? opens() : openFails(fc.openCode)};
+    script.insert(script.end(), fc.script.begin(), fc.script.end());
+    std::vector<std::string> journal = concat({fc.before, {opened(descriptor)}});
+    if (fc.openCode == 0) journal = concat({journal, fc.operation, {closed(storeHandle)}});
+    harness::Row row = {std::move(name), script, std::move(call),
+                        concat({journal, fc.after}), concat({fc.conversion, frame, fc.trace}),
+                        returns, fc.check};
+    row.givenBack = fc.givenBack;
+    return row;
+}
+
 // refused: an early failure; nothing taken, traced or called (by default no JNI call at all).
 inline harness::Row refused(std::string name, std::function<Returned(Context&)> call,
                             Returned returns, Check check = untouched()) {

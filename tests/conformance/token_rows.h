@@ -44,37 +44,12 @@ inline std::vector<std::string> frameTexts(const char* password, std::vector<std
 
 inline jobject newToken() { return harness::newObject(tokenClass, "()V"); }
 
-// TokenCase - one scenario of a native that runs the token frame.
-struct TokenCase {
-    const char* password = tokenPassword;  // the token password Java passes (null: none)
-    int openCode = 0;                      // the open's answer; 0 opens the token as handle 7
-    std::vector<Scripted> script;          // answers of the native's own operations
-    std::vector<std::string> before;       // library calls before the open
-    std::vector<std::string> operation;    // library calls on the open token, before its close
-    std::vector<std::string> after;        // library calls after the close or the failed open
-    std::vector<std::string> conversion;   // trace lines before the frame's (conversions first)
-    std::vector<std::string> trace;        // trace lines after the frame's
-    Check check = nullptr;
-};
+using TokenCase = FrameCase;  // its provider and the store's trace names are not used
 
 inline harness::Row tokenRow(std::string name, TokenCase tc, std::function<Returned(Context&)> call,
                              Returned returns) {
-    std::vector<Scripted> script = {tc.openCode == 0 ? opens() : openFails(tc.openCode)};
-    script.insert(script.end(), tc.script.begin(), tc.script.end());
-    std::vector<std::string> journal = tc.before;
-    journal.push_back(opened(tokenDescriptor(tc.password)));
-    if (tc.openCode == 0) {
-        journal.insert(journal.end(), tc.operation.begin(), tc.operation.end());
-        journal.push_back(closed(storeHandle));
-    }
-    journal.insert(journal.end(), tc.after.begin(), tc.after.end());
-    return {std::move(name),
-            script,
-            std::move(call),
-            journal,
-            concat({tc.conversion, frameTrace(tc.password), tc.trace}),
-            returns,
-            tc.check};
+    return frameRow(std::move(name), tc, tokenDescriptor(tc.password), frameTrace(tc.password),
+                    std::move(call), returns);
 }
 
 }  // namespace tokenrows

@@ -43,6 +43,20 @@ void* zav_counted_malloc(size_t size) {
     return malloc(size);
 }
 
+// The compiler may turn malloc and memset into calloc.
+void* zav_counted_calloc(size_t count, size_t size) {
+    if (counting::failMalloc.exchange(false)) return nullptr;
+    if (counting::armed) ++counting::mallocs;
+    return calloc(count, size);
+}
+
+void* zav_counted_realloc(void* block, size_t size) {
+    if (counting::failMalloc.exchange(false)) return nullptr;
+    if (counting::armed) ++counting::mallocs;
+    if (block != nullptr) fake::noteFree(block);
+    return realloc(block, size);
+}
+
 void zav_counted_free(void* block) {
     if (block != nullptr) fake::noteFree(block);
     free(block);

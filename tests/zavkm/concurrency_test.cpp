@@ -41,7 +41,8 @@ int addMany(const std::string& file, const std::vector<uint8_t>& cert, const std
     std::vector<int> results(kThreads, 0);
     for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([&, t] {
-            results[t] = addMany(file, cert, "p" + std::to_string(process) + "t" + std::to_string(t));
+            results[t] =
+                addMany(file, cert, "p" + std::to_string(process) + "t" + std::to_string(t));
         });
     for (auto& t : threads) t.join();
     for (int r : results) failures += r;

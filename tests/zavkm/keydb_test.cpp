@@ -7,6 +7,7 @@
 #include <cstring>
 #include <thread>
 
+#include "connpool.h"
 #include "kdf.h"
 #include "support.h"
 
@@ -27,9 +28,7 @@ struct OpenCase {
 void nothing(const std::string&) {}
 void goodDb(const std::string& f) { ASSERT_EQ(createDb(f, kPassword), ZAVKM_OK); }
 void otherPasswordDb(const std::string& f) { ASSERT_EQ(createDb(f, "another one"), ZAVKM_OK); }
-void textFile(const std::string& f) {
-    writeBytes(f, std::vector<uint8_t>(5000, 'x'));
-}
+void textFile(const std::string& f) { writeBytes(f, std::vector<uint8_t>(5000, 'x')); }
 void emptyFile(const std::string& f) { writeBytes(f, {}); }
 void foreignSqlite(const std::string& f) {
     sqlite3* db = nullptr;
@@ -90,6 +89,7 @@ TEST_F(KeyDbFileTest, OpeningTellsEachKindOfFileApart) {
         SCOPED_TRACE(c.name);
         std::string file = dir.path(std::string(c.name) + ".kdb");
         c.prepare(file);
+        zavkm::closeIdleConnections();  // what the row's own connection wrote is in the file
         auto before = readBytes(file);
         EXPECT_EQ(reopen(file, kPassword), c.expected);
         EXPECT_EQ(readBytes(file), before) << "opening must not change the file";
@@ -198,6 +198,21 @@ TEST_F(KeyDbFileTest, StashOpensWithoutAPassword) {
     ASSERT_EQ(ZAVKM_OpenKeyDbX(&d, &h), ZAVKM_OK) << "a descriptor without password too";
     EXPECT_EQ(ZAVKM_CloseKeyDb(h), ZAVKM_OK);
     EXPECT_EQ(ZAVKM_CloseKeyDb(h), ZAVKM_ERR_INVALID_DB_HANDLE);
+}
+
+// A process keeps its connections open between handles; still, once a handle that changed the
+// file is closed, a copy of the file alone holds the change.
+TEST_F(KeyDbFileTest, TheFileAloneHoldsEveryChangeOnceTheHandleCloses) {
+    std::string file = dir.path("live.kdb"), copy = dir.path("copy.kdb");
+    ASSERT_EQ(createDb(file, kPassword), ZAVKM_OK);
+    {
+        OpenDb db(file, kPassword);
+        ASSERT_FALSE(selfSigned(db.h, "added", dir).empty());
+    }
+    writeBytes(copy, readBytes(file));
+    OpenDb db(copy, kPassword);
+    ASSERT_EQ(db.rc, ZAVKM_OK);
+    EXPECT_EQ(labels(db.h), std::vector<std::string>{"added"});
 }
 
 }  // namespace

@@ -18,13 +18,13 @@ struct Issued {
 };
 
 // issueFor - a request for label (EC P-256), issued by "ca" with serial and validity.
-Issued issueFor(ZAVKM_KeyDbHandle h, ScratchDir& dir, const std::string& label,
-                const char* serial, int32_t days) {
+Issued issueFor(ZAVKM_KeyDbHandle h, ScratchDir& dir, const std::string& label, const char* serial,
+                int32_t days) {
     ZAVKM_DNItem subject = dn(label.c_str());
     std::string csr = dir.path(label + ".csr"), crt = dir.path(label + ".crt");
-    EXPECT_EQ(ZAVKM_CreateNewCertReq(h, label.c_str(), 256, &subject, csr.c_str(), nullptr,
-                                     nullptr),
-              ZAVKM_OK);
+    EXPECT_EQ(
+        ZAVKM_CreateNewCertReq(h, label.c_str(), 256, &subject, csr.c_str(), nullptr, nullptr),
+        ZAVKM_OK);
     uint8_t* req = nullptr;
     uint32_t n = 0;
     EXPECT_EQ(ZAVKM_Base64DecodeFileToBuf(csr.c_str(), &req, &n), ZAVKM_OK);
@@ -64,9 +64,9 @@ TEST_F(RecordsTest, KeyItemCarriesFlagsChainAndAKeyThatMovesToAnotherDatabase) {
     OpenDb db(file, kPassword);
     ASSERT_FALSE(selfSigned(db.h, "ca", dir).empty());
     Issued server = issueFor(db.h, dir, "server", "", 9999);
-    ASSERT_EQ(ZAVKM_ReceiveCert(db.h, server.der.data(), static_cast<uint32_t>(server.der.size()),
-                                1),
-              ZAVKM_OK);
+    ASSERT_EQ(
+        ZAVKM_ReceiveCert(db.h, server.der.data(), static_cast<uint32_t>(server.der.size()), 1),
+        ZAVKM_OK);
     ZAVKM_LabelList* requests = nullptr;
     ASSERT_EQ(ZAVKM_GetReqKeyDbLabelList(db.h, &requests), ZAVKM_OK);
     EXPECT_EQ(requests, nullptr) << "the request key became a personal key";
@@ -101,8 +101,8 @@ TEST_F(RecordsTest, KeyItemCarriesFlagsChainAndAKeyThatMovesToAnotherDatabase) {
     ASSERT_EQ(createDb(other, kPassword), ZAVKM_OK);
     {
         OpenDb b(other, kPassword);
-        EXPECT_EQ(ZAVKM_InsertKey(b.h, "moved", leaf->derLength, leaf->der,
-                                  key->epki->derLength, key->epki->der, 0, 1),
+        EXPECT_EQ(ZAVKM_InsertKey(b.h, "moved", leaf->derLength, leaf->der, key->epki->derLength,
+                                  key->epki->der, 0, 1),
                   ZAVKM_OK);
         uint8_t present = 0;
         EXPECT_EQ(ZAVKM_IsPrivateKeyPresent(b.h, "moved", &present), ZAVKM_OK);

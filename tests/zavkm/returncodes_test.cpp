@@ -18,12 +18,12 @@ constexpr const char* kPassword = "table pw";
 struct Env {
     ScratchDir& dir;
     ZAVKM_KeyDbHandle h;
-    std::vector<uint8_t> caDer;      // the CA certificate
-    std::vector<uint8_t> requestDer; // the request of "req"
-    std::vector<uint8_t> otherEpki;  // a key that belongs to no certificate, under kPassword
-    std::string p12;                 // a PKCS#12 export of "ca" under "p12 pw"
-    std::string costlyP12;           // the same with an absurd MAC iteration count
-    std::string junk;                // a file of garbage
+    std::vector<uint8_t> caDer;       // the CA certificate
+    std::vector<uint8_t> requestDer;  // the request of "req"
+    std::vector<uint8_t> otherEpki;   // a key that belongs to no certificate, under kPassword
+    std::string p12;                  // a PKCS#12 export of "ca" under "p12 pw"
+    std::string costlyP12;            // the same with an absurd MAC iteration count
+    std::string junk;                 // a file of garbage
 };
 
 using Call = std::function<ZAVKM_ReturnCode(Env&)>;
@@ -35,14 +35,13 @@ struct Row {
 
 const std::vector<uint8_t> kJunk = {0x30, 0x03, 0x02, 0x01, 0x05, 0xde, 0xad};
 
-ZAVKM_ReturnCode selfSign(Env& e, const char* label, int32_t version, int32_t keySize,
-                          int32_t days, int32_t sig, const std::vector<uint8_t>& ext,
+ZAVKM_ReturnCode selfSign(Env& e, const char* label, int32_t version, int32_t keySize, int32_t days,
+                          int32_t sig, const std::vector<uint8_t>& ext,
                           const ZAVKM_DNItem* subject = nullptr) {
     ZAVKM_DNItem d = dn("row");
-    return ZAVKM_CreateSelfSignedCertSigExt(e.h, label, 0, version, keySize,
-                                            subject != nullptr ? subject : &d, days, sig,
-                                            ext.empty() ? nullptr : ext.data(),
-                                            static_cast<uint32_t>(ext.size()), nullptr, 0);
+    return ZAVKM_CreateSelfSignedCertSigExt(
+        e.h, label, 0, version, keySize, subject != nullptr ? subject : &d, days, sig,
+        ext.empty() ? nullptr : ext.data(), static_cast<uint32_t>(ext.size()), nullptr, 0);
 }
 
 ZAVKM_ReturnCode issue(Env& e, const std::vector<uint8_t>& req, const char* issuer,
@@ -53,9 +52,8 @@ ZAVKM_ReturnCode issue(Env& e, const std::vector<uint8_t>& req, const char* issu
 }
 
 // A basicConstraints extension, as DER Extensions.
-const std::vector<uint8_t> kBasicConstraints = {0x30, 0x0e, 0x30, 0x0c, 0x06, 0x03, 0x55,
-                                                0x1d, 0x13, 0x04, 0x05, 0x30, 0x03, 0x01,
-                                                0x01, 0xff};
+const std::vector<uint8_t> kBasicConstraints = {0x30, 0x0e, 0x30, 0x0c, 0x06, 0x03, 0x55, 0x1d,
+                                                0x13, 0x04, 0x05, 0x30, 0x03, 0x01, 0x01, 0xff};
 std::vector<uint8_t> twice(const std::vector<uint8_t>& ext) {
     std::vector<uint8_t> body(ext.begin() + 2, ext.end());
     std::vector<uint8_t> out = {0x30, static_cast<uint8_t>(2 * body.size())};
@@ -66,16 +64,28 @@ std::vector<uint8_t> twice(const std::vector<uint8_t>& ext) {
 
 const Row kRows[] = {
     {"a required pointer is null",
-     [](Env& e) { ZAVKM_KeyItem* k; return ZAVKM_GetKeyItemByLabel(e.h, nullptr, &k); },
+     [](Env& e) {
+         ZAVKM_KeyItem* k;
+         return ZAVKM_GetKeyItemByLabel(e.h, nullptr, &k);
+     },
      ZAVKM_ERR_NULL_PARAMETER},
     {"a handle that is not open",
-     [](Env& e) { ZAVKM_LabelList* l; return ZAVKM_GetKeyDbLabelList(e.h + 1000, &l); },
+     [](Env& e) {
+         ZAVKM_LabelList* l;
+         return ZAVKM_GetKeyDbLabelList(e.h + 1000, &l);
+     },
      ZAVKM_ERR_INVALID_DB_HANDLE},
     {"a label that is not there",
-     [](Env& e) { ZAVKM_KeyItem* k; return ZAVKM_GetKeyItemByLabel(e.h, "nope", &k); },
+     [](Env& e) {
+         ZAVKM_KeyItem* k;
+         return ZAVKM_GetKeyItemByLabel(e.h, "nope", &k);
+     },
      ZAVKM_ERR_KEY_GET_BY_LABEL},
     {"a request label asked among keys",
-     [](Env& e) { ZAVKM_KeyItem* k; return ZAVKM_GetKeyItemByLabel(e.h, "req", &k); },
+     [](Env& e) {
+         ZAVKM_KeyItem* k;
+         return ZAVKM_GetKeyItemByLabel(e.h, "req", &k);
+     },
      ZAVKM_ERR_KEY_GET_BY_LABEL},
     {"deleting a label that is not there", [](Env& e) { return ZAVKM_DeleteKey(e.h, "nope"); },
      ZAVKM_ERR_KEY_GET_BY_LABEL},
@@ -86,8 +96,7 @@ const Row kRows[] = {
     {"exporting a label that is not there",
      [](Env& e) { return ZAVKM_ExportCert(e.h, "nope", e.dir.path("x.pem").c_str(), 1); },
      ZAVKM_ERR_KEY_GET_BY_LABEL},
-    {"a label that is taken",
-     [](Env& e) { return selfSign(e, "ca", 3, 256, 30, 1, {}); },
+    {"a label that is taken", [](Env& e) { return selfSign(e, "ca", 3, 256, 30, 1, {}); },
      ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL},
     {"a signer certificate under a taken label",
      [](Env& e) {
@@ -95,7 +104,8 @@ const Row kRows[] = {
                                   "signer");
      },
      ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL},
-    {"a key size that is neither RSA nor EC", [](Env& e) { return selfSign(e, "k", 3, 300, 30, 1, {}); },
+    {"a key size that is neither RSA nor EC",
+     [](Env& e) { return selfSign(e, "k", 3, 300, 30, 1, {}); },
      ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE},
     {"a validity over 9999 days", [](Env& e) { return selfSign(e, "k", 3, 256, 10000, 1, {}); },
      ZAVKM_ERR_EXPIRE_DAYS_TOO_LARGE},
@@ -125,9 +135,7 @@ const Row kRows[] = {
      },
      ZAVKM_ERR_INVALID_DN_INPUT},
     {"an export type other than 1",
-     [](Env& e) {
-         return ZAVKM_ExportKeys(e.h, 2, e.dir.path("x.p12").c_str(), "pw", nullptr);
-     },
+     [](Env& e) { return ZAVKM_ExportKeys(e.h, 2, e.dir.path("x.p12").c_str(), "pw", nullptr); },
      ZAVKM_ERR_EXPORT_TYPE},
     {"a certificate that matches no request key",
      [](Env& e) {
@@ -148,13 +156,16 @@ const Row kRows[] = {
      [](Env& e) { return ZAVKM_SetDefaultKeyByLabel(e.h, "signer"); },
      ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL},
     {"no default key",
-     [](Env& e) { ZAVKM_KeyItem* k; return ZAVKM_GetDefaultKeyItem(e.h, &k); },
+     [](Env& e) {
+         ZAVKM_KeyItem* k;
+         return ZAVKM_GetDefaultKeyItem(e.h, &k);
+     },
      ZAVKM_ERR_KEYDB_DEFAULT_KEY_NULL},
     {"a private key that is not the certificate's",
      [](Env& e) {
-         return ZAVKM_InsertKey(e.h, "pair", static_cast<uint32_t>(e.caDer.size()),
-                                e.caDer.data(), static_cast<uint32_t>(e.otherEpki.size()),
-                                e.otherEpki.data(), 0, 0);
+         return ZAVKM_InsertKey(e.h, "pair", static_cast<uint32_t>(e.caDer.size()), e.caDer.data(),
+                                static_cast<uint32_t>(e.otherEpki.size()), e.otherEpki.data(), 0,
+                                0);
      },
      ZAVKM_ERR_VALIDATION_KEY_PAIR},
     {"a wrong PKCS#12 password",
@@ -170,9 +181,7 @@ const Row kRows[] = {
      [](Env& e) { return ZAVKM_ImportKeysFromPFXFile(e.h, e.costlyP12.c_str(), "p12 pw"); },
      ZAVKM_ERR_PBE_ALG_UNSUPPORT},
     {"a PKCS#12 file that does not exist",
-     [](Env& e) {
-         return ZAVKM_ImportKeysFromPFXFile(e.h, e.dir.path("none.p12").c_str(), "pw");
-     },
+     [](Env& e) { return ZAVKM_ImportKeysFromPFXFile(e.h, e.dir.path("none.p12").c_str(), "pw"); },
      ZAVKM_ERR_FILE_OPEN_NOT_EXIST},
     {"base64 that is not base64",
      [](Env& e) {
@@ -270,9 +279,9 @@ TEST_F(ReturnCodeTest, EachFailureHasItsCodeAndChangesNothing) {
     Env e{dir, db.h, {}, {}, {}, dir.path("ca.p12"), dir.path("costly.p12"), dir.path("junk")};
     e.caDer = selfSigned(db.h, "ca", dir);
     ASSERT_FALSE(e.caDer.empty());
-    ASSERT_EQ(ZAVKM_StoreCACert(db.h, e.caDer.data(), static_cast<uint32_t>(e.caDer.size()),
-                                "signer"),
-              ZAVKM_OK);
+    ASSERT_EQ(
+        ZAVKM_StoreCACert(db.h, e.caDer.data(), static_cast<uint32_t>(e.caDer.size()), "signer"),
+        ZAVKM_OK);
     ZAVKM_DNItem subject = dn("request");
     std::string csr = dir.path("req.csr");
     ASSERT_EQ(ZAVKM_CreateNewCertReq(db.h, "req", 256, &subject, csr.c_str(), nullptr, nullptr),

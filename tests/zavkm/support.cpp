@@ -31,7 +31,8 @@ std::vector<uint8_t> readBytes(const std::string& name) {
 
 void writeBytes(const std::string& name, const std::vector<uint8_t>& data) {
     std::ofstream out(name, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+    out.write(reinterpret_cast<const char*>(data.data()),
+              static_cast<std::streamsize>(data.size()));
 }
 
 bool exists(const std::string& name) {

@@ -13,18 +13,18 @@ namespace zavkm_test {
 
 // ScratchDir - a fresh directory under TMPDIR, removed with its contents on destruction.
 class ScratchDir {
-public:
+  public:
     ScratchDir();
     ~ScratchDir();
     std::string path(const std::string& name) const { return dir_ + "/" + name; }
 
-private:
+  private:
     std::string dir_;
 };
 
 // LibraryTest - ZAVKM_Init before each test, ZAVKM_CleanAll after it.
 class LibraryTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { ASSERT_EQ(ZAVKM_Init(), ZAVKM_OK); }
     void TearDown() override { ZAVKM_CleanAll(); }
     ScratchDir dir;

@@ -1,0 +1,20 @@
+// certcache.h - certificates read from key databases, decoded once per process.
+//
+// Decoding a certificate (its public key above all) is the costliest step of reading a key
+// item, and a process reads the same few certificates again and again. The cache holds the
+// decoded form of the most recently used certificates, keyed by their DER; decoded
+// certificates are only read, never changed, so threads share them.
+#pragma once
+
+#include "ossl.h"
+
+namespace zavkm {
+
+// cachedCertificate - the decoded certificate for der (a new reference), or null when der is
+// not a certificate.
+X509Ptr cachedCertificate(const Bytes& der);
+
+// clearCertificateCache - drops every cached certificate (ZAVKM_CleanAll).
+void clearCertificateCache() noexcept;
+
+}  // namespace zavkm
