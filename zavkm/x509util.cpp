@@ -236,26 +236,26 @@ Rc replaceExtension(X509* cert, X509_EXTENSION* ext) {
 
 }  // namespace
 
-Rc makeCertificate(const CertSpec& spec, X509Ptr& out) {
+Rc makeCertificate(const CertPlan& plan, X509Ptr& out) {
     X509Ptr cert(X509_new());
     if (!cert) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
-    const bool v3 = spec.version != 1;
-    X509* issuerCert = spec.issuer != nullptr ? spec.issuer : cert.get();
+    const bool v3 = plan.version != 1;
+    X509* issuerCert = plan.issuer != nullptr ? plan.issuer : cert.get();
     if (X509_set_version(cert.get(), v3 ? 2 : 0) != 1 ||
-        X509_set_serialNumber(cert.get(), const_cast<ASN1_INTEGER*>(spec.serial)) != 1 ||
-        X509_set_subject_name(cert.get(), spec.subject) != 1 ||
-        X509_set_issuer_name(cert.get(), spec.issuer != nullptr ? X509_get_subject_name(spec.issuer)
-                                                                : spec.subject) != 1 ||
+        X509_set_serialNumber(cert.get(), const_cast<ASN1_INTEGER*>(plan.serial)) != 1 ||
+        X509_set_subject_name(cert.get(), plan.subject) != 1 ||
+        X509_set_issuer_name(cert.get(), plan.issuer != nullptr ? X509_get_subject_name(plan.issuer)
+                                                                : plan.subject) != 1 ||
         X509_gmtime_adj(X509_getm_notBefore(cert.get()), 0) == nullptr ||
-        X509_time_adj_ex(X509_getm_notAfter(cert.get()), spec.days, 0, nullptr) == nullptr ||
-        X509_set_pubkey(cert.get(), spec.subjectKey) != 1)
+        X509_time_adj_ex(X509_getm_notAfter(cert.get()), plan.days, 0, nullptr) == nullptr ||
+        X509_set_pubkey(cert.get(), plan.subjectKey) != 1)
         return sslError(ZAVKM_ERR_CRYPTO);
     if (v3) {
         X509V3_CTX ctx;
         X509V3_set_ctx(&ctx, issuerCert, cert.get(), nullptr, nullptr, 0);
-        Rc rc = spec.ca ? addExtension(cert.get(), &ctx, NID_basic_constraints, "CA:TRUE", true)
+        Rc rc = plan.ca ? addExtension(cert.get(), &ctx, NID_basic_constraints, "CA:TRUE", true)
                         : addExtension(cert.get(), &ctx, NID_basic_constraints, "CA:FALSE", false);
-        if (rc == ZAVKM_OK && spec.ca)
+        if (rc == ZAVKM_OK && plan.ca)
             rc = addExtension(cert.get(), &ctx, NID_key_usage,
                               "keyCertSign,cRLSign,digitalSignature", true);
         if (rc == ZAVKM_OK)
@@ -264,13 +264,13 @@ Rc makeCertificate(const CertSpec& spec, X509Ptr& out) {
             rc =
                 addExtension(cert.get(), &ctx, NID_authority_key_identifier, "keyid:always", false);
         for (int i = 0;
-             rc == ZAVKM_OK && spec.extra != nullptr && i < sk_X509_EXTENSION_num(spec.extra); ++i)
-            rc = replaceExtension(cert.get(), sk_X509_EXTENSION_value(spec.extra, i));
+             rc == ZAVKM_OK && plan.extra != nullptr && i < sk_X509_EXTENSION_num(plan.extra); ++i)
+            rc = replaceExtension(cert.get(), sk_X509_EXTENSION_value(plan.extra, i));
         if (rc != ZAVKM_OK) return rc;
-    } else if (spec.extra != nullptr && sk_X509_EXTENSION_num(spec.extra) > 0) {
+    } else if (plan.extra != nullptr && sk_X509_EXTENSION_num(plan.extra) > 0) {
         return ZAVKM_ERR_VALIDATION_KEY_WRONG_VERSION;  // a v1 certificate carries none
     }
-    if (X509_sign(cert.get(), spec.signingKey, spec.md) <= 0)
+    if (X509_sign(cert.get(), plan.signingKey, plan.md) <= 0)
         return sslError(ZAVKM_ERR_CRYPTO_SIGN);
     out = std::move(cert);
     return ZAVKM_OK;

@@ -55,8 +55,8 @@ Rc parseSerial(const char* text, Asn1IntPtr& out);
 // ZAVKM_ERR_PARAMETER.
 Rc checkValidityDays(int32_t days) noexcept;
 
-// CertSpec - what makeCertificate needs. issuer null means self-signed (subjectKey signs).
-struct CertSpec {
+// CertPlan - what makeCertificate needs. issuer null means self-signed (subjectKey signs).
+struct CertPlan {
     int32_t version = 3;  // 1 gives a v1 certificate, else v3
     const X509_NAME* subject = nullptr;
     EVP_PKEY* subjectKey = nullptr;  // its public half goes into the certificate
@@ -68,7 +68,7 @@ struct CertSpec {
     bool ca = false;                                   // CA:TRUE and keyCertSign
     const STACK_OF(X509_EXTENSION) * extra = nullptr;  // added last, replacing same-type ones
 };
-Rc makeCertificate(const CertSpec& spec, X509Ptr& out);
+Rc makeCertificate(const CertPlan& plan, X509Ptr& out);
 
 // makeRequest - a signed PKCS#10 request for key with subject and extensions (may be null).
 Rc makeRequest(const X509_NAME* subject, EVP_PKEY* key, const STACK_OF(X509_EXTENSION) * exts,
