@@ -64,6 +64,23 @@ std::string serialHex(const ASN1_INTEGER* serial) {
     return hex;
 }
 
+// The record field of a name part the record names itself, or null for a further part.
+char** namedPart(ZAVKM_DNItem& dn, int nid) {
+    static constexpr struct {
+        int nid;
+        char* ZAVKM_DNItem::*field;
+    } parts[] = {
+        {NID_commonName, &ZAVKM_DNItem::cn},          {NID_organizationalUnitName, &ZAVKM_DNItem::ou},
+        {NID_organizationName, &ZAVKM_DNItem::o},     {NID_localityName, &ZAVKM_DNItem::l},
+        {NID_stateOrProvinceName, &ZAVKM_DNItem::s},  {NID_postalCode, &ZAVKM_DNItem::pc},
+        {NID_countryName, &ZAVKM_DNItem::c},
+    };
+    for (const auto& part : parts) {
+        if (part.nid == nid) return &(dn.*part.field);
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 Rc dnRecord(const X509_NAME* name, DNPtr& out) {
@@ -74,32 +91,7 @@ Rc dnRecord(const X509_NAME* name, DNPtr& out) {
     for (int i = 0; i < X509_NAME_entry_count(name); ++i) {
         const X509_NAME_ENTRY* entry = X509_NAME_get_entry(name, i);
         const ASN1_OBJECT* obj = X509_NAME_ENTRY_get_object(entry);
-        char** field = nullptr;
-        switch (OBJ_obj2nid(obj)) {
-            case NID_commonName:
-                field = &dn->cn;
-                break;
-            case NID_organizationalUnitName:
-                field = &dn->ou;
-                break;
-            case NID_organizationName:
-                field = &dn->o;
-                break;
-            case NID_localityName:
-                field = &dn->l;
-                break;
-            case NID_stateOrProvinceName:
-                field = &dn->s;
-                break;
-            case NID_postalCode:
-                field = &dn->pc;
-                break;
-            case NID_countryName:
-                field = &dn->c;
-                break;
-            default:
-                break;
-        }
+        char** field = namedPart(*dn, OBJ_obj2nid(obj));
         std::string value = utf8Of(entry);
         if (field != nullptr && *field == nullptr) {
             *field = copyText(value);
