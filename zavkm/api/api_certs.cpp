@@ -5,6 +5,7 @@
 #include "files.h"
 #include "keyitems.h"
 #include "session.h"
+#include "tokenops.h"
 #include "x509records.h"
 #include "x509util.h"
 
@@ -261,10 +262,10 @@ ZAVKM_ReturnCode ZAVKM_CreateSelfSignedCert(ZAVKM_KeyDbHandle handle, const char
                                             uint8_t makeDefault, int32_t version, int32_t keySize,
                                             const ZAVKM_DNItem* subject, int32_t validityDays,
                                             const char* certFileName, uint8_t isBase64) noexcept {
-    return withKeyDb(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
+    return withStore(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
         return selfSigned(kdb, label, makeDefault, version, keySize, subject, validityDays, 1,
                           nullptr, 0, certFileName, isBase64);
-    });
+    }, [&](TokenStore& t) { return tokenSelfSigned(t, {label, version, keySize, subject, validityDays, 1, nullptr, 0, certFileName, isBase64 != 0}); });
 }
 
 ZAVKM_ReturnCode ZAVKM_CreateSelfSignedCertSigExt(
@@ -272,19 +273,19 @@ ZAVKM_ReturnCode ZAVKM_CreateSelfSignedCertSigExt(
     int32_t keySize, const ZAVKM_DNItem* subject, int32_t validityDays, int32_t signatureAlgorithm,
     const uint8_t* extensions, uint32_t extensionsLength, const char* certFileName,
     uint8_t isBase64) noexcept {
-    return withKeyDb(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
+    return withStore(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
         return selfSigned(kdb, label, makeDefault, version, keySize, subject, validityDays,
                           signatureAlgorithm, extensions, extensionsLength, certFileName, isBase64);
-    });
+    }, [&](TokenStore& t) { return tokenSelfSigned(t, {label, version, keySize, subject, validityDays, signatureAlgorithm, extensions, extensionsLength, certFileName, isBase64 != 0}); });
 }
 
 ZAVKM_ReturnCode ZAVKM_CreateNewCertReq(ZAVKM_KeyDbHandle handle, const char* label,
                                         int32_t keySize, const ZAVKM_DNItem* subject,
                                         const char* certReqFileName, const void*,
                                         const void*) noexcept {
-    return withKeyDb(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
+    return withStore(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
         return newRequest(kdb, label, keySize, subject, 1, nullptr, 0, certReqFileName);
-    });
+    }, [&](TokenStore& t) { return tokenNewRequest(t, {label, keySize, subject, 1, nullptr, 0, certReqFileName}); });
 }
 
 ZAVKM_ReturnCode ZAVKM_CreateNewCertReqSigExt(ZAVKM_KeyDbHandle handle, const char* label,
@@ -293,10 +294,10 @@ ZAVKM_ReturnCode ZAVKM_CreateNewCertReqSigExt(ZAVKM_KeyDbHandle handle, const ch
                                               uint32_t extensionsLength,
                                               const char* certReqFileName, const void*,
                                               const void*) noexcept {
-    return withKeyDb(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
+    return withStore(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
         return newRequest(kdb, label, keySize, subject, signatureAlgorithm, extensions,
                           extensionsLength, certReqFileName);
-    });
+    }, [&](TokenStore& t) { return tokenNewRequest(t, {label, keySize, subject, signatureAlgorithm, extensions, extensionsLength, certReqFileName}); });
 }
 
 ZAVKM_ReturnCode ZAVKM_ReCreateCertReq(ZAVKM_KeyDbHandle handle, const char* label,
@@ -367,7 +368,7 @@ ZAVKM_ReturnCode ZAVKM_GetUnsignedCertFromCert(const uint8_t* der, uint32_t derL
 
 ZAVKM_ReturnCode ZAVKM_StoreCACert(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
                                    uint32_t certLength, const char* label) noexcept {
-    return withKeyDb(__func__, handle, {cert, label}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {cert, label}, [&](KeyDb& kdb) -> Rc {
         if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
         X509Ptr x509 = parseCertificate(cert, certLength);
         if (!x509) return ZAVKM_ERR_ASN;
@@ -387,12 +388,12 @@ ZAVKM_ReturnCode ZAVKM_StoreCACert(ZAVKM_KeyDbHandle handle, const uint8_t* cert
         row.trusted = true;  // a stored signer certificate is a trust anchor
         return withFileThenCommit(
             kdb, nullptr, [&](sqlite3* db) { return insertKey(db, row); }, [] { return 0; });
-    });
+    }, [&](TokenStore& t) { return tokenStoreSigner(t, cert, certLength, label); });
 }
 
 ZAVKM_ReturnCode ZAVKM_ReceiveCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
                                    uint32_t certLength, uint8_t makeDefault) noexcept {
-    return withKeyDb(__func__, handle, {cert}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {cert}, [&](KeyDb& kdb) -> Rc {
         X509Ptr x509 = parseCertificate(cert, certLength);
         if (!x509) return ZAVKM_ERR_ASN;
         if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(x509.get())); rc != ZAVKM_OK)
@@ -420,7 +421,7 @@ ZAVKM_ReturnCode ZAVKM_ReceiveCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert
                 return insertKey(db, row);
             },
             [] { return 0; });
-    });
+    }, [&](TokenStore& t) { return tokenReceive(t, cert, certLength); });
 }
 
 ZAVKM_ReturnCode ZAVKM_ExportCert(ZAVKM_KeyDbHandle handle, const char* label,

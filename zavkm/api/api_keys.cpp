@@ -4,6 +4,7 @@
 #include "epki.h"
 #include "keyitems.h"
 #include "session.h"
+#include "tokenops.h"
 #include "x509util.h"
 
 using namespace zavkm;
@@ -80,27 +81,27 @@ extern "C" {
 
 ZAVKM_ReturnCode ZAVKM_GetKeyDbLabelList(ZAVKM_KeyDbHandle handle,
                                          ZAVKM_LabelList** list) noexcept {
-    return withKeyDb(__func__, handle, {list}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {list}, [&](KeyDb& kdb) -> Rc {
         *list = nullptr;
         std::vector<std::string> labels;
         if (Rc rc = keyLabels(kdb.db.get(), labels); rc != ZAVKM_OK) return rc;
         return labelList(labels, list);
-    });
+    }, [&](TokenStore& t) { return tokenKeyLabels(t, list); });
 }
 
 ZAVKM_ReturnCode ZAVKM_GetReqKeyDbLabelList(ZAVKM_KeyDbHandle handle,
                                             ZAVKM_LabelList** list) noexcept {
-    return withKeyDb(__func__, handle, {list}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {list}, [&](KeyDb& kdb) -> Rc {
         *list = nullptr;
         std::vector<std::string> labels;
         if (Rc rc = requestLabels(kdb.db.get(), labels); rc != ZAVKM_OK) return rc;
         return labelList(labels, list);
-    });
+    }, [&](TokenStore& t) { return tokenRequestLabels(t, list); });
 }
 
 ZAVKM_ReturnCode ZAVKM_GetKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char* label,
                                          ZAVKM_KeyItem** key) noexcept {
-    return withKeyDb(__func__, handle, {label, key}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {label, key}, [&](KeyDb& kdb) -> Rc {
         *key = nullptr;
         ReadTransaction tx(kdb.db.get());
         std::optional<KeyRow> row;
@@ -110,7 +111,7 @@ ZAVKM_ReturnCode ZAVKM_GetKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char* l
         if (Rc rc = keyItemOf(kdb, *row, item); rc != ZAVKM_OK) return rc;
         *key = item.release();
         return ZAVKM_OK;
-    });
+    }, [&](TokenStore& t) { return tokenKeyItem(t, label, key); });
 }
 
 ZAVKM_ReturnCode ZAVKM_GetReqKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char* label,
@@ -141,7 +142,7 @@ ZAVKM_ReturnCode ZAVKM_GetKeyItemListByLabel(ZAVKM_KeyDbHandle handle, const cha
 
 ZAVKM_ReturnCode ZAVKM_IsPrivateKeyPresent(ZAVKM_KeyDbHandle handle, const char* label,
                                            uint8_t* present) noexcept {
-    return withKeyDb(__func__, handle, {label, present}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {label, present}, [&](KeyDb& kdb) -> Rc {
         *present = 0;
         std::optional<KeyRow> row;
         if (Rc rc = findKey(kdb.db.get(), label, row); rc != ZAVKM_OK) return rc;
@@ -154,7 +155,7 @@ ZAVKM_ReturnCode ZAVKM_IsPrivateKeyPresent(ZAVKM_KeyDbHandle handle, const char*
         if (!request) return ZAVKM_ERR_KEY_GET_BY_LABEL;
         *present = 1;
         return ZAVKM_OK;
-    });
+    }, [&](TokenStore& t) { return tokenPrivateKeyPresent(t, label, present); });
 }
 
 ZAVKM_ReturnCode ZAVKM_GetDefaultKeyItem(ZAVKM_KeyDbHandle handle, ZAVKM_KeyItem** key) noexcept {
@@ -189,15 +190,15 @@ ZAVKM_ReturnCode ZAVKM_GetKeyItemsByPublicKey(ZAVKM_KeyDbHandle handle, uint32_t
 }
 
 ZAVKM_ReturnCode ZAVKM_DeleteKey(ZAVKM_KeyDbHandle handle, const char* label) noexcept {
-    return withKeyDb(__func__, handle, {label}, [&](KeyDb& kdb) {
+    return withStore(__func__, handle, {label}, [&](KeyDb& kdb) {
         return inWriteTransaction(kdb, [&](sqlite3* db) { return deleteKey(db, label); });
-    });
+    }, [&](TokenStore& t) { return tokenDelete(t, label); });
 }
 
 ZAVKM_ReturnCode ZAVKM_DeleteRequestKeyPair(ZAVKM_KeyDbHandle handle, const char* label) noexcept {
-    return withKeyDb(__func__, handle, {label}, [&](KeyDb& kdb) {
+    return withStore(__func__, handle, {label}, [&](KeyDb& kdb) {
         return inWriteTransaction(kdb, [&](sqlite3* db) { return deleteRequest(db, label); });
-    });
+    }, [&](TokenStore& t) { return tokenDelete(t, label); });
 }
 
 ZAVKM_ReturnCode ZAVKM_SetDefaultKeyByLabel(ZAVKM_KeyDbHandle handle, const char* label) noexcept {

@@ -24,9 +24,5 @@ ZAVKM_ReturnCode ZAVKM_SetSecondaryKeyDb(ZAVKM_KeyDbHandle, ZAVKM_KeyDbHandle) n
 ZAVKM_ReturnCode ZAVKM_UnsetSecondaryKeyDb(ZAVKM_KeyDbHandle) noexcept {
     return pending(__func__, {});
 }
-ZAVKM_ReturnCode ZAVKM_GetCryptoTokenLabelList(const char* moduleName,
-                                               ZAVKM_LabelList** list) noexcept {
-    return pending(__func__, {moduleName, list});
-}
 
 }  // extern "C"

@@ -4,6 +4,8 @@
 #include "pkcs12.h"
 #include "session.h"
 #include "stash.h"
+#include "registry.h"
+#include "token.h"
 
 using namespace zavkm;
 
@@ -23,6 +25,35 @@ Rc openFile(const char* fileName, const char* password, ZAVKM_KeyDbHandle* handl
     trace("opening %s", fileName != nullptr ? fileName : "(null)");
     if (Rc rc = openKeyDb(fileName, password, true, kdb); rc != ZAVKM_OK) return rc;
     return registerOpen(std::move(kdb), handle);
+}
+
+// tokenSpec - the token a descriptor names: module path and token label, both required.
+Rc tokenSpec(const KeyStoreDescriptor* d, TokenSpec& spec) {
+    if (d->cryptoModuleName == nullptr || d->tokenLabel == nullptr)
+        return ZAVKM_ERR_NULL_PARAMETER;
+    spec.module = d->cryptoModuleName;
+    spec.label = d->tokenLabel;
+    if (spec.label.empty()) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LABEL_NOT_EXIST;
+    return ZAVKM_OK;
+}
+
+// storeSpec - the token of a token descriptor or of a certificate store's provider.
+Rc storeSpec(const KeyStoreDescriptor* d, TokenSpec& spec) {
+    return d->storeType == MSCertStore ? providerToken(d->tokenLabel, spec) : tokenSpec(d, spec);
+}
+
+Rc openTokenStore(const KeyStoreDescriptor* d, ZAVKM_KeyDbHandle* handle) {
+    TokenSpec spec;
+    if (Rc rc = storeSpec(d, spec); rc != ZAVKM_OK) return rc;
+    trace("opening token %s of %s", spec.label.c_str(), spec.module.c_str());
+    std::unique_ptr<TokenStore> token;
+    if (Rc rc = openToken(spec, d->password, d->storeType == MSCertStore, token); rc != ZAVKM_OK)
+        return rc;
+    ZAVKM_KeyDbHandle h = addTokenHandle(std::move(token));
+    if (h == 0) return ZAVKM_ERR_DATABASE_OPEN;
+    *handle = h;
+    trace("handle %u opened", h);
+    return ZAVKM_OK;
 }
 
 }  // namespace
@@ -57,8 +88,9 @@ ZAVKM_ReturnCode ZAVKM_OpenKeyDbX(const KeyStoreDescriptor* descriptor,
                                 descriptor->password != nullptr ? descriptor->password : "",
                                 handle);
             case CryptoToken:
-            case WebDbFile:
             case MSCertStore:
+                return openTokenStore(descriptor, handle);
+            case WebDbFile:
                 return ZAVKM_ERR_UNSUPPORTED_OPTION;
             default:
                 return ZAVKM_ERR_INVALID_DATABASE_TYPE;
@@ -91,7 +123,13 @@ ZAVKM_ReturnCode ZAVKM_ChangeKeyDbPwdX(const KeyStoreDescriptor* descriptor) noe
                     return ZAVKM_ERR_NULL_PARAMETER;
                 return changeKeyDbPassword(descriptor->keyDbFileName, descriptor->password,
                                            descriptor->newPassword, 0);
-            case CryptoToken:
+            case CryptoToken: {
+                TokenSpec spec;
+                if (Rc rc = tokenSpec(descriptor, spec); rc != ZAVKM_OK) return rc;
+                if (anyNull({descriptor->password, descriptor->newPassword}))
+                    return ZAVKM_ERR_NULL_PARAMETER;
+                return changeTokenPin(spec, descriptor->password, descriptor->newPassword);
+            }
             case WebDbFile:
             case MSCertStore:
                 return ZAVKM_ERR_UNSUPPORTED_OPTION;
@@ -130,8 +168,14 @@ ZAVKM_ReturnCode ZAVKM_IsPasswordRequired(const KeyStoreDescriptor* descriptor,
                 return ZAVKM_OK;
             }
             case CryptoToken:
-            case MSCertStore:
-                return ZAVKM_ERR_UNSUPPORTED_OPTION;
+            case MSCertStore: {
+                TokenSpec spec;
+                if (Rc rc = storeSpec(descriptor, spec); rc != ZAVKM_OK) return rc;
+                bool needed = false;
+                if (Rc rc = tokenLoginRequired(spec, needed); rc != ZAVKM_OK) return rc;
+                *required = needed ? 1 : 0;
+                return ZAVKM_OK;
+            }
             default:
                 return ZAVKM_ERR_INVALID_DATABASE_TYPE;
         }

@@ -9,9 +9,15 @@ namespace {
 
 constexpr size_t kMaxHandles = 4096;
 
+// OpenStore - one open store: a key database file or a token, never both.
+struct OpenStore {
+    std::shared_ptr<KeyDb> file;
+    std::shared_ptr<TokenStore> token;
+};
+
 struct HandleTable {
     std::mutex mutex;
-    std::map<ZAVKM_KeyDbHandle, std::shared_ptr<KeyDb>> open;
+    std::map<ZAVKM_KeyDbHandle, OpenStore> open;
     ZAVKM_KeyDbHandle last = 0;
 };
 
@@ -20,19 +26,35 @@ HandleTable& table() {
     return *instance;
 }
 
-}  // namespace
 
-ZAVKM_KeyDbHandle addHandle(std::unique_ptr<KeyDb> kdb) noexcept {
+ZAVKM_KeyDbHandle addStore(OpenStore store) noexcept {
     try {
-        std::shared_ptr<KeyDb> shared(std::move(kdb));
         HandleTable& t = table();
         std::lock_guard lock(t.mutex);
         if (t.open.size() >= kMaxHandles) return 0;
         do {
             ++t.last;
         } while (t.last == 0 || t.open.count(t.last) != 0);
-        t.open.emplace(t.last, std::move(shared));
+        t.open.emplace(t.last, std::move(store));
         return t.last;
+    } catch (...) {
+        return 0;
+    }
+}
+
+}  // namespace
+
+ZAVKM_KeyDbHandle addHandle(std::unique_ptr<KeyDb> kdb) noexcept {
+    try {
+        return addStore({std::shared_ptr<KeyDb>(std::move(kdb)), nullptr});
+    } catch (...) {
+        return 0;
+    }
+}
+
+ZAVKM_KeyDbHandle addTokenHandle(std::unique_ptr<TokenStore> token) noexcept {
+    try {
+        return addStore({nullptr, std::shared_ptr<TokenStore>(std::move(token))});
     } catch (...) {
         return 0;
     }
@@ -42,11 +64,18 @@ std::shared_ptr<KeyDb> findHandle(ZAVKM_KeyDbHandle handle) noexcept {
     HandleTable& t = table();
     std::lock_guard lock(t.mutex);
     auto it = t.open.find(handle);
-    return it != t.open.end() ? it->second : nullptr;
+    return it != t.open.end() ? it->second.file : nullptr;
+}
+
+std::shared_ptr<TokenStore> findTokenHandle(ZAVKM_KeyDbHandle handle) noexcept {
+    HandleTable& t = table();
+    std::lock_guard lock(t.mutex);
+    auto it = t.open.find(handle);
+    return it != t.open.end() ? it->second.token : nullptr;
 }
 
 bool removeHandle(ZAVKM_KeyDbHandle handle) noexcept {
-    std::shared_ptr<KeyDb> closing;  // released after the table's lock
+    OpenStore closing;  // released after the table's lock
     HandleTable& t = table();
     std::lock_guard lock(t.mutex);
     auto it = t.open.find(handle);
@@ -57,7 +86,7 @@ bool removeHandle(ZAVKM_KeyDbHandle handle) noexcept {
 }
 
 void removeAllHandles() noexcept {
-    std::map<ZAVKM_KeyDbHandle, std::shared_ptr<KeyDb>> closing;
+    std::map<ZAVKM_KeyDbHandle, OpenStore> closing;
     {
         HandleTable& t = table();
         std::lock_guard lock(t.mutex);

@@ -1,15 +1,22 @@
-// handles.h - the table of open key databases behind 32-bit handles.
+// handles.h - the table of open stores (key database files and tokens) behind 32-bit handles.
 #pragma once
 
 #include <memory>
 
 #include "keydb.h"
+#include "token.h"
 
 namespace zavkm {
 
 // addHandle - registers an open key database and returns its new handle (never 0); 0 when the
 // table is full.
 ZAVKM_KeyDbHandle addHandle(std::unique_ptr<KeyDb> kdb) noexcept;
+
+// addTokenHandle - registers an open token store, as addHandle.
+ZAVKM_KeyDbHandle addTokenHandle(std::unique_ptr<TokenStore> token) noexcept;
+
+// findTokenHandle - the token store behind handle; null for an unknown or file handle.
+std::shared_ptr<TokenStore> findTokenHandle(ZAVKM_KeyDbHandle handle) noexcept;
 
 // findHandle - the key database behind handle, shared with the table; null for an unknown
 // handle. The caller locks its mutex while it uses it.

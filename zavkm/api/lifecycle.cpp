@@ -5,6 +5,7 @@
 #include "connpool.h"
 #include "handles.h"
 #include "kdf.h"
+#include "p11.h"
 #include "pkcs12.h"
 #include "state.h"
 
@@ -12,6 +13,7 @@ namespace zavkm {
 
 void releaseProcessState() noexcept {
     removeAllHandles();
+    finalizeModules();
     closeIdleConnections();
     wipeKdfCache();
     clearCertificateCache();

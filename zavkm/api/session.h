@@ -26,9 +26,25 @@ Rc withKeyDb(const char* name, ZAVKM_KeyDbHandle handle,
     if (anyNull(required)) return traceResult(name, ZAVKM_ERR_NULL_PARAMETER);
     if (!isInitialized()) return traceResult(name, ZAVKM_ERR_NOT_INITIALIZED);
     std::shared_ptr<KeyDb> kdb = findHandle(handle);
+    if (!kdb && findTokenHandle(handle))  // an operation only key database files have
+        return traceResult(name, ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT);
     if (!kdb) return traceResult(name, ZAVKM_ERR_INVALID_DB_HANDLE);
     std::lock_guard lock(kdb->mutex);
     return traceResult(name, guarded([&] { return fn(*kdb); }));
+}
+
+// withStore - withKeyDb for operations that tokens have too: on a token handle tokenFn(TokenStore&)
+// runs, in the same frame, with the token locked.
+template <class FileFn, class TokenFn>
+Rc withStore(const char* name, ZAVKM_KeyDbHandle handle,
+             std::initializer_list<const void*> required, FileFn&& fileFn,
+             TokenFn&& tokenFn) noexcept {
+    std::shared_ptr<TokenStore> token = findTokenHandle(handle);
+    if (!token) return withKeyDb(name, handle, required, fileFn);
+    if (anyNull(required)) return traceResult(name, ZAVKM_ERR_NULL_PARAMETER);
+    if (!isInitialized()) return traceResult(name, ZAVKM_ERR_NOT_INITIALIZED);
+    std::lock_guard lock(token->mutex);
+    return traceResult(name, guarded([&] { return tokenFn(*token); }));
 }
 
 // withLibrary - the frame of operations without a handle: required pointers, initialisation,

@@ -234,9 +234,89 @@ Rc replaceExtension(X509* cert, X509_EXTENSION* ext) {
     return ZAVKM_OK;
 }
 
+// derWrap - tag, length and content.
+Bytes derWrap(uint8_t tag, const Bytes& content) {
+    Bytes out{tag};
+    size_t n = content.size();
+    if (n < 0x80) {
+        out.push_back(static_cast<uint8_t>(n));
+    } else {
+        Bytes len;
+        for (; n > 0; n >>= 8) len.insert(len.begin(), static_cast<uint8_t>(n & 0xff));
+        out.push_back(static_cast<uint8_t>(0x80 | len.size()));
+        out.insert(out.end(), len.begin(), len.end());
+    }
+    out.insert(out.end(), content.begin(), content.end());
+    return out;
+}
+
+// setSignatureAlgorithm - alg names md with the key's algorithm (RSA with a NULL parameter,
+// ECDSA with none).
+Rc setSignatureAlgorithm(X509_ALGOR* alg, const EVP_PKEY* key, const EVP_MD* md) {
+    int sigNid = NID_undef;
+    const int keyNid = EVP_PKEY_get_base_id(key);
+    if (OBJ_find_sigid_by_algs(&sigNid, EVP_MD_get_type(md), keyNid) != 1)
+        return ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
+    const int ptype = keyNid == EVP_PKEY_RSA ? V_ASN1_NULL : V_ASN1_UNDEF;
+    if (X509_ALGOR_set0(alg, OBJ_nid2obj(sigNid), ptype, nullptr) != 1)
+        return sslError(ZAVKM_ERR_CRYPTO);
+    return ZAVKM_OK;
+}
+
+// signedDer - SEQUENCE { tbs, algorithm, BIT STRING signature } with the remote's signature.
+Rc signedDer(const Bytes& tbs, const X509_ALGOR* alg, const EVP_MD* md, RemoteSigner& remote,
+             Bytes& out) {
+    if (tbs.empty()) return sslError(ZAVKM_ERR_ASN);
+    Bytes sig;
+    if (Rc rc = remote.sign(tbs, md, sig); rc != ZAVKM_OK) return rc;
+    Bytes bits{0};
+    bits.insert(bits.end(), sig.begin(), sig.end());
+    Bytes body = tbs;
+    Bytes algDer = toDer(alg, i2d_X509_ALGOR);
+    Bytes bitString = derWrap(V_ASN1_BIT_STRING, bits);
+    body.insert(body.end(), algDer.begin(), algDer.end());
+    body.insert(body.end(), bitString.begin(), bitString.end());
+    out = derWrap(V_ASN1_SEQUENCE | V_ASN1_CONSTRUCTED, body);
+    return ZAVKM_OK;
+}
+
+Rc signCertificateRemotely(X509Ptr& cert, const EVP_PKEY* key, const EVP_MD* md,
+                           RemoteSigner& remote) {
+    // The algorithm inside the to-be-signed part is set in place, as signing does it.
+    auto* inner = const_cast<X509_ALGOR*>(X509_get0_tbs_sigalg(cert.get()));
+    X509AlgorPtr alg(X509_ALGOR_new());
+    if (!alg) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
+    if (Rc rc = setSignatureAlgorithm(inner, key, md); rc != ZAVKM_OK) return rc;
+    if (Rc rc = setSignatureAlgorithm(alg.get(), key, md); rc != ZAVKM_OK) return rc;
+    Bytes der;
+    if (Rc rc = signedDer(toDer(cert.get(), i2d_re_X509_tbs), alg.get(), md, remote, der);
+        rc != ZAVKM_OK)
+        return rc;
+    X509Ptr done = parseCertificate(der.data(), der.size());
+    if (!done) return ZAVKM_ERR_CRYPTO_SIGN;
+    cert = std::move(done);
+    return ZAVKM_OK;
+}
+
+Rc signRequestRemotely(X509ReqPtr& req, const EVP_PKEY* key, const EVP_MD* md,
+                       RemoteSigner& remote) {
+    X509AlgorPtr alg(X509_ALGOR_new());
+    if (!alg) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
+    if (Rc rc = setSignatureAlgorithm(alg.get(), key, md); rc != ZAVKM_OK) return rc;
+    Bytes der;
+    if (Rc rc = signedDer(toDer(req.get(), i2d_re_X509_REQ_tbs), alg.get(), md, remote, der);
+        rc != ZAVKM_OK)
+        return rc;
+    X509ReqPtr done = parseRequest(der.data(), der.size());
+    if (!done) return ZAVKM_ERR_CRYPTO_SIGN;
+    req = std::move(done);
+    return ZAVKM_OK;
+}
+
 }  // namespace
 
-Rc makeCertificate(const CertPlan& plan, X509Ptr& out) {
+Rc makeCertificate(
+const CertPlan& plan, X509Ptr& out) {
     X509Ptr cert(X509_new());
     if (!cert) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
     const bool v3 = plan.version != 1;
@@ -270,14 +350,19 @@ Rc makeCertificate(const CertPlan& plan, X509Ptr& out) {
     } else if (plan.extra != nullptr && sk_X509_EXTENSION_num(plan.extra) > 0) {
         return ZAVKM_ERR_VALIDATION_KEY_WRONG_VERSION;  // a v1 certificate carries none
     }
-    if (X509_sign(cert.get(), plan.signingKey, plan.md) <= 0)
+    if (plan.remote != nullptr) {
+        if (Rc rc = signCertificateRemotely(cert, plan.signingKey, plan.md, *plan.remote);
+            rc != ZAVKM_OK)
+            return rc;
+    } else if (X509_sign(cert.get(), plan.signingKey, plan.md) <= 0) {
         return sslError(ZAVKM_ERR_CRYPTO_SIGN);
+    }
     out = std::move(cert);
     return ZAVKM_OK;
 }
 
 Rc makeRequest(const X509_NAME* subject, EVP_PKEY* key, const STACK_OF(X509_EXTENSION) * exts,
-               const EVP_MD* md, X509ReqPtr& out) {
+               const EVP_MD* md, X509ReqPtr& out, RemoteSigner* remote) {
     X509ReqPtr req(X509_REQ_new());
     if (!req) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
     if (X509_REQ_set_version(req.get(), 0) != 1 ||
@@ -287,7 +372,11 @@ Rc makeRequest(const X509_NAME* subject, EVP_PKEY* key, const STACK_OF(X509_EXTE
     if (exts != nullptr && sk_X509_EXTENSION_num(exts) > 0 &&
         X509_REQ_add_extensions(req.get(), const_cast<STACK_OF(X509_EXTENSION)*>(exts)) != 1)
         return sslError(ZAVKM_ERR_ASN);
-    if (X509_REQ_sign(req.get(), key, md) <= 0) return sslError(ZAVKM_ERR_CRYPTO_SIGN);
+    if (remote != nullptr) {
+        if (Rc rc = signRequestRemotely(req, key, md, *remote); rc != ZAVKM_OK) return rc;
+    } else if (X509_REQ_sign(req.get(), key, md) <= 0) {
+        return sslError(ZAVKM_ERR_CRYPTO_SIGN);
+    }
     out = std::move(req);
     return ZAVKM_OK;
 }

@@ -55,13 +55,23 @@ Rc parseSerial(const char* text, Asn1IntPtr& out);
 // ZAVKM_ERR_PARAMETER.
 Rc checkValidityDays(int32_t days) noexcept;
 
+// RemoteSigner - a private key held elsewhere (on a token): it signs the to-be-signed bytes with
+// the algorithm md names for its key type and gives the signature as a certificate carries it.
+struct RemoteSigner {
+    virtual Rc sign(const Bytes& tbs, const EVP_MD* md, Bytes& signature) = 0;
+
+  protected:
+    ~RemoteSigner() = default;
+};
+
 // CertPlan - what makeCertificate needs. issuer null means self-signed (subjectKey signs).
 struct CertPlan {
     int32_t version = 3;  // 1 gives a v1 certificate, else v3
     const X509_NAME* subject = nullptr;
     EVP_PKEY* subjectKey = nullptr;  // its public half goes into the certificate
     X509* issuer = nullptr;          // issuer certificate, or null
-    EVP_PKEY* signingKey = nullptr;  // the issuer's private key
+    EVP_PKEY* signingKey = nullptr;  // the issuer's private key (public half with remote)
+    RemoteSigner* remote = nullptr;  // signs instead of signingKey when set
     const ASN1_INTEGER* serial = nullptr;
     int32_t days = 365;
     const EVP_MD* md = nullptr;
@@ -71,8 +81,9 @@ struct CertPlan {
 Rc makeCertificate(const CertPlan& plan, X509Ptr& out);
 
 // makeRequest - a signed PKCS#10 request for key with subject and extensions (may be null).
+// With remote set, key is the public half and remote signs.
 Rc makeRequest(const X509_NAME* subject, EVP_PKEY* key, const STACK_OF(X509_EXTENSION) * exts,
-               const EVP_MD* md, X509ReqPtr& out);
+               const EVP_MD* md, X509ReqPtr& out, RemoteSigner* remote = nullptr);
 
 // spkiOf - the DER SubjectPublicKeyInfo of a key.
 Bytes spkiOf(const EVP_PKEY* key);

@@ -1,0 +1,320 @@
+// token_test.cpp - our library on a SoftHSM2 token made per test in a private SOFTHSM2_CONF,
+// every result checked with pkcs11-tool and openssl as well.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "zavkm.h"
+
+namespace {
+
+const std::string kModule = SOFTHSM_MODULE;
+const std::string kOtherLibrary = NOT_A_MODULE;
+
+struct Output {
+    int status;
+    std::string text;
+};
+
+Output run(const std::string& command) {
+    Output out{-1, {}};
+    FILE* p = popen((command + " 2>&1").c_str(), "r");
+    if (p == nullptr) return out;
+    std::array<char, 4096> buf{};
+    size_t n = 0;
+    while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) out.text.append(buf.data(), n);
+    out.status = pclose(p);
+    return out;
+}
+
+std::vector<uint8_t> readFile(const std::string& name) {
+    std::ifstream in(name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+std::vector<std::string> labels(ZAVKM_LabelList* list) {
+    std::vector<std::string> out;
+    for (ZAVKM_LabelList* l = list; l != nullptr && l->label != nullptr; l = l->next)
+        out.push_back(l->label);
+    ZAVKM_FreeLabelList(list);
+    return out;
+}
+
+ZAVKM_DNItem subject(const char* cn) {
+    ZAVKM_DNItem dn{};
+    dn.cn = const_cast<char*>(cn);
+    dn.c = const_cast<char*>("DE");
+    return dn;
+}
+
+// TokenTest - a fresh token "tok" (user PIN 1234) in a private SoftHSM2 configuration.
+class TokenTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/zavtok-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir = tmpl;
+        std::filesystem::create_directory(dir + "/tokens");
+        std::ofstream(dir + "/softhsm2.conf")
+            << "directories.tokendir = " << dir << "/tokens\nobjectstore.backend = file\n";
+        setenv("SOFTHSM2_CONF", (dir + "/softhsm2.conf").c_str(), 1);
+        ASSERT_EQ(run("softhsm2-util --init-token --free --label tok --pin 1234 --so-pin 5678")
+                      .status,
+                  0);
+        ASSERT_EQ(ZAVKM_Init(), ZAVKM_OK);
+    }
+    void TearDown() override {
+        if (handle != 0) ZAVKM_CloseKeyDb(handle);
+        ZAVKM_CleanAll();
+        std::filesystem::remove_all(dir);
+    }
+    KeyStoreDescriptor token(const char* label = "tok", const char* pin = "1234",
+                             const char* newPin = nullptr) {
+        KeyStoreDescriptor d{};
+        d.storeType = CryptoToken;
+        d.cryptoModuleName = kModule.c_str();
+        d.tokenLabel = label;
+        d.password = pin;
+        d.newPassword = newPin;
+        return d;
+    }
+    ZAVKM_ReturnCode open(const KeyStoreDescriptor& d) { return ZAVKM_OpenKeyDbX(&d, &handle); }
+    ZAVKM_ReturnCode selfSigned(const char* label, int32_t bits, const std::string& file = "") {
+        ZAVKM_DNItem dn = subject(label);
+        return ZAVKM_CreateSelfSignedCert(handle, label, 0, 3, bits, &dn, 30,
+                                          file.empty() ? nullptr : file.c_str(), 1);
+    }
+    Output tool(const std::string& args, const char* pin = "1234") {
+        return run("pkcs11-tool --module " + kModule + " --token-label tok --login --pin " + pin +
+                   " " + args);
+    }
+    std::vector<std::string> keyLabels() {
+        ZAVKM_LabelList* list = nullptr;
+        EXPECT_EQ(ZAVKM_GetKeyDbLabelList(handle, &list), ZAVKM_OK);
+        return labels(list);
+    }
+    std::string dir;
+    ZAVKM_KeyDbHandle handle = 0;
+};
+
+TEST_F(TokenTest, ListsTheModulesTokensAndRefusesWhatIsNoModule) {
+    ZAVKM_LabelList* list = nullptr;
+    ASSERT_EQ(ZAVKM_GetCryptoTokenLabelList(kModule.c_str(), &list), ZAVKM_OK);
+    EXPECT_EQ(labels(list), std::vector<std::string>{"tok"});
+    for (const std::string& path : {kOtherLibrary, dir + "/missing.so"}) {
+        list = nullptr;
+        EXPECT_EQ(ZAVKM_GetCryptoTokenLabelList(path.c_str(), &list),
+                  ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LIBRARY_NOT_LOADED)
+            << path;
+        EXPECT_EQ(list, nullptr);
+    }
+    uint8_t required = 0;
+    KeyStoreDescriptor d = token();
+    ASSERT_EQ(ZAVKM_IsPasswordRequired(&d, &required), ZAVKM_OK);
+    EXPECT_EQ(required, 1);
+}
+
+TEST_F(TokenTest, OpeningGivesOneCodeForEachMistake) {
+    run("softhsm2-util --init-token --free --label nopin --so-pin 5678 --pin 1111");
+    struct Row {
+        const char* label;
+        const char* pin;
+        ZAVKM_ReturnCode rc;
+    } rows[] = {
+        {"tok", "1234", ZAVKM_OK},
+        {"tok", "9999", ZAVKM_ERR_DATABASE_INVALID_PASSWORD},
+        {"tok", nullptr, ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED},
+        {"other", "1234", ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LABEL_NOT_EXIST},
+    };
+    for (const Row& r : rows) {
+        ZAVKM_KeyDbHandle h = 0;
+        KeyStoreDescriptor d = token(r.label, r.pin);
+        EXPECT_EQ(ZAVKM_OpenKeyDbX(&d, &h), r.rc) << r.label << " " << (r.pin ? r.pin : "-");
+        EXPECT_EQ(h != 0, r.rc == ZAVKM_OK);
+        if (h != 0) ZAVKM_CloseKeyDb(h);
+    }
+}
+
+TEST_F(TokenTest, SelfSignedCertificateIsMadeOnTheToken) {
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    for (auto [label, bits] : {std::pair{"rsa", 2048}, std::pair{"ec", 256}}) {
+        const std::string pem = dir + "/" + label + ".pem";
+        ASSERT_EQ(selfSigned(label, bits, pem), ZAVKM_OK) << label;
+        Output verify = run("openssl verify -CAfile " + pem + " " + pem);
+        EXPECT_EQ(verify.status, 0) << verify.text;
+        ZAVKM_KeyItem* key = nullptr;
+        ASSERT_EQ(ZAVKM_GetKeyItemByLabel(handle, label, &key), ZAVKM_OK);
+        EXPECT_EQ(key->keySize, bits);
+        EXPECT_EQ(key->hasPrivateKey, 1);
+        EXPECT_EQ(key->epki, nullptr);
+        ASSERT_NE(key->certList, nullptr);
+        EXPECT_EQ(key->certList->next, nullptr);  // self-signed: the chain is the certificate
+        ZAVKM_FreeKeyItem(key);
+    }
+    EXPECT_EQ(keyLabels(), (std::vector<std::string>{"rsa", "ec"}));
+    Output objects = tool("--list-objects");
+    for (const char* type : {"Certificate Object", "Private Key Object"})
+        EXPECT_NE(objects.text.find(type), std::string::npos) << objects.text;
+    // The certificate and the private key of a label share one CKA_ID.
+    std::map<std::string, std::string> ids;  // "Certificate rsa" -> "ID: ..."
+    std::string current;
+    std::istringstream lines(objects.text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find(" Object;") != std::string::npos) current = line.substr(0, line.find(' '));
+        if (line.find("label:") != std::string::npos)
+            current += " " + line.substr(line.find_last_of(' ') + 1);
+        if (line.find("ID:") != std::string::npos) ids[current] = line;
+    }
+    for (const char* label : {"rsa", "ec"}) {
+        EXPECT_FALSE(ids[std::string("Certificate ") + label].empty()) << objects.text;
+        EXPECT_EQ(ids[std::string("Certificate ") + label], ids[std::string("Private ") + label]);
+    }
+}
+
+TEST_F(TokenTest, BadRequestsLeaveTheTokenUnchanged) {
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    const std::string longLabel(256, 'x');
+    struct Row {
+        const char* label;
+        int32_t bits;
+        ZAVKM_ReturnCode rc;
+    } rows[] = {
+        {"small", 100, ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE},
+        {"huge", 20000, ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE},
+        {longLabel.c_str(), 256, ZAVKM_ERR_PARAMETER},
+    };
+    for (const Row& r : rows) EXPECT_EQ(selfSigned(r.label, r.bits), r.rc) << r.label;
+    EXPECT_TRUE(keyLabels().empty());
+    EXPECT_EQ(tool("--list-objects").text.find("Object"), std::string::npos);
+    ASSERT_EQ(selfSigned("once", 256), ZAVKM_OK);
+    EXPECT_EQ(selfSigned("once", 256), ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL);
+}
+
+TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    const std::string req = dir + "/srv.csr", cert = dir + "/srv.der", db = dir + "/ca.kdb";
+    ZAVKM_DNItem dn = subject("srv");
+    ASSERT_EQ(ZAVKM_CreateNewCertReq(handle, "srv", 384, &dn, req.c_str(), nullptr, nullptr),
+              ZAVKM_OK);
+    Output verify = run("openssl req -verify -noout -in " + req);
+    EXPECT_EQ(verify.status, 0) << verify.text;
+    ZAVKM_LabelList* list = nullptr;
+    ASSERT_EQ(ZAVKM_GetReqKeyDbLabelList(handle, &list), ZAVKM_OK);
+    EXPECT_EQ(labels(list), std::vector<std::string>{"srv"});
+
+    ZAVKM_KeyDbHandle ca = 0;
+    ASSERT_EQ(ZAVKM_CreateNewKeyDb(db.c_str(), "Ca-Passw0rd-123", 0, &ca), ZAVKM_OK);
+    ZAVKM_DNItem caName = subject("file ca");
+    const std::string caPem = dir + "/ca.pem";
+    ASSERT_EQ(ZAVKM_CreateSelfSignedCert(ca, "ca", 0, 3, 2048, &caName, 30, caPem.c_str(), 1),
+              ZAVKM_OK);
+    std::vector<uint8_t> request = readFile(req);
+    ASSERT_EQ(ZAVKM_IssueCert(ca, request.data(), static_cast<uint32_t>(request.size()), "ca", 3,
+                              nullptr, 30, cert.c_str(), 0, nullptr, nullptr),
+              ZAVKM_OK);
+    ZAVKM_CloseKeyDb(ca);
+    std::vector<uint8_t> caDer = readFile(caPem), der = readFile(cert);
+    ASSERT_EQ(ZAVKM_StoreCACert(handle, caDer.data(), static_cast<uint32_t>(caDer.size()), "ca"),
+              ZAVKM_OK);
+    ASSERT_EQ(ZAVKM_ReceiveCert(handle, der.data(), static_cast<uint32_t>(der.size()), 0),
+              ZAVKM_OK);
+    ASSERT_EQ(ZAVKM_GetReqKeyDbLabelList(handle, &list), ZAVKM_OK);
+    EXPECT_TRUE(labels(list).empty());
+    ZAVKM_KeyItem* key = nullptr;
+    ASSERT_EQ(ZAVKM_GetKeyItemByLabel(handle, "srv", &key), ZAVKM_OK);
+    EXPECT_EQ(key->hasPrivateKey, 1);
+    ASSERT_NE(key->certList->next, nullptr);  // the CA added as a signer completes the chain
+    EXPECT_EQ(key->certList->next->next, nullptr);
+    ZAVKM_FreeKeyItem(key);
+    uint8_t present = 1;
+    ASSERT_EQ(ZAVKM_IsPrivateKeyPresent(handle, "ca", &present), ZAVKM_OK);
+    EXPECT_EQ(present, 0);
+
+    ASSERT_EQ(ZAVKM_DeleteKey(handle, "srv"), ZAVKM_OK);
+    EXPECT_EQ(keyLabels(), std::vector<std::string>{"ca"});
+    EXPECT_EQ(tool("--list-objects --type privkey").text.find("srv"), std::string::npos);
+    EXPECT_EQ(ZAVKM_DeleteKey(handle, "srv"), ZAVKM_ERR_KEY_GET_BY_LABEL);
+}
+
+TEST_F(TokenTest, PinChangeTakesTheNewPinOnly) {
+    KeyStoreDescriptor change = token("tok", "1234", "4321");
+    ASSERT_EQ(ZAVKM_ChangeKeyDbPwdX(&change), ZAVKM_OK);
+    EXPECT_EQ(open(token("tok", "1234")), ZAVKM_ERR_DATABASE_INVALID_PASSWORD);
+    EXPECT_EQ(ZAVKM_ChangeKeyDbPwdX(&change), ZAVKM_ERR_DATABASE_INVALID_PASSWORD);
+    ASSERT_EQ(open(token("tok", "4321")), ZAVKM_OK);
+    EXPECT_EQ(tool("--list-objects", "4321").status, 0);
+}
+
+TEST_F(TokenTest, TwoThreadsUseOneTokenAtOnce) {
+    ZAVKM_KeyDbHandle handles[2] = {0, 0};
+    for (ZAVKM_KeyDbHandle& h : handles) {
+        KeyStoreDescriptor d = token();
+        ASSERT_EQ(ZAVKM_OpenKeyDbX(&d, &h), ZAVKM_OK);
+    }
+    std::vector<std::thread> threads;
+    ZAVKM_ReturnCode results[2][3] = {};
+    for (int t = 0; t < 2; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 3; ++i) {
+                std::string label = "t" + std::to_string(t) + "-" + std::to_string(i);
+                ZAVKM_DNItem dn = subject(label.c_str());
+                results[t][i] = ZAVKM_CreateSelfSignedCert(handles[t], label.c_str(), 0, 3, 256,
+                                                           &dn, 30, nullptr, 0);
+            }
+        });
+    for (std::thread& th : threads) th.join();
+    for (auto& row : results)
+        for (ZAVKM_ReturnCode rc : row) EXPECT_EQ(rc, ZAVKM_OK);
+    handle = handles[0];
+    EXPECT_EQ(keyLabels().size(), 6u);
+    ZAVKM_CloseKeyDb(handles[1]);
+}
+
+}  // namespace
+
+namespace {
+
+// The platform certificate store over a registry of the test's own: the system trust module
+// (read-only) and the SoftHSM2 module as a writable provider.
+TEST_F(TokenTest, PlatformStoreShowsTheRegisteredProviders) {
+    const std::string registry = dir + "/registry";
+    std::filesystem::create_directory(registry);
+    std::ofstream(registry + "/p11-kit-trust.module") << "module: p11-kit-trust.so\n";
+    std::ofstream(registry + "/softhsm2.module") << "module: " << kModule << "\n";
+    setenv("ZAVKM_P11_REGISTRY", registry.c_str(), 1);
+    ZAVKM_LabelList* list = nullptr;
+    ASSERT_EQ(ZAVKM_GetCryptoTokenLabelList("", &list), ZAVKM_OK);
+    EXPECT_EQ(labels(list), (std::vector<std::string>{"p11-kit-trust", "softhsm2"}));
+
+    KeyStoreDescriptor store{};
+    store.storeType = MSCertStore;  // no provider: the system trust store
+    ASSERT_EQ(open(store), ZAVKM_OK);
+    Output trust = run("trust list --filter=certificates | grep -c '^pkcs11:'");
+    EXPECT_EQ(std::to_string(keyLabels().size()) + "\n", trust.text);
+    EXPECT_EQ(selfSigned("mine", 256), ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT);
+    EXPECT_EQ(ZAVKM_DeleteKey(handle, keyLabels().front().c_str()),
+              ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT);
+    EXPECT_EQ(std::to_string(keyLabels().size()) + "\n", trust.text);
+    ZAVKM_CloseKeyDb(handle);
+
+    store.tokenLabel = "softhsm2";
+    store.password = "1234";
+    ASSERT_EQ(open(store), ZAVKM_OK);
+    ASSERT_EQ(selfSigned("mine", 256), ZAVKM_OK);
+    EXPECT_EQ(keyLabels(), std::vector<std::string>{"mine"});
+    EXPECT_NE(tool("--list-objects --type cert").text.find("mine"), std::string::npos);
+    unsetenv("ZAVKM_P11_REGISTRY");
+}
+
+}  // namespace

@@ -1,0 +1,257 @@
+// api_token.cpp - the key-store operations on an open token.
+#include <algorithm>
+#include <optional>
+
+#include "certcache.h"
+#include "entries.h"
+#include "files.h"
+#include "records.h"
+#include "registry.h"
+#include "session.h"
+#include "tokenops.h"
+#include "trace.h"
+#include "x509records.h"
+#include "x509util.h"
+
+namespace zavkm {
+namespace {
+
+Rc labelRecords(const std::vector<std::string>& labels, ZAVKM_LabelList** list) {
+    LabelListBuilder builder;
+    for (const std::string& label : labels) builder.add(label);
+    *list = builder.take();
+    return ZAVKM_OK;
+}
+
+// labelInUse - whether any object on the token already has label.
+Rc labelInUse(TokenStore& t, const std::string& label, bool& used) {
+    std::vector<Bytes> certs, requests;
+    if (Rc rc = objectValues(t, TokenObject::Certificate, label, certs); rc != ZAVKM_OK) return rc;
+    if (Rc rc = objectValues(t, TokenObject::Request, label, requests); rc != ZAVKM_OK) return rc;
+    used = !certs.empty() || !requests.empty();
+    return ZAVKM_OK;
+}
+
+// certificatesLabelled - the decoded certificates with label.
+Rc certificatesLabelled(TokenStore& t, const std::string& label, std::vector<X509Ptr>& out) {
+    std::vector<Bytes> ders;
+    if (Rc rc = objectValues(t, TokenObject::Certificate, label, ders); rc != ZAVKM_OK) return rc;
+    for (const Bytes& der : ders) {
+        X509Ptr cert = parseCertificate(der.data(), der.size());
+        if (!cert) return ZAVKM_ERR_ASN;
+        out.push_back(std::move(cert));
+    }
+    return ZAVKM_OK;
+}
+
+// allCertificates - every certificate on the token.
+Rc allCertificates(TokenStore& t, std::vector<X509Ptr>& out) {
+    std::vector<std::string> labels;
+    if (Rc rc = objectLabels(t, TokenObject::Certificate, labels); rc != ZAVKM_OK) return rc;
+    std::sort(labels.begin(), labels.end());
+    labels.erase(std::unique(labels.begin(), labels.end()), labels.end());
+    for (const std::string& label : labels)
+        if (Rc rc = certificatesLabelled(t, label, out); rc != ZAVKM_OK) return rc;
+    return ZAVKM_OK;
+}
+
+// chainOnToken - cert followed by its issuers among the token's certificates, up to a
+// self-signed one; at most 16.
+Rc chainOnToken(TokenStore& t, X509Ptr cert, std::vector<X509Ptr>& chain) {
+    std::vector<X509Ptr> pool;
+    if (Rc rc = allCertificates(t, pool); rc != ZAVKM_OK) return rc;
+    chain.push_back(std::move(cert));
+    while (chain.size() < 16 && !isSelfSigned(chain.back().get())) {
+        X509* next = nullptr;
+        for (const X509Ptr& c : pool)
+            if (next == nullptr && signedBy(chain.back().get(), c.get())) next = c.get();
+        if (next == nullptr) break;
+        X509_up_ref(next);
+        chain.emplace_back(next);
+    }
+    return ZAVKM_OK;
+}
+
+// writeIfNamed - the certificate or request file when the caller named one.
+Rc writeCertIfNamed(const char* fileName, const X509* cert, bool pem) {
+    return isEmpty(fileName) ? ZAVKM_OK : writeCertificateFile(fileName, cert, pem);
+}
+
+}  // namespace
+
+Rc tokenKeyLabels(TokenStore& t, ZAVKM_LabelList** list) {
+    *list = nullptr;
+    std::vector<std::string> labels;
+    if (Rc rc = objectLabels(t, TokenObject::Certificate, labels); rc != ZAVKM_OK) return rc;
+    return labelRecords(labels, list);
+}
+
+Rc tokenRequestLabels(TokenStore& t, ZAVKM_LabelList** list) {
+    *list = nullptr;
+    std::vector<std::string> labels;
+    if (Rc rc = objectLabels(t, TokenObject::Request, labels); rc != ZAVKM_OK) return rc;
+    return labelRecords(labels, list);
+}
+
+Rc tokenSelfSigned(TokenStore& t, const SelfSignedArgs& a) {
+    if (Rc rc = checkLabel(a.label); rc != ZAVKM_OK) return rc;
+    if (Rc rc = checkValidityDays(a.validityDays); rc != ZAVKM_OK) return rc;
+    const EVP_MD* md = nullptr;
+    if (Rc rc = signatureDigest(a.signatureAlgorithm, md); rc != ZAVKM_OK) return rc;
+    X509NamePtr name;
+    if (Rc rc = nameFromDN(a.subject, name); rc != ZAVKM_OK) return rc;
+    ExtStackPtr extra;
+    if (Rc rc = parseExtensions(a.extensions, a.extensionsLength, extra); rc != ZAVKM_OK) return rc;
+    bool used = false;
+    if (Rc rc = labelInUse(t, a.label, used); rc != ZAVKM_OK) return rc;
+    if (used) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
+    TokenKey key;
+    if (Rc rc = generateTokenKey(t, a.keySize, a.label, key); rc != ZAVKM_OK) return rc;
+    Asn1IntPtr serial;
+    Rc rc = parseSerial(nullptr, serial);
+    TokenSigner signer(t, key);
+    CertPlan plan;
+    plan.version = a.version;
+    plan.subject = name.get();
+    plan.subjectKey = key.publicKey.get();
+    plan.signingKey = key.publicKey.get();
+    plan.remote = &signer;
+    plan.serial = serial.get();
+    plan.days = a.validityDays;
+    plan.md = md;
+    plan.ca = true;
+    plan.extra = extra.get();
+    X509Ptr cert;
+    if (rc == ZAVKM_OK) rc = makeCertificate(plan, cert);
+    if (rc == ZAVKM_OK) rc = writeCertIfNamed(a.certFileName, cert.get(), a.pem);
+    if (rc == ZAVKM_OK) rc = storeCertificate(t, a.label, key.id, cert.get());
+    if (rc != ZAVKM_OK) destroyKey(t, key);  // nothing half made stays on the token
+    return rc;
+}
+
+Rc tokenNewRequest(TokenStore& t, const RequestArgs& a) {
+    if (Rc rc = checkLabel(a.label); rc != ZAVKM_OK) return rc;
+    const EVP_MD* md = nullptr;
+    if (Rc rc = signatureDigest(a.signatureAlgorithm, md); rc != ZAVKM_OK) return rc;
+    X509NamePtr name;
+    if (Rc rc = nameFromDN(a.subject, name); rc != ZAVKM_OK) return rc;
+    ExtStackPtr exts;
+    if (Rc rc = parseExtensions(a.extensions, a.extensionsLength, exts); rc != ZAVKM_OK) return rc;
+    bool used = false;
+    if (Rc rc = labelInUse(t, a.label, used); rc != ZAVKM_OK) return rc;
+    if (used) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
+    TokenKey key;
+    if (Rc rc = generateTokenKey(t, a.keySize, a.label, key); rc != ZAVKM_OK) return rc;
+    TokenSigner signer(t, key);
+    X509ReqPtr req;
+    Rc rc = makeRequest(name.get(), key.publicKey.get(), exts.get(), md, req, &signer);
+    if (rc == ZAVKM_OK && !isEmpty(a.requestFileName))
+        rc = writeRequestFile(a.requestFileName, req.get());
+    if (rc == ZAVKM_OK) rc = storeRequest(t, a.label, key.id, derOf(req.get()));
+    if (rc != ZAVKM_OK) destroyKey(t, key);
+    return rc;
+}
+
+Rc tokenPrivateKeyPresent(TokenStore& t, const char* label, uint8_t* present) {
+    *present = 0;
+    std::vector<X509Ptr> certs;
+    if (Rc rc = certificatesLabelled(t, label, certs); rc != ZAVKM_OK) return rc;
+    if (certs.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    for (const X509Ptr& cert : certs) {
+        bool found = false;
+        Bytes id = keyIdOf(X509_get0_pubkey(cert.get()));
+        if (Rc rc = objectWithId(t, TokenObject::PrivateKey, id, found); rc != ZAVKM_OK) return rc;
+        if (found) *present = 1;
+    }
+    return ZAVKM_OK;
+}
+
+Rc tokenDelete(TokenStore& t, const char* label) {
+    if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
+    return destroyLabelled(t, label);
+}
+
+Rc tokenKeyItem(TokenStore& t, const char* label, ZAVKM_KeyItem** key) {
+    *key = nullptr;
+    std::vector<X509Ptr> certs;
+    if (Rc rc = certificatesLabelled(t, label, certs); rc != ZAVKM_OK) return rc;
+    if (certs.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    X509Ptr cert = std::move(certs.front());
+    EVP_PKEY* pub = X509_get0_pubkey(cert.get());
+    KeyItemPtr item(newRecord<ZAVKM_KeyItem>());
+    KeyInfo info = keyInfo(pub);
+    item->shortValue1 = info.algorithm;
+    item->label = copyText(label);
+    item->keySize = info.bits;
+    copyBytes(spkiOf(pub), &item->keyBer, &item->keyBerLength);
+    item->hasKeyBer = 1;
+    bool found = false;
+    if (Rc rc = objectWithId(t, TokenObject::PrivateKey, keyIdOf(pub), found); rc != ZAVKM_OK)
+        return rc;
+    item->hasPrivateKey = found ? 1 : 0;  // a token's private key never leaves it: no EPKI
+    std::vector<X509Ptr> chain;
+    if (Rc rc = chainOnToken(t, std::move(cert), chain); rc != ZAVKM_OK) return rc;
+    CertItemListPtr list;
+    if (Rc rc = certListRecord(chain, list); rc != ZAVKM_OK) return rc;
+    item->certList = list.release();
+    item->hasCertList = 1;
+    *key = item.release();
+    return ZAVKM_OK;
+}
+
+Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length) {
+    X509Ptr cert = parseCertificate(der, length);
+    if (!cert) return ZAVKM_ERR_ASN;
+    std::vector<std::string> labels;
+    if (Rc rc = objectLabels(t, TokenObject::Request, labels); rc != ZAVKM_OK) return rc;
+    for (const std::string& label : labels) {
+        std::vector<Bytes> requests;
+        if (Rc rc = objectValues(t, TokenObject::Request, label, requests); rc != ZAVKM_OK)
+            return rc;
+        for (const Bytes& r : requests) {
+            X509ReqPtr req = parseRequest(r.data(), r.size());
+            if (!req || !sameKey(X509_REQ_get0_pubkey(req.get()), X509_get0_pubkey(cert.get())))
+                continue;
+            Bytes id = keyIdOf(X509_get0_pubkey(cert.get()));
+            if (Rc rc = storeCertificate(t, label, id, cert.get()); rc != ZAVKM_OK) return rc;
+            return destroyObjects(t, TokenObject::Request, label);
+        }
+    }
+    return ZAVKM_ERR_KEY_GET_BY_LABEL;
+}
+
+Rc tokenStoreSigner(TokenStore& t, const uint8_t* der, uint32_t length, const char* label) {
+    if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
+    X509Ptr cert = parseCertificate(der, length);
+    if (!cert) return ZAVKM_ERR_ASN;
+    bool used = false;
+    if (Rc rc = labelInUse(t, label, used); rc != ZAVKM_OK) return rc;
+    if (used) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
+    return storeCertificate(t, label, keyIdOf(X509_get0_pubkey(cert.get())), cert.get());
+}
+
+}  // namespace zavkm
+
+using namespace zavkm;
+
+extern "C" {
+
+ZAVKM_ReturnCode ZAVKM_GetCryptoTokenLabelList(const char* moduleName,
+                                               ZAVKM_LabelList** list) noexcept {
+    return withLibrary(__func__, {moduleName, list}, [&]() -> Rc {
+        *list = nullptr;
+        std::vector<std::string> labels;
+        if (*moduleName == '\0') {  // the platform store's provider names
+            std::vector<Provider> providers;
+            if (Rc rc = registeredProviders(providers); rc != ZAVKM_OK) return rc;
+            for (const Provider& p : providers) labels.push_back(p.name);
+            return labelRecords(labels, list);
+        }
+        CK_FUNCTION_LIST* f = nullptr;
+        if (Rc rc = loadModule(moduleName, f); rc != ZAVKM_OK) return rc;
+        if (Rc rc = tokenLabels(f, labels); rc != ZAVKM_OK) return rc;
+        return labelRecords(labels, list);
+    });
+}
+
+}  // extern "C"

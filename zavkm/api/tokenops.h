@@ -1,0 +1,50 @@
+// tokenops.h - the key-store operations on an open token; the exported operations call them for
+// token handles. The certificates and requests are built by the same code as for key database
+// files, the token signs them.
+#pragma once
+
+#include "token.h"
+
+namespace zavkm {
+
+Rc tokenKeyLabels(TokenStore& t, ZAVKM_LabelList** list);
+Rc tokenRequestLabels(TokenStore& t, ZAVKM_LabelList** list);
+
+// SelfSignedArgs / RequestArgs - what the caller asked for, as the exported operations take it.
+struct SelfSignedArgs {
+    const char* label;
+    int32_t version;
+    int32_t keySize;
+    const ZAVKM_DNItem* subject;
+    int32_t validityDays;
+    int32_t signatureAlgorithm;
+    const uint8_t* extensions;
+    uint32_t extensionsLength;
+    const char* certFileName;
+    bool pem;
+};
+Rc tokenSelfSigned(TokenStore& t, const SelfSignedArgs& a);
+
+struct RequestArgs {
+    const char* label;
+    int32_t keySize;
+    const ZAVKM_DNItem* subject;
+    int32_t signatureAlgorithm;
+    const uint8_t* extensions;
+    uint32_t extensionsLength;
+    const char* requestFileName;
+};
+Rc tokenNewRequest(TokenStore& t, const RequestArgs& a);
+
+Rc tokenPrivateKeyPresent(TokenStore& t, const char* label, uint8_t* present);
+Rc tokenDelete(TokenStore& t, const char* label);
+Rc tokenKeyItem(TokenStore& t, const char* label, ZAVKM_KeyItem** key);
+
+// tokenReceive - a certificate for a request key on the token: stored with the request's label
+// next to its key pair, the request object removed.
+Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length);
+
+// tokenStoreSigner - a signer certificate (no key) with label.
+Rc tokenStoreSigner(TokenStore& t, const uint8_t* der, uint32_t length, const char* label);
+
+}  // namespace zavkm

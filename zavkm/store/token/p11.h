@@ -1,0 +1,56 @@
+// p11.h - PKCS#11 modules and sessions: a module is loaded and initialised (OS locking) once per
+// process and finalised at ZAVKM_CleanAll; a token is found by its label; sessions close
+// themselves.
+#pragma once
+
+#include <p11-kit/pkcs11.h>
+
+#include <string>
+#include <vector>
+
+#include "common.h"
+
+namespace zavkm {
+
+// loadModule - the function list of the PKCS#11 library at path, loaded and initialised on
+// first use; ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LIBRARY_NOT_LOADED when it cannot be loaded or is
+// not a PKCS#11 library.
+Rc loadModule(const std::string& path, CK_FUNCTION_LIST*& out) noexcept;
+
+// finalizeModules - finalises and unloads every loaded module.
+void finalizeModules() noexcept;
+
+// p11Error - the return code of a failed PKCS#11 call: a wrong PIN gives
+// ZAVKM_ERR_DATABASE_INVALID_PASSWORD, a missing token ZAVKM_ERR_NO_TOKEN_PRESENT, anything else
+// ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_FUNCTION_FAILED. The CKR_ value is traced with what failed.
+Rc p11Error(CK_RV rv, const char* what) noexcept;
+
+// trimmedLabel - a token or slot text without its blank padding.
+std::string trimmedLabel(const unsigned char* text, size_t n);
+
+// tokenLabels - the labels of the tokens present in the module's slots.
+Rc tokenLabels(CK_FUNCTION_LIST* f, std::vector<std::string>& out);
+
+// findTokenSlot - the slot whose token has label: ZAVKM_ERR_NO_TOKEN_PRESENT when the module
+// has no token at all, ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LABEL_NOT_EXIST when none has that label.
+// An empty label picks the first initialised token.
+Rc findTokenSlot(CK_FUNCTION_LIST* f, const std::string& label, CK_SLOT_ID& slot);
+
+// Session - an open read-write session, closed (and logged out) on destruction.
+class Session {
+  public:
+    Session() = default;
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+    ~Session() { close(); }
+    Rc open(CK_FUNCTION_LIST* f, CK_SLOT_ID slot, bool readWrite) noexcept;
+    // login - a user login with pin; an already logged-in user is fine.
+    Rc login(const char* pin) noexcept;
+    void close() noexcept;
+    CK_FUNCTION_LIST* f = nullptr;
+    CK_SESSION_HANDLE handle = CK_INVALID_HANDLE;
+    CK_SLOT_ID slot = 0;
+    bool loggedIn = false;
+};
+
+}  // namespace zavkm

@@ -1,0 +1,362 @@
+// token.cpp - a PKCS#11 token as a key store.
+#include "token.h"
+
+#include <openssl/core_names.h>
+#include <openssl/param_build.h>
+
+#include <cstring>
+
+#include "trace.h"
+
+namespace zavkm {
+namespace {
+
+constexpr char kApplication[] = "zav7km certificate request";
+CK_BBOOL kYes = CK_TRUE;
+CK_BBOOL kNo = CK_FALSE;
+
+CK_ATTRIBUTE attr(CK_ATTRIBUTE_TYPE type, const void* p, size_t n) {
+    return {type, const_cast<void*>(p), static_cast<CK_ULONG>(n)};
+}
+CK_ATTRIBUTE attr(CK_ATTRIBUTE_TYPE type, const std::string& s) {
+    return attr(type, s.data(), s.size());
+}
+CK_ATTRIBUTE attr(CK_ATTRIBUTE_TYPE type, const Bytes& b) { return attr(type, b.data(), b.size()); }
+CK_ATTRIBUTE flag(CK_ATTRIBUTE_TYPE type, bool on) {
+    return attr(type, on ? &kYes : &kNo, sizeof(CK_BBOOL));
+}
+
+const CK_OBJECT_CLASS kClasses[] = {CKO_CERTIFICATE, CKO_DATA, CKO_PRIVATE_KEY, CKO_PUBLIC_KEY};
+
+// kindTemplate - the attributes that select objects of a kind.
+std::vector<CK_ATTRIBUTE> kindTemplate(TokenObject kind) {
+    std::vector<CK_ATTRIBUTE> t{attr(CKA_CLASS, &kClasses[static_cast<int>(kind)],
+                                     sizeof(CK_OBJECT_CLASS))};
+    if (kind == TokenObject::Request)
+        t.push_back(attr(CKA_APPLICATION, kApplication, sizeof kApplication - 1));
+    return t;
+}
+
+Rc findObjects(TokenStore& t, std::vector<CK_ATTRIBUTE> tmpl, std::vector<CK_OBJECT_HANDLE>& out) {
+    CK_FUNCTION_LIST* f = t.session.f;
+    CK_SESSION_HANDLE h = t.session.handle;
+    if (CK_RV rv = f->C_FindObjectsInit(h, tmpl.data(), tmpl.size()); rv != CKR_OK)
+        return p11Error(rv, "C_FindObjectsInit");
+    CK_OBJECT_HANDLE found[64];
+    CK_ULONG n = 0;
+    CK_RV rv = CKR_OK;
+    while ((rv = f->C_FindObjects(h, found, 64, &n)) == CKR_OK && n > 0)
+        out.insert(out.end(), found, found + n);
+    f->C_FindObjectsFinal(h);
+    return rv == CKR_OK ? ZAVKM_OK : p11Error(rv, "C_FindObjects");
+}
+
+Rc attribute(TokenStore& t, CK_OBJECT_HANDLE obj, CK_ATTRIBUTE_TYPE type, Bytes& out) {
+    CK_ATTRIBUTE a = attr(type, nullptr, 0);
+    CK_FUNCTION_LIST* f = t.session.f;
+    if (CK_RV rv = f->C_GetAttributeValue(t.session.handle, obj, &a, 1); rv != CKR_OK)
+        return p11Error(rv, "C_GetAttributeValue");
+    out.resize(a.ulValueLen);
+    a.pValue = out.data();
+    if (CK_RV rv = f->C_GetAttributeValue(t.session.handle, obj, &a, 1); rv != CKR_OK)
+        return p11Error(rv, "C_GetAttributeValue");
+    return ZAVKM_OK;
+}
+
+Rc createObject(TokenStore& t, std::vector<CK_ATTRIBUTE> tmpl, const char* what) {
+    if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
+    CK_OBJECT_HANDLE obj = CK_INVALID_HANDLE;
+    CK_RV rv = t.session.f->C_CreateObject(t.session.handle, tmpl.data(), tmpl.size(), &obj);
+    return rv == CKR_OK ? ZAVKM_OK : p11Error(rv, what);
+}
+
+Rc sessionOn(const TokenSpec& spec, bool readWrite, Session& s, CK_TOKEN_INFO& info) {
+    CK_FUNCTION_LIST* f = nullptr;
+    if (Rc rc = loadModule(spec.module, f); rc != ZAVKM_OK) return rc;
+    CK_SLOT_ID slot = 0;
+    if (Rc rc = findTokenSlot(f, spec.label, slot); rc != ZAVKM_OK) return rc;
+    if (CK_RV rv = f->C_GetTokenInfo(slot, &info); rv != CKR_OK)
+        return p11Error(rv, "C_GetTokenInfo");
+    return s.open(f, slot, readWrite);
+}
+
+// curveOf - the DER OID and OpenSSL name of the curve of an EC key size; empty for RSA sizes.
+struct Curve {
+    Bytes oid;
+    const char* name = nullptr;
+};
+Curve curveOf(int32_t keySize) {
+    switch (keySize) {
+        case 256:
+            return {{0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07}, "prime256v1"};
+        case 384:
+            return {{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22}, "secp384r1"};
+        case 521:
+            return {{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23}, "secp521r1"};
+        default:
+            return {};
+    }
+}
+
+Rc keyFromParams(const char* type, OSSL_PARAM* params, PkeyPtr& out) {
+    PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
+    EVP_PKEY* key = nullptr;
+    if (!ctx || EVP_PKEY_fromdata_init(ctx.get()) != 1 ||
+        EVP_PKEY_fromdata(ctx.get(), &key, EVP_PKEY_PUBLIC_KEY, params) != 1)
+        return sslError(ZAVKM_ERR_CRYPTO);
+    out.reset(key);
+    return ZAVKM_OK;
+}
+
+using ParamBldPtr = Owned<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>;
+using ParamsPtr = Owned<OSSL_PARAM, OSSL_PARAM_free>;
+
+Rc rsaPublicKey(TokenStore& t, CK_OBJECT_HANDLE obj, PkeyPtr& out) {
+    Bytes n, e;
+    if (Rc rc = attribute(t, obj, CKA_MODULUS, n); rc != ZAVKM_OK) return rc;
+    if (Rc rc = attribute(t, obj, CKA_PUBLIC_EXPONENT, e); rc != ZAVKM_OK) return rc;
+    BignumPtr bn(BN_bin2bn(n.data(), static_cast<int>(n.size()), nullptr));
+    BignumPtr be(BN_bin2bn(e.data(), static_cast<int>(e.size()), nullptr));
+    ParamBldPtr bld(OSSL_PARAM_BLD_new());
+    if (!bn || !be || !bld || OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_N, bn.get()) != 1 ||
+        OSSL_PARAM_BLD_push_BN(bld.get(), OSSL_PKEY_PARAM_RSA_E, be.get()) != 1)
+        return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
+    ParamsPtr params(OSSL_PARAM_BLD_to_param(bld.get()));
+    if (!params) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
+    return keyFromParams("RSA", params.get(), out);
+}
+
+Rc ecPublicKey(TokenStore& t, CK_OBJECT_HANDLE obj, const char* curve, PkeyPtr& out) {
+    Bytes point;
+    if (Rc rc = attribute(t, obj, CKA_EC_POINT, point); rc != ZAVKM_OK) return rc;
+    const unsigned char* p = point.data();  // a DER OCTET STRING around the point
+    Asn1OctetPtr octets(d2i_ASN1_OCTET_STRING(nullptr, &p, static_cast<long>(point.size())));
+    clearSslErrors();
+    if (octets)
+        point.assign(ASN1_STRING_get0_data(octets.get()),
+                     ASN1_STRING_get0_data(octets.get()) + ASN1_STRING_length(octets.get()));
+    OSSL_PARAM params[] = {
+        OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, const_cast<char*>(curve), 0),
+        OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY, point.data(), point.size()),
+        OSSL_PARAM_construct_end()};
+    return keyFromParams("EC", params, out);
+}
+
+Rc rawEcdsaToDer(const Bytes& raw, Bytes& out) {
+    const int half = static_cast<int>(raw.size() / 2);
+    Owned<ECDSA_SIG, ECDSA_SIG_free> sig(ECDSA_SIG_new());
+    BIGNUM* r = BN_bin2bn(raw.data(), half, nullptr);
+    BIGNUM* s = BN_bin2bn(raw.data() + half, half, nullptr);
+    if (!sig || r == nullptr || s == nullptr || ECDSA_SIG_set0(sig.get(), r, s) != 1) {
+        BN_free(r);
+        BN_free(s);
+        return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
+    }
+    out = toDer(sig.get(), i2d_ECDSA_SIG);
+    return out.empty() ? sslError(ZAVKM_ERR_CRYPTO_SIGN) : ZAVKM_OK;
+}
+
+}  // namespace
+
+Bytes keyIdOf(const EVP_PKEY* key) {
+    Bytes bits = toDer(key, i2d_PublicKey);
+    Bytes id(EVP_MAX_MD_SIZE);
+    unsigned int n = 0;
+    if (bits.empty() || EVP_Digest(bits.data(), bits.size(), id.data(), &n, EVP_sha1(), nullptr) != 1)
+        return {};
+    id.resize(n);
+    return id;
+}
+
+Rc openToken(const TokenSpec& spec, const char* pin, bool publicOnly,
+             std::unique_ptr<TokenStore>& out) {
+    auto t = std::make_unique<TokenStore>();
+    CK_TOKEN_INFO info{};
+    if (Rc rc = sessionOn(spec, true, t->session, info); rc != ZAVKM_OK) return rc;
+    t->readOnly = (info.flags & CKF_WRITE_PROTECTED) != 0;
+    if (!isEmpty(pin)) {
+        if (Rc rc = t->session.login(pin); rc != ZAVKM_OK) return rc;
+    } else if ((info.flags & CKF_LOGIN_REQUIRED) != 0 && !publicOnly) {
+        return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED;
+    }
+    out = std::move(t);
+    return ZAVKM_OK;
+}
+
+Rc tokenLoginRequired(const TokenSpec& spec, bool& required) {
+    Session s;
+    CK_TOKEN_INFO info{};
+    if (Rc rc = sessionOn(spec, false, s, info); rc != ZAVKM_OK) return rc;
+    required = (info.flags & CKF_LOGIN_REQUIRED) != 0;
+    return ZAVKM_OK;
+}
+
+Rc changeTokenPin(const TokenSpec& spec, const char* oldPin, const char* newPin) {
+    Session s;
+    CK_TOKEN_INFO info{};
+    if (Rc rc = sessionOn(spec, true, s, info); rc != ZAVKM_OK) return rc;
+    if (Rc rc = s.login(oldPin); rc != ZAVKM_OK) return rc;
+    auto* o = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(oldPin));
+    auto* n = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(newPin));
+    CK_RV rv = s.f->C_SetPIN(s.handle, o, std::strlen(oldPin), n, std::strlen(newPin));
+    return rv == CKR_OK ? ZAVKM_OK : p11Error(rv, "C_SetPIN");
+}
+
+Rc objectLabels(TokenStore& t, TokenObject kind, std::vector<std::string>& out) {
+    std::vector<CK_OBJECT_HANDLE> objs;
+    if (Rc rc = findObjects(t, kindTemplate(kind), objs); rc != ZAVKM_OK) return rc;
+    for (CK_OBJECT_HANDLE obj : objs) {
+        Bytes label;
+        if (Rc rc = attribute(t, obj, CKA_LABEL, label); rc != ZAVKM_OK) return rc;
+        out.emplace_back(label.begin(), label.end());  // labels two objects share come twice
+    }
+    return ZAVKM_OK;
+}
+
+Rc objectValues(TokenStore& t, TokenObject kind, const std::string& label,
+                std::vector<Bytes>& out) {
+    std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(kind);
+    tmpl.push_back(attr(CKA_LABEL, label));
+    std::vector<CK_OBJECT_HANDLE> objs;
+    if (Rc rc = findObjects(t, tmpl, objs); rc != ZAVKM_OK) return rc;
+    for (CK_OBJECT_HANDLE obj : objs) {
+        Bytes value;
+        if (Rc rc = attribute(t, obj, CKA_VALUE, value); rc != ZAVKM_OK) return rc;
+        out.push_back(std::move(value));
+    }
+    return ZAVKM_OK;
+}
+
+Rc objectWithId(TokenStore& t, TokenObject kind, const Bytes& id, bool& present) {
+    std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(kind);
+    tmpl.push_back(attr(CKA_ID, id));
+    std::vector<CK_OBJECT_HANDLE> objs;
+    if (Rc rc = findObjects(t, tmpl, objs); rc != ZAVKM_OK) return rc;
+    present = !objs.empty();
+    return ZAVKM_OK;
+}
+
+namespace {
+
+Rc destroyAll(TokenStore& t, std::vector<CK_ATTRIBUTE> tmpl) {
+    std::vector<CK_OBJECT_HANDLE> objs;
+    if (Rc rc = findObjects(t, std::move(tmpl), objs); rc != ZAVKM_OK) return rc;
+    if (objs.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
+    for (CK_OBJECT_HANDLE obj : objs)
+        if (CK_RV rv = t.session.f->C_DestroyObject(t.session.handle, obj); rv != CKR_OK)
+            return p11Error(rv, "C_DestroyObject");
+    return ZAVKM_OK;
+}
+
+}  // namespace
+
+Rc destroyLabelled(TokenStore& t, const std::string& label) {
+    return destroyAll(t, {attr(CKA_LABEL, label)});
+}
+
+Rc destroyObjects(TokenStore& t, TokenObject kind, const std::string& label) {
+    std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(kind);
+    tmpl.push_back(attr(CKA_LABEL, label));
+    return destroyAll(t, std::move(tmpl));
+}
+
+Rc generateTokenKey(TokenStore& t, int32_t keySize, const std::string& label, TokenKey& out) {
+    const Curve curve = curveOf(keySize);
+    const bool ec = curve.name != nullptr;
+    if (!ec && (keySize < 1024 || keySize > 16384))
+        return ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE;
+    if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
+    CK_ULONG bits = static_cast<CK_ULONG>(keySize);
+    const CK_BYTE exponent[] = {1, 0, 1};
+    std::vector<CK_ATTRIBUTE> pub{flag(CKA_TOKEN, true), flag(CKA_VERIFY, true),
+                                  attr(CKA_LABEL, label)};
+    if (ec) {
+        pub.push_back(attr(CKA_EC_PARAMS, curve.oid));
+    } else {
+        pub.push_back(attr(CKA_MODULUS_BITS, &bits, sizeof bits));
+        pub.push_back(attr(CKA_PUBLIC_EXPONENT, exponent, sizeof exponent));
+    }
+    std::vector<CK_ATTRIBUTE> priv{flag(CKA_TOKEN, true),       flag(CKA_PRIVATE, true),
+                                   flag(CKA_SENSITIVE, true),   flag(CKA_EXTRACTABLE, false),
+                                   flag(CKA_SIGN, true),        attr(CKA_LABEL, label)};
+    CK_MECHANISM mech{ec ? CKM_EC_KEY_PAIR_GEN : CKM_RSA_PKCS_KEY_PAIR_GEN, nullptr, 0};
+    CK_RV rv = t.session.f->C_GenerateKeyPair(t.session.handle, &mech, pub.data(), pub.size(),
+                                              priv.data(), priv.size(), &out.publicHandle,
+                                              &out.privateKey);
+    if (rv != CKR_OK) return p11Error(rv, "C_GenerateKeyPair");
+    Rc rc = ec ? ecPublicKey(t, out.publicHandle, curve.name, out.publicKey)
+               : rsaPublicKey(t, out.publicHandle, out.publicKey);
+    if (rc == ZAVKM_OK) out.id = keyIdOf(out.publicKey.get());
+    if (rc == ZAVKM_OK && out.id.empty()) rc = sslError(ZAVKM_ERR_CRYPTO);
+    CK_ATTRIBUTE id = attr(CKA_ID, out.id);
+    for (CK_OBJECT_HANDLE obj : {out.publicHandle, out.privateKey}) {
+        if (rc != ZAVKM_OK) break;
+        if ((rv = t.session.f->C_SetAttributeValue(t.session.handle, obj, &id, 1)) != CKR_OK)
+            rc = p11Error(rv, "C_SetAttributeValue");
+    }
+    if (rc != ZAVKM_OK) destroyKey(t, out);
+    return rc;
+}
+
+void destroyKey(TokenStore& t, const TokenKey& key) noexcept {
+    for (CK_OBJECT_HANDLE obj : {key.publicHandle, key.privateKey})
+        if (obj != CK_INVALID_HANDLE) t.session.f->C_DestroyObject(t.session.handle, obj);
+}
+
+Rc TokenSigner::sign(const Bytes& tbs, const EVP_MD* md, Bytes& signature) {
+    const bool ec = EVP_PKEY_get_base_id(key_.publicKey.get()) == EVP_PKEY_EC;
+    Bytes input = tbs;
+    CK_MECHANISM mech{CKM_ECDSA, nullptr, 0};
+    if (ec) {  // the token signs the digest
+        input.resize(EVP_MAX_MD_SIZE);
+        unsigned int n = 0;
+        if (EVP_Digest(tbs.data(), tbs.size(), input.data(), &n, md, nullptr) != 1)
+            return sslError(ZAVKM_ERR_CRYPTO_SIGN);
+        input.resize(n);
+    } else {
+        mech.mechanism =
+            EVP_MD_get_type(md) == NID_sha384 ? CKM_SHA384_RSA_PKCS : CKM_SHA256_RSA_PKCS;
+    }
+    CK_FUNCTION_LIST* f = t_.session.f;
+    CK_SESSION_HANDLE h = t_.session.handle;
+    if (CK_RV rv = f->C_SignInit(h, &mech, key_.privateKey); rv != CKR_OK)
+        return p11Error(rv, "C_SignInit");
+    CK_ULONG n = 0;
+    if (CK_RV rv = f->C_Sign(h, input.data(), input.size(), nullptr, &n); rv != CKR_OK)
+        return p11Error(rv, "C_Sign");
+    Bytes raw(n);
+    if (CK_RV rv = f->C_Sign(h, input.data(), input.size(), raw.data(), &n); rv != CKR_OK)
+        return p11Error(rv, "C_Sign");
+    raw.resize(n);
+    if (ec) return rawEcdsaToDer(raw, signature);
+    signature = std::move(raw);
+    return ZAVKM_OK;
+}
+
+Rc storeCertificate(TokenStore& t, const std::string& label, const Bytes& id, X509* cert) {
+    static const CK_CERTIFICATE_TYPE x509 = CKC_X_509;
+    Bytes der = derOf(cert);
+    Bytes subject = derOf(X509_get_subject_name(cert));
+    Bytes issuer = derOf(X509_get_issuer_name(cert));
+    Bytes serial = toDer(X509_get0_serialNumber(cert), i2d_ASN1_INTEGER);
+    if (der.empty() || subject.empty() || issuer.empty() || serial.empty())
+        return sslError(ZAVKM_ERR_ASN);
+    std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(TokenObject::Certificate);
+    tmpl.insert(tmpl.end(), {attr(CKA_CERTIFICATE_TYPE, &x509, sizeof x509),
+                             flag(CKA_TOKEN, true), flag(CKA_PRIVATE, false),
+                             attr(CKA_LABEL, label), attr(CKA_ID, id), attr(CKA_SUBJECT, subject),
+                             attr(CKA_ISSUER, issuer), attr(CKA_SERIAL_NUMBER, serial),
+                             attr(CKA_VALUE, der)});
+    return createObject(t, tmpl, "C_CreateObject (certificate)");
+}
+
+Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der) {
+    std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(TokenObject::Request);
+    (void)id;  // data objects carry no CKA_ID: the request's own public key names its pair
+    tmpl.insert(tmpl.end(), {flag(CKA_TOKEN, true), flag(CKA_PRIVATE, false),
+                             attr(CKA_LABEL, label), attr(CKA_VALUE, der)});
+    return createObject(t, tmpl, "C_CreateObject (request)");
+}
+
+}  // namespace zavkm

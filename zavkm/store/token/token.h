@@ -1,0 +1,100 @@
+// token.h - a PKCS#11 token as a key store: key pairs generated on the token (private keys
+// sensitive, never extractable), certificates and request objects next to them, all tied by
+// CKA_ID (SHA-1 of the public key) and CKA_LABEL; the token signs what OpenSSL builds.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "ossl.h"
+#include "p11.h"
+#include "x509util.h"
+
+namespace zavkm {
+
+// TokenStore - an open token: its own session (logged in when a PIN was given), one thread at a
+// time (callers hold mutex). secondary is the handle of a key database paired with it, or 0.
+struct TokenStore {
+    std::mutex mutex;
+    Session session;
+    bool readOnly = false;
+    ZAVKM_KeyDbHandle secondary = 0;
+};
+
+// TokenSpec - which token: the module path and the token label (empty: the first initialised).
+struct TokenSpec {
+    std::string module;
+    std::string label;
+};
+
+// openToken - a session on the token, logged in with pin when pin is not null or empty. Without
+// a PIN a token that needs a login gives ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED, unless
+// publicOnly: then its public objects are seen and changes need the login.
+Rc openToken(const TokenSpec& spec, const char* pin, bool publicOnly,
+             std::unique_ptr<TokenStore>& out);
+
+// tokenLoginRequired - the token's CKF_LOGIN_REQUIRED.
+Rc tokenLoginRequired(const TokenSpec& spec, bool& required);
+
+// changeTokenPin - C_SetPIN after a user login with oldPin.
+Rc changeTokenPin(const TokenSpec& spec, const char* oldPin, const char* newPin);
+
+// The objects of one kind: a certificate, a request key's data object, a private key.
+enum class TokenObject { Certificate, Request, PrivateKey, PublicKey };
+
+// objectLabels - the label of every object of a kind, in token order.
+Rc objectLabels(TokenStore& t, TokenObject kind, std::vector<std::string>& out);
+
+// objectValues - CKA_VALUE of every object of a kind with label (certificates, requests).
+Rc objectValues(TokenStore& t, TokenObject kind, const std::string& label,
+                std::vector<Bytes>& out);
+
+// objectWithId - whether an object of a kind with id exists.
+Rc objectWithId(TokenStore& t, TokenObject kind, const Bytes& id, bool& present);
+
+// destroyLabelled - destroys every object with label (keys, certificates, request data);
+// ZAVKM_ERR_KEY_GET_BY_LABEL when there is none.
+Rc destroyLabelled(TokenStore& t, const std::string& label);
+
+// destroyObjects - destroys the objects of a kind with label.
+Rc destroyObjects(TokenStore& t, TokenObject kind, const std::string& label);
+
+// TokenKey - a key pair on the token: its public half for OpenSSL, its id and private key.
+struct TokenKey {
+    PkeyPtr publicKey;
+    Bytes id;
+    CK_OBJECT_HANDLE privateKey = CK_INVALID_HANDLE;
+    CK_OBJECT_HANDLE publicHandle = CK_INVALID_HANDLE;
+};
+
+// generateTokenKey - a new key pair with label: keySize 1024-16384 RSA, 256/384/521 EC;
+// anything else ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE before the token is touched.
+Rc generateTokenKey(TokenStore& t, int32_t keySize, const std::string& label, TokenKey& out);
+
+// destroyKey - removes both halves of a key pair (undoing a failed creation).
+void destroyKey(TokenStore& t, const TokenKey& key) noexcept;
+
+// TokenSigner - signs with a key pair's private half on the token.
+class TokenSigner final : public RemoteSigner {
+  public:
+    TokenSigner(TokenStore& t, const TokenKey& key) : t_(t), key_(key) {}
+    Rc sign(const Bytes& tbs, const EVP_MD* md, Bytes& signature) override;
+
+  private:
+    TokenStore& t_;
+    const TokenKey& key_;
+};
+
+// storeCertificate - a CKO_CERTIFICATE with label and id holding cert.
+Rc storeCertificate(TokenStore& t, const std::string& label, const Bytes& id, X509* cert);
+
+// storeRequest - a CKO_DATA object of this library's application with label holding the
+// request's DER (data objects have no CKA_ID; the request's public key leads to its pair).
+Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der);
+
+// keyIdOf - the CKA_ID of a public key: SHA-1 of its encoded key bits.
+Bytes keyIdOf(const EVP_PKEY* key);
+
+}  // namespace zavkm
