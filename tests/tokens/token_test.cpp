@@ -163,6 +163,22 @@ TEST_F(TokenTest, SelfSignedCertificateIsMadeOnTheToken) {
         ZAVKM_FreeKeyItem(key);
     }
     EXPECT_EQ(keyLabels(), (std::vector<std::string>{"rsa", "ec"}));
+    // Each key on the token signs a certificate for a key database's request.
+    ZAVKM_KeyDbHandle db = 0;
+    const std::string req = dir + "/srv.csr", srv = dir + "/srv.pem";
+    ASSERT_EQ(ZAVKM_CreateNewKeyDb((dir + "/srv.kdb").c_str(), "Srv-Passw0rd-1", 0, &db), ZAVKM_OK);
+    ZAVKM_DNItem dn = subject("srv");
+    ASSERT_EQ(ZAVKM_CreateNewCertReq(db, "srv", 2048, &dn, req.c_str(), nullptr, nullptr),
+              ZAVKM_OK);
+    ZAVKM_CloseKeyDb(db);
+    std::vector<uint8_t> request = readFile(req);
+    for (const char* ca : {"rsa", "ec"}) {
+        ASSERT_EQ(ZAVKM_IssueCert(handle, request.data(), static_cast<uint32_t>(request.size()),
+                                  ca, 3, nullptr, 30, srv.c_str(), 1, nullptr, nullptr),
+                  ZAVKM_OK);
+        Output verify = run("openssl verify -CAfile " + dir + "/" + ca + ".pem " + srv);
+        EXPECT_EQ(verify.status, 0) << verify.text;
+    }
     Output objects = tool("--list-objects");
     for (const char* type : {"Certificate Object", "Private Key Object"})
         EXPECT_NE(objects.text.find(type), std::string::npos) << objects.text;
@@ -223,20 +239,55 @@ TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
     ASSERT_EQ(ZAVKM_IssueCert(ca, request.data(), static_cast<uint32_t>(request.size()), "ca", 3,
                               nullptr, 30, cert.c_str(), 0, nullptr, nullptr),
               ZAVKM_OK);
-    ZAVKM_CloseKeyDb(ca);
     std::vector<uint8_t> caDer = readFile(caPem), der = readFile(cert);
-    ASSERT_EQ(ZAVKM_StoreCACert(handle, caDer.data(), static_cast<uint32_t>(caDer.size()), "ca"),
-              ZAVKM_OK);
     ASSERT_EQ(ZAVKM_ReceiveCert(handle, der.data(), static_cast<uint32_t>(der.size()), 0),
               ZAVKM_OK);
     ASSERT_EQ(ZAVKM_GetReqKeyDbLabelList(handle, &list), ZAVKM_OK);
     EXPECT_TRUE(labels(list).empty());
+    // The chain reaches the CA from a paired key database, then from the CA added as signer.
+    auto chainLength = [&] {
+        ZAVKM_KeyItem* key = nullptr;
+        EXPECT_EQ(ZAVKM_GetKeyItemByLabel(handle, "srv", &key), ZAVKM_OK);
+        if (key == nullptr) return 0;
+        EXPECT_EQ(key->hasPrivateKey, 1);
+        int n = 0;
+        for (ZAVKM_CertItemList* c = key->certList; c != nullptr && c->cert != nullptr; c = c->next)
+            ++n;
+        ZAVKM_FreeKeyItem(key);
+        return n;
+    };
+    EXPECT_EQ(chainLength(), 1);
+    ASSERT_EQ(ZAVKM_SetSecondaryKeyDb(handle, ca), ZAVKM_OK);
+    EXPECT_EQ(chainLength(), 2);
+    ASSERT_EQ(ZAVKM_UnsetSecondaryKeyDb(handle), ZAVKM_OK);
+    EXPECT_EQ(chainLength(), 1);
+    ASSERT_EQ(ZAVKM_StoreCACert(handle, caDer.data(), static_cast<uint32_t>(caDer.size()), "ca"),
+              ZAVKM_OK);
+    EXPECT_EQ(chainLength(), 2);
+
+    // A second certificate for the same key renews the first one under its label.
+    ASSERT_EQ(ZAVKM_IssueCert(ca, request.data(), static_cast<uint32_t>(request.size()), "ca", 3,
+                              "0x77", 60, cert.c_str(), 0, nullptr, nullptr),
+              ZAVKM_OK);
+    ZAVKM_CloseKeyDb(ca);
+    std::vector<uint8_t> renewal = readFile(cert);
+    uint8_t isRenewal[2] = {0, 1};
+    ASSERT_EQ(ZAVKM_CheckCertAsRenewal(handle, renewal.data(),
+                                       static_cast<uint32_t>(renewal.size()), &isRenewal[0]),
+              ZAVKM_OK);
+    ASSERT_EQ(ZAVKM_CheckCertAsRenewal(handle, caDer.data(), static_cast<uint32_t>(caDer.size()),
+                                       &isRenewal[1]),
+              ZAVKM_OK);
+    EXPECT_EQ(isRenewal[0], 1);
+    EXPECT_EQ(isRenewal[1], 0);
+    ASSERT_EQ(ZAVKM_RenewCert(handle, renewal.data(), static_cast<uint32_t>(renewal.size())),
+              ZAVKM_OK);
     ZAVKM_KeyItem* key = nullptr;
     ASSERT_EQ(ZAVKM_GetKeyItemByLabel(handle, "srv", &key), ZAVKM_OK);
-    EXPECT_EQ(key->hasPrivateKey, 1);
-    ASSERT_NE(key->certList->next, nullptr);  // the CA added as a signer completes the chain
-    EXPECT_EQ(key->certList->next->next, nullptr);
+    EXPECT_STREQ(key->certList->cert->serialNumber, "77");
     ZAVKM_FreeKeyItem(key);
+    EXPECT_EQ(ZAVKM_RenewCert(handle, caDer.data(), static_cast<uint32_t>(caDer.size())),
+              ZAVKM_ERR_REQKEY_FOR_CERT_NULL);
     uint8_t present = 1;
     ASSERT_EQ(ZAVKM_IsPrivateKeyPresent(handle, "ca", &present), ZAVKM_OK);
     EXPECT_EQ(present, 0);

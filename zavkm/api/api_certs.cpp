@@ -166,9 +166,23 @@ Rc reRequest(KeyDb& kdb, const char* label, int32_t signatureAlgorithm, const ch
     return fileName != nullptr ? writeRequestFile(fileName, req.get()) : ZAVKM_OK;
 }
 
-Rc issue(KeyDb& kdb, const uint8_t* request, uint32_t requestLength, const char* issuerLabel,
-         int32_t version, const char* serialNumber, int32_t validityDays,
-         int32_t signatureAlgorithm, const char* certFileName, uint8_t isBase64) {
+// fileIssuer - the issuing certificate and private key under issuerLabel in a key database.
+Rc fileIssuer(KeyDb& kdb, const char* issuerLabel, Issuer& out) {
+    std::optional<KeyRow> issuer;
+    if (Rc rc = findKey(kdb.db.get(), issuerLabel, issuer); rc != ZAVKM_OK) return rc;
+    if (!issuer) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    if (Rc rc = privateKeyOf(kdb, issuer->privateKey, issuer->spki, out.key); rc != ZAVKM_OK)
+        return rc;
+    out.cert = parseCertificate(issuer->cert.data(), issuer->cert.size());
+    return out.cert ? ZAVKM_OK : ZAVKM_ERR_DATABASE_CORRUPTION;
+}
+
+// issue - a certificate for the request, signed by the issuer findIssuer(Issuer&) finds, after
+// the request and the arguments have passed their checks.
+template <class FindIssuer>
+Rc issue(const uint8_t* request, uint32_t requestLength, int32_t version,
+         const char* serialNumber, int32_t validityDays, int32_t signatureAlgorithm,
+         const char* certFileName, uint8_t isBase64, FindIssuer&& findIssuer) {
     if (Rc rc = checkValidityDays(validityDays); rc != ZAVKM_OK) return rc;
     const EVP_MD* md = nullptr;
     if (Rc rc = signatureDigest(signatureAlgorithm, md); rc != ZAVKM_OK) return rc;
@@ -183,14 +197,8 @@ Rc issue(KeyDb& kdb, const uint8_t* request, uint32_t requestLength, const char*
     if (Rc rc = checkSignaturePolicy(X509_REQ_get_signature_nid(req.get())); rc != ZAVKM_OK)
         return rc;
     if (Rc rc = checkKeyPolicy(subjectKey); rc != ZAVKM_OK) return rc;
-    std::optional<KeyRow> issuer;
-    if (Rc rc = findKey(kdb.db.get(), issuerLabel, issuer); rc != ZAVKM_OK) return rc;
-    if (!issuer) return ZAVKM_ERR_KEY_GET_BY_LABEL;
-    PkeyPtr issuerKey;
-    if (Rc rc = privateKeyOf(kdb, issuer->privateKey, issuer->spki, issuerKey); rc != ZAVKM_OK)
-        return rc;
-    X509Ptr issuerCert = parseCertificate(issuer->cert.data(), issuer->cert.size());
-    if (!issuerCert) return ZAVKM_ERR_DATABASE_CORRUPTION;
+    Issuer issuer;
+    if (Rc rc = findIssuer(issuer); rc != ZAVKM_OK) return rc;
 
     ExtStackPtr copied(sk_X509_EXTENSION_new_null());  // the request's subject alternative names
     Owned<STACK_OF(X509_EXTENSION), freeExtStack> requested(X509_REQ_get_extensions(req.get()));
@@ -208,8 +216,9 @@ Rc issue(KeyDb& kdb, const uint8_t* request, uint32_t requestLength, const char*
     plan.version = version;
     plan.subject = X509_REQ_get_subject_name(req.get());
     plan.subjectKey = subjectKey;
-    plan.issuer = issuerCert.get();
-    plan.signingKey = issuerKey.get();
+    plan.issuer = issuer.cert.get();
+    plan.signingKey = issuer.key.get();
+    plan.remote = issuer.remote;
     plan.serial = serial.get();
     plan.days = validityDays;
     plan.md = md;
@@ -322,10 +331,19 @@ ZAVKM_ReturnCode ZAVKM_IssueCert(ZAVKM_KeyDbHandle handle, const uint8_t* reques
                                  const char* serialNumber, int32_t validityDays,
                                  const char* certFileName, uint8_t isBase64, const void*,
                                  const void*) noexcept {
-    return withKeyDb(__func__, handle, {request, issuerLabel, certFileName}, [&](KeyDb& kdb) {
-        return issue(kdb, request, requestLength, issuerLabel, version, serialNumber, validityDays,
-                     1, certFileName, isBase64);
-    });
+    return withStore(
+        __func__, handle, {request, issuerLabel, certFileName},
+        [&](KeyDb& kdb) {
+            return issue(request, requestLength, version, serialNumber, validityDays, 1,
+                         certFileName, isBase64,
+                         [&](Issuer& out) { return fileIssuer(kdb, issuerLabel, out); });
+        },
+        [&](TokenStore& t) {
+            TokenIssuer tokenKey(t);
+            return issue(request, requestLength, version, serialNumber, validityDays, 1,
+                         certFileName, isBase64,
+                         [&](Issuer& out) { return tokenKey.find(issuerLabel, out); });
+        });
 }
 
 ZAVKM_ReturnCode ZAVKM_IssueCertSig(ZAVKM_KeyDbHandle handle, const uint8_t* request,
@@ -333,10 +351,19 @@ ZAVKM_ReturnCode ZAVKM_IssueCertSig(ZAVKM_KeyDbHandle handle, const uint8_t* req
                                     int32_t version, const char* serialNumber, int32_t validityDays,
                                     int32_t signatureAlgorithm, const char* certFileName,
                                     uint8_t isBase64, const void*, const void*) noexcept {
-    return withKeyDb(__func__, handle, {request, issuerLabel, certFileName}, [&](KeyDb& kdb) {
-        return issue(kdb, request, requestLength, issuerLabel, version, serialNumber, validityDays,
-                     signatureAlgorithm, certFileName, isBase64);
-    });
+    return withStore(
+        __func__, handle, {request, issuerLabel, certFileName},
+        [&](KeyDb& kdb) {
+            return issue(request, requestLength, version, serialNumber, validityDays, signatureAlgorithm,
+                         certFileName, isBase64,
+                         [&](Issuer& out) { return fileIssuer(kdb, issuerLabel, out); });
+        },
+        [&](TokenStore& t) {
+            TokenIssuer tokenKey(t);
+            return issue(request, requestLength, version, serialNumber, validityDays, signatureAlgorithm,
+                         certFileName, isBase64,
+                         [&](Issuer& out) { return tokenKey.find(issuerLabel, out); });
+        });
 }
 
 ZAVKM_ReturnCode ZAVKM_Base64DecodeFileToBuf(const char* fileName, uint8_t** data,

@@ -4,6 +4,7 @@
 #include "entries.h"
 #include "keyitems.h"
 #include "session.h"
+#include "tokenops.h"
 #include "x509records.h"
 #include "x509util.h"
 
@@ -116,7 +117,7 @@ ZAVKM_ReturnCode ZAVKM_ExtractCertListFromPKCS7Data(const uint8_t* data, uint32_
 
 ZAVKM_ReturnCode ZAVKM_CheckCertAsRenewal(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
                                           uint32_t certLength, uint8_t* isRenewal) noexcept {
-    return withKeyDb(__func__, handle, {cert, isRenewal}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {cert, isRenewal}, [&](KeyDb& kdb) -> Rc {
         *isRenewal = 0;
         X509Ptr x509 = parseCertificate(cert, certLength);
         if (!x509) return ZAVKM_ERR_ASN;
@@ -124,12 +125,12 @@ ZAVKM_ReturnCode ZAVKM_CheckCertAsRenewal(ZAVKM_KeyDbHandle handle, const uint8_
         if (Rc rc = personalKeyFor(kdb.db.get(), x509.get(), row); rc != ZAVKM_OK) return rc;
         *isRenewal = row ? 1 : 0;
         return ZAVKM_OK;
-    });
+    }, [&](TokenStore& t) { return tokenIsRenewal(t, cert, certLength, isRenewal); });
 }
 
 ZAVKM_ReturnCode ZAVKM_RenewCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
                                  uint32_t certLength) noexcept {
-    return withKeyDb(__func__, handle, {cert}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {cert}, [&](KeyDb& kdb) -> Rc {
         X509Ptr x509 = parseCertificate(cert, certLength);
         if (!x509) return ZAVKM_ERR_ASN;
         if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(x509.get())); rc != ZAVKM_OK)
@@ -146,7 +147,7 @@ ZAVKM_ReturnCode ZAVKM_RenewCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
             return rc;
         int code = tx.commit();
         return code == SQLITE_OK ? ZAVKM_OK : sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
-    });
+    }, [&](TokenStore& t) { return tokenRenew(t, cert, certLength); });
 }
 
 ZAVKM_ReturnCode ZAVKM_ValidateCertChain(ZAVKM_KeyDbHandle handle, const uint8_t* cert,

@@ -5,6 +5,7 @@
 #include "certcache.h"
 #include "entries.h"
 #include "files.h"
+#include "handles.h"
 #include "records.h"
 #include "registry.h"
 #include "session.h"
@@ -55,11 +56,24 @@ Rc allCertificates(TokenStore& t, std::vector<X509Ptr>& out) {
     return ZAVKM_OK;
 }
 
-// chainOnToken - cert followed by its issuers among the token's certificates, up to a
-// self-signed one; at most 16.
+// secondaryCertificates - the certificates of the key database paired with the token, if any.
+Rc secondaryCertificates(const TokenStore& t, std::vector<X509Ptr>& out) {
+    std::shared_ptr<KeyDb> kdb = t.secondary != 0 ? findHandle(t.secondary) : nullptr;
+    if (!kdb) return ZAVKM_OK;
+    std::lock_guard lock(kdb->mutex);
+    std::vector<KeyRow> rows;
+    if (Rc rc = allKeys(kdb->db.get(), rows); rc != ZAVKM_OK) return rc;
+    for (const KeyRow& row : rows)
+        if (X509Ptr cert = parseCertificate(row.cert.data(), row.cert.size())) out.push_back(std::move(cert));
+    return ZAVKM_OK;
+}
+
+// chainOnToken - cert followed by its issuers among the token's certificates and those of its
+// secondary key database, up to a self-signed one; at most 16.
 Rc chainOnToken(TokenStore& t, X509Ptr cert, std::vector<X509Ptr>& chain) {
     std::vector<X509Ptr> pool;
     if (Rc rc = allCertificates(t, pool); rc != ZAVKM_OK) return rc;
+    if (Rc rc = secondaryCertificates(t, pool); rc != ZAVKM_OK) return rc;
     chain.push_back(std::move(cert));
     while (chain.size() < 16 && !isSelfSigned(chain.back().get())) {
         X509* next = nullptr;
@@ -230,6 +244,55 @@ Rc tokenStoreSigner(TokenStore& t, const uint8_t* der, uint32_t length, const ch
     return storeCertificate(t, label, keyIdOf(X509_get0_pubkey(cert.get())), cert.get());
 }
 
+// renewedLabel - the label of the certificate on the token whose key pair cert is for; empty
+// when the token has none or no private key for it.
+Rc renewedLabel(TokenStore& t, X509* cert, std::string& label) {
+    label.clear();
+    Bytes id = keyIdOf(X509_get0_pubkey(cert));
+    bool hasKey = false;
+    if (Rc rc = objectWithId(t, TokenObject::PrivateKey, id, hasKey); rc != ZAVKM_OK) return rc;
+    return hasKey ? labelWithId(t, TokenObject::Certificate, id, label) : ZAVKM_OK;
+}
+
+Rc tokenIsRenewal(TokenStore& t, const uint8_t* der, uint32_t length, uint8_t* isRenewal) {
+    *isRenewal = 0;
+    X509Ptr cert = parseCertificate(der, length);
+    if (!cert) return ZAVKM_ERR_ASN;
+    std::string label;
+    if (Rc rc = renewedLabel(t, cert.get(), label); rc != ZAVKM_OK) return rc;
+    *isRenewal = label.empty() ? 0 : 1;
+    return ZAVKM_OK;
+}
+
+Rc tokenRenew(TokenStore& t, const uint8_t* der, uint32_t length) {
+    X509Ptr cert = parseCertificate(der, length);
+    if (!cert) return ZAVKM_ERR_ASN;
+    std::string label;
+    if (Rc rc = renewedLabel(t, cert.get(), label); rc != ZAVKM_OK) return rc;
+    if (label.empty()) return ZAVKM_ERR_REQKEY_FOR_CERT_NULL;
+    Bytes id = keyIdOf(X509_get0_pubkey(cert.get()));
+    if (Rc rc = destroyWithId(t, TokenObject::Certificate, id); rc != ZAVKM_OK) return rc;
+    return storeCertificate(t, label, id, cert.get());
+}
+
+Rc TokenIssuer::find(const char* label, Issuer& out) {
+    std::vector<X509Ptr> certs;
+    if (Rc rc = certificatesLabelled(t_, label, certs); rc != ZAVKM_OK) return rc;
+    if (certs.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    EVP_PKEY* pub = X509_get0_pubkey(certs.front().get());
+    if (pub == nullptr) return sslError(ZAVKM_ERR_ASN);
+    key_.id = keyIdOf(pub);
+    if (Rc rc = privateKeyWithId(t_, key_.id, key_.privateKey); rc != ZAVKM_OK) return rc;
+    if (key_.privateKey == CK_INVALID_HANDLE) return ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL;
+    EVP_PKEY_up_ref(pub);
+    key_.publicKey.reset(pub);
+    EVP_PKEY_up_ref(pub);
+    out.key.reset(pub);
+    out.cert = std::move(certs.front());
+    out.remote = &signer_;
+    return ZAVKM_OK;
+}
+
 }  // namespace zavkm
 
 using namespace zavkm;
@@ -251,6 +314,27 @@ ZAVKM_ReturnCode ZAVKM_GetCryptoTokenLabelList(const char* moduleName,
         if (Rc rc = loadModule(moduleName, f); rc != ZAVKM_OK) return rc;
         if (Rc rc = tokenLabels(f, labels); rc != ZAVKM_OK) return rc;
         return labelRecords(labels, list);
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_SetSecondaryKeyDb(ZAVKM_KeyDbHandle token,
+                                         ZAVKM_KeyDbHandle secondary) noexcept {
+    return withLibrary(__func__, {}, [&]() -> Rc {
+        std::shared_ptr<TokenStore> t = findTokenHandle(token);
+        if (!t || !findHandle(secondary)) return ZAVKM_ERR_INVALID_DB_HANDLE;
+        std::lock_guard lock(t->mutex);
+        t->secondary = secondary;
+        return ZAVKM_OK;
+    });
+}
+
+ZAVKM_ReturnCode ZAVKM_UnsetSecondaryKeyDb(ZAVKM_KeyDbHandle token) noexcept {
+    return withLibrary(__func__, {}, [&]() -> Rc {
+        std::shared_ptr<TokenStore> t = findTokenHandle(token);
+        if (!t) return ZAVKM_ERR_INVALID_DB_HANDLE;
+        std::lock_guard lock(t->mutex);
+        t->secondary = 0;
+        return ZAVKM_OK;
     });
 }
 

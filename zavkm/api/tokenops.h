@@ -47,4 +47,24 @@ Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length);
 // tokenStoreSigner - a signer certificate (no key) with label.
 Rc tokenStoreSigner(TokenStore& t, const uint8_t* der, uint32_t length, const char* label);
 
+// tokenIsRenewal / tokenRenew - a certificate for a key pair the token holds with a certificate
+// already: the new one replaces the old under the same label.
+Rc tokenIsRenewal(TokenStore& t, const uint8_t* der, uint32_t length, uint8_t* isRenewal);
+Rc tokenRenew(TokenStore& t, const uint8_t* der, uint32_t length);
+
+// TokenIssuer - an issuing certificate on the token whose private key the token holds; it signs
+// while this object lives.
+class TokenIssuer {
+  public:
+    explicit TokenIssuer(TokenStore& t) : t_(t), signer_(t, key_) {}
+    // find - the certificate under label and its key: 117 without such a certificate, 109
+    // when the token has no private key for it.
+    Rc find(const char* label, Issuer& out);
+
+  private:
+    TokenStore& t_;
+    TokenKey key_;
+    TokenSigner signer_;
+};
+
 }  // namespace zavkm

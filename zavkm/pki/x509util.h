@@ -64,6 +64,14 @@ struct RemoteSigner {
     ~RemoteSigner() = default;
 };
 
+// Issuer - an issuing certificate and what signs with its key: the private key, or (with remote
+// set) a remote signer and the public key that names the algorithm.
+struct Issuer {
+    X509Ptr cert;
+    PkeyPtr key;
+    RemoteSigner* remote = nullptr;
+};
+
 // CertPlan - what makeCertificate needs. issuer null means self-signed (subjectKey signs).
 struct CertPlan {
     int32_t version = 3;  // 1 gives a v1 certificate, else v3

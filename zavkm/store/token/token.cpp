@@ -255,6 +255,25 @@ Rc destroyLabelled(TokenStore& t, const std::string& label) {
     return destroyAll(t, {attr(CKA_LABEL, label)});
 }
 
+Rc labelWithId(TokenStore& t, TokenObject kind, const Bytes& id, std::string& label) {
+    label.clear();
+    std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(kind);
+    tmpl.push_back(attr(CKA_ID, id));
+    std::vector<CK_OBJECT_HANDLE> objs;
+    if (Rc rc = findObjects(t, tmpl, objs); rc != ZAVKM_OK) return rc;
+    if (objs.empty()) return ZAVKM_OK;
+    Bytes text;
+    if (Rc rc = attribute(t, objs.front(), CKA_LABEL, text); rc != ZAVKM_OK) return rc;
+    label.assign(text.begin(), text.end());
+    return ZAVKM_OK;
+}
+
+Rc destroyWithId(TokenStore& t, TokenObject kind, const Bytes& id) {
+    std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(kind);
+    tmpl.push_back(attr(CKA_ID, id));
+    return destroyAll(t, std::move(tmpl));
+}
+
 Rc destroyObjects(TokenStore& t, TokenObject kind, const std::string& label) {
     std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(kind);
     tmpl.push_back(attr(CKA_LABEL, label));
@@ -297,6 +316,16 @@ Rc generateTokenKey(TokenStore& t, int32_t keySize, const std::string& label, To
     }
     if (rc != ZAVKM_OK) destroyKey(t, out);
     return rc;
+}
+
+Rc privateKeyWithId(TokenStore& t, const Bytes& id, CK_OBJECT_HANDLE& out) {
+    out = CK_INVALID_HANDLE;
+    std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(TokenObject::PrivateKey);
+    tmpl.push_back(attr(CKA_ID, id));
+    std::vector<CK_OBJECT_HANDLE> objs;
+    if (Rc rc = findObjects(t, tmpl, objs); rc != ZAVKM_OK) return rc;
+    if (!objs.empty()) out = objs.front();
+    return ZAVKM_OK;
 }
 
 void destroyKey(TokenStore& t, const TokenKey& key) noexcept {

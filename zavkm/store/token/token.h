@@ -58,6 +58,12 @@ Rc objectWithId(TokenStore& t, TokenObject kind, const Bytes& id, bool& present)
 // ZAVKM_ERR_KEY_GET_BY_LABEL when there is none.
 Rc destroyLabelled(TokenStore& t, const std::string& label);
 
+// labelWithId - the label of an object of a kind with id; empty when there is none.
+Rc labelWithId(TokenStore& t, TokenObject kind, const Bytes& id, std::string& label);
+
+// destroyWithId - destroys the objects of a kind with id.
+Rc destroyWithId(TokenStore& t, TokenObject kind, const Bytes& id);
+
 // destroyObjects - destroys the objects of a kind with label.
 Rc destroyObjects(TokenStore& t, TokenObject kind, const std::string& label);
 
@@ -72,6 +78,9 @@ struct TokenKey {
 // generateTokenKey - a new key pair with label: keySize 1024-16384 RSA, 256/384/521 EC;
 // anything else ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE before the token is touched.
 Rc generateTokenKey(TokenStore& t, int32_t keySize, const std::string& label, TokenKey& out);
+
+// privateKeyWithId - the private key object with id; CK_INVALID_HANDLE when there is none.
+Rc privateKeyWithId(TokenStore& t, const Bytes& id, CK_OBJECT_HANDLE& out);
 
 // destroyKey - removes both halves of a key pair (undoing a failed creation).
 void destroyKey(TokenStore& t, const TokenKey& key) noexcept;
