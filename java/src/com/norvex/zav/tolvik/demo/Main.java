@@ -3,6 +3,7 @@ package com.norvex.zav.tolvik.demo;
 import com.norvex.zav.tolvik.basic.CMSKeyDatabase;
 import com.norvex.zav.tolvik.basic.CMSKeyDatabaseException;
 import com.norvex.zav.tolvik.basic.CertificateItem;
+import com.norvex.zav.tolvik.basic.CryptographicToken;
 import com.norvex.zav.tolvik.basic.DNItem;
 import com.norvex.zav.tolvik.basic.KMSystem;
 import com.norvex.zav.tolvik.basic.KeyItem;
@@ -28,6 +29,11 @@ import java.util.function.IntSupplier;
  * verify and read the results. Every step prints what it did and whether it worked; the exit
  * code is 1 when any step failed. The bridge is found through java.library.path, the tools on
  * the PATH. The demo stops at the first step that fails.
+ *
+ * <p>With the system property {@code zav.demo.module} naming a PKCS#11 module whose token
+ * "demo" has the user PIN 1234 (scripts/run-demo.sh makes one with SoftHSM2), a token leg
+ * follows: a key pair and request made on the token, issued by the key database's CA, received
+ * on the token with the key database paired to it, and checked by pkcs11-tool and openssl.
  */
 public final class Main {
     private static final String PASSWORD = "Demo-passw0rd";
@@ -36,6 +42,10 @@ public final class Main {
     private static final String SERVER_LABEL = "server";
     private static final String SERVER_NAME = "server.demo.test";
     private static final long TOOL_TIMEOUT_SECONDS = 60;
+    private static final String MODULE = System.getProperty("zav.demo.module");
+    private static final String TOKEN = "demo";
+    private static final String PIN = "1234";
+    private static final String TOKEN_KEY = "token-server";
 
     private final Path dir;
     private final String kdb;
@@ -132,6 +142,36 @@ public final class Main {
         tool("keytool lists the keyring file", CA_LABEL + ", ",
                 "keytool", "-list", "-storetype", "PKCS12", "-keystore", "demo.kyr",
                 "-storepass", EXPORT_PASSWORD);
+        if (MODULE != null) {
+            tokenSteps();
+        }
+    }
+
+    /** tokenSteps - the token leg. */
+    private void tokenSteps() {
+        CryptographicToken token = new CryptographicToken();
+        CryptographicToken.clearTokenLabels();
+        step("list the tokens of " + MODULE,
+                () -> CryptographicToken.c_GetCryptoTokenLabelList(MODULE));
+        System.out.println("    tokens: " + CryptographicToken.getTokenLabels());
+        step("make a key pair (EC P-256) and a request for \"" + TOKEN_KEY + "\" on the token",
+                () -> token.c_CreatePersonalCertificateRequest(MODULE, TOKEN, PIN, TOKEN_KEY,
+                        256, name("token.demo.test"), 1, file("token.csr")));
+        step("issue its certificate with the key database's CA",
+                () -> db.c_IssueCertificateSig(kdb, PASSWORD, CA_LABEL, 3, "", 365, 1,
+                        file("token.csr"), file("token.pem"), true));
+        step("receive it on the token, the key database paired with the token",
+                () -> token.c_ReceivePersonalCertificate(MODULE, TOKEN, PIN, kdb, PASSWORD,
+                        file("token.pem"), true));
+        step("list the token's labels", () -> token.c_BuildKeyLabelList(MODULE, TOKEN, PIN));
+        System.out.println("    personal: " + token.getPersonalKeyLabels());
+        tool("openssl checks the token's request", "verify OK",
+                "openssl", "req", "-in", "token.csr", "-verify", "-noout");
+        tool("openssl verifies the token's certificate against the CA", "token.pem: OK",
+                "openssl", "verify", "-CAfile", "ca.pem", "token.pem");
+        tool("pkcs11-tool lists the token's private key", "label:      " + TOKEN_KEY,
+                "pkcs11-tool", "--module", MODULE, "--token-label", TOKEN, "--login", "--pin",
+                PIN, "--list-objects", "--type", "privkey");
     }
 
     /** listLabels - lists the key and request key labels through the callbacks. */
