@@ -88,6 +88,14 @@ FAKE_API void reset();
 // unknown operation name.
 FAKE_API void script(std::string_view op, Step step);
 
+// failCall makes the k-th call (1-based, since the last reset) of an operation that returns
+// something fail: it answers failureCode (the memory operations: null) and does nothing else,
+// whatever was scripted for it. 0: no call fails.
+inline constexpr int64_t failureCode = 99;
+FAKE_API void failCall(size_t k);
+// failableCalls counts the calls of operations that return something, since the last reset.
+FAKE_API size_t failableCalls();
+
 // journal returns the lines of the calls made since the last reset, in order.
 FAKE_API std::vector<std::string> journal();
 

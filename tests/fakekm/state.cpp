@@ -256,6 +256,18 @@ void reset() {
     state().journal.clear();
     state().scripts.clear();
     state().errors.clear();
+    state().failAt = 0;
+    state().failableCalls = 0;
+}
+
+void failCall(size_t k) {
+    Lock lock(state().mutex);
+    state().failAt = k;
+}
+
+size_t failableCalls() {
+    Lock lock(state().mutex);
+    return state().failableCalls;
 }
 
 void script(std::string_view op, Step step) {

@@ -24,6 +24,8 @@ struct State {
     std::unordered_map<const void*, Block> live;              // tracked blocks handed out
     std::vector<Block> releases;                              // released blocks, in order
     std::vector<Block> adopted;                               // kept alive until reset
+    size_t failAt = 0;          // the failable call that fails (1-based; 0: none)
+    size_t failableCalls = 0;   // calls of operations that return something, since reset
 };
 
 // state returns the one State; it is never destroyed, so calls made while the process exits
