@@ -6,6 +6,8 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdlib>
 #include <cstdio>
 #include <ctime>
 #include <fstream>
@@ -23,17 +25,49 @@ namespace {
 using Lines = std::vector<std::string>;
 using harness::java;
 
-// A variant of a row: all arguments given, argument `nulled` null, or the failable call
-// `failing` of the library failing.
+// A variant of a row: all arguments given, argument `nulled` null, the failable call `failing`
+// of the library failing, or the bridge's own allocation `starved` failing.
 struct Variant {
     const natives::Row* row;
     int nulled = -1;
     size_t failing = 0;
+    size_t starved = 0;
     std::string name() const {
         return row->name + (nulled >= 0 ? " null " + std::to_string(nulled) : "") +
-               (failing ? " fail " + std::to_string(failing) : "");
+               (failing ? " fail " + std::to_string(failing) : "") +
+               (starved ? " starve " + std::to_string(starved) : "");
     }
 };
+
+// The bridge's objects are linked in with their malloc, calloc, realloc and free renamed to
+// these (tests/CMakeLists.txt): its own allocations are counted, and one of them can fail.
+std::atomic<size_t> allocations{0};
+std::atomic<size_t> starveAt{0};
+void* unlessStarved(void* (*allocate)(size_t, size_t), size_t a, size_t b) {
+    return ++allocations == starveAt ? nullptr : allocate(a, b);
+}
+
+}  // namespace
+
+extern "C" {
+void* zav_counted_malloc(size_t n) {
+    return unlessStarved([](size_t size, size_t) { return malloc(size); }, n, 0);
+}
+void* zav_counted_calloc(size_t count, size_t n) {
+    return unlessStarved([](size_t c, size_t size) { return calloc(c, size); }, count, n);
+}
+void* zav_counted_realloc(void* block, size_t n) {
+    if (++allocations == starveAt) return nullptr;
+    fake::noteFree(block);
+    return realloc(block, n);
+}
+void zav_counted_free(void* block) {
+    fake::noteFree(block);
+    free(block);
+}
+}
+
+namespace {
 
 std::map<std::string, Lines>& outcomes() {  // expected (read) or recorded (written)
     static std::map<std::string, Lines> all;
@@ -89,6 +123,7 @@ struct Play {
     Lines outcome;  // returns, journal, given, this, statics, adopted, exception
     Lines trace;    // standard error, when that channel is on; else the trace file's
     size_t failable = 0;
+    size_t allocations = 0;
 };
 
 Play play(const Variant& v, bool traceFile) {
@@ -108,12 +143,16 @@ Play play(const Variant& v, bool traceFile) {
 
     harness::Ledger ledger(java());
     harness::StderrCapture capture;
+    allocations = 0;
+    starveAt = v.starved;
     jobject object = nullptr;
     std::string returned = row.native.call(ledger.env(), args, object);
+    starveAt = 0;
     const std::string stderrText = capture.finish();
 
     Play p;
     p.failable = fake::failableCalls();
+    p.allocations = allocations;
     std::string exception = harness::exceptionText();
     p.outcome.push_back("returns " + returned + (object ? " " + dump("of", object) : ""));
     int open = 0;
@@ -159,7 +198,7 @@ Play play(const Variant& v, bool traceFile) {
         EXPECT_EQ(problem.rfind("text released out of the order taken", 0), 0u) << problem;
     }
     EXPECT_THAT(ledger.arrayProblems(), ::testing::IsEmpty());
-    if (!v.failing && v.nulled < 0) {
+    if (!v.failing && v.nulled < 0 && !v.starved) {
         EXPECT_THAT(fake::unusedScripts(), ::testing::IsEmpty());
     }
     java()->PopLocalFrame(nullptr);
@@ -189,9 +228,10 @@ Play play(const Variant& v, bool traceFile) {
 }
 
 // Plays a variant (and, with both channels, again with the trace file on) and compares it with
-// its expected outcome; returns how many failable calls it made.
-size_t check(const Variant& v, bool bothChannels) {
+// its expected outcome.
+Play check(const Variant& v, bool bothChannels) {
     Play p = play(v, false);
+    if (v.starved) return p;  // how many allocations a play makes depends on the trace
     const bool traced = harness::stderrChannelOn();
     if (bothChannels) {
         Play withFile = play(v, true);
@@ -204,25 +244,26 @@ size_t check(const Variant& v, bool bothChannels) {
     }
     if (recordPath()) {
         outcomes()[v.name()] = got;
-        return p.failable;
+        return p;
     }
     Lines expected;
     for (const std::string& line : outcomes()[v.name()]) {
         if (line.rfind("trace ", 0) != 0 || traced || bothChannels) expected.push_back(line);
     }
     EXPECT_EQ(::testing::PrintToString(expected), ::testing::PrintToString(got)) << v.name();
-    return p.failable;
+    return p;
 }
 
 class Natives : public harness::JvmTest, public ::testing::WithParamInterface<natives::Row> {};
 
 TEST_P(Natives, NormalNullsAndFailures) {
     const natives::Row& row = GetParam();
-    const size_t failable = check({&row}, !row.switchesTraceFile);
+    const Play normal = check({&row}, !row.switchesTraceFile);
+    for (size_t n = 1; n <= normal.allocations; ++n) check({&row, -1, 0, n}, false);
     for (size_t i = 0; i < row.args.size(); ++i) {
         if (row.native.references[i]) check({&row, static_cast<int>(i)}, false);
     }
-    for (size_t k = 1; k <= failable; ++k) check({&row, -1, k}, false);
+    for (size_t k = 1; k <= normal.failable; ++k) check({&row, -1, k}, false);
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, Natives, ::testing::ValuesIn(natives::table()),
