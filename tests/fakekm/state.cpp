@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "state.h"
+#include "zavkm/record_fields.h"
 
 namespace fake {
 namespace detail {
@@ -52,100 +53,17 @@ Step takeStep(std::string_view op) {
 
 namespace {
 
-// ---- Deep release of the records, as the library's release operations do it ----------------
-
-void releaseDN(const ZAVKM_DNItem* dn, std::string_view by) {
-    if (dn == nullptr) return;
-    for (const char* part : {dn->cn, dn->ou, dn->o, dn->l, dn->s, dn->pc, dn->c, dn->optionalField1,
-                             dn->optionalField2, dn->optionalField3, dn->optionalField4}) {
-        release(part, by);
-    }
-    release(dn->der, by);
-    release(dn, by);
-}
-
-void releaseCert(const ZAVKM_CertItem* cert, std::string_view by) {
-    if (cert == nullptr) return;
-    release(cert->der, by);
-    release(cert->serialNumber, by);
-    releaseDN(cert->issuer, by);
-    releaseDN(cert->subject, by);
-    release(cert->signature, by);
-    release(cert->sigAlgId, by);
-    release(cert->sigAlgIdOID, by);
-    release(cert->sigAlgIdOIDName, by);
-    release(cert->spki, by);
-    release(cert->extensions, by);
-    release(cert, by);
-}
-
-void releaseCertList(const ZAVKM_CertItemList* list, std::string_view by) {
-    while (list != nullptr) {
-        const ZAVKM_CertItemList* next = list->next;
-        releaseCert(list->cert, by);
-        release(list, by);
-        list = next;
-    }
-}
-
-void releaseCertReq(const ZAVKM_CertReqItem* request, std::string_view by) {
-    if (request == nullptr) return;
-    release(request->der, by);
-    release(request->sig, by);
-    release(request->sigAlgId, by);
-    release(request->sigAlgIdOID, by);
-    release(request->sigAlgIdOIDName, by);
-    if (const ZAVKM_CertReqInfoItem* info = request->certReqInfoItem) {
-        release(info->der, by);
-        releaseDN(info->subjectName, by);
-        release(info->spki, by);
-        release(info->attributes, by);
-        release(info, by);
-    }
-    release(request, by);
-}
-
-template <class Record>  // ZAVKM_EPKIItem, ZAVKM_PrivKeyInfoItem
-void releaseDer(const Record* record, std::string_view by) {
-    if (record == nullptr) return;
-    release(record->der, by);
-    release(record, by);
-}
-
-void releaseKey(const ZAVKM_KeyItem* key, std::string_view by) {
-    if (key == nullptr) return;
-    release(key->label, by);
-    releaseDer(key->epki, by);
-    release(key->keyBer, by);
-    releaseCertList(key->certList, by);
-    release(key, by);
-}
-
-void releaseReqKey(const ZAVKM_ReqKeyItem* key, std::string_view by) {
-    if (key == nullptr) return;
-    release(key->label, by);
-    releaseCertReq(key->certReq, by);
-    releaseDer(key->epki, by);
-    release(key->keyBer, by);
-    release(key, by);
-}
-
-void releaseKeyList(const ZAVKM_KeyItemList* list, std::string_view by) {
-    while (list != nullptr) {
-        const ZAVKM_KeyItemList* next = list->next;
-        releaseKey(list->key, by);
-        release(list, by);
-        list = next;
-    }
-}
-
-void releaseLabels(const ZAVKM_LabelList* list, std::string_view by) {
-    while (list != nullptr) {
-        const ZAVKM_LabelList* next = list->next;
-        release(list->label, by);
-        release(list, by);
-        list = next;
-    }
+// The library's release operations, walking records with the library's own description.
+struct Releasing {
+    std::string_view by;
+    void text(char* t) { release(t, by); }
+    void bytes(uint8_t* p, uint32_t, bool) { release(p, by); }
+    void block(void* p) { release(p, by); }
+};
+template <class Record>
+void releaseDeep(const Call& call, std::string_view by) {
+    Releasing releasing{by};
+    zavkm::fields::releaseAll(call.arg<Record*>(0), releasing);
 }
 
 void* newBlock(size_t size, std::string_view origin, int fill) {
@@ -222,21 +140,21 @@ void* behave(std::string_view op, const Call& call, const Step& step) {
     } else if (op == "ZAVKM_InitEPKIItem") {
         clearRecord<ZAVKM_EPKIItem>(call);
     } else if (op == "ZAVKM_FreeLabelList") {
-        releaseLabels(call.arg<ZAVKM_LabelList*>(0), op);
+        releaseDeep<ZAVKM_LabelList>(call, op);
     } else if (op == "ZAVKM_FreeDNItem") {
-        releaseDN(call.arg<ZAVKM_DNItem*>(0), op);
+        releaseDeep<ZAVKM_DNItem>(call, op);
     } else if (op == "ZAVKM_FreeEPKIItem") {
-        releaseDer(call.arg<ZAVKM_EPKIItem*>(0), op);
+        releaseDeep<ZAVKM_EPKIItem>(call, op);
     } else if (op == "ZAVKM_FreePrivKeyInfoItem") {
-        releaseDer(call.arg<ZAVKM_PrivKeyInfoItem*>(0), op);
+        releaseDeep<ZAVKM_PrivKeyInfoItem>(call, op);
     } else if (op == "ZAVKM_FreeCertItemList") {
-        releaseCertList(call.arg<ZAVKM_CertItemList*>(0), op);
+        releaseDeep<ZAVKM_CertItemList>(call, op);
     } else if (op == "ZAVKM_FreeKeyItem") {
-        releaseKey(call.arg<ZAVKM_KeyItem*>(0), op);
+        releaseDeep<ZAVKM_KeyItem>(call, op);
     } else if (op == "ZAVKM_FreeReqKeyItem") {
-        releaseReqKey(call.arg<ZAVKM_ReqKeyItem*>(0), op);
+        releaseDeep<ZAVKM_ReqKeyItem>(call, op);
     } else if (op == "ZAVKM_FreeKeyItemList") {
-        releaseKeyList(call.arg<ZAVKM_KeyItemList*>(0), op);
+        releaseDeep<ZAVKM_KeyItemList>(call, op);
     }
     return nullptr;
 }
