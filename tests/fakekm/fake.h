@@ -76,9 +76,6 @@ struct Step {
 
 // returns is the step "return value" (0 is success).
 inline Step returns(int64_t value) { return Step{value, false, {}}; }
-// returnsNull is the step "hand out null" of the memory operations.
-inline Step returnsNull() { return Step{0, true, {}}; }
-
 // reset forgets the journal, the scripts and the errors, and frees every block still handed out
 // (and those adopted by ZAVKM_SetCryptoInfo).
 FAKE_API void reset();
@@ -116,18 +113,10 @@ struct Block {
     size_t size;
     std::string origin;      // "ZAVKM_Malloc", "ZAVKM_Strdup", "test" (the builders below), or
                              // "untracked" (malloc'd by the bridge, seen only when released)
-    std::string releasedBy;  // "" while handed out
 };
 
 // outstanding lists the tracked blocks not yet released.
 FAKE_API std::vector<Block> outstanding();
-
-// releasedBy names what released ptr last: an operation ("ZAVKM_FreeLabelList"), "free" (noted
-// through noteFree), "ZAVKM_SetCryptoInfo" (adopted); "" when it was never released.
-FAKE_API std::string releasedBy(const void* ptr);
-
-// released lists the blocks released since the last reset, in order.
-FAKE_API std::vector<Block> released();
 
 // adopted lists the blocks handed to ZAVKM_SetCryptoInfo since the last reset; they stay
 // readable until the next reset.
@@ -136,10 +125,6 @@ FAKE_API std::vector<Block> adopted();
 // allocate returns a new tracked block of size bytes, zero-filled, made with malloc (so the
 // bridge may free it with free or a release operation).
 FAKE_API void* allocate(size_t size, std::string_view origin = "test");
-
-// untracked returns a malloc'd copy of bytes that the fake does not track: for buffers the
-// bridge frees with the C library's free where that cannot be observed.
-FAKE_API uint8_t* untracked(const std::vector<uint8_t>& bytes);
 
 // noteFree tells the fake that the C library's free is about to release ptr (used by test
 // binaries that wrap free); tracked blocks are then recorded as released by "free".

@@ -16,7 +16,7 @@ State& state() {
 
 void track(const void* ptr, size_t size, std::string_view origin) {
     if (ptr == nullptr) return;
-    state().live[ptr] = Block{ptr, size, std::string(origin), ""};
+    state().live[ptr] = Block{ptr, size, std::string(origin)};
 }
 
 bool isTracked(const void* ptr) { return state().live.count(ptr) != 0; }
@@ -26,18 +26,8 @@ size_t trackedSize(const void* ptr) {
     return found == state().live.end() ? 0 : found->second.size;
 }
 
-// Moves a tracked block (or an untracked one) to the released list.
-void noteRelease(const void* ptr, std::string_view by) {
-    auto found = state().live.find(ptr);
-    Block block = found != state().live.end() ? found->second : Block{ptr, 0, "untracked", ""};
-    block.releasedBy = by;
-    if (found != state().live.end()) state().live.erase(found);
-    state().releases.push_back(std::move(block));
-}
-
-void release(const void* ptr, std::string_view by) {
-    if (ptr == nullptr) return;
-    noteRelease(ptr, by);
+void release(const void* ptr) {
+    state().live.erase(ptr);
     free(const_cast<void*>(ptr));
 }
 
@@ -55,14 +45,13 @@ namespace {
 
 // The library's release operations, walking records with the library's own description.
 struct Releasing {
-    std::string_view by;
-    void text(char* t) { release(t, by); }
-    void bytes(uint8_t* p, uint32_t, bool) { release(p, by); }
-    void block(void* p) { release(p, by); }
+    void text(char* t) { release(t); }
+    void bytes(uint8_t* p, uint32_t, bool) { release(p); }
+    void block(void* p) { release(p); }
 };
 template <class Record>
-void releaseDeep(const Call& call, std::string_view by) {
-    Releasing releasing{by};
+void releaseDeep(const Call& call) {
+    Releasing releasing;
     zavkm::fields::releaseAll(call.arg<Record*>(0), releasing);
 }
 
@@ -119,7 +108,7 @@ void* behave(std::string_view op, const Call& call, const Step& step) {
             error("ZAVKM_Free of a block the library never handed out (or freed twice)");
             return nullptr;
         }
-        release(block, op);
+        release(block);
         return nullptr;
     }
     if (op == "ZAVKM_SetCryptoInfo") {  // the block stays with the library, whatever it answers
@@ -130,7 +119,7 @@ void* behave(std::string_view op, const Call& call, const Step& step) {
             error("ZAVKM_SetCryptoInfo of a block the library never handed out");
         } else {
             state().adopted.push_back(found->second);
-            noteRelease(block, op);
+            state().live.erase(block);
         }
         return nullptr;
     }
@@ -140,21 +129,21 @@ void* behave(std::string_view op, const Call& call, const Step& step) {
     } else if (op == "ZAVKM_InitEPKIItem") {
         clearRecord<ZAVKM_EPKIItem>(call);
     } else if (op == "ZAVKM_FreeLabelList") {
-        releaseDeep<ZAVKM_LabelList>(call, op);
+        releaseDeep<ZAVKM_LabelList>(call);
     } else if (op == "ZAVKM_FreeDNItem") {
-        releaseDeep<ZAVKM_DNItem>(call, op);
+        releaseDeep<ZAVKM_DNItem>(call);
     } else if (op == "ZAVKM_FreeEPKIItem") {
-        releaseDeep<ZAVKM_EPKIItem>(call, op);
+        releaseDeep<ZAVKM_EPKIItem>(call);
     } else if (op == "ZAVKM_FreePrivKeyInfoItem") {
-        releaseDeep<ZAVKM_PrivKeyInfoItem>(call, op);
+        releaseDeep<ZAVKM_PrivKeyInfoItem>(call);
     } else if (op == "ZAVKM_FreeCertItemList") {
-        releaseDeep<ZAVKM_CertItemList>(call, op);
+        releaseDeep<ZAVKM_CertItemList>(call);
     } else if (op == "ZAVKM_FreeKeyItem") {
-        releaseDeep<ZAVKM_KeyItem>(call, op);
+        releaseDeep<ZAVKM_KeyItem>(call);
     } else if (op == "ZAVKM_FreeReqKeyItem") {
-        releaseDeep<ZAVKM_ReqKeyItem>(call, op);
+        releaseDeep<ZAVKM_ReqKeyItem>(call);
     } else if (op == "ZAVKM_FreeKeyItemList") {
-        releaseDeep<ZAVKM_KeyItemList>(call, op);
+        releaseDeep<ZAVKM_KeyItemList>(call);
     }
     return nullptr;
 }
@@ -170,7 +159,6 @@ void reset() {
     for (const Block& block : state().adopted) free(const_cast<void*>(block.ptr));
     state().live.clear();
     state().adopted.clear();
-    state().releases.clear();
     state().journal.clear();
     state().scripts.clear();
     state().errors.clear();
@@ -226,20 +214,6 @@ std::vector<Block> outstanding() {
     return blocks;
 }
 
-std::string releasedBy(const void* ptr) {
-    Lock lock(state().mutex);
-    const auto& releases = state().releases;
-    for (auto it = releases.rbegin(); it != releases.rend(); ++it) {
-        if (it->ptr == ptr) return it->releasedBy;
-    }
-    return "";
-}
-
-std::vector<Block> released() {
-    Lock lock(state().mutex);
-    return state().releases;
-}
-
 std::vector<Block> adopted() {
     Lock lock(state().mutex);
     return state().adopted;
@@ -253,17 +227,10 @@ void* allocate(size_t size, std::string_view origin) {
     return block;
 }
 
-uint8_t* untracked(const std::vector<uint8_t>& bytes) {
-    auto* copy = static_cast<uint8_t*>(malloc(bytes.empty() ? 1 : bytes.size()));
-    if (copy == nullptr) throw std::bad_alloc();
-    if (!bytes.empty()) memcpy(copy, bytes.data(), bytes.size());
-    return copy;
-}
-
 void noteFree(const void* ptr) {
     if (ptr == nullptr) return;
     Lock lock(state().mutex);
-    if (detail::isTracked(ptr)) detail::noteRelease(ptr, "free");
+    state().live.erase(ptr);
 }
 
 char* text(std::string_view text) {

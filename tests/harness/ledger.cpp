@@ -177,21 +177,6 @@ struct Variadic<M, MV, I> {
 JNIEnv* real(JNIEnv* env) { return Ledger::Env::of(env)->real; }
 Ledger& ledgerOf(JNIEnv* env) { return *Ledger::Env::of(env)->ledger; }
 
-jclass JNICALL findClass(JNIEnv* env, const char* name) {
-    ledgerOf(env).note("FindClass");
-    ledgerOf(env).noteLookup("FindClass", name, nullptr);
-    return real(env)->FindClass(name);
-}
-
-template <size_t I>
-auto JNICALL methodLookup(JNIEnv* env, jclass cls, const char* name, const char* signature) {
-    ledgerOf(env).note(functionNames[I]);
-    ledgerOf(env).noteLookup(functionNames[I], name, signature);
-    if constexpr (I == atGetMethodID) return real(env)->GetMethodID(cls, name, signature);
-    if constexpr (I == atGetStaticMethodID) return real(env)->GetStaticMethodID(cls, name, signature);
-    if constexpr (I == atGetFieldID) return real(env)->GetFieldID(cls, name, signature);
-}
-
 const char* JNICALL getStringUTFChars(JNIEnv* env, jstring string, jboolean* isCopy) {
     ledgerOf(env).note("GetStringUTFChars");
     const char* chars = real(env)->GetStringUTFChars(string, isCopy);
@@ -230,10 +215,6 @@ Ledger::Ledger(JNIEnv* real) : env_(std::make_unique<Env>()) {
     HARNESS_JNI_FUNCTIONS(HARNESS_PLAIN_, HARNESS_VARIADIC_)
 #undef HARNESS_PLAIN_
 #undef HARNESS_VARIADIC_
-    env_->table.FindClass = &findClass;
-    env_->table.GetMethodID = &methodLookup<atGetMethodID>;
-    env_->table.GetStaticMethodID = &methodLookup<atGetStaticMethodID>;
-    env_->table.GetFieldID = &methodLookup<atGetFieldID>;
     env_->table.GetStringUTFChars = &getStringUTFChars;
     env_->table.ReleaseStringUTFChars = &releaseStringUTFChars;
     env_->table.GetByteArrayElements = &getByteArrayElements;
@@ -246,18 +227,6 @@ Ledger::Ledger(JNIEnv* real) : env_(std::make_unique<Env>()) {
 Ledger::~Ledger() = default;
 
 JNIEnv* Ledger::env() const { return &env_->env; }
-
-void Ledger::clear() {
-    calls_.clear();
-    lookups_.clear();
-    strings_.clear();
-    elements_.clear();
-    copyFlagsAsked_ = 0;
-}
-
-size_t Ledger::count(const std::string& function) const {
-    return static_cast<size_t>(std::count(calls_.begin(), calls_.end(), function));
-}
 
 const std::vector<std::string>& Ledger::allowed() {
     static const std::vector<std::string> names = {
@@ -278,12 +247,6 @@ std::vector<std::string> Ledger::forbidden() const {
         if (allowedSet.count(call) == 0 && seen.insert(call).second) outside.push_back(call);
     }
     return outside;
-}
-
-void Ledger::noteLookup(const char* function, const char* name, const char* signature) {
-    std::string entry = std::string(function) + " " + (name != nullptr ? name : "null");
-    if (signature != nullptr) entry += std::string(" ") + signature;
-    lookups_.push_back(entry);
 }
 
 void Ledger::noteString(bool taken, jstring string, const char* chars, bool copyFlagAsked) {

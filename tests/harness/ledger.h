@@ -30,19 +30,9 @@ public:
     // env is the JNIEnv to hand to a native.
     JNIEnv* env() const;
 
-    // clear forgets everything recorded so far.
-    void clear();
-
     // calls names every JNI function called, in order.
     const std::vector<std::string>& calls() const { return calls_; }
-    // lookups lists the class, method and field lookups with their arguments, in order:
-    // "FindClass com/x/Y", "GetMethodID <init> ([B)V", "GetStaticMethodID addX (I)Z",
-    // "GetFieldID cn Ljava/lang/String;".
-    const std::vector<std::string>& lookups() const { return lookups_; }
     const std::vector<StringEvent>& strings() const { return strings_; }
-
-    // count is how often function was called.
-    size_t count(const std::string& function) const;
 
     // forbidden lists the functions called that are outside the set natives may use.
     std::vector<std::string> forbidden() const;
@@ -64,7 +54,6 @@ public:
 
     // Used by the recording functions of the table.
     void note(const char* function) { calls_.emplace_back(function); }
-    void noteLookup(const char* function, const char* name, const char* signature);
     void noteString(bool taken, jstring string, const char* chars, bool copyFlagAsked);
     void noteElements(bool taken, jbyteArray array, const jbyte* elements, jint mode);
 
@@ -77,7 +66,6 @@ private:
     };
     std::unique_ptr<Env> env_;
     std::vector<std::string> calls_;
-    std::vector<std::string> lookups_;
     std::vector<StringEvent> strings_;
     std::vector<Elements> elements_;
     size_t copyFlagsAsked_ = 0;

@@ -22,7 +22,6 @@
 namespace {
 
 using harness::lines;
-using harness::matchLines;
 using harness::traceFileName;
 
 using InitDebug = jint (*)(JNIEnv*, jclass, jboolean, jboolean);
@@ -133,7 +132,7 @@ TEST_P(ChildCases, TraceChannels) {
         expected.insert(expected.end(), c.stderrBetween.begin(), c.stderrBetween.end());
         expected.push_back(unloadLine);
     }
-    EXPECT_EQ(matchLines(expected, lines(errText)), "") << "standard error:\n" << errText;
+    EXPECT_EQ(expected, lines(errText)) << "standard error";
 
     struct stat info = {};
     bool fileThere = stat(traceFileName, &info) == 0 && S_ISREG(info.st_mode);
@@ -142,7 +141,7 @@ TEST_P(ChildCases, TraceChannels) {
         EXPECT_EQ(info.st_mode & 0777, 0600u) << "the trace file holds passwords";
         harness::FileTrace file =
             harness::readTraceFile(traceFileName, start, static_cast<long>(time(nullptr)));
-        EXPECT_EQ(matchLines(c.file, file.lines), "");
+        EXPECT_EQ(c.file, file.lines);
         EXPECT_TRUE(file.problems.empty()) << file.problems.front();
     }
     if (c.traceFileIsDirectory) rmdir(traceFileName);
