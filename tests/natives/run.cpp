@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <regex>
@@ -114,6 +115,17 @@ std::string dump(const char* method, jobject object) {
     return harness::text(static_cast<jstring>(text)).value_or("?");
 }
 
+// The files of the working directory held open (the JVM opens files of its own meanwhile).
+size_t openFiles() {
+    const std::string here = std::filesystem::current_path().string() + "/";
+    size_t count = 0;
+    for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        count += std::filesystem::read_symlink(fd.path(), error).string().rfind(here, 0) == 0 ? 1 : 0;
+    }
+    return count;
+}
+
 bool isStore(const std::string& line, const char* what) {
     return line.rfind(std::string("ZAVKM_") + what, 0) == 0;
 }
@@ -142,6 +154,7 @@ Play play(const Variant& v, bool traceFile) {
     if (v.nulled >= 0) args[static_cast<size_t>(v.nulled)].l = nullptr;
 
     harness::Ledger ledger(java());
+    const size_t files = openFiles();
     harness::StderrCapture capture;
     allocations = 0;
     starveAt = v.starved;
@@ -149,6 +162,10 @@ Play play(const Variant& v, bool traceFile) {
     std::string returned = row.native.call(ledger.env(), args, object);
     starveAt = 0;
     const std::string stderrText = capture.finish();
+    if (row.switchesTraceFile) {  // its own trace file, closed by CleanAll
+        Java_com_norvex_zav_tolvik_basic_KMSystem_c_1ZAVKMCleanAll(nullptr, nullptr);
+    }
+    const size_t filesAfter = openFiles();
 
     Play p;
     p.failable = fake::failableCalls();
@@ -178,8 +195,7 @@ Play play(const Variant& v, bool traceFile) {
         p.outcome.push_back("adopted " + fake::hex(static_cast<const uint8_t*>(block.ptr), 4));
     }
     if (!exception.empty()) p.outcome.push_back("exception " + exception);
-    if (row.switchesTraceFile) {  // its own trace file, closed by CleanAll
-        Java_com_norvex_zav_tolvik_basic_KMSystem_c_1ZAVKMCleanAll(nullptr, nullptr);
+    if (row.switchesTraceFile) {
         for (const std::string& line :
              harness::readTraceFile(harness::traceFileName, start, static_cast<long>(time(nullptr))).lines) {
             p.outcome.push_back("file " + steady(line));
@@ -193,6 +209,7 @@ Play play(const Variant& v, bool traceFile) {
     }
     EXPECT_THAT(fake::errors(), ::testing::IsEmpty());
     EXPECT_EQ(open, 0) << "stores opened and closed";
+    EXPECT_EQ(filesAfter, files) << "file descriptors left open";
     EXPECT_THAT(ledger.forbidden(), ::testing::IsEmpty()) << "JNI functions outside the set";
     for (const std::string& problem : ledger.stringProblems()) {
         EXPECT_EQ(problem.rfind("text released out of the order taken", 0), 0u) << problem;
