@@ -44,21 +44,15 @@ struct Variant {
 // these (tests/CMakeLists.txt): its own allocations are counted, and one of them can fail.
 std::atomic<size_t> allocations{0};
 std::atomic<size_t> starveAt{0};
-void* unlessStarved(void* (*allocate)(size_t, size_t), size_t a, size_t b) {
-    return ++allocations == starveAt ? nullptr : allocate(a, b);
-}
+bool starve() { return ++allocations == starveAt; }
 
 }  // namespace
 
 extern "C" {
-void* zav_counted_malloc(size_t n) {
-    return unlessStarved([](size_t size, size_t) { return malloc(size); }, n, 0);
-}
-void* zav_counted_calloc(size_t count, size_t n) {
-    return unlessStarved([](size_t c, size_t size) { return calloc(c, size); }, count, n);
-}
+void* zav_counted_malloc(size_t n) { return starve() ? nullptr : malloc(n); }
+void* zav_counted_calloc(size_t count, size_t n) { return starve() ? nullptr : calloc(count, n); }
 void* zav_counted_realloc(void* block, size_t n) {
-    if (++allocations == starveAt) return nullptr;
+    if (starve()) return nullptr;
     fake::noteFree(block);
     return realloc(block, n);
 }
@@ -291,3 +285,9 @@ INSTANTIATE_TEST_SUITE_P(Table, Natives, ::testing::ValuesIn(natives::table()),
                          });
 
 }  // namespace
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    ::testing::AddGlobalTestEnvironment(new harness::JvmEnvironment);
+    return RUN_ALL_TESTS();
+}

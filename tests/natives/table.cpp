@@ -11,7 +11,9 @@
 #include "jvm.h"
 #include "natives.h"
 
-#define N(cls, method) natives::native(&Java_com_norvex_zav_tolvik_basic_##cls##_c_1##method)
+// R(Class, native[, ".Branch"]): the row's name and native.
+#define R(cls, method, ...) \
+    #cls "." #method __VA_ARGS__, natives::native(&Java_com_norvex_zav_tolvik_basic_##cls##_c_1##method)
 
 namespace {
 
@@ -54,55 +56,46 @@ const std::string longLabel(300, 'x');
 
 // ---- The library's records, made when the call comes -------------------------------------------
 
+using fake::setBytes;
+using fake::text;
 ZAVKM_CertItem* cert() {
     auto* c = fake::record<ZAVKM_CertItem>();
-    fake::setBytes(c->der, c->derLength, {0x30, 0x03, 0x01, 0x02, 0x03});
-    c->shortValue1 = 3;
-    c->shortValue2 = 2048;
-    c->serialNumber = fake::text("0A");
-    c->issuer = fake::dnItem({.cn = "CA", .c = "NO"});
-    c->subject = fake::dnItem({.cn = "Alice", .o = "Org", .optionalField1 = "SN=x", .der = {0x30, 0x00}});
-    c->effectTime = 1000;
-    c->expireTime = 2000;
-    fake::setBytes(c->signature, c->signatureLength, {0xaa, 0xbb});
-    fake::setBytes(c->sigAlgId, c->sigAlgIdLength, {0x30, 0x0d});
-    c->sigAlgIdOID = fake::text("1.2.840.113549.1.1.11");
-    c->sigAlgIdOIDName = fake::text("sha256WithRSAEncryption");
-    fake::setBytes(c->spki, c->spkiLength, {0x30, 0x02});
-    fake::setBytes(c->extensions, c->extensionsLength, {0x30, 0x00});
+    *c = {.shortValue1 = 3, .shortValue2 = 2048, .serialNumber = text("0A"),
+          .issuer = fake::dnItem({.cn = "CA", .c = "NO"}),
+          .subject = fake::dnItem({.cn = "Alice", .o = "Org", .optionalField1 = "SN=x", .der = {0x30, 0x00}}),
+          .effectTime = 1000, .expireTime = 2000, .sigAlgIdOID = text("1.2.840.113549.1.1.11"),
+          .sigAlgIdOIDName = text("sha256WithRSAEncryption")};
+    setBytes(c->der, c->derLength, {0x30, 0x03, 0x01, 0x02, 0x03});
+    setBytes(c->signature, c->signatureLength, {0xaa, 0xbb});
+    setBytes(c->sigAlgId, c->sigAlgIdLength, {0x30, 0x0d});
+    setBytes(c->spki, c->spkiLength, {0x30, 0x02});
+    setBytes(c->extensions, c->extensionsLength, {0x30, 0x00});
     return c;
 }
 ZAVKM_KeyItem* key() {
     auto* k = fake::record<ZAVKM_KeyItem>();
-    k->shortValue1 = 1;
-    k->label = fake::text("lbl");
-    k->keySize = 2048;
-    k->hasPrivateKey = k->hasCertList = k->hasKeyBer = k->keyFlag1 = 1;
-    k->epki = fake::epkiItem({0x30, 0x05});
-    fake::setBytes(k->keyBer, k->keyBerLength, {0x30, 0x01, 0x05});
-    k->certList = fake::certList({cert(), cert()});
+    *k = {.shortValue1 = 1, .label = text("lbl"), .keySize = 2048, .hasPrivateKey = 1, .hasCertList = 1,
+          .hasKeyBer = 1, .keyFlag1 = 1, .epki = fake::epkiItem({0x30, 0x05}),
+          .certList = fake::certList({cert(), cert()})};
+    setBytes(k->keyBer, k->keyBerLength, {0x30, 0x01, 0x05});
     return k;
 }
 ZAVKM_ReqKeyItem* reqKey() {
+    auto* info = fake::record<ZAVKM_CertReqInfoItem>();
+    *info = {.keySize = 2048, .subjectName = fake::dnItem({.cn = "Req", .c = "NO"})};
+    setBytes(info->der, info->derLength, {0x30, 0x06});
+    setBytes(info->spki, info->spkiLength, {0x30, 0x02});
+    setBytes(info->attributes, info->attributesLength, {0xa0, 0x00});
+    auto* r = fake::record<ZAVKM_CertReqItem>();
+    *r = {.sigAlgIdOID = text("1.2.840.113549.1.1.11"), .sigAlgIdOIDName = text("sha256WithRSAEncryption"),
+          .certReqInfoItem = info};
+    setBytes(r->der, r->derLength, {0x30, 0x04});
+    setBytes(r->sig, r->sigLength, {0xcc});
+    setBytes(r->sigAlgId, r->sigAlgIdLength, {0x30, 0x0d});
     auto* k = fake::record<ZAVKM_ReqKeyItem>();
-    k->shortValue1 = 1;
-    k->label = fake::text("req");
-    k->keySize = 2048;
-    k->hasKeyBer = 1;
-    auto* r = k->certReq = fake::record<ZAVKM_CertReqItem>();
-    fake::setBytes(r->der, r->derLength, {0x30, 0x04});
-    fake::setBytes(r->sig, r->sigLength, {0xcc});
-    fake::setBytes(r->sigAlgId, r->sigAlgIdLength, {0x30, 0x0d});
-    r->sigAlgIdOID = fake::text("1.2.840.113549.1.1.11");
-    r->sigAlgIdOIDName = fake::text("sha256WithRSAEncryption");
-    auto* info = r->certReqInfoItem = fake::record<ZAVKM_CertReqInfoItem>();
-    fake::setBytes(info->der, info->derLength, {0x30, 0x06});
-    info->keySize = 2048;
-    info->subjectName = fake::dnItem({.cn = "Req", .c = "NO"});
-    fake::setBytes(info->spki, info->spkiLength, {0x30, 0x02});
-    fake::setBytes(info->attributes, info->attributesLength, {0xa0, 0x00});
-    k->epki = fake::epkiItem({0x30, 0x07});
-    fake::setBytes(k->keyBer, k->keyBerLength, {0x30, 0x01, 0x05});
+    *k = {.shortValue1 = 1, .label = text("req"), .keySize = 2048, .hasKeyBer = 1, .certReq = r,
+          .epki = fake::epkiItem({0x30, 0x07})};
+    setBytes(k->keyBer, k->keyBerLength, {0x30, 0x01, 0x05});
     return k;
 }
 
@@ -133,164 +126,147 @@ const char* const tok = "tok";
 
 const std::vector<natives::Row> rows = {
     // KMSystem
-    {"KMSystem.IsUSSharedLibraryLoaded", N(KMSystem, IsUSSharedLibraryLoaded), {kms},
-     {{"ZAVKM_GetMaxCryptoKeySize", returns(0x80000000LL)}}},
-    {"KMSystem.IsUSSharedLibraryLoaded.512", N(KMSystem, IsUSSharedLibraryLoaded), {kms},
-     {{"ZAVKM_GetMaxCryptoKeySize", returns(512)}}},
-    {"KMSystem.enableFIPSMode", N(KMSystem, enableFIPSMode), {kms, z(true), z(false)},
-     {{"ZAVKM_SetCryptoInfo", returns(33)}}},
-    {"KMSystem.ZAVKMInit", N(KMSystem, ZAVKMInit), {kms, z(true)},
-     {{"ZAVKM_StartTrace", returns(5)}, {"ZAVKM_Init", returns(77)}}},
-    {"KMSystem.ZAVKMInit.NoLibraryTrace", N(KMSystem, ZAVKMInit), {kms, z(false)}},
-    {"KMSystem.ZAVKMInitDebug", N(KMSystem, ZAVKMInitDebug), {kms, z(true), z(false)}},
-    {"KMSystem.ZAVKMInitDebug.Files", N(KMSystem, ZAVKMInitDebug), {kms, z(true), z(true)},
+    {R(KMSystem, IsUSSharedLibraryLoaded), {kms}, {{"ZAVKM_GetMaxCryptoKeySize", returns(0x80000000LL)}}},
+    {R(KMSystem, IsUSSharedLibraryLoaded, ".512"), {kms}, {{"ZAVKM_GetMaxCryptoKeySize", returns(512)}}},
+    {R(KMSystem, enableFIPSMode), {kms, z(true), z(false)}, {{"ZAVKM_SetCryptoInfo", returns(33)}}},
+    {R(KMSystem, ZAVKMInit), {kms, z(true)}, {{"ZAVKM_StartTrace", returns(5)}, {"ZAVKM_Init", returns(77)}}},
+    {R(KMSystem, ZAVKMInit, ".NoLibraryTrace"), {kms, z(false)}},
+    {R(KMSystem, ZAVKMInitDebug), {kms, z(true), z(false)}},
+    {R(KMSystem, ZAVKMInitDebug, ".Files"), {kms, z(true), z(true)},
      {{"ZAVKM_StartTrace", returns(5)}, {"ZAVKM_StartTrace", returns(6)}}, true},
-    {"KMSystem.ZAVKMCleanAll", N(KMSystem, ZAVKMCleanAll), {kms}, {{"ZAVKM_CleanAll", returns(5)}}, true},
-    {"KMSystem.ShowLibInfo", N(KMSystem, ShowLibInfo), {kms}},
+    {R(KMSystem, ZAVKMCleanAll), {kms}, {{"ZAVKM_CleanAll", returns(5)}}, true},
+    {R(KMSystem, ShowLibInfo), {kms}},
     // CMSKeyDatabaseException
-    {"CMSKeyDatabaseException.BuildErrCodeNameTable", N(CMSKeyDatabaseException, BuildErrCodeNameTable),
-     {cls("zavtest/ErrCodesAccepted")}},
-    {"CMSKeyDatabaseException.BuildErrCodeNameTable.Refused", N(CMSKeyDatabaseException, BuildErrCodeNameTable),
-     {cls("zavtest/ErrCodesRefusedAtTen")}},
+    {R(CMSKeyDatabaseException, BuildErrCodeNameTable), {cls("zavtest/ErrCodes")}},
+    {R(CMSKeyDatabaseException, BuildErrCodeNameTable, ".Refused"), {cls("zavtest/ErrCodesRefusedAtTen")}},
     // CMSKeyDatabase
-    {"CMSKeyDatabase.CreateNewKeyDb", N(CMSKeyDatabase, CreateNewKeyDb), {db, s(kdbFile), s("pw"), j(86400LL * 400)},
+    {R(CMSKeyDatabase, CreateNewKeyDb), {db, s(kdbFile), s("pw"), j(86400LL * 400)},
      {{"ZAVKM_CreateNewKeyDb", returns(0).out(3, ZAVKM_KeyDbHandle{7})}}},
-    {"CMSKeyDatabase.OpenKeyDb", N(CMSKeyDatabase, OpenKeyDb), {db, s(kdbFile), s("pw")}, kdb},
-    {"CMSKeyDatabase.ChangeKeyDbPwd", N(CMSKeyDatabase, ChangeKeyDbPwd),
-     {db, s(kdbFile), s("pw"), s("new"), j(3600)}},
-    {"CMSKeyDatabase.StashKeyDbPwd", N(CMSKeyDatabase, StashKeyDbPwd), {db, s(kdbFile), s("pw")}},
-    {"CMSKeyDatabase.BuildKeyLabelList", N(CMSKeyDatabase, BuildKeyLabelList), {sink, s(kdbFile), s("pw")},
+    {R(CMSKeyDatabase, OpenKeyDb), {db, s(kdbFile), s("pw")}, kdb},
+    {R(CMSKeyDatabase, ChangeKeyDbPwd), {db, s(kdbFile), s("pw"), s("new"), j(3600)}},
+    {R(CMSKeyDatabase, StashKeyDbPwd), {db, s(kdbFile), s("pw")}},
+    {R(CMSKeyDatabase, BuildKeyLabelList), {sink, s(kdbFile), s("pw")},
      with(kdb, {out("ZAVKM_GetKeyDbLabelList", 1, labelsOf({"a", nullptr, "b"})),
                 out("ZAVKM_GetReqKeyDbLabelList", 1, labelsOf({"r"}))})},
-    {"CMSKeyDatabase.BuildKeyLabelList.NoCallbacks", N(CMSKeyDatabase, BuildKeyLabelList),
-     {obj("zavtest/NoCallbacks"), s(kdbFile), s("pw")}},
-    {"CMSKeyDatabase.GetKeyItemByLabel", N(CMSKeyDatabase, GetKeyItemByLabel),
+    {R(CMSKeyDatabase, BuildKeyLabelList, ".NoCallbacks"), {obj("zavtest/NoCallbacks"), s(kdbFile), s("pw")}},
+    {R(CMSKeyDatabase, GetKeyItemByLabel),
      {db, s(kdbFile), s("pw"), s("lbl"), z(false)}, with(kdb, {out("ZAVKM_GetKeyItemByLabel", 2, key)})},
-    {"CMSKeyDatabase.GetKeyItemByLabel.Request", N(CMSKeyDatabase, GetKeyItemByLabel),
+    {R(CMSKeyDatabase, GetKeyItemByLabel, ".Request"),
      {db, s(kdbFile), s("pw"), s("req"), z(true)}, with(kdb, {out("ZAVKM_GetReqKeyItemByLabel", 2, reqKey)})},
-    {"CMSKeyDatabase.GetKeyItemByLabel.LongLabel", N(CMSKeyDatabase, GetKeyItemByLabel),
+    {R(CMSKeyDatabase, GetKeyItemByLabel, ".LongLabel"),
      {db, s(kdbFile), s("pw"), s(longLabel.c_str()), z(false)}, kdb},
-    {"CMSKeyDatabase.GetKeyItemListByLabel", N(CMSKeyDatabase, GetKeyItemListByLabel),
+    {R(CMSKeyDatabase, GetKeyItemListByLabel),
      {db, s(kdbFile), s("pw"), s("lbl")}, with(kdb, {out("ZAVKM_GetKeyItemListByLabel", 2, keys())})},
-    {"CMSKeyDatabase.IsPrivateKeyPresent", N(CMSKeyDatabase, IsPrivateKeyPresent),
+    {R(CMSKeyDatabase, IsPrivateKeyPresent),
      {db, s(kdbFile), s("pw"), s("lbl")}, with(kdb, {{"ZAVKM_IsPrivateKeyPresent", returns(0).out(2, uint8_t{1})}})},
-    {"CMSKeyDatabase.GetDefaultKeyItem", N(CMSKeyDatabase, GetDefaultKeyItem), {db, s(kdbFile), s("pw")},
+    {R(CMSKeyDatabase, GetDefaultKeyItem), {db, s(kdbFile), s("pw")},
      with(kdb, {out("ZAVKM_GetDefaultKeyItem", 1, key)})},
-    {"CMSKeyDatabase.GetKeyItemsByPublicKey", N(CMSKeyDatabase, GetKeyItemsByPublicKey),
+    {R(CMSKeyDatabase, GetKeyItemsByPublicKey),
      {db, s(kdbFile), s("pw"), i(3), b({1, 2, 3})}, with(kdb, {out("ZAVKM_GetKeyItemsByPublicKey", 3, keys())})},
-    {"CMSKeyDatabase.GetKeyItemsByPublicKey.LengthDiffers", N(CMSKeyDatabase, GetKeyItemsByPublicKey),
-     {db, s(kdbFile), s("pw"), i(2), b({1, 2, 3})}},
-    {"CMSKeyDatabase.CreateNewSelfSignedCertificate", N(CMSKeyDatabase, CreateNewSelfSignedCertificate),
+    {R(CMSKeyDatabase, GetKeyItemsByPublicKey, ".LengthDiffers"), {db, s(kdbFile), s("pw"), i(2), b({1, 2, 3})}},
+    {R(CMSKeyDatabase, CreateNewSelfSignedCertificate),
      {db, s(kdbFile), s("pw"), i(3), s("lbl"), z(true), i(2048), dn, i(365), s("c.arm"), z(true)}, kdb},
-    {"CMSKeyDatabase.CreateNewSelfSignedCertificateSigExt", N(CMSKeyDatabase, CreateNewSelfSignedCertificateSigExt),
+    {R(CMSKeyDatabase, CreateNewSelfSignedCertificateSigExt),
      {db, s(kdbFile), s("pw"), i(3), s("lbl"), z(true), i(2048), dn, i(365), i(2), i(2), b({0x30, 0}), s("c.arm"), z(false)},
      kdb},
-    {"CMSKeyDatabase.CreateNewSelfSignedCertificateSigExt.Algorithm3", N(CMSKeyDatabase, CreateNewSelfSignedCertificateSigExt),
+    {R(CMSKeyDatabase, CreateNewSelfSignedCertificateSigExt, ".Algorithm3"),
      {db, s(kdbFile), s("pw"), i(3), s("lbl"), z(true), i(2048), dn, i(365), i(3), i(2), b({0x30, 0}), s("c.arm"), z(false)}},
-    {"CMSKeyDatabase.CreateNewCertRequest", N(CMSKeyDatabase, CreateNewCertRequest),
+    {R(CMSKeyDatabase, CreateNewCertRequest),
      {db, s(kdbFile), s("pw"), s("lbl"), i(2048), dn, s("r.csr"), z(true)}, kdb},
-    {"CMSKeyDatabase.CreateNewCertRequest.Again", N(CMSKeyDatabase, CreateNewCertRequest),
+    {R(CMSKeyDatabase, CreateNewCertRequest, ".Again"),
      {db, s(kdbFile), s("pw"), s("lbl"), i(2048), dn, s("r.csr"), z(false)}, kdb},
-    {"CMSKeyDatabase.CreateNewCertRequestSigExt", N(CMSKeyDatabase, CreateNewCertRequestSigExt),
+    {R(CMSKeyDatabase, CreateNewCertRequestSigExt),
      {db, s(kdbFile), s("pw"), s("lbl"), i(2048), dn, i(1), i(2), b({0x30, 0}), s("r.csr"), z(true)}, kdb},
-    {"CMSKeyDatabase.IssueCertificate", N(CMSKeyDatabase, IssueCertificate),
+    {R(CMSKeyDatabase, IssueCertificate),
      {db, s(kdbFile), s("pw"), s("ca"), i(3), s("0A"), i(365), s("c.der"), s("out.arm"), z(false)}, kdb},
-    {"CMSKeyDatabase.IssueCertificate.Base64", N(CMSKeyDatabase, IssueCertificate),
-     {db, s(kdbFile), s("pw"), s("ca"), i(3), s("0A"), i(365), s("c.der"), s("out.arm"), z(true)},
-     with(decoded, kdb)},
-    {"CMSKeyDatabase.IssueCertificateSig", N(CMSKeyDatabase, IssueCertificateSig),
+    {R(CMSKeyDatabase, IssueCertificate, ".Base64"),
+     {db, s(kdbFile), s("pw"), s("ca"), i(3), s("0A"), i(365), s("c.der"), s("out.arm"), z(true)}, with(decoded, kdb)},
+    {R(CMSKeyDatabase, IssueCertificateSig),
      {db, s(kdbFile), s("pw"), s("ca"), i(3), s("0A"), i(365), i(2), s("c.der"), s("out.arm"), z(false)}, kdb},
-    {"CMSKeyDatabase.DeleteKeyByLabel", N(CMSKeyDatabase, DeleteKeyByLabel), {db, s(kdbFile), s("pw"), s("lbl"), z(false)}, kdb},
-    {"CMSKeyDatabase.DeleteKeyByLabel.Request", N(CMSKeyDatabase, DeleteKeyByLabel), {db, s(kdbFile), s("pw"), s("lbl"), z(true)}, kdb},
-    {"CMSKeyDatabase.InsertKey", N(CMSKeyDatabase, InsertKey),
+    {R(CMSKeyDatabase, DeleteKeyByLabel), {db, s(kdbFile), s("pw"), s("lbl"), z(false)}, kdb},
+    {R(CMSKeyDatabase, DeleteKeyByLabel, ".Request"), {db, s(kdbFile), s("pw"), s("lbl"), z(true)}, kdb},
+    {R(CMSKeyDatabase, InsertKey),
      {db, s(kdbFile), s("pw"), s("lbl"), i(2), b({0x30, 0}), i(3), b({1, 2, 3}), z(true), z(false)}, kdb},
-    {"CMSKeyDatabase.InsertReqKey", N(CMSKeyDatabase, InsertReqKey),
-     {db, s(kdbFile), s("pw"), s("lbl"), i(2), b({0x30, 0}), i(3), b({1, 2, 3})}, kdb},
-    {"CMSKeyDatabase.SetDefaultKey", N(CMSKeyDatabase, SetDefaultKey), {db, s(kdbFile), s("pw"), s("lbl")}, kdb},
-    {"CMSKeyDatabase.SetKeyTrust", N(CMSKeyDatabase, SetKeyTrust), {db, s(kdbFile), s("pw"), s("lbl"), z(true)}, kdb},
-    {"CMSKeyDatabase.EncryptPrivateKey", N(CMSKeyDatabase, EncryptPrivateKey), {db, i(3), b({1, 2, 3}), s("pw")},
+    {R(CMSKeyDatabase, InsertReqKey), {db, s(kdbFile), s("pw"), s("lbl"), i(2), b({0x30, 0}), i(3), b({1, 2, 3})}, kdb},
+    {R(CMSKeyDatabase, SetDefaultKey), {db, s(kdbFile), s("pw"), s("lbl")}, kdb},
+    {R(CMSKeyDatabase, SetKeyTrust), {db, s(kdbFile), s("pw"), s("lbl"), z(true)}, kdb},
+    {R(CMSKeyDatabase, EncryptPrivateKey), {db, i(3), b({1, 2, 3}), s("pw")},
      {out("ZAVKM_GetEPKIItemFromPrivateKey", 3, [] { return fake::epkiItem({0x30, 0x09}); })}},
-    {"CMSKeyDatabase.DecryptPrivateKey", N(CMSKeyDatabase, DecryptPrivateKey), {db, i(3), b({1, 2, 3}), s("pw")},
+    {R(CMSKeyDatabase, DecryptPrivateKey), {db, i(3), b({1, 2, 3}), s("pw")},
      {out("ZAVKM_GetPrivKeyInfoItemFromEPKIItem", 2, [] { return fake::privKeyInfoItem({0x30, 0x0a}); })}},
-    {"CMSKeyDatabase.ExportToPFXFile", N(CMSKeyDatabase, ExportToPFXFile),
-     {db, s(kdbFile), s("pw"), s("k.p12"), s("ppw"), labels}, kdb},
-    {"CMSKeyDatabase.ImportFromPFXFile", N(CMSKeyDatabase, ImportFromPFXFile), {db, s(kdbFile), s("pw"), s("k.p12"), s("ppw")}, kdb},
-    {"CMSKeyDatabase.ReceiveCert", N(CMSKeyDatabase, ReceiveCert), {db, s(kdbFile), s("pw"), s("c.der"), z(false), z(true)}, kdb},
-    {"CMSKeyDatabase.ReceiveCert.Base64", N(CMSKeyDatabase, ReceiveCert), {db, s(kdbFile), s("pw"), s("c.der"), z(true), z(true)},
+    {R(CMSKeyDatabase, ExportToPFXFile), {db, s(kdbFile), s("pw"), s("k.p12"), s("ppw"), labels}, kdb},
+    {R(CMSKeyDatabase, ImportFromPFXFile), {db, s(kdbFile), s("pw"), s("k.p12"), s("ppw")}, kdb},
+    {R(CMSKeyDatabase, ReceiveCert), {db, s(kdbFile), s("pw"), s("c.der"), z(false), z(true)}, kdb},
+    {R(CMSKeyDatabase, ReceiveCert, ".Base64"), {db, s(kdbFile), s("pw"), s("c.der"), z(true), z(true)},
      with(decoded, kdb)},
-    {"CMSKeyDatabase.AddCaCert", N(CMSKeyDatabase, AddCaCert), {db, s(kdbFile), s("pw"), s("ca"), s("c.der"), z(false)}, kdb},
-    {"CMSKeyDatabase.ExtractCert", N(CMSKeyDatabase, ExtractCert), {db, s(kdbFile), s("pw"), s("lbl"), s("o.der"), z(true)}, kdb},
-    {"CMSKeyDatabase.ExtractCertReq", N(CMSKeyDatabase, ExtractCertReq), {db, s(kdbFile), s("pw"), s("lbl"), s("r.csr")}, kdb},
-    {"CMSKeyDatabase.ExtractCertReqSig", N(CMSKeyDatabase, ExtractCertReqSig), {db, s(kdbFile), s("pw"), s("lbl"), i(2), s("r.csr")}, kdb},
-    {"CMSKeyDatabase.ExtractCertFromPKCS7Data", N(CMSKeyDatabase, ExtractCertFromPKCS7Data), {db, s("c.der"), z(false)},
+    {R(CMSKeyDatabase, AddCaCert), {db, s(kdbFile), s("pw"), s("ca"), s("c.der"), z(false)}, kdb},
+    {R(CMSKeyDatabase, ExtractCert), {db, s(kdbFile), s("pw"), s("lbl"), s("o.der"), z(true)}, kdb},
+    {R(CMSKeyDatabase, ExtractCertReq), {db, s(kdbFile), s("pw"), s("lbl"), s("r.csr")}, kdb},
+    {R(CMSKeyDatabase, ExtractCertReqSig), {db, s(kdbFile), s("pw"), s("lbl"), i(2), s("r.csr")}, kdb},
+    {R(CMSKeyDatabase, ExtractCertFromPKCS7Data), {db, s("c.der"), z(false)},
      {out("ZAVKM_ExtractCertListFromPKCS7Data", 2, [] { return fake::certList({cert(), cert()}); })}},
-    {"CMSKeyDatabase.CheckCertAsRenewal", N(CMSKeyDatabase, CheckCertAsRenewal), {db, s(kdbFile), s("pw"), i(3), b({1, 2, 3})},
+    {R(CMSKeyDatabase, CheckCertAsRenewal), {db, s(kdbFile), s("pw"), i(3), b({1, 2, 3})},
      with(kdb, {{"ZAVKM_CheckCertAsRenewal", returns(0).out(3, uint8_t{1})}})},
-    {"CMSKeyDatabase.RenewCert", N(CMSKeyDatabase, RenewCert), {db, s(kdbFile), s("pw"), i(3), b({1, 2, 3})}, kdb},
-    {"CMSKeyDatabase.ValidateCertificateChain", N(CMSKeyDatabase, ValidateCertificateChain),
+    {R(CMSKeyDatabase, RenewCert), {db, s(kdbFile), s("pw"), i(3), b({1, 2, 3})}, kdb},
+    {R(CMSKeyDatabase, ValidateCertificateChain),
      {db, s(kdbFile), s("pw"), b({1, 2, 3}), i(3)}, with(kdb, {{"ZAVKM_ValidateCertChain", returns(0).out(3, uint8_t{1})}})},
-    {"CMSKeyDatabase.Kyr2Kdb", N(CMSKeyDatabase, Kyr2Kdb), {db, s("k.kyr"), s("kpw"), s(kdbFile), s("pw")}},
-    {"CMSKeyDatabase.Kdb2Kyr", N(CMSKeyDatabase, Kdb2Kyr), {db, s(kdbFile), s("pw"), s("k.kyr"), s("kpw")}},
-    {"CMSKeyDatabase.IsPasswordRequired", N(CMSKeyDatabase, IsPasswordRequired), {db, s(kdbFile)},
+    {R(CMSKeyDatabase, Kyr2Kdb), {db, s("k.kyr"), s("kpw"), s(kdbFile), s("pw")}},
+    {R(CMSKeyDatabase, Kdb2Kyr), {db, s(kdbFile), s("pw"), s("k.kyr"), s("kpw")}},
+    {R(CMSKeyDatabase, IsPasswordRequired), {db, s(kdbFile)},
      {{"ZAVKM_IsPasswordRequired", returns(0).out(1, uint8_t{1})}}},
-    {"WEBDBKeyDatabase.IsPasswordRequired", N(WEBDBKeyDatabase, IsPasswordRequired),
+    {R(WEBDBKeyDatabase, IsPasswordRequired),
      {obj("com/norvex/zav/tolvik/basic/WEBDBKeyDatabase"), s("w.p12")},
      {{"ZAVKM_IsPasswordRequired", returns(0).out(1, uint8_t{1})}}},
     // CryptographicToken
-    {"CryptographicToken.GetCryptoTokenLabelList", N(CryptographicToken, GetCryptoTokenLabelList),
+    {R(CryptographicToken, GetCryptoTokenLabelList),
      {cls("zavtest/LabelSink"), s(mod)}, {out("ZAVKM_GetCryptoTokenLabelList", 1, labelsOf({"t1", "t2"}))}},
-    {"CryptographicToken.IsPasswordRequired", N(CryptographicToken, IsPasswordRequired), {token, s(mod), s(tok)},
+    {R(CryptographicToken, IsPasswordRequired), {token, s(mod), s(tok)},
      {{"ZAVKM_IsPasswordRequired", returns(0).out(1, uint8_t{1})}}},
-    {"CryptographicToken.ChangeKeyDbPwd", N(CryptographicToken, ChangeKeyDbPwd), {token, s(mod), s(tok), s("pw"), s("new")}},
-    {"CryptographicToken.BuildKeyLabelList", N(CryptographicToken, BuildKeyLabelList), {sink, s(mod), s(tok), s("pw")},
+    {R(CryptographicToken, ChangeKeyDbPwd), {token, s(mod), s(tok), s("pw"), s("new")}},
+    {R(CryptographicToken, BuildKeyLabelList), {sink, s(mod), s(tok), s("pw")},
      with(x, {out("ZAVKM_GetKeyDbLabelList", 1, labelsOf({"a", "b"})),
               out("ZAVKM_GetReqKeyDbLabelList", 1, labelsOf({"r"}))})},
-    {"CryptographicToken.GetKeyItemByLabel", N(CryptographicToken, GetKeyItemByLabel),
+    {R(CryptographicToken, GetKeyItemByLabel),
      {token, s(mod), s(tok), s("pw"), s("lbl"), z(false)}, with(x, {out("ZAVKM_GetKeyItemByLabel", 2, key)})},
-    {"CryptographicToken.GetKeyItemByLabel.Request", N(CryptographicToken, GetKeyItemByLabel),
+    {R(CryptographicToken, GetKeyItemByLabel, ".Request"),
      {token, s(mod), s(tok), s("pw"), s("req"), z(true)}, with(x, {out("ZAVKM_GetReqKeyItemByLabel", 2, reqKey)})},
-    {"CryptographicToken.DeleteKeyItemByLabel", N(CryptographicToken, DeleteKeyItemByLabel),
-     {token, s(mod), s(tok), s("pw"), s("lbl"), z(true)}, x},
-    {"CryptographicToken.ReceivePersonalCertificate", N(CryptographicToken, ReceivePersonalCertificate),
+    {R(CryptographicToken, DeleteKeyItemByLabel), {token, s(mod), s(tok), s("pw"), s("lbl"), z(true)}, x},
+    {R(CryptographicToken, ReceivePersonalCertificate),
      {token, s(mod), s(tok), s("pw"), s("sec.kdb"), s("spw"), s("c.der"), z(false)}, xx},
-    {"CryptographicToken.ImportCertificate", N(CryptographicToken, ImportCertificate),
+    {R(CryptographicToken, ImportCertificate),
      {token, s(mod), s(tok), s("pw"), s("sec.kdb"), s("spw"), s("lbl"), i(2), b({0x30, 0}), i(3), b({1, 2, 3})}, xx},
-    {"CryptographicToken.AddSignerCertificate", N(CryptographicToken, AddSignerCertificate),
-     {token, s(mod), s(tok), s("pw"), s("ca"), s("c.der"), z(false)}, x},
-    {"CryptographicToken.ExtractCertificate", N(CryptographicToken, ExtractCertificate),
-     {token, s(mod), s(tok), s("pw"), s("lbl"), s("o.der"), z(true)}, x},
-    {"CryptographicToken.ImportPersonalCertificateRequest", N(CryptographicToken, ImportPersonalCertificateRequest),
+    {R(CryptographicToken, AddSignerCertificate), {token, s(mod), s(tok), s("pw"), s("ca"), s("c.der"), z(false)}, x},
+    {R(CryptographicToken, ExtractCertificate), {token, s(mod), s(tok), s("pw"), s("lbl"), s("o.der"), z(true)}, x},
+    {R(CryptographicToken, ImportPersonalCertificateRequest),
      {token, s(mod), s(tok), s("pw"), s("lbl"), i(2), b({0x30, 0}), i(3), b({1, 2, 3})}, x},
-    {"CryptographicToken.RecreatePersonalCertificateRequest", N(CryptographicToken, RecreatePersonalCertificateRequest),
+    {R(CryptographicToken, RecreatePersonalCertificateRequest),
      {token, s(mod), s(tok), s("pw"), s("lbl"), i(2), s("r.csr")}, x},
-    {"CryptographicToken.CreateSelfSignedCertificate", N(CryptographicToken, CreateSelfSignedCertificate),
+    {R(CryptographicToken, CreateSelfSignedCertificate),
      {token, s(mod), s(tok), s("pw"), i(3), s("lbl"), i(2048), dn, i(365), i(2)}, x},
-    {"CryptographicToken.CreatePersonalCertificateRequest", N(CryptographicToken, CreatePersonalCertificateRequest),
+    {R(CryptographicToken, CreatePersonalCertificateRequest),
      {token, s(mod), s(tok), s("pw"), s("lbl"), i(2048), dn, i(2), s("r.csr")}, x},
-    {"CryptographicToken.ExtractPersonalCertificateRequest", N(CryptographicToken, ExtractPersonalCertificateRequest),
+    {R(CryptographicToken, ExtractPersonalCertificateRequest),
      {token, s(mod), s(tok), s("pw"), s("lbl"), s("r.csr")}, x},
-    {"CryptographicToken.IsPersonalCertificateRenewal", N(CryptographicToken, IsPersonalCertificateRenewal),
+    {R(CryptographicToken, IsPersonalCertificateRenewal),
      {token, s(mod), s(tok), s("pw"), i(3), b({1, 2, 3})},
      with(x, {{"ZAVKM_CheckCertAsRenewal", returns(0).out(3, uint8_t{1})}})},
-    {"CryptographicToken.RenewPersonalCertificate", N(CryptographicToken, RenewPersonalCertificate),
-     {token, s(mod), s(tok), s("pw"), i(3), b({1, 2, 3})}, x},
+    {R(CryptographicToken, RenewPersonalCertificate), {token, s(mod), s(tok), s("pw"), i(3), b({1, 2, 3})}, x},
     // MSCertificateStore
-    {"MSCertificateStore.GetCSPNameList", N(MSCertificateStore, GetCSPNameList), {cls("zavtest/LabelSink")},
+    {R(MSCertificateStore, GetCSPNameList), {cls("zavtest/LabelSink")},
      {out("ZAVKM_GetCryptoTokenLabelList", 1, labelsOf({"csp1", "csp2"}))}},
-    {"MSCertificateStore.BuildKeyLabelList", N(MSCertificateStore, BuildKeyLabelList), {sink, s("csp"), s("pw")},
+    {R(MSCertificateStore, BuildKeyLabelList), {sink, s("csp"), s("pw")},
      with(x, {out("ZAVKM_GetKeyDbLabelList", 1, labelsOf({"a", "b"}))})},
-    {"MSCertificateStore.GetKeyItemByLabel", N(MSCertificateStore, GetKeyItemByLabel), {store, s("csp"), s("pw"), s("lbl")},
+    {R(MSCertificateStore, GetKeyItemByLabel), {store, s("csp"), s("pw"), s("lbl")},
      with(x, {out("ZAVKM_GetKeyItemByLabel", 2, key)})},
-    {"MSCertificateStore.GetKeyItemListByLabel", N(MSCertificateStore, GetKeyItemListByLabel),
+    {R(MSCertificateStore, GetKeyItemListByLabel),
      {store, s("csp"), s("pw"), s("lbl")}, with(x, {out("ZAVKM_GetKeyItemListByLabel", 2, keys())})},
-    {"MSCertificateStore.GetKeyItemsByPublicKey", N(MSCertificateStore, GetKeyItemsByPublicKey),
+    {R(MSCertificateStore, GetKeyItemsByPublicKey),
      {store, s("csp"), s("pw"), i(3), b({1, 2, 3})}, with(x, {out("ZAVKM_GetKeyItemsByPublicKey", 3, keys())})},
-    {"MSCertificateStore.DeleteKeyItemByLabel", N(MSCertificateStore, DeleteKeyItemByLabel), {store, s("csp"), s("pw"), s("lbl")}, x},
-    {"MSCertificateStore.ImportCertificate", N(MSCertificateStore, ImportCertificate),
+    {R(MSCertificateStore, DeleteKeyItemByLabel), {store, s("csp"), s("pw"), s("lbl")}, x},
+    {R(MSCertificateStore, ImportCertificate),
      {store, s("csp"), s("pw"), s("lbl"), i(2), b({0x30, 0}), i(3), b({1, 2, 3})}, x},
-    {"MSCertificateStore.AddSignerCertificate", N(MSCertificateStore, AddSignerCertificate),
-     {store, s("csp"), s("pw"), s("ca"), s("c.der"), z(false)}, x},
-    {"MSCertificateStore.CreateNewSelfSignedCertificate", N(MSCertificateStore, CreateNewSelfSignedCertificate),
+    {R(MSCertificateStore, AddSignerCertificate), {store, s("csp"), s("pw"), s("ca"), s("c.der"), z(false)}, x},
+    {R(MSCertificateStore, CreateNewSelfSignedCertificate),
      {store, s("csp"), s("pw"), i(3), s("lbl"), i(2048), dn, i(365), i(2), i(2), b({0x30, 0})}, x},
 };
 

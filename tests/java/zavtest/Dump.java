@@ -50,9 +50,11 @@ public final class Dump {
 
     /** statics - what the static callbacks received since the last call, then forgotten. */
     public static String statics() throws IllegalAccessException {
-        String text = of(LabelSink.staticLog()) + " " + of(ErrCodeLog.names());
-        LabelSink.clearStatic();
-        ErrCodeLog.clear();
-        return text;
+        synchronized (ErrCodes.class) {
+            String text = of(LabelSink.staticLog()) + " " + of(ErrCodes.log);
+            LabelSink.clearStatic();
+            ErrCodes.log.clear();
+            return text;
+        }
     }
 }
