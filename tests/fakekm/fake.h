@@ -64,13 +64,10 @@ struct Step {
     bool null = false;  // ZAVKM_Malloc, ZAVKM_Realloc, ZAVKM_Strdup: hand out null
     std::vector<Effect> effects;
 
-    Step& then(Effect effect) {
-        effects.push_back(std::move(effect));
-        return *this;
-    }
     template <class T>
     Step& out(size_t index, T value) {
-        return then(fake::out(index, std::move(value)));
+        effects.push_back(fake::out(index, std::move(value)));
+        return *this;
     }
 };
 
@@ -111,8 +108,7 @@ FAKE_API std::vector<std::string> operationNames();
 struct Block {
     const void* ptr;
     size_t size;
-    std::string origin;      // "ZAVKM_Malloc", "ZAVKM_Strdup", "test" (the builders below), or
-                             // "untracked" (malloc'd by the bridge, seen only when released)
+    std::string origin;  // "ZAVKM_Malloc", "ZAVKM_Strdup", "ZAVKM_Realloc" or "test" (the builders)
 };
 
 // outstanding lists the tracked blocks not yet released.
@@ -147,22 +143,9 @@ T* record() {
     return static_cast<T*>(allocate(sizeof(T)));
 }
 
-// The parts of a DN record; null texts stay null.
-struct DN {
-    const char* cn = nullptr;
-    const char* ou = nullptr;
-    const char* o = nullptr;
-    const char* l = nullptr;
-    const char* s = nullptr;
-    const char* pc = nullptr;
-    const char* c = nullptr;
-    const char* optionalField1 = nullptr;
-    const char* optionalField2 = nullptr;
-    const char* optionalField3 = nullptr;
-    const char* optionalField4 = nullptr;
-    std::vector<uint8_t> der;
-};
-FAKE_API ZAVKM_DNItem* dnItem(const DN& parts);
+// dnItem: a DN record of parts in the record's order (cn, ou, o, l, s, pc, c, optionalField1
+// to 4; null or missing parts stay null) and der.
+FAKE_API ZAVKM_DNItem* dnItem(const std::vector<const char*>& parts, const std::vector<uint8_t>& der = {});
 
 // labelList builds a list with one node per entry; a null entry makes a node without a label.
 // An empty vector gives null.

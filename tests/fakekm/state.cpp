@@ -1,6 +1,7 @@
 // The fake's state, its blocks and release operations, and its test API.
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <stdexcept>
 
 #include "state.h"
@@ -249,20 +250,12 @@ namespace {
 char* textOrNull(const char* value) { return value == nullptr ? nullptr : text(value); }
 }  // namespace
 
-ZAVKM_DNItem* dnItem(const DN& parts) {
+ZAVKM_DNItem* dnItem(const std::vector<const char*>& parts, const std::vector<uint8_t>& der) {
     auto* dn = record<ZAVKM_DNItem>();
-    dn->cn = textOrNull(parts.cn);
-    dn->ou = textOrNull(parts.ou);
-    dn->o = textOrNull(parts.o);
-    dn->l = textOrNull(parts.l);
-    dn->s = textOrNull(parts.s);
-    dn->pc = textOrNull(parts.pc);
-    dn->c = textOrNull(parts.c);
-    dn->optionalField1 = textOrNull(parts.optionalField1);
-    dn->optionalField2 = textOrNull(parts.optionalField2);
-    dn->optionalField3 = textOrNull(parts.optionalField3);
-    dn->optionalField4 = textOrNull(parts.optionalField4);
-    setBytes(dn->der, dn->derLength, parts.der);
+    char** fields[] = {&dn->cn, &dn->ou, &dn->o, &dn->l, &dn->s, &dn->pc, &dn->c, &dn->optionalField1,
+                       &dn->optionalField2, &dn->optionalField3, &dn->optionalField4};
+    for (size_t i = 0; i < parts.size() && i < std::size(fields); ++i) *fields[i] = textOrNull(parts[i]);
+    setBytes(dn->der, dn->derLength, der);
     return dn;
 }
 

@@ -38,12 +38,12 @@ const Arg store = obj("com/norvex/zav/tolvik/basic/MSCertificateStore");
 const Arg sink = obj("zavtest/LabelSink");
 const Arg kms = cls("com/norvex/zav/tolvik/basic/KMSystem");
 const Arg dn = [] {
-    jstring none = nullptr;
     return value(harness::newObject(
         "com/norvex/zav/tolvik/basic/DNItem",
         "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;"
         "Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;[B)V",
-        harness::str("Alice"), none, harness::str("Org"), none, none, none, harness::str("US"),
+        harness::str("Alice"), harness::str("Unit"), harness::str("Org"), harness::str("Oslo"),
+        harness::str("Viken"), harness::str("0150"), harness::str("US"),
         harness::str("SN=x"), harness::byteArray({0x30, 0x00})));
 };
 const Arg labels = [] {
@@ -61,8 +61,8 @@ using fake::text;
 ZAVKM_CertItem* cert() {
     auto* c = fake::record<ZAVKM_CertItem>();
     *c = {.shortValue1 = 3, .shortValue2 = 2048, .serialNumber = text("0A"),
-          .issuer = fake::dnItem({.cn = "CA", .c = "NO"}),
-          .subject = fake::dnItem({.cn = "Alice", .o = "Org", .optionalField1 = "SN=x", .der = {0x30, 0x00}}),
+          .issuer = fake::dnItem({"CA", nullptr, nullptr, nullptr, nullptr, nullptr, "NO"}),
+          .subject = fake::dnItem({"Alice", "Unit", "Org", "Oslo", "Viken", "0150", "NO", "SN=x", "T=y"}, {0x30, 0x00}),
           .effectTime = 1000, .expireTime = 2000, .sigAlgIdOID = text("1.2.840.113549.1.1.11"),
           .sigAlgIdOIDName = text("sha256WithRSAEncryption")};
     setBytes(c->der, c->derLength, {0x30, 0x03, 0x01, 0x02, 0x03});
@@ -82,7 +82,7 @@ ZAVKM_KeyItem* key() {
 }
 ZAVKM_ReqKeyItem* reqKey() {
     auto* info = fake::record<ZAVKM_CertReqInfoItem>();
-    *info = {.keySize = 2048, .subjectName = fake::dnItem({.cn = "Req", .c = "NO"})};
+    *info = {.keySize = 2048, .subjectName = fake::dnItem({"Req", nullptr, nullptr, nullptr, nullptr, nullptr, "NO"})};
     setBytes(info->der, info->derLength, {0x30, 0x06});
     setBytes(info->spki, info->spkiLength, {0x30, 0x02});
     setBytes(info->attributes, info->attributesLength, {0xa0, 0x00});
