@@ -1,5 +1,7 @@
 #include "ledger.h"
 
+#include "fake.h"
+
 #include <algorithm>
 #include <deque>
 #include <utility>
@@ -88,7 +90,7 @@ Ledger::~Ledger() = default;
 JNIEnv* Ledger::env() const { return &env_->env; }
 
 void Ledger::noteString(bool taken, jstring string, const char* chars, bool copyFlagAsked) {
-    strings_.push_back(StringEvent{taken, string, chars, taken && chars ? chars : ""});
+    strings_.push_back(StringEvent{taken, string, chars, taken && chars ? chars : "", fake::journal().size()});
     if (copyFlagAsked) ++copyFlagsAsked_;
 }
 

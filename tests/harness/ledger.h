@@ -20,7 +20,8 @@ public:
         bool taken;
         jstring string;
         const char* chars;
-        std::string text;  // the text, read when it was taken
+        std::string text;    // the text, read when it was taken
+        size_t journalAt;    // how many library calls the fake had journaled by then
     };
     struct Env;
 

@@ -177,7 +177,7 @@ Play play(const Variant& v, bool traceFile) {
     std::map<const char*, std::string> held;  // a given-back event holds no text
     for (const harness::Ledger::StringEvent& e : ledger.strings()) {
         if (e.taken) held[e.chars] = e.text;
-        else given += " " + held[e.chars];
+        else given += " " + std::to_string(e.journalAt) + ":" + held[e.chars];
     }
     p.outcome.push_back(given);
     if (!args.empty() && args[0].l && !java()->IsInstanceOf(args[0].l, java()->FindClass("java/lang/Class")) &&
