@@ -64,21 +64,15 @@ struct Step {
     bool null = false;  // ZAVKM_Malloc, ZAVKM_Realloc, ZAVKM_Strdup: hand out null
     std::vector<Effect> effects;
 
-    Step& then(Effect effect) {
-        effects.push_back(std::move(effect));
-        return *this;
-    }
     template <class T>
     Step& out(size_t index, T value) {
-        return then(fake::out(index, std::move(value)));
+        effects.push_back(fake::out(index, std::move(value)));
+        return *this;
     }
 };
 
 // returns is the step "return value" (0 is success).
 inline Step returns(int64_t value) { return Step{value, false, {}}; }
-// returnsNull is the step "hand out null" of the memory operations.
-inline Step returnsNull() { return Step{0, true, {}}; }
-
 // reset forgets the journal, the scripts and the errors, and frees every block still handed out
 // (and those adopted by ZAVKM_SetCryptoInfo).
 FAKE_API void reset();
@@ -87,6 +81,14 @@ FAKE_API void reset();
 // returns 0 (the memory operations then allocate as usual). Throws std::invalid_argument for an
 // unknown operation name.
 FAKE_API void script(std::string_view op, Step step);
+
+// failCall makes the k-th call (1-based, since the last reset) of an operation that returns
+// something fail: it answers failureCode (the memory operations: null) and does nothing else,
+// whatever was scripted for it. 0: no call fails.
+inline constexpr int64_t failureCode = 99;
+FAKE_API void failCall(size_t k);
+// failableCalls counts the calls of operations that return something, since the last reset.
+FAKE_API size_t failableCalls();
 
 // journal returns the lines of the calls made since the last reset, in order.
 FAKE_API std::vector<std::string> journal();
@@ -106,20 +108,11 @@ FAKE_API std::vector<std::string> operationNames();
 struct Block {
     const void* ptr;
     size_t size;
-    std::string origin;      // "ZAVKM_Malloc", "ZAVKM_Strdup", "test" (the builders below), or
-                             // "untracked" (malloc'd by the bridge, seen only when released)
-    std::string releasedBy;  // "" while handed out
+    std::string origin;  // "ZAVKM_Malloc", "ZAVKM_Strdup", "ZAVKM_Realloc" or "test" (the builders)
 };
 
 // outstanding lists the tracked blocks not yet released.
 FAKE_API std::vector<Block> outstanding();
-
-// releasedBy names what released ptr last: an operation ("ZAVKM_FreeLabelList"), "free" (noted
-// through noteFree), "ZAVKM_SetCryptoInfo" (adopted); "" when it was never released.
-FAKE_API std::string releasedBy(const void* ptr);
-
-// released lists the blocks released since the last reset, in order.
-FAKE_API std::vector<Block> released();
 
 // adopted lists the blocks handed to ZAVKM_SetCryptoInfo since the last reset; they stay
 // readable until the next reset.
@@ -128,10 +121,6 @@ FAKE_API std::vector<Block> adopted();
 // allocate returns a new tracked block of size bytes, zero-filled, made with malloc (so the
 // bridge may free it with free or a release operation).
 FAKE_API void* allocate(size_t size, std::string_view origin = "test");
-
-// untracked returns a malloc'd copy of bytes that the fake does not track: for buffers the
-// bridge frees with the C library's free where that cannot be observed.
-FAKE_API uint8_t* untracked(const std::vector<uint8_t>& bytes);
 
 // noteFree tells the fake that the C library's free is about to release ptr (used by test
 // binaries that wrap free); tracked blocks are then recorded as released by "free".
@@ -154,22 +143,9 @@ T* record() {
     return static_cast<T*>(allocate(sizeof(T)));
 }
 
-// The parts of a DN record; null texts stay null.
-struct DN {
-    const char* cn = nullptr;
-    const char* ou = nullptr;
-    const char* o = nullptr;
-    const char* l = nullptr;
-    const char* s = nullptr;
-    const char* pc = nullptr;
-    const char* c = nullptr;
-    const char* optionalField1 = nullptr;
-    const char* optionalField2 = nullptr;
-    const char* optionalField3 = nullptr;
-    const char* optionalField4 = nullptr;
-    std::vector<uint8_t> der;
-};
-FAKE_API ZAVKM_DNItem* dnItem(const DN& parts);
+// dnItem: a DN record of parts in the record's order (cn, ou, o, l, s, pc, c, optionalField1
+// to 4; null or missing parts stay null) and der.
+FAKE_API ZAVKM_DNItem* dnItem(const std::vector<const char*>& parts, const std::vector<uint8_t>& der = {});
 
 // labelList builds a list with one node per entry; a null entry makes a node without a label.
 // An empty vector gives null.

@@ -159,6 +159,12 @@ struct Op {
         st.journal.push_back(line + ")");
 
         Step step = takeStep(name);
+        if constexpr (!std::is_void_v<R>) {
+            if (++st.failableCalls == st.failAt) {
+                step = Step{failureCode, true, {}};
+                st.journal.back() += " failed";
+            }
+        }
         void* made = nullptr;
         try {
             for (const Effect& effect : step.effects) effect(call);

@@ -1,9 +1,11 @@
 // The fake's state, its blocks and release operations, and its test API.
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <stdexcept>
 
 #include "state.h"
+#include "zavkm/record_fields.h"
 
 namespace fake {
 namespace detail {
@@ -15,7 +17,7 @@ State& state() {
 
 void track(const void* ptr, size_t size, std::string_view origin) {
     if (ptr == nullptr) return;
-    state().live[ptr] = Block{ptr, size, std::string(origin), ""};
+    state().live[ptr] = Block{ptr, size, std::string(origin)};
 }
 
 bool isTracked(const void* ptr) { return state().live.count(ptr) != 0; }
@@ -25,18 +27,8 @@ size_t trackedSize(const void* ptr) {
     return found == state().live.end() ? 0 : found->second.size;
 }
 
-// Moves a tracked block (or an untracked one) to the released list.
-void noteRelease(const void* ptr, std::string_view by) {
-    auto found = state().live.find(ptr);
-    Block block = found != state().live.end() ? found->second : Block{ptr, 0, "untracked", ""};
-    block.releasedBy = by;
-    if (found != state().live.end()) state().live.erase(found);
-    state().releases.push_back(std::move(block));
-}
-
-void release(const void* ptr, std::string_view by) {
-    if (ptr == nullptr) return;
-    noteRelease(ptr, by);
+void release(const void* ptr) {
+    state().live.erase(ptr);
     free(const_cast<void*>(ptr));
 }
 
@@ -52,100 +44,16 @@ Step takeStep(std::string_view op) {
 
 namespace {
 
-// ---- Deep release of the records, as the library's release operations do it ----------------
-
-void releaseDN(const ZAVKM_DNItem* dn, std::string_view by) {
-    if (dn == nullptr) return;
-    for (const char* part : {dn->cn, dn->ou, dn->o, dn->l, dn->s, dn->pc, dn->c, dn->optionalField1,
-                             dn->optionalField2, dn->optionalField3, dn->optionalField4}) {
-        release(part, by);
-    }
-    release(dn->der, by);
-    release(dn, by);
-}
-
-void releaseCert(const ZAVKM_CertItem* cert, std::string_view by) {
-    if (cert == nullptr) return;
-    release(cert->der, by);
-    release(cert->serialNumber, by);
-    releaseDN(cert->issuer, by);
-    releaseDN(cert->subject, by);
-    release(cert->signature, by);
-    release(cert->sigAlgId, by);
-    release(cert->sigAlgIdOID, by);
-    release(cert->sigAlgIdOIDName, by);
-    release(cert->spki, by);
-    release(cert->extensions, by);
-    release(cert, by);
-}
-
-void releaseCertList(const ZAVKM_CertItemList* list, std::string_view by) {
-    while (list != nullptr) {
-        const ZAVKM_CertItemList* next = list->next;
-        releaseCert(list->cert, by);
-        release(list, by);
-        list = next;
-    }
-}
-
-void releaseCertReq(const ZAVKM_CertReqItem* request, std::string_view by) {
-    if (request == nullptr) return;
-    release(request->der, by);
-    release(request->sig, by);
-    release(request->sigAlgId, by);
-    release(request->sigAlgIdOID, by);
-    release(request->sigAlgIdOIDName, by);
-    if (const ZAVKM_CertReqInfoItem* info = request->certReqInfoItem) {
-        release(info->der, by);
-        releaseDN(info->subjectName, by);
-        release(info->spki, by);
-        release(info->attributes, by);
-        release(info, by);
-    }
-    release(request, by);
-}
-
-template <class Record>  // ZAVKM_EPKIItem, ZAVKM_PrivKeyInfoItem
-void releaseDer(const Record* record, std::string_view by) {
-    if (record == nullptr) return;
-    release(record->der, by);
-    release(record, by);
-}
-
-void releaseKey(const ZAVKM_KeyItem* key, std::string_view by) {
-    if (key == nullptr) return;
-    release(key->label, by);
-    releaseDer(key->epki, by);
-    release(key->keyBer, by);
-    releaseCertList(key->certList, by);
-    release(key, by);
-}
-
-void releaseReqKey(const ZAVKM_ReqKeyItem* key, std::string_view by) {
-    if (key == nullptr) return;
-    release(key->label, by);
-    releaseCertReq(key->certReq, by);
-    releaseDer(key->epki, by);
-    release(key->keyBer, by);
-    release(key, by);
-}
-
-void releaseKeyList(const ZAVKM_KeyItemList* list, std::string_view by) {
-    while (list != nullptr) {
-        const ZAVKM_KeyItemList* next = list->next;
-        releaseKey(list->key, by);
-        release(list, by);
-        list = next;
-    }
-}
-
-void releaseLabels(const ZAVKM_LabelList* list, std::string_view by) {
-    while (list != nullptr) {
-        const ZAVKM_LabelList* next = list->next;
-        release(list->label, by);
-        release(list, by);
-        list = next;
-    }
+// The library's release operations, walking records with the library's own description.
+struct Releasing {
+    void text(char* t) { release(t); }
+    void bytes(uint8_t* p, uint32_t, bool) { release(p); }
+    void block(void* p) { release(p); }
+};
+template <class Record>
+void releaseDeep(const Call& call) {
+    Releasing releasing;
+    zavkm::fields::releaseAll(call.arg<Record*>(0), releasing);
 }
 
 void* newBlock(size_t size, std::string_view origin, int fill) {
@@ -201,7 +109,7 @@ void* behave(std::string_view op, const Call& call, const Step& step) {
             error("ZAVKM_Free of a block the library never handed out (or freed twice)");
             return nullptr;
         }
-        release(block, op);
+        release(block);
         return nullptr;
     }
     if (op == "ZAVKM_SetCryptoInfo") {  // the block stays with the library, whatever it answers
@@ -212,7 +120,7 @@ void* behave(std::string_view op, const Call& call, const Step& step) {
             error("ZAVKM_SetCryptoInfo of a block the library never handed out");
         } else {
             state().adopted.push_back(found->second);
-            noteRelease(block, op);
+            state().live.erase(block);
         }
         return nullptr;
     }
@@ -222,21 +130,21 @@ void* behave(std::string_view op, const Call& call, const Step& step) {
     } else if (op == "ZAVKM_InitEPKIItem") {
         clearRecord<ZAVKM_EPKIItem>(call);
     } else if (op == "ZAVKM_FreeLabelList") {
-        releaseLabels(call.arg<ZAVKM_LabelList*>(0), op);
+        releaseDeep<ZAVKM_LabelList>(call);
     } else if (op == "ZAVKM_FreeDNItem") {
-        releaseDN(call.arg<ZAVKM_DNItem*>(0), op);
+        releaseDeep<ZAVKM_DNItem>(call);
     } else if (op == "ZAVKM_FreeEPKIItem") {
-        releaseDer(call.arg<ZAVKM_EPKIItem*>(0), op);
+        releaseDeep<ZAVKM_EPKIItem>(call);
     } else if (op == "ZAVKM_FreePrivKeyInfoItem") {
-        releaseDer(call.arg<ZAVKM_PrivKeyInfoItem*>(0), op);
+        releaseDeep<ZAVKM_PrivKeyInfoItem>(call);
     } else if (op == "ZAVKM_FreeCertItemList") {
-        releaseCertList(call.arg<ZAVKM_CertItemList*>(0), op);
+        releaseDeep<ZAVKM_CertItemList>(call);
     } else if (op == "ZAVKM_FreeKeyItem") {
-        releaseKey(call.arg<ZAVKM_KeyItem*>(0), op);
+        releaseDeep<ZAVKM_KeyItem>(call);
     } else if (op == "ZAVKM_FreeReqKeyItem") {
-        releaseReqKey(call.arg<ZAVKM_ReqKeyItem*>(0), op);
+        releaseDeep<ZAVKM_ReqKeyItem>(call);
     } else if (op == "ZAVKM_FreeKeyItemList") {
-        releaseKeyList(call.arg<ZAVKM_KeyItemList*>(0), op);
+        releaseDeep<ZAVKM_KeyItemList>(call);
     }
     return nullptr;
 }
@@ -252,10 +160,21 @@ void reset() {
     for (const Block& block : state().adopted) free(const_cast<void*>(block.ptr));
     state().live.clear();
     state().adopted.clear();
-    state().releases.clear();
     state().journal.clear();
     state().scripts.clear();
     state().errors.clear();
+    state().failAt = 0;
+    state().failableCalls = 0;
+}
+
+void failCall(size_t k) {
+    Lock lock(state().mutex);
+    state().failAt = k;
+}
+
+size_t failableCalls() {
+    Lock lock(state().mutex);
+    return state().failableCalls;
 }
 
 void script(std::string_view op, Step step) {
@@ -296,20 +215,6 @@ std::vector<Block> outstanding() {
     return blocks;
 }
 
-std::string releasedBy(const void* ptr) {
-    Lock lock(state().mutex);
-    const auto& releases = state().releases;
-    for (auto it = releases.rbegin(); it != releases.rend(); ++it) {
-        if (it->ptr == ptr) return it->releasedBy;
-    }
-    return "";
-}
-
-std::vector<Block> released() {
-    Lock lock(state().mutex);
-    return state().releases;
-}
-
 std::vector<Block> adopted() {
     Lock lock(state().mutex);
     return state().adopted;
@@ -323,17 +228,10 @@ void* allocate(size_t size, std::string_view origin) {
     return block;
 }
 
-uint8_t* untracked(const std::vector<uint8_t>& bytes) {
-    auto* copy = static_cast<uint8_t*>(malloc(bytes.empty() ? 1 : bytes.size()));
-    if (copy == nullptr) throw std::bad_alloc();
-    if (!bytes.empty()) memcpy(copy, bytes.data(), bytes.size());
-    return copy;
-}
-
 void noteFree(const void* ptr) {
     if (ptr == nullptr) return;
     Lock lock(state().mutex);
-    if (detail::isTracked(ptr)) detail::noteRelease(ptr, "free");
+    state().live.erase(ptr);
 }
 
 char* text(std::string_view text) {
@@ -352,20 +250,12 @@ namespace {
 char* textOrNull(const char* value) { return value == nullptr ? nullptr : text(value); }
 }  // namespace
 
-ZAVKM_DNItem* dnItem(const DN& parts) {
+ZAVKM_DNItem* dnItem(const std::vector<const char*>& parts, const std::vector<uint8_t>& der) {
     auto* dn = record<ZAVKM_DNItem>();
-    dn->cn = textOrNull(parts.cn);
-    dn->ou = textOrNull(parts.ou);
-    dn->o = textOrNull(parts.o);
-    dn->l = textOrNull(parts.l);
-    dn->s = textOrNull(parts.s);
-    dn->pc = textOrNull(parts.pc);
-    dn->c = textOrNull(parts.c);
-    dn->optionalField1 = textOrNull(parts.optionalField1);
-    dn->optionalField2 = textOrNull(parts.optionalField2);
-    dn->optionalField3 = textOrNull(parts.optionalField3);
-    dn->optionalField4 = textOrNull(parts.optionalField4);
-    setBytes(dn->der, dn->derLength, parts.der);
+    char** fields[] = {&dn->cn, &dn->ou, &dn->o, &dn->l, &dn->s, &dn->pc, &dn->c, &dn->optionalField1,
+                       &dn->optionalField2, &dn->optionalField3, &dn->optionalField4};
+    for (size_t i = 0; i < parts.size() && i < std::size(fields); ++i) *fields[i] = textOrNull(parts[i]);
+    setBytes(dn->der, dn->derLength, der);
     return dn;
 }
 

@@ -22,8 +22,9 @@ struct State {
     std::map<std::string, std::deque<Step>, std::less<>> scripts;
     std::vector<std::string> errors;
     std::unordered_map<const void*, Block> live;              // tracked blocks handed out
-    std::vector<Block> releases;                              // released blocks, in order
     std::vector<Block> adopted;                               // kept alive until reset
+    size_t failAt = 0;          // the failable call that fails (1-based; 0: none)
+    size_t failableCalls = 0;   // calls of operations that return something, since reset
 };
 
 // state returns the one State; it is never destroyed, so calls made while the process exits
@@ -33,10 +34,9 @@ State& state();
 using Lock = std::lock_guard<std::recursive_mutex>;
 
 // track records a block handed out; release frees ptr (tracked or not: release operations
-// accept blocks the bridge made with malloc) and records who released it.
+// accept blocks the bridge made with malloc) and forgets it.
 void track(const void* ptr, size_t size, std::string_view origin);
-void release(const void* ptr, std::string_view by);
-void noteRelease(const void* ptr, std::string_view by);
+void release(const void* ptr);
 bool isTracked(const void* ptr);
 size_t trackedSize(const void* ptr);
 void error(std::string text);

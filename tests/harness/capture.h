@@ -7,57 +7,36 @@
 
 namespace harness {
 
-// FdCapture sends a file descriptor (2: standard error, 1: standard output) to a private file
-// from construction until finish() (or destruction), then puts the old one back.
-class FdCapture {
+// StderrCapture sends standard error to a private file until finish() (or destruction).
+class StderrCapture {
 public:
-    explicit FdCapture(int fd);
-    ~FdCapture();
-    FdCapture(const FdCapture&) = delete;
-    FdCapture& operator=(const FdCapture&) = delete;
-
-    // finish restores the descriptor and returns what was written meanwhile.
-    std::string finish();
+    StderrCapture();
+    ~StderrCapture() { finish(); }
+    StderrCapture(const StderrCapture&) = delete;
+    StderrCapture& operator=(const StderrCapture&) = delete;
+    std::string finish();  // puts standard error back; what was written meanwhile
 
 private:
-    int fd_;
     int saved_ = -1;
     int file_ = -1;
 };
 
-class StderrCapture : public FdCapture {
-public:
-    StderrCapture() : FdCapture(2) {}
-};
-
-// stderrChannelOn tells whether the bridge traces to standard error in this process: the
-// variable is read once when the bridge loads, and only its presence counts.
+// stderrChannelOn: the variable is read once when the bridge loads, and only its presence
+// counts. ZAV_EXPECT_DEBUG (set, empty, unset) names the setting the test was registered for:
+// a setting lost on the way aborts instead of passing as another case.
 bool stderrChannelOn();
 
-// lines splits text at "\n"; a last piece without a line end is a line too.
-std::vector<std::string> lines(const std::string& text);
+std::vector<std::string> lines(const std::string& text);  // split at "\n"
+std::string readFile(const std::string& path);             // "" when it cannot be read
 
-// readFile returns the whole file, or "" when it cannot be read.
-std::string readFile(const std::string& path);
-
-// The trace file's name in the working directory.
 inline constexpr const char* traceFileName = "tvkjdbg.log";
 
-// A trace file read back: its lines with every time stamp taken out, and what is wrong with
-// the stamps (a line that does not start with one, a stamp not within the test's time span).
+// A trace file read back: its lines with every time stamp "YYYYmmdd|HH:MM:SS || " taken out,
+// and what is wrong with the stamps (a line without one, one outside [notBefore, notAfter]).
 struct FileTrace {
     std::vector<std::string> lines;
     std::vector<std::string> problems;
 };
-
-// readTraceFile reads path and checks its stamps "YYYYmmdd|HH:MM:SS || " against the local time
-// span [notBefore, notAfter] (seconds since 1970).
 FileTrace readTraceFile(const std::string& path, long notBefore, long notAfter);
-
-// matchLines compares actual lines with expected ones. An expected line may hold "{ref}" for a
-// reference traced as "0x%x" (hexadecimal digits) and "{ptr}" for a "%p". Returns "" when they
-// match, else a description of the first difference.
-std::string matchLines(const std::vector<std::string>& expected,
-                       const std::vector<std::string>& actual);
 
 }  // namespace harness

@@ -1,239 +1,81 @@
-// The JNI ledger's function table: one recording forwarder per JNI function.
 #include "ledger.h"
 
+#include "fake.h"
+
 #include <algorithm>
-#include <cstdarg>
 #include <deque>
-#include <set>
-#include <type_traits>
+#include <utility>
 
 namespace harness {
-
-// Every function of the JNI function table, in table order: F for fixed arguments, V for the
-// variadic ones (forwarded through their "V" variant).
-#define HARNESS_JNI_FUNCTIONS(F, V) \
-    F(GetVersion) F(DefineClass) F(FindClass) F(FromReflectedMethod) F(FromReflectedField) \
-    F(ToReflectedMethod) F(GetSuperclass) F(IsAssignableFrom) F(ToReflectedField) F(Throw) \
-    F(ThrowNew) F(ExceptionOccurred) F(ExceptionDescribe) F(ExceptionClear) F(FatalError) \
-    F(PushLocalFrame) F(PopLocalFrame) F(NewGlobalRef) F(DeleteGlobalRef) F(DeleteLocalRef) \
-    F(IsSameObject) F(NewLocalRef) F(EnsureLocalCapacity) F(AllocObject) V(NewObject) \
-    F(NewObjectV) F(NewObjectA) F(GetObjectClass) F(IsInstanceOf) F(GetMethodID) \
-    V(CallObjectMethod) F(CallObjectMethodV) F(CallObjectMethodA) V(CallBooleanMethod) \
-    F(CallBooleanMethodV) F(CallBooleanMethodA) V(CallByteMethod) F(CallByteMethodV) \
-    F(CallByteMethodA) V(CallCharMethod) F(CallCharMethodV) F(CallCharMethodA) \
-    V(CallShortMethod) F(CallShortMethodV) F(CallShortMethodA) V(CallIntMethod) \
-    F(CallIntMethodV) F(CallIntMethodA) V(CallLongMethod) F(CallLongMethodV) \
-    F(CallLongMethodA) V(CallFloatMethod) F(CallFloatMethodV) F(CallFloatMethodA) \
-    V(CallDoubleMethod) F(CallDoubleMethodV) F(CallDoubleMethodA) V(CallVoidMethod) \
-    F(CallVoidMethodV) F(CallVoidMethodA) V(CallNonvirtualObjectMethod) \
-    F(CallNonvirtualObjectMethodV) F(CallNonvirtualObjectMethodA) \
-    V(CallNonvirtualBooleanMethod) F(CallNonvirtualBooleanMethodV) \
-    F(CallNonvirtualBooleanMethodA) V(CallNonvirtualByteMethod) F(CallNonvirtualByteMethodV) \
-    F(CallNonvirtualByteMethodA) V(CallNonvirtualCharMethod) F(CallNonvirtualCharMethodV) \
-    F(CallNonvirtualCharMethodA) V(CallNonvirtualShortMethod) F(CallNonvirtualShortMethodV) \
-    F(CallNonvirtualShortMethodA) V(CallNonvirtualIntMethod) F(CallNonvirtualIntMethodV) \
-    F(CallNonvirtualIntMethodA) V(CallNonvirtualLongMethod) F(CallNonvirtualLongMethodV) \
-    F(CallNonvirtualLongMethodA) V(CallNonvirtualFloatMethod) F(CallNonvirtualFloatMethodV) \
-    F(CallNonvirtualFloatMethodA) V(CallNonvirtualDoubleMethod) \
-    F(CallNonvirtualDoubleMethodV) F(CallNonvirtualDoubleMethodA) V(CallNonvirtualVoidMethod) \
-    F(CallNonvirtualVoidMethodV) F(CallNonvirtualVoidMethodA) F(GetFieldID) F(GetObjectField) \
-    F(GetBooleanField) F(GetByteField) F(GetCharField) F(GetShortField) F(GetIntField) \
-    F(GetLongField) F(GetFloatField) F(GetDoubleField) F(SetObjectField) F(SetBooleanField) \
-    F(SetByteField) F(SetCharField) F(SetShortField) F(SetIntField) F(SetLongField) \
-    F(SetFloatField) F(SetDoubleField) F(GetStaticMethodID) V(CallStaticObjectMethod) \
-    F(CallStaticObjectMethodV) F(CallStaticObjectMethodA) V(CallStaticBooleanMethod) \
-    F(CallStaticBooleanMethodV) F(CallStaticBooleanMethodA) V(CallStaticByteMethod) \
-    F(CallStaticByteMethodV) F(CallStaticByteMethodA) V(CallStaticCharMethod) \
-    F(CallStaticCharMethodV) F(CallStaticCharMethodA) V(CallStaticShortMethod) \
-    F(CallStaticShortMethodV) F(CallStaticShortMethodA) V(CallStaticIntMethod) \
-    F(CallStaticIntMethodV) F(CallStaticIntMethodA) V(CallStaticLongMethod) \
-    F(CallStaticLongMethodV) F(CallStaticLongMethodA) V(CallStaticFloatMethod) \
-    F(CallStaticFloatMethodV) F(CallStaticFloatMethodA) V(CallStaticDoubleMethod) \
-    F(CallStaticDoubleMethodV) F(CallStaticDoubleMethodA) V(CallStaticVoidMethod) \
-    F(CallStaticVoidMethodV) F(CallStaticVoidMethodA) F(GetStaticFieldID) \
-    F(GetStaticObjectField) F(GetStaticBooleanField) F(GetStaticByteField) \
-    F(GetStaticCharField) F(GetStaticShortField) F(GetStaticIntField) F(GetStaticLongField) \
-    F(GetStaticFloatField) F(GetStaticDoubleField) F(SetStaticObjectField) \
-    F(SetStaticBooleanField) F(SetStaticByteField) F(SetStaticCharField) \
-    F(SetStaticShortField) F(SetStaticIntField) F(SetStaticLongField) F(SetStaticFloatField) \
-    F(SetStaticDoubleField) F(NewString) F(GetStringLength) F(GetStringChars) \
-    F(ReleaseStringChars) F(NewStringUTF) F(GetStringUTFLength) F(GetStringUTFChars) \
-    F(ReleaseStringUTFChars) F(GetArrayLength) F(NewObjectArray) F(GetObjectArrayElement) \
-    F(SetObjectArrayElement) F(NewBooleanArray) F(NewByteArray) F(NewCharArray) \
-    F(NewShortArray) F(NewIntArray) F(NewLongArray) F(NewFloatArray) F(NewDoubleArray) \
-    F(GetBooleanArrayElements) F(GetByteArrayElements) F(GetCharArrayElements) \
-    F(GetShortArrayElements) F(GetIntArrayElements) F(GetLongArrayElements) \
-    F(GetFloatArrayElements) F(GetDoubleArrayElements) F(ReleaseBooleanArrayElements) \
-    F(ReleaseByteArrayElements) F(ReleaseCharArrayElements) F(ReleaseShortArrayElements) \
-    F(ReleaseIntArrayElements) F(ReleaseLongArrayElements) F(ReleaseFloatArrayElements) \
-    F(ReleaseDoubleArrayElements) F(GetBooleanArrayRegion) F(GetByteArrayRegion) \
-    F(GetCharArrayRegion) F(GetShortArrayRegion) F(GetIntArrayRegion) F(GetLongArrayRegion) \
-    F(GetFloatArrayRegion) F(GetDoubleArrayRegion) F(SetBooleanArrayRegion) \
-    F(SetByteArrayRegion) F(SetCharArrayRegion) F(SetShortArrayRegion) F(SetIntArrayRegion) \
-    F(SetLongArrayRegion) F(SetFloatArrayRegion) F(SetDoubleArrayRegion) F(RegisterNatives) \
-    F(UnregisterNatives) F(MonitorEnter) F(MonitorExit) F(GetJavaVM) F(GetStringRegion) \
-    F(GetStringUTFRegion) F(GetPrimitiveArrayCritical) F(ReleasePrimitiveArrayCritical) \
-    F(GetStringCritical) F(ReleaseStringCritical) F(NewWeakGlobalRef) F(DeleteWeakGlobalRef) \
-    F(ExceptionCheck) F(NewDirectByteBuffer) F(GetDirectBufferAddress) \
-    F(GetDirectBufferCapacity) F(GetObjectRefType) F(GetModule)
 
 struct Ledger::Env {
     JNIEnv env;  // first: a native's JNIEnv* is the address of this Env
     JNINativeInterface_ table;
     JNIEnv* real;
     Ledger* ledger;
-
-    static Env* of(JNIEnv* env) { return reinterpret_cast<Env*>(env); }
 };
 
 namespace {
 
-#define HARNESS_NAME_(name) #name,
-const char* const functionNames[] = {HARNESS_JNI_FUNCTIONS(HARNESS_NAME_, HARNESS_NAME_)};
-#undef HARNESS_NAME_
+Ledger::Env* of(JNIEnv* env) { return reinterpret_cast<Ledger::Env*>(env); }
 
-// The table holds the functions and four reserved slots before them.
-static_assert(sizeof functionNames / sizeof functionNames[0] + 4 ==
-              sizeof(JNINativeInterface_) / sizeof(void*));
-
-enum Index : size_t {
-#define HARNESS_INDEX_(name) at##name,
-    HARNESS_JNI_FUNCTIONS(HARNESS_INDEX_, HARNESS_INDEX_)
-#undef HARNESS_INDEX_
-    functionCount
-};
-
-// The name a call is recorded under. jni.h's C++ wrappers of the variadic functions (the
-// env->NewObject(...) a native writes) call the "V" variant, so a "V" call is recorded under the
-// variadic function's name.
-struct RecordedNames {
-    const char* names[functionCount];
-    RecordedNames() {
-        for (size_t i = 0; i < functionCount; ++i) names[i] = functionNames[i];
-#define HARNESS_SKIP_(name)
-#define HARNESS_AS_VARIADIC_(name) names[at##name##V] = #name;
-        HARNESS_JNI_FUNCTIONS(HARNESS_SKIP_, HARNESS_AS_VARIADIC_)
-#undef HARNESS_SKIP_
-#undef HARNESS_AS_VARIADIC_
-    }
-};
-const RecordedNames recorded;
-
-// Forwards a function with fixed arguments.
-template <auto Member, size_t I>
-struct Plain;
-template <class R, class... A, R(JNICALL* JNINativeInterface_::*M)(JNIEnv*, A...), size_t I>
-struct Plain<M, I> {
-    static R JNICALL call(JNIEnv* env, A... args) {
-        Ledger::Env* self = Ledger::Env::of(env);
-        self->ledger->note(recorded.names[I]);
-        return (self->real->functions->*M)(self->real, args...);
-    }
-};
-
-// Forwards a variadic function through its va_list variant MV; the JNI's variadic functions
-// take two or three fixed arguments after the env.
-template <auto Member, auto MemberV, size_t I>
-struct Variadic;
-template <class R, class T1, class T2, R(JNICALL* JNINativeInterface_::*M)(JNIEnv*, T1, T2, ...),
-          R(JNICALL* JNINativeInterface_::*MV)(JNIEnv*, T1, T2, va_list), size_t I>
-struct Variadic<M, MV, I> {
-    static R JNICALL call(JNIEnv* env, T1 a, T2 b, ...) {
-        Ledger::Env* self = Ledger::Env::of(env);
-        self->ledger->note(functionNames[I]);
-        va_list args;
-        va_start(args, b);
-        if constexpr (std::is_void_v<R>) {
-            (self->real->functions->*MV)(self->real, a, b, args);
-            va_end(args);
-        } else {
-            R result = (self->real->functions->*MV)(self->real, a, b, args);
-            va_end(args);
-            return result;
-        }
-    }
-};
-template <class R, class T1, class T2, class T3,
-          R(JNICALL* JNINativeInterface_::*M)(JNIEnv*, T1, T2, T3, ...),
-          R(JNICALL* JNINativeInterface_::*MV)(JNIEnv*, T1, T2, T3, va_list), size_t I>
-struct Variadic<M, MV, I> {
-    static R JNICALL call(JNIEnv* env, T1 a, T2 b, T3 c, ...) {
-        Ledger::Env* self = Ledger::Env::of(env);
-        self->ledger->note(functionNames[I]);
-        va_list args;
-        va_start(args, c);
-        if constexpr (std::is_void_v<R>) {
-            (self->real->functions->*MV)(self->real, a, b, c, args);
-            va_end(args);
-        } else {
-            R result = (self->real->functions->*MV)(self->real, a, b, c, args);
-            va_end(args);
-            return result;
-        }
-    }
-};
-
-// The functions whose arguments the ledger keeps as well.
-JNIEnv* real(JNIEnv* env) { return Ledger::Env::of(env)->real; }
-Ledger& ledgerOf(JNIEnv* env) { return *Ledger::Env::of(env)->ledger; }
-
-jclass JNICALL findClass(JNIEnv* env, const char* name) {
-    ledgerOf(env).note("FindClass");
-    ledgerOf(env).noteLookup("FindClass", name, nullptr);
-    return real(env)->FindClass(name);
-}
-
+// A slot outside the set: records its index and answers 0 (the native is wrong either way).
 template <size_t I>
-auto JNICALL methodLookup(JNIEnv* env, jclass cls, const char* name, const char* signature) {
-    ledgerOf(env).note(functionNames[I]);
-    ledgerOf(env).noteLookup(functionNames[I], name, signature);
-    if constexpr (I == atGetMethodID) return real(env)->GetMethodID(cls, name, signature);
-    if constexpr (I == atGetStaticMethodID) return real(env)->GetStaticMethodID(cls, name, signature);
-    if constexpr (I == atGetFieldID) return real(env)->GetFieldID(cls, name, signature);
+jlong JNICALL unlisted(JNIEnv* env) {
+    of(env)->ledger->outside(I);
+    return 0;
 }
+
+// Forwards an allowed function to the real env.
+template <auto Member>
+struct Forward;
+template <class R, class... A, R(JNICALL* JNINativeInterface_::*M)(JNIEnv*, A...)>
+struct Forward<M> {
+    static R JNICALL call(JNIEnv* env, A... args) { return (of(env)->real->functions->*M)(of(env)->real, args...); }
+};
 
 const char* JNICALL getStringUTFChars(JNIEnv* env, jstring string, jboolean* isCopy) {
-    ledgerOf(env).note("GetStringUTFChars");
-    const char* chars = real(env)->GetStringUTFChars(string, isCopy);
-    if (chars != nullptr) ledgerOf(env).noteString(true, string, chars, isCopy != nullptr);
+    const char* chars = of(env)->real->GetStringUTFChars(string, isCopy);
+    if (chars != nullptr) of(env)->ledger->noteString(true, string, chars, isCopy != nullptr);
     return chars;
 }
 
 void JNICALL releaseStringUTFChars(JNIEnv* env, jstring string, const char* chars) {
-    ledgerOf(env).note("ReleaseStringUTFChars");
-    ledgerOf(env).noteString(false, string, chars, false);
-    real(env)->ReleaseStringUTFChars(string, chars);
+    of(env)->ledger->noteString(false, string, chars, false);
+    of(env)->real->ReleaseStringUTFChars(string, chars);
 }
 
 jbyte* JNICALL getByteArrayElements(JNIEnv* env, jbyteArray array, jboolean* isCopy) {
-    ledgerOf(env).note("GetByteArrayElements");
-    jbyte* elements = real(env)->GetByteArrayElements(array, isCopy);
-    if (elements != nullptr) ledgerOf(env).noteElements(true, array, elements, 0);
+    jbyte* elements = of(env)->real->GetByteArrayElements(array, isCopy);
+    if (elements != nullptr) of(env)->ledger->noteElements(true, elements, 0);
     return elements;
 }
 
 void JNICALL releaseByteArrayElements(JNIEnv* env, jbyteArray array, jbyte* elements, jint mode) {
-    ledgerOf(env).note("ReleaseByteArrayElements");
-    ledgerOf(env).noteElements(false, array, elements, mode);
-    real(env)->ReleaseByteArrayElements(array, elements, mode);
+    of(env)->ledger->noteElements(false, elements, mode);
+    of(env)->real->ReleaseByteArrayElements(array, elements, mode);
 }
+
+constexpr size_t reserved = 4;  // the table's first slots, kept as the JVM has them
+constexpr size_t slots = sizeof(JNINativeInterface_) / sizeof(void*);
 
 }  // namespace
 
 Ledger::Ledger(JNIEnv* real) : env_(std::make_unique<Env>()) {
-    env_->table = *real->functions;  // the reserved slots as the JVM has them
-#define HARNESS_PLAIN_(name) \
-    env_->table.name = &Plain<&JNINativeInterface_::name, at##name>::call;
-#define HARNESS_VARIADIC_(name)                                                                   \
-    env_->table.name =                                                                           \
-        &Variadic<&JNINativeInterface_::name, &JNINativeInterface_::name##V, at##name>::call;
-    HARNESS_JNI_FUNCTIONS(HARNESS_PLAIN_, HARNESS_VARIADIC_)
-#undef HARNESS_PLAIN_
-#undef HARNESS_VARIADIC_
-    env_->table.FindClass = &findClass;
-    env_->table.GetMethodID = &methodLookup<atGetMethodID>;
-    env_->table.GetStaticMethodID = &methodLookup<atGetStaticMethodID>;
-    env_->table.GetFieldID = &methodLookup<atGetFieldID>;
+    env_->table = *real->functions;
+    auto* table = reinterpret_cast<void**>(&env_->table);
+    [&]<size_t... I>(std::index_sequence<I...>) {
+        ((table[I + reserved] = reinterpret_cast<void*>(&unlisted<I + reserved>)), ...);
+    }(std::make_index_sequence<slots - reserved>{});
+#define HARNESS_ALLOW_(name) env_->table.name = &Forward<&JNINativeInterface_::name>::call;
+    HARNESS_ALLOW_(FindClass) HARNESS_ALLOW_(GetObjectClass) HARNESS_ALLOW_(GetMethodID)
+    HARNESS_ALLOW_(GetStaticMethodID) HARNESS_ALLOW_(GetFieldID) HARNESS_ALLOW_(GetObjectField)
+    HARNESS_ALLOW_(NewObjectV) HARNESS_ALLOW_(CallVoidMethodV) HARNESS_ALLOW_(CallNonvirtualVoidMethodV)
+    HARNESS_ALLOW_(CallStaticVoidMethodV) HARNESS_ALLOW_(CallStaticBooleanMethodV)
+    HARNESS_ALLOW_(NewStringUTF) HARNESS_ALLOW_(GetArrayLength) HARNESS_ALLOW_(NewObjectArray)
+    HARNESS_ALLOW_(GetObjectArrayElement) HARNESS_ALLOW_(SetObjectArrayElement)
+    HARNESS_ALLOW_(NewByteArray) HARNESS_ALLOW_(SetByteArrayRegion)
+#undef HARNESS_ALLOW_
     env_->table.GetStringUTFChars = &getStringUTFChars;
     env_->table.ReleaseStringUTFChars = &releaseStringUTFChars;
     env_->table.GetByteArrayElements = &getByteArrayElements;
@@ -247,52 +89,13 @@ Ledger::~Ledger() = default;
 
 JNIEnv* Ledger::env() const { return &env_->env; }
 
-void Ledger::clear() {
-    calls_.clear();
-    lookups_.clear();
-    strings_.clear();
-    elements_.clear();
-    copyFlagsAsked_ = 0;
-}
-
-size_t Ledger::count(const std::string& function) const {
-    return static_cast<size_t>(std::count(calls_.begin(), calls_.end(), function));
-}
-
-const std::vector<std::string>& Ledger::allowed() {
-    static const std::vector<std::string> names = {
-        "FindClass", "GetObjectClass", "GetMethodID", "GetStaticMethodID", "GetFieldID",
-        "GetObjectField", "NewObject", "CallVoidMethod", "CallNonvirtualVoidMethod",
-        "CallStaticVoidMethod", "CallStaticBooleanMethod", "NewStringUTF", "GetStringUTFChars",
-        "ReleaseStringUTFChars", "GetArrayLength", "NewObjectArray", "GetObjectArrayElement",
-        "SetObjectArrayElement", "NewByteArray", "GetByteArrayElements",
-        "ReleaseByteArrayElements", "SetByteArrayRegion"};
-    return names;
-}
-
-std::vector<std::string> Ledger::forbidden() const {
-    const std::set<std::string> allowedSet(allowed().begin(), allowed().end());
-    std::set<std::string> seen;
-    std::vector<std::string> outside;
-    for (const std::string& call : calls_) {
-        if (allowedSet.count(call) == 0 && seen.insert(call).second) outside.push_back(call);
-    }
-    return outside;
-}
-
-void Ledger::noteLookup(const char* function, const char* name, const char* signature) {
-    std::string entry = std::string(function) + " " + (name != nullptr ? name : "null");
-    if (signature != nullptr) entry += std::string(" ") + signature;
-    lookups_.push_back(entry);
-}
-
 void Ledger::noteString(bool taken, jstring string, const char* chars, bool copyFlagAsked) {
-    strings_.push_back(StringEvent{taken, string, chars, taken && chars ? chars : ""});
+    strings_.push_back(StringEvent{taken, string, chars, taken && chars ? chars : "", fake::journal().size()});
     if (copyFlagAsked) ++copyFlagsAsked_;
 }
 
-void Ledger::noteElements(bool taken, jbyteArray array, const jbyte* elements, jint mode) {
-    elements_.push_back(Elements{taken, array, elements, mode});
+void Ledger::noteElements(bool taken, const jbyte* elements, jint mode) {
+    elements_.push_back(Elements{taken, elements, mode});
 }
 
 std::vector<std::string> Ledger::stringProblems() const {
@@ -304,18 +107,17 @@ std::vector<std::string> Ledger::stringProblems() const {
             held.push_back(&event);
             continue;
         }
-        if (held.empty()) {
+        auto match = std::find_if(held.begin(), held.end(), [&](const StringEvent* taken) {
+            return taken->chars == event.chars && taken->string == event.string;
+        });
+        if (match == held.end()) {
             problems.push_back("a text released that was not held");
-        } else if (held.front()->chars != event.chars || held.front()->string != event.string) {
-            problems.push_back("text released out of the order taken (oldest held: \"" +
-                               held.front()->text + "\")");
-            auto match = std::find_if(held.begin(), held.end(), [&](const StringEvent* taken) {
-                return taken->chars == event.chars;
-            });
-            if (match != held.end()) held.erase(match);
-        } else {
-            held.pop_front();
+            continue;
         }
+        if (match != held.begin()) {
+            problems.push_back("text released out of the order taken (oldest held: \"" + held.front()->text + "\")");
+        }
+        held.erase(match);
     }
     for (const StringEvent* event : held) problems.push_back("never released: \"" + event->text + "\"");
     return problems;
@@ -325,17 +127,15 @@ std::vector<std::string> Ledger::arrayProblems() const {
     std::vector<std::string> problems;
     std::vector<const jbyte*> held;
     for (const Elements& event : elements_) {
+        auto match = std::find(held.begin(), held.end(), event.elements);
         if (event.taken) {
             held.push_back(event.elements);
-            continue;
-        }
-        auto match = std::find(held.begin(), held.end(), event.elements);
-        if (match == held.end()) {
+        } else if (match == held.end()) {
             problems.push_back("byte-array elements released that were not held");
         } else {
             held.erase(match);
         }
-        if (event.mode != JNI_ABORT) problems.push_back("byte-array elements written back");
+        if (!event.taken && event.mode != JNI_ABORT) problems.push_back("byte-array elements written back");
     }
     if (!held.empty()) problems.push_back("byte-array elements never released");
     return problems;

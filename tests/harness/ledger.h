@@ -1,6 +1,8 @@
-// The JNI ledger: a JNIEnv whose function table records each JNI function a native calls, then
-// forwards the call to the real JNIEnv of the thread (variadic functions through their "V"
-// variant). Hand ledger.env() to the native under test; set up arguments with the real env.
+// The JNI ledger: a JNIEnv for the native under test. The functions natives may use are
+// recorded and forwarded to the real JNIEnv of the thread (jni.h's C++ wrappers of the variadic
+// ones call the "V" variants, recorded under the variadic name); every other slot of the table
+// only records that it was called, by its index in JNINativeInterface_. Set up arguments with
+// the real env.
 #pragma once
 
 #include <jni.h>
@@ -18,66 +20,40 @@ public:
         bool taken;
         jstring string;
         const char* chars;
-        std::string text;  // the text, read when it was taken
+        std::string text;    // the text, read when it was taken
+        size_t journalAt;    // how many library calls the fake had journaled by then
     };
+    struct Env;
 
-    // Ledger wraps real, the JNIEnv of the current thread.
     explicit Ledger(JNIEnv* real);
     ~Ledger();
     Ledger(const Ledger&) = delete;
     Ledger& operator=(const Ledger&) = delete;
 
-    // env is the JNIEnv to hand to a native.
     JNIEnv* env() const;
-
-    // clear forgets everything recorded so far.
-    void clear();
-
-    // calls names every JNI function called, in order.
-    const std::vector<std::string>& calls() const { return calls_; }
-    // lookups lists the class, method and field lookups with their arguments, in order:
-    // "FindClass com/x/Y", "GetMethodID <init> ([B)V", "GetStaticMethodID addX (I)Z",
-    // "GetFieldID cn Ljava/lang/String;".
-    const std::vector<std::string>& lookups() const { return lookups_; }
     const std::vector<StringEvent>& strings() const { return strings_; }
 
-    // count is how often function was called.
-    size_t count(const std::string& function) const;
-
-    // forbidden lists the functions called that are outside the set natives may use.
-    std::vector<std::string> forbidden() const;
-
-    // stringProblems describes what is wrong with the strings taken: a release that is not of
-    // the oldest text still held (texts go back in the order taken), a text never released, a
-    // copy flag asked for. Empty when all is well.
+    // forbidden lists the calls of functions outside the set natives may use.
+    const std::vector<std::string>& forbidden() const { return forbidden_; }
+    // stringProblems: a text not given back in the order taken, never given back, or taken
+    // with a copy flag asked for. Empty when all is well.
     std::vector<std::string> stringProblems() const;
-
-    // arrayProblems describes byte-array elements never released, released twice, or released
-    // with a mode that writes back into the Java array.
+    // arrayProblems: byte-array elements never released, released twice or written back.
     std::vector<std::string> arrayProblems() const;
 
-    // The names of the JNI functions natives may use.
-    static const std::vector<std::string>& allowed();
-
-    // The wrapped JNIEnv with its function table (defined with the table).
-    struct Env;
-
-    // Used by the recording functions of the table.
-    void note(const char* function) { calls_.emplace_back(function); }
-    void noteLookup(const char* function, const char* name, const char* signature);
+    // Used by the table's functions.
+    void outside(size_t index) { forbidden_.push_back("JNI function #" + std::to_string(index)); }
     void noteString(bool taken, jstring string, const char* chars, bool copyFlagAsked);
-    void noteElements(bool taken, jbyteArray array, const jbyte* elements, jint mode);
+    void noteElements(bool taken, const jbyte* elements, jint mode);
 
 private:
     struct Elements {
         bool taken;
-        jbyteArray array;
         const jbyte* elements;
         jint mode;
     };
     std::unique_ptr<Env> env_;
-    std::vector<std::string> calls_;
-    std::vector<std::string> lookups_;
+    std::vector<std::string> forbidden_;
     std::vector<StringEvent> strings_;
     std::vector<Elements> elements_;
     size_t copyFlagsAsked_ = 0;

@@ -44,9 +44,6 @@ public final class LabelSink {
     }
 
     /** log - what this sink's instance callbacks received. */
-    public List<String> log() {
-        return new ArrayList<>(log);
-    }
 
     /** staticLog - what the static callbacks received since the last clearStatic. */
     public static synchronized List<String> staticLog() {
