@@ -44,16 +44,9 @@ ZAVKM_ReturnCode ZAVKM_Kyr2Kdb(const char* kyrFileName, const char* kyrPassword,
         __func__, {kyrFileName, kyrPassword, keyDbFileName, keyDbPassword}, [&]() -> Rc {
             if (::access(kyrFileName, F_OK) != 0) return ZAVKM_ERR_FILE_OPEN_NOT_EXIST;
             std::unique_ptr<KeyDb> kdb;
-            if (Rc rc = createKeyDb(keyDbFileName, keyDbPassword, 0, kdb); rc != ZAVKM_OK)
-                return rc;
-            Rc rc = importPkcs12(*kdb, kyrFileName, kyrPassword);
-            if (rc != ZAVKM_OK) {  // nothing half-made is left behind
-                kdb->db.forbidReuse();
-                kdb.reset();
-                for (const char* suffix : {"", "-wal", "-shm", "-journal"})
-                    ::unlink((std::string(keyDbFileName) + suffix).c_str());
-            }
-            return rc;
+            return createKeyDb(keyDbFileName, keyDbPassword, 0, kdb, [&](KeyDb& k) {
+                return importPkcs12(k, kyrFileName, kyrPassword);
+            });
         });
 }
 

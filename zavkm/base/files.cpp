@@ -72,8 +72,27 @@ Rc writeFile(const char* fileName, const uint8_t* data, size_t n, unsigned mode)
             ::unlink(temp.c_str());
             return ZAVKM_ERR_FILE_WRITE;
         }
-        return ZAVKM_OK;
+        return syncDirectoryOf(fileName) ? ZAVKM_OK : ZAVKM_ERR_FILE_WRITE;
     });
+}
+
+bool syncDirectoryOf(const std::string& fileName) noexcept {
+    size_t slash = fileName.rfind('/');
+    std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : fileName.substr(0, slash);
+    int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return false;
+    bool ok = ::fsync(fd) == 0;
+    return (::close(fd) == 0) && ok;
+}
+
+Rc publishNewFile(const std::string& temp, const std::string& fileName) noexcept {
+    if (::link(temp.c_str(), fileName.c_str()) != 0) {
+        int err = errno;
+        ::unlink(temp.c_str());
+        return err == EEXIST ? ZAVKM_ERR_DATABASE_ALREADY_EXISTS : ZAVKM_ERR_DATABASE_CREATE;
+    }
+    ::unlink(temp.c_str());
+    return syncDirectoryOf(fileName) ? ZAVKM_OK : ZAVKM_ERR_DATABASE_CREATE;
 }
 
 }  // namespace zavkm

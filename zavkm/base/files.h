@@ -23,4 +23,12 @@ inline Rc writeFile(const char* fileName, const Bytes& data, unsigned mode) noex
     return writeFile(fileName, data.data(), data.size(), mode);
 }
 
+// syncDirectoryOf - fsyncs the directory that holds fileName, so a rename or link into it
+// survives a crash.
+bool syncDirectoryOf(const std::string& fileName) noexcept;
+
+// publishNewFile - gives the complete file temp (fsynced) the name fileName unless that name is
+// taken (ZAVKM_ERR_DATABASE_ALREADY_EXISTS), and syncs the directory. temp is gone afterwards.
+Rc publishNewFile(const std::string& temp, const std::string& fileName) noexcept;
+
 }  // namespace zavkm

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <ctime>
 
+#include "files.h"
 #include "ossl.h"
 #include "stash.h"
 #include "trace.h"
@@ -247,20 +248,22 @@ Rc probeKeyDbFile(const char* fileName) noexcept {
 }
 
 Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSeconds,
-               std::unique_ptr<KeyDb>& out) noexcept {
+               std::unique_ptr<KeyDb>& out, const std::function<Rc(KeyDb&)>& fill) noexcept {
     return guarded([&]() -> Rc {
         if (isEmpty(fileName)) return ZAVKM_ERR_FILENAME_NULL;
         if (password.empty()) return ZAVKM_ERR_PWD_TOO_SHORT;
-        std::string name(fileName);
-        int fd = ::open(fileName, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-        if (fd < 0) {
-            if (errno == EEXIST) return ZAVKM_ERR_DATABASE_ALREADY_EXISTS;
+        struct stat st {};
+        if (::lstat(fileName, &st) == 0) return ZAVKM_ERR_DATABASE_ALREADY_EXISTS;
+        // Built beside its final name and linked there only when whole: a crash leaves no file
+        // or the complete one.
+        const std::string final(fileName);
+        const std::string name = final + ".tmp" + std::to_string(::getpid());
+        removeFileSet(name);  // left by a killed creator with this process id
+        int fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+        if (fd < 0)
             return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED : ZAVKM_ERR_DATABASE_CREATE;
-        }
         bool modeOk = ::fchmod(fd, 0600) == 0;
         ::close(fd);
-        for (const char* suffix : {"-wal", "-shm", "-journal"})  // left by an earlier file
-            ::unlink((name + suffix).c_str());
 
         auto kdb = std::make_unique<KeyDb>();
         kdb->fileName = name;
@@ -292,8 +295,22 @@ Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSe
             if (rc == ZAVKM_OK && (code = tx.commit()) != SQLITE_OK)
                 rc = sqlRc(db, code, ZAVKM_ERR_DATABASE_CREATE);
             // The new file holds its header, schema and password record by itself.
-            if (rc == ZAVKM_OK && (code = exec(db, "PRAGMA wal_checkpoint(TRUNCATE)")) != SQLITE_OK)
+        }
+        kdb->kdf = m.kdf;
+        kdb->password =
+            SecretBytes(reinterpret_cast<const uint8_t*>(password.data()), password.size());
+        if (rc == ZAVKM_OK && fill) rc = fill(*kdb);
+        if (rc == ZAVKM_OK) {
+            sqlite3* db = kdb->db.get();
+            if (int code = exec(db, "PRAGMA wal_checkpoint(TRUNCATE)"); code != SQLITE_OK)
                 rc = sqlRc(db, code, ZAVKM_ERR_DATABASE_CREATE);
+        }
+        kdb->db.forbidReuse();
+        { Connection closing = std::move(kdb->db); }
+        if (rc == ZAVKM_OK) rc = publishNewFile(name, final);
+        if (rc == ZAVKM_OK) {
+            kdb->fileName = final;
+            if ((rc = openConnection(final, kdb->db)) != ZAVKM_OK) removeFileSet(final);
         }
         if (rc != ZAVKM_OK) {
             kdb.reset();
@@ -302,9 +319,6 @@ Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSe
         }
         cacheMaster(m.kdf, password, kdb->master);
         kdb->db.markReusable();
-        kdb->kdf = m.kdf;
-        kdb->password =
-            SecretBytes(reinterpret_cast<const uint8_t*>(password.data()), password.size());
         out = std::move(kdb);
         return ZAVKM_OK;
     });

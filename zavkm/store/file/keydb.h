@@ -6,6 +6,7 @@
 // using one file wait for each other rather than fail. Every change is one transaction.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -35,9 +36,12 @@ struct KeyDb {
 
 // createKeyDb - creates fileName (mode 0600; ZAVKM_ERR_DATABASE_ALREADY_EXISTS when it exists)
 // with a new random data key wrapped under password, and opens it. expireSeconds is the
-// password's lifetime from now (0 or less: never). On failure nothing is left on disk.
+// password's lifetime from now (0 or less: never). fill, when given, adds the first contents.
+// The file appears under its name only complete (with fill's contents); on failure nothing is
+// left on disk.
 Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSeconds,
-               std::unique_ptr<KeyDb>& out) noexcept;
+               std::unique_ptr<KeyDb>& out,
+               const std::function<Rc(KeyDb&)>& fill = {}) noexcept;
 
 // openKeyDb - opens an existing key database with its password: ZAVKM_ERR_KEYDB_NOT_EXIST for
 // a missing file, ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE for a file that is not a key database,

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "files.h"
 #include "trace.h"
 
 namespace zavkm {
@@ -18,17 +19,6 @@ constexpr uint8_t kVersion = 1;
 constexpr uint8_t kMask = 0xA5;
 constexpr size_t kHeader = 12;
 constexpr size_t kMaxPassword = 1024;
-
-bool writeAll(int fd, const uint8_t* p, size_t n) {
-    while (n > 0) {
-        ssize_t w = ::write(fd, p, n);
-        if (w < 0 && errno == EINTR) continue;
-        if (w <= 0) return false;
-        p += w;
-        n -= static_cast<size_t>(w);
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -51,17 +41,8 @@ Rc writeStash(const std::string& keyDbFileName, const std::string& password) noe
             block.data()[kHeader + i] = static_cast<uint8_t>(password[i]) ^ kMask;
 
         std::string target = stashFileName(keyDbFileName);
-        std::string temp = target + ".tmp" + std::to_string(::getpid());
-        int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
-        if (fd < 0)
-            return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED : ZAVKM_ERR_FILE_OPEN_TO_WRITE;
-        bool ok =
-            ::fchmod(fd, 0600) == 0 && writeAll(fd, block.data(), block.size()) && ::fsync(fd) == 0;
-        ok = (::close(fd) == 0) && ok;
-        if (!ok || ::rename(temp.c_str(), target.c_str()) != 0) {
-            ::unlink(temp.c_str());
-            return ZAVKM_ERR_FILE_WRITE;
-        }
+        if (Rc rc = writeFile(target.c_str(), block.data(), block.size(), 0600); rc != ZAVKM_OK)
+            return rc;
         trace("stash written: %s", target.c_str());
         return ZAVKM_OK;
     });
