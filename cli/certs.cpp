@@ -17,17 +17,19 @@ struct CertArgs {
 };
 
 const char* orNull(const std::string& s) { return s.empty() ? nullptr : s.c_str(); }
+uint32_t size(const Bytes& b) { return static_cast<uint32_t>(b.size()); }
 
 Json selfSign(Context& ctx, const CertArgs& a) {
     Store store(ctx);
     ZAVKM_DNItem subject = subjectOf(a.subject);
     Bytes ext = extensionsDer(a.san);
-    check(withProgress(a.keySize, [&] {
-              return ZAVKM_CreateSelfSignedCertSigExt(
-                  store.handle, a.label.c_str(), a.makeDefault, 3, a.keySize, &subject, a.days,
-                  a.signature, ext.empty() ? nullptr : ext.data(), static_cast<uint32_t>(ext.size()),
-                  orNull(a.out), !a.der);
-          }),
+    check(withProgress(a.keySize,
+                       [&] {
+                           return ZAVKM_CreateSelfSignedCertSigExt(
+                               store.handle, a.label.c_str(), a.makeDefault, 3, a.keySize, &subject,
+                               a.days, a.signature, ext.empty() ? nullptr : ext.data(), size(ext),
+                               orNull(a.out), !a.der);
+                       }),
           "make the self-signed certificate " + a.label);
     return {{"created", a.label}, {"file", a.out.empty() ? Json() : Json(a.out)}};
 }
@@ -43,12 +45,13 @@ Json request(Context& ctx, const CertArgs& a) {
     }
     ZAVKM_DNItem subject = subjectOf(a.subject);
     Bytes ext = extensionsDer(a.san);
-    check(withProgress(a.keySize, [&] {
-              return ZAVKM_CreateNewCertReqSigExt(
-                  store.handle, a.label.c_str(), a.keySize, &subject, a.signature,
-                  ext.empty() ? nullptr : ext.data(), static_cast<uint32_t>(ext.size()),
-                  a.out.c_str(), nullptr, nullptr);
-          }),
+    check(withProgress(a.keySize,
+                       [&] {
+                           return ZAVKM_CreateNewCertReqSigExt(
+                               store.handle, a.label.c_str(), a.keySize, &subject, a.signature,
+                               ext.empty() ? nullptr : ext.data(), size(ext), a.out.c_str(),
+                               nullptr, nullptr);
+                       }),
           "make the request " + a.label);
     return {{"request", a.label}, {"file", a.out}};
 }
@@ -56,9 +59,9 @@ Json request(Context& ctx, const CertArgs& a) {
 Json sign(Context& ctx, const CertArgs& a) {
     Store store(ctx);
     Bytes req = readFile(a.in);
-    check(ZAVKM_IssueCertSig(store.handle, req.data(), static_cast<uint32_t>(req.size()),
-                             a.issuer.c_str(), 3, a.serial.c_str(), a.days, a.signature,
-                             a.out.c_str(), !a.der, nullptr, nullptr),
+    check(ZAVKM_IssueCertSig(store.handle, req.data(), size(req), a.issuer.c_str(), 3,
+                             a.serial.c_str(), a.days, a.signature, a.out.c_str(), !a.der, nullptr,
+                             nullptr),
           "sign " + a.in + " with " + a.issuer);
     return {{"issued", a.out}, {"issuer", a.issuer}};
 }
@@ -67,7 +70,7 @@ Json sign(Context& ctx, const CertArgs& a) {
 Json labelOf(ZAVKM_KeyDbHandle handle, const Bytes& cert) {
     CertList certs;
     Owned<ZAVKM_KeyItemList, ZAVKM_FreeKeyItemList> keys;
-    ZAVKM_ExtractCertListFromPKCS7Data(cert.data(), static_cast<uint32_t>(cert.size()), out(certs));
+    ZAVKM_ExtractCertListFromPKCS7Data(cert.data(), size(cert), out(certs));
     if (!certs || !certs->cert) return nullptr;
     ZAVKM_GetKeyItemsByPublicKey(handle, certs->cert->spkiLength, certs->cert->spki, out(keys));
     return keys && keys->key ? Json(keys->key->label) : Json();
@@ -76,7 +79,7 @@ Json labelOf(ZAVKM_KeyDbHandle handle, const Bytes& cert) {
 Json receive(Context& ctx, const CertArgs& a) {
     Store store(ctx);
     Bytes cert = readFile(a.in);
-    check(ZAVKM_ReceiveCert(store.handle, cert.data(), static_cast<uint32_t>(cert.size()), a.makeDefault),
+    check(ZAVKM_ReceiveCert(store.handle, cert.data(), size(cert), a.makeDefault),
           "receive " + a.in);
     return {{"received", a.in}, {"label", labelOf(store.handle, cert)}};
 }
@@ -84,7 +87,7 @@ Json receive(Context& ctx, const CertArgs& a) {
 Json addCa(Context& ctx, const CertArgs& a) {
     Store store(ctx);
     Bytes cert = readFile(a.in);
-    check(ZAVKM_StoreCACert(store.handle, cert.data(), static_cast<uint32_t>(cert.size()), a.label.c_str()),
+    check(ZAVKM_StoreCACert(store.handle, cert.data(), size(cert), a.label.c_str()),
           "add " + a.in + " as " + a.label);
     return {{"added", a.label}, {"trusted", true}};
 }
@@ -103,7 +106,8 @@ Bytes certificate(ZAVKM_KeyDbHandle handle, const CertArgs& a) {
     KeyItem key;
     check(ZAVKM_GetKeyItemByLabel(handle, a.label.c_str(), out(key)), "read entry " + a.label);
     const ZAVKM_CertItem* cert = key->certList ? key->certList->cert : nullptr;
-    if (cert == nullptr) throw Failure{"read the certificate of " + a.label, ZAVKM_ERR_KEYREC_CERTIFICATE_NULL, ""};
+    if (cert == nullptr)
+        throw Failure{"read the certificate of " + a.label, ZAVKM_ERR_KEYREC_CERTIFICATE_NULL, ""};
     return Bytes(cert->der, cert->der + cert->derLength);
 }
 
@@ -112,7 +116,7 @@ Json validate(Context& ctx, const CertArgs& a) {
     Bytes cert = certificate(store.handle, a);
     uint8_t valid = 0;
     std::string name = a.in.empty() ? a.label : a.in;
-    check(ZAVKM_ValidateCertChain(store.handle, cert.data(), static_cast<uint32_t>(cert.size()), &valid),
+    check(ZAVKM_ValidateCertChain(store.handle, cert.data(), size(cert), &valid),
           "validate the chain of " + name);
     return {{"certificate", name}, {"valid", valid != 0}};
 }
@@ -121,7 +125,7 @@ Json renewCheck(Context& ctx, const CertArgs& a) {
     Store store(ctx);
     Bytes cert = readFile(a.in);
     uint8_t renewal = 0;
-    check(ZAVKM_CheckCertAsRenewal(store.handle, cert.data(), static_cast<uint32_t>(cert.size()), &renewal),
+    check(ZAVKM_CheckCertAsRenewal(store.handle, cert.data(), size(cert), &renewal),
           "check " + a.in);
     return {{"certificate", a.in}, {"renewal", renewal != 0}};
 }
@@ -129,7 +133,7 @@ Json renewCheck(Context& ctx, const CertArgs& a) {
 Json renew(Context& ctx, const CertArgs& a) {
     Store store(ctx);
     Bytes cert = readFile(a.in);
-    check(ZAVKM_RenewCert(store.handle, cert.data(), static_cast<uint32_t>(cert.size())), "renew with " + a.in);
+    check(ZAVKM_RenewCert(store.handle, cert.data(), size(cert)), "renew with " + a.in);
     return {{"renewed", labelOf(store.handle, cert)}, {"certificate", a.in}};
 }
 
@@ -142,28 +146,41 @@ CLI::App* add(CLI::App& cert, Context& ctx, const char* name, const char* about,
     a->days = days;
     CLI::App* cmd = verb(cert, name, about, ctx, [&ctx, a, action] { return action(ctx, *a); });
     std::string words = " " + options + " ";
-    auto optional = [&words](const std::string& o) { return words.find(" " + o + "? ") != std::string::npos; };
-    auto has = [&](const std::string& o) { return optional(o) || words.find(" " + o + " ") != std::string::npos; };
-    if (has("label")) cmd->add_option("label", a->label, "the entry's label")->required(!optional("in"));
+    auto optional = [&words](const std::string& o) {
+        return words.find(" " + o + "? ") != std::string::npos;
+    };
+    auto has = [&](const std::string& o) {
+        return optional(o) || words.find(" " + o + " ") != std::string::npos;
+    };
+    if (has("label"))
+        cmd->add_option("label", a->label, "the entry's label")->required(!optional("in"));
     if (has("subject")) {
-        cmd->add_option("-s,--subject", a->subject, "the subject: CN=name,OU=..,O=..,L=..,ST=..,C=XX")
-            ->delimiter(',')->required(!optional("subject"));
-        cmd->add_option("-k,--key-size", a->keySize, "RSA bits (1024-16384), or 256, 384, 521 for EC")
+        cmd->add_option("-s,--subject", a->subject,
+                        "the subject: CN=name,OU=..,O=..,L=..,ST=..,C=XX")
+            ->delimiter(',')
+            ->required(!optional("subject"));
+        cmd->add_option("-k,--key-size", a->keySize,
+                        "RSA bits (1024-16384), or 256, 384, 521 for EC")
             ->capture_default_str();
         cmd->add_option("--san", a->san, "subject alternative names: DNS:a.example,IP:10.0.0.1");
     }
     if (has("sig")) {
         cmd->add_option("--sig", a->signature, "signature digest: sha256 or sha384")
-            ->transform(CLI::CheckedTransformer(std::map<std::string, int>{{"sha256", 1}, {"sha384", 2}}))
+            ->transform(
+                CLI::CheckedTransformer(std::map<std::string, int>{{"sha256", 1}, {"sha384", 2}}))
             ->type_name("DIGEST");
     }
     if (has("days")) cmd->add_option("--days", a->days, "validity in days")->capture_default_str();
     if (has("default")) cmd->add_flag("--default", a->makeDefault, "make it the default key");
-    if (has("in")) cmd->add_option("-i,--in", a->in, "the input file (PEM or DER)")->required(!optional("in"));
-    if (has("out")) cmd->add_option("-o,--out", a->out, "the output file")->required(!optional("out"));
+    if (has("in"))
+        cmd->add_option("-i,--in", a->in, "the input file (PEM or DER)")->required(!optional("in"));
+    if (has("out"))
+        cmd->add_option("-o,--out", a->out, "the output file")->required(!optional("out"));
     if (has("der")) cmd->add_flag("--der", a->der, "write DER instead of PEM");
-    if (has("issuer")) cmd->add_option("--issuer", a->issuer, "the signing key's label")->required();
-    if (has("serial")) cmd->add_option("--serial", a->serial, "serial number, decimal or 0x hex (default random)");
+    if (has("issuer"))
+        cmd->add_option("--issuer", a->issuer, "the signing key's label")->required();
+    if (has("serial"))
+        cmd->add_option("--serial", a->serial, "serial number, decimal or 0x hex (default random)");
     return cmd;
 }
 
@@ -172,23 +189,28 @@ CLI::App* add(CLI::App& cert, Context& ctx, const char* name, const char* about,
 void addKeyPairVerbs(CLI::App& noun, Context& ctx) {
     add(noun, ctx, "selfsign", "a new key pair with a self-signed CA certificate", selfSign,
         "label subject sig days default out? der", 3650);
-    add(noun, ctx, "request", "a new key pair and its PKCS#10 request (without --subject: the "
-        "request again for an existing key)", request, "label subject? sig out");
+    add(noun, ctx, "request",
+        "a new key pair and its PKCS#10 request (without --subject: the "
+        "request again for an existing key)",
+        request, "label subject? sig out");
 }
 
 void addCertCommands(CLI::App& app, Context& ctx) {
-    CLI::App* cert = app.add_subcommand("cert", "make, sign, receive, check and renew certificates");
+    CLI::App* cert =
+        app.add_subcommand("cert", "make, sign, receive, check and renew certificates");
     cert->require_subcommand(1);
     addStoreOptions(cert, ctx);
     addKeyPairVerbs(*cert, ctx);
     add(*cert, ctx, "sign", "issue a certificate from a request file (SAN copied)", sign,
         "in out issuer serial days sig der");
-    add(*cert, ctx, "receive", "store the certificate issued for a request key", receive, "in default");
+    add(*cert, ctx, "receive", "store the certificate issued for a request key", receive,
+        "in default");
     add(*cert, ctx, "add-ca", "store a trusted CA certificate", addCa, "label in");
     add(*cert, ctx, "extract", "write an entry's certificate to a file", extract, "label out der");
     add(*cert, ctx, "validate", "check a certificate's chain against the trusted entries", validate,
         "label in?");
-    add(*cert, ctx, "renew-check", "say whether a certificate renews a personal key", renewCheck, "in");
+    add(*cert, ctx, "renew-check", "say whether a certificate renews a personal key", renewCheck,
+        "in");
     add(*cert, ctx, "renew", "replace a personal key's certificate with its renewal", renew, "in");
 }
 

@@ -71,8 +71,8 @@ Json encrypt(Context&, const FileArgs& a) {
     Bytes key = readFile(a.in);
     Secret pw = password(a.filePassword, "Password for " + a.out + ": ", true);
     EpkiItem epki;
-    ZAVKM_ReturnCode rc = ZAVKM_GetEPKIItemFromPrivateKey(key.data(), static_cast<uint32_t>(key.size()),
-                                                          pw.text.c_str(), out(epki));
+    ZAVKM_ReturnCode rc = ZAVKM_GetEPKIItemFromPrivateKey(
+        key.data(), static_cast<uint32_t>(key.size()), pw.text.c_str(), out(epki));
     OPENSSL_cleanse(key.data(), key.size());
     check(rc, "encrypt the key in " + a.in);
     writeKey(a, "ENCRYPTED PRIVATE KEY", epki->der, epki->derLength);
@@ -91,15 +91,16 @@ Json decrypt(Context&, const FileArgs& a) {
     ZAVKM_EPKIItem epki{data.data(), static_cast<uint32_t>(data.size())};
     Secret pw = password(a.filePassword, "Password of " + a.in + ": ", false);
     PrivKeyInfo key;
-    check(ZAVKM_GetPrivKeyInfoItemFromEPKIItem(&epki, pw.text.c_str(), out(key)), "decrypt " + a.in);
+    check(ZAVKM_GetPrivKeyInfoItemFromEPKIItem(&epki, pw.text.c_str(), out(key)),
+          "decrypt " + a.in);
     writeKey(a, "PRIVATE KEY", key->der, key->derLength);
     return {{"decrypted", a.out}};
 }
 
 using Action = Json (*)(Context&, const FileArgs&);
 
-CLI::App* noun(CLI::App& app, const char* name, const char* about,
-               std::shared_ptr<FileArgs> a, const char* passwordName, const char* passwordOf) {
+CLI::App* noun(CLI::App& app, const char* name, const char* about, std::shared_ptr<FileArgs> a,
+               const char* passwordName, const char* passwordOf) {
     CLI::App* cmd = app.add_subcommand(name, about);
     cmd->require_subcommand(1);
     addPasswordOptions(cmd, a->filePassword, passwordName, passwordOf);
@@ -123,22 +124,27 @@ void addFileCommands(CLI::App& app, Context& ctx) {
     cmd->add_option("file", p->file, "the PKCS#12 file")->required();
     cmd->add_option("labels", p->labels, "the entries to export");
     add(*p12, ctx, "import", "add every key and certificate of a PKCS#12 file", p12Import, p)
-        ->add_option("file", p->file, "the PKCS#12 file")->required();
+        ->add_option("file", p->file, "the PKCS#12 file")
+        ->required();
 
     auto k = std::make_shared<FileArgs>();
-    CLI::App* keyring = noun(app, "keyring", "convert between a key database and a keyring file",
-                             k, "keyring-password", "the keyring file");
+    CLI::App* keyring = noun(app, "keyring", "convert between a key database and a keyring file", k,
+                             "keyring-password", "the keyring file");
     addStoreOptions(keyring, ctx);
     add(*keyring, ctx, "export", "write the whole key database as a keyring file", keyringExport, k)
-        ->add_option("file", k->file, "the keyring file")->required();
-    add(*keyring, ctx, "import", "make a new key database (--db) from a keyring file", keyringImport, k)
-        ->add_option("file", k->file, "the keyring file")->required();
+        ->add_option("file", k->file, "the keyring file")
+        ->required();
+    add(*keyring, ctx, "import", "make a new key database (--db) from a keyring file",
+        keyringImport, k)
+        ->add_option("file", k->file, "the keyring file")
+        ->required();
 
     auto e = std::make_shared<FileArgs>();
     CLI::App* epki = noun(app, "epki", "encrypt and decrypt PKCS#8 private key files", e,
                           "key-password", "the encrypted key file");
-    for (CLI::App* v : {add(*epki, ctx, "encrypt", "encrypt a private key (PKCS#8 PBES2)", encrypt, e),
-                        add(*epki, ctx, "decrypt", "decrypt an encrypted private key", decrypt, e)}) {
+    for (CLI::App* v :
+         {add(*epki, ctx, "encrypt", "encrypt a private key (PKCS#8 PBES2)", encrypt, e),
+          add(*epki, ctx, "decrypt", "decrypt an encrypted private key", decrypt, e)}) {
         v->add_option("-i,--in", e->in, "the key file (PEM or DER)")->required();
         v->add_option("-o,--out", e->out, "the file to write (mode 0600)")->required();
         v->add_flag("--der", e->der, "write DER instead of PEM");

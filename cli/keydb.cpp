@@ -34,10 +34,11 @@ Json changePassword(Context& ctx, int expireDays) {
     bool restash = stashed(db);
     Secret old = keyDbPassword(ctx);
     Secret fresh = password(ctx.newPassword, "New password for " + db + ": ", true);
-    check(ZAVKM_ChangeKeyDbPwd(db.c_str(), old.text.c_str(), fresh.text.c_str(),
-                               expireDays * 86400),
-          "change the password of " + db);
-    if (restash) check(ZAVKM_StashKeyDbPwd(db.c_str(), fresh.text.c_str()), "stash the new password");
+    check(
+        ZAVKM_ChangeKeyDbPwd(db.c_str(), old.text.c_str(), fresh.text.c_str(), expireDays * 86400),
+        "change the password of " + db);
+    if (restash)
+        check(ZAVKM_StashKeyDbPwd(db.c_str(), fresh.text.c_str()), "stash the new password");
     return {{"changed", db}, {"stash_rewritten", restash}};
 }
 
@@ -54,7 +55,8 @@ Json info(Context& ctx) {
     Json doc{{"file", db}, {"bytes", std::filesystem::file_size(db)}, {"stash", stashed(db)}};
     Store store(ctx);
     Json rows = entries(store.handle);
-    std::map<std::string, int> counts{{"personal", 0}, {"signer", 0}, {"request", 0}, {"trusted", 0}};
+    std::map<std::string, int> counts{
+        {"personal", 0}, {"signer", 0}, {"request", 0}, {"trusted", 0}};
     Json next = nullptr;
     doc["default"] = nullptr;
     for (const Json& row : rows) {
@@ -77,9 +79,9 @@ void addKeyDbCommands(CLI::App& app, Context& ctx) {
     keydb->require_subcommand(1);
     addStoreOptions(keydb, ctx);
     auto expireDays = std::make_shared<int>(0);
-    verb(*keydb, "create", "create a new key database (mode 0600)", ctx,
-         [&ctx, expireDays] { return create(ctx, *expireDays); })
-        ->add_option("--expire-days", *expireDays, "the password's lifetime in days (0: none)");
+    verb(*keydb, "create", "create a new key database (mode 0600)", ctx, [&ctx, expireDays] {
+        return create(ctx, *expireDays);
+    })->add_option("--expire-days", *expireDays, "the password's lifetime in days (0: none)");
     verb(*keydb, "open-check", "check that the password opens the key database", ctx,
          [&ctx] { return openCheck(ctx); });
     CLI::App* change = verb(*keydb, "changepw", "change the password (and a stash file with it)",

@@ -12,8 +12,8 @@ void check(ZAVKM_ReturnCode rc, const std::string& what) {
     if (rc != ZAVKM_OK) throw Failure{what, rc, ""};
 }
 
-CLI::App* verb(CLI::App& parent, const std::string& name, const std::string& about,
-               Context& ctx, std::function<Json()> run) {
+CLI::App* verb(CLI::App& parent, const std::string& name, const std::string& about, Context& ctx,
+               std::function<Json()> run) {
     CLI::App* cmd = parent.add_subcommand(name, about);
     cmd->callback([&ctx, run = std::move(run)] { ctx.action = run; });
     cmd->add_flag("--json", ctx.json, "print one JSON document");
@@ -64,7 +64,8 @@ int main(int argc, char** argv) {
     addCertCommands(app, ctx);
     addFileCommands(app, ctx);
     addTokenCommands(app, ctx);
-    app.footer("Exit codes: 0 success, 1 a step failed (code and name on standard error), 2 usage.");
+    app.footer(
+        "Exit codes: 0 success, 1 a step failed (code and name on standard error), 2 usage.");
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

@@ -12,58 +12,56 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <map>
 #include <thread>
 
 #include "tolvik.h"
 
 namespace tolvik {
 
+// The names of the return codes, from the ABI's one table; the codes run 1, 2, ... in order.
 const char* codeName(ZAVKM_ReturnCode code) {
-    switch (code) {
-        case ZAVKM_OK: return "ZAVKM_OK";
-#define ZAVKM_NAME_(code, name) case code: return #name;
-        ZAVKM_RETURN_CODES(ZAVKM_NAME_)
+#define ZAVKM_NAME_(code, name) #name,
+    static const char* const names[] = {"ZAVKM_OK", ZAVKM_RETURN_CODES(ZAVKM_NAME_)};
 #undef ZAVKM_NAME_
-        default: return "(unnamed)";
-    }
+    static_assert(std::size(names) == ZAVKM_ERROR_COUNT + 1);
+    return code >= 0 && code <= ZAVKM_ERROR_COUNT ? names[code] : "(unnamed)";
 }
 
 namespace {
 
-// hint - what a person can do about a code, where there is something to say.
-const char* hint(ZAVKM_ReturnCode code) {
-    switch (code) {
-        case ZAVKM_ERR_ASN: return "the data does not decode as a certificate, request or key";
-        case ZAVKM_ERR_DATABASE_ALREADY_EXISTS: return "the file exists; choose another name";
-        case ZAVKM_ERR_DATABASE_INVALID_VERSION: return "written by a newer version of this library";
-        case ZAVKM_ERR_DATABASE_INVALID_PASSWORD: return "wrong password, or a stale stash file";
-        case ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE: return "not a key database of ours";
-        case ZAVKM_ERR_DATABASE_CORRUPTION: return "the file is damaged; restore it from a backup";
-        case ZAVKM_ERR_DATABASE_PASSWORD_CORRUPTION: return "the stash file is damaged; stash again";
-        case ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL: return "the label is taken";
-        case ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE: return "key sizes: RSA 1024-16384, EC 256, 384, 521";
-        case ZAVKM_ERR_VALIDATION_KEY_VALIDITY: return "a certificate of the chain has expired or is not yet valid";
-        case ZAVKM_ERR_VALIDATION_KEY_ISSUER_NOT_FOUND: return "add the issuer with tolvik cert add-ca";
-        case ZAVKM_ERR_VALIDATION_KEY_PAIR: return "the key does not belong to the certificate";
-        case ZAVKM_ERR_PASSWORD_EXPIRATION_TIME: return "the password has expired; tolvik keydb changepw";
-        case ZAVKM_ERR_UNSUPPORTED_OPTION: return "not available yet in this build of the library";
-        case ZAVKM_ERR_FILE_OPEN_NOT_EXIST: return "no such file";
-        case ZAVKM_ERR_BASE64_INVALID_DATA: return "neither PEM nor base64";
-        case ZAVKM_ERR_KEYDB_NOT_EXIST: return "no such key database; tolvik keydb create makes one";
-        case ZAVKM_ERR_PASSWORD_CHANGE_MATCH: return "the new password is the old one";
-        case ZAVKM_ERR_REQKEY_FOR_CERT_NULL: return "no key here matches the certificate's public key";
-        case ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL: return "the entry is a certificate without its private key";
-        case ZAVKM_ERR_KEYDB_DEFAULT_KEY_NULL: return "no default key; tolvik default LABEL";
-        case ZAVKM_ERR_INVALID_DN_INPUT: return "give --subject CN=...,O=...,C=XX (two-letter country)";
-        case ZAVKM_ERR_KEY_GET_BY_LABEL: return "unknown label; tolvik list shows the labels";
-        case ZAVKM_ERR_INVALID_PKCS12_DATA: return "not a PKCS#12 file";
-        case ZAVKM_ERR_PKCS12_PWD_CORRUPTION: return "wrong password for the PKCS#12 file";
-        case ZAVKM_ERR_EXPIRE_DAYS_TOO_LARGE: return "at most 9999 days";
-        case ZAVKM_ERR_PWD_TOO_SHORT: return "the password must not be empty";
-        case ZAVKM_ERR_CERT_ROOT_NOT_TRUSTED: return "the root is not trusted; tolvik trust LABEL on";
-        default: return "";
-    }
-}
+// What a person can do about a code, where there is something to say.
+const std::map<ZAVKM_ReturnCode, const char*> hints{
+    {ZAVKM_ERR_ASN, "the data does not decode as a certificate, request or key"},
+    {ZAVKM_ERR_DATABASE_ALREADY_EXISTS, "the file exists; choose another name"},
+    {ZAVKM_ERR_DATABASE_INVALID_VERSION, "written by a newer version of this library"},
+    {ZAVKM_ERR_DATABASE_INVALID_PASSWORD, "wrong password, or a stale stash file"},
+    {ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE, "not a key database of ours"},
+    {ZAVKM_ERR_DATABASE_CORRUPTION, "the file is damaged; restore it from a backup"},
+    {ZAVKM_ERR_DATABASE_PASSWORD_CORRUPTION, "the stash file is damaged; stash again"},
+    {ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL, "the label is taken"},
+    {ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE, "key sizes: RSA 1024-16384, EC 256, 384, 521"},
+    {ZAVKM_ERR_VALIDATION_KEY_VALIDITY,
+     "a certificate of the chain has expired or is not yet valid"},
+    {ZAVKM_ERR_VALIDATION_KEY_ISSUER_NOT_FOUND, "add the issuer with tolvik cert add-ca"},
+    {ZAVKM_ERR_VALIDATION_KEY_PAIR, "the key does not belong to the certificate"},
+    {ZAVKM_ERR_PASSWORD_EXPIRATION_TIME, "the password has expired; tolvik keydb changepw"},
+    {ZAVKM_ERR_UNSUPPORTED_OPTION, "not available yet in this build of the library"},
+    {ZAVKM_ERR_FILE_OPEN_NOT_EXIST, "no such file"},
+    {ZAVKM_ERR_BASE64_INVALID_DATA, "neither PEM nor base64"},
+    {ZAVKM_ERR_KEYDB_NOT_EXIST, "no such key database; tolvik keydb create makes one"},
+    {ZAVKM_ERR_PASSWORD_CHANGE_MATCH, "the new password is the old one"},
+    {ZAVKM_ERR_REQKEY_FOR_CERT_NULL, "no key here matches the certificate's public key"},
+    {ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL, "the entry is a certificate without its private key"},
+    {ZAVKM_ERR_KEYDB_DEFAULT_KEY_NULL, "no default key; tolvik default LABEL"},
+    {ZAVKM_ERR_INVALID_DN_INPUT, "give --subject CN=...,O=...,C=XX (two-letter country)"},
+    {ZAVKM_ERR_KEY_GET_BY_LABEL, "unknown label; tolvik list shows the labels"},
+    {ZAVKM_ERR_INVALID_PKCS12_DATA, "not a PKCS#12 file"},
+    {ZAVKM_ERR_PKCS12_PWD_CORRUPTION, "wrong password for the PKCS#12 file"},
+    {ZAVKM_ERR_EXPIRE_DAYS_TOO_LARGE, "at most 9999 days"},
+    {ZAVKM_ERR_PWD_TOO_SHORT, "the password must not be empty"},
+    {ZAVKM_ERR_CERT_ROOT_NOT_TRUSTED, "the root is not trusted; tolvik trust LABEL on"},
+};
 
 std::string words(std::string key) {
     std::replace(key.begin(), key.end(), '_', ' ');
@@ -92,26 +90,21 @@ std::string line(const Json& v, bool row) {
 
 // table - rows of objects under a header of their keys, columns aligned.
 void table(const Json& rows) {
-    std::vector<size_t> width;
-    for (const auto& [key, x] : rows.front().items()) width.push_back(words(key).size());
+    std::vector<std::vector<std::string>> lines(1);
+    for (const auto& [key, x] : rows.front().items()) lines[0].push_back(words(key));
     for (const Json& r : rows) {
-        size_t i = 0;
-        for (const auto& [key, x] : r.items()) width[i] = std::max(width[i], scalar(x).size()), ++i;
+        lines.emplace_back();
+        for (const auto& [key, x] : r.items()) lines.back().push_back(scalar(x));
     }
-    auto out = [&width](const std::vector<std::string>& cells) {
-        std::string text;
-        for (size_t i = 0; i < cells.size(); ++i) {
-            text += cells[i] + (i + 1 < cells.size() ? std::string(width[i] + 2 - cells[i].size(), ' ') : "");
-        }
-        std::cout << text << '\n';
-    };
-    std::vector<std::string> header;
-    for (const auto& [key, x] : rows.front().items()) header.push_back(words(key));
-    out(header);
-    for (const Json& r : rows) {
-        std::vector<std::string> cells;
-        for (const auto& [key, x] : r.items()) cells.push_back(scalar(x));
-        out(cells);
+    std::vector<size_t> width(lines[0].size());
+    for (const auto& cells : lines) {
+        for (size_t i = 0; i < cells.size(); ++i)
+            width[i] = std::max(width[i], cells[i].size() + 2);
+    }
+    for (const auto& cells : lines) {
+        for (size_t i = 0; i + 1 < cells.size(); ++i)
+            std::cout << cells[i] << std::string(width[i] - cells[i].size(), ' ');
+        std::cout << cells.back() << '\n';
     }
 }
 
@@ -121,8 +114,10 @@ void print(const Json& doc, bool json) {
     if (json) {
         std::cout << doc.dump(2) << '\n';
     } else if (doc.is_array()) {
-        if (!doc.empty() && doc.front().is_object()) table(doc);
-        else for (const Json& v : doc) std::cout << scalar(v) << '\n';
+        if (!doc.empty() && doc.front().is_object())
+            table(doc);
+        else
+            for (const Json& v : doc) std::cout << scalar(v) << '\n';
     } else {
         size_t width = 0;
         for (const auto& [key, x] : doc.items()) width = std::max(width, key.size());
@@ -131,7 +126,8 @@ void print(const Json& doc, bool json) {
             if (!x.is_array()) std::cout << words(key) << pad << line(x, false) << '\n';
             if (x.is_array() && x.empty()) std::cout << words(key) << pad << "-\n";
             for (size_t i = 0; x.is_array() && i < x.size(); ++i) {
-                std::cout << (i ? std::string(width + 2, ' ') : words(key) + pad) << line(x[i], true) << '\n';
+                std::cout << (i ? std::string(width + 2, ' ') : words(key) + pad)
+                          << line(x[i], true) << '\n';
             }
         }
     }
@@ -139,7 +135,8 @@ void print(const Json& doc, bool json) {
 
 std::string describe(const Failure& f) {
     std::string text = "cannot " + f.what + ": " + std::to_string(f.code) + " " + codeName(f.code);
-    std::string why = f.hint.empty() ? hint(f.code) : f.hint;
+    auto known = hints.find(f.code);
+    std::string why = !f.hint.empty() ? f.hint : known != hints.end() ? known->second : "";
     return why.empty() ? text : text + " (" + why + ")";
 }
 
@@ -159,8 +156,10 @@ ZAVKM_ReturnCode withProgress(int keySize, const std::function<ZAVKM_ReturnCode(
         auto start = std::chrono::steady_clock::now();
         for (int tick = 0; !done; ++tick) {
             if (tick % 5 == 0) {
-                auto s = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start);
-                std::cerr << "\rgenerating an RSA " << keySize << "-bit key ... " << s.count() << " s" << std::flush;
+                auto s = std::chrono::duration_cast<std::chrono::seconds>(
+                    std::chrono::steady_clock::now() - start);
+                std::cerr << "\rgenerating an RSA " << keySize << "-bit key ... " << s.count()
+                          << " s" << std::flush;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         }

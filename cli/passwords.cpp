@@ -27,9 +27,7 @@ void addPasswordOptions(CLI::App* cmd, PasswordSource& source, const std::string
 
 namespace {
 
-bool given(const PasswordSource& s) {
-    return !s.file.empty() || !s.env.empty() || !s.text.empty();
-}
+bool given(const PasswordSource& s) { return !s.file.empty() || !s.env.empty() || !s.text.empty(); }
 
 Secret fromSource(const PasswordSource& s) {
     Secret secret;
@@ -44,7 +42,8 @@ Secret fromSource(const PasswordSource& s) {
         secret.text = value;
     } else {
         std::cerr << "tolvik: warning: a password in the arguments can be read by other users; "
-                     "prefer --" << s.name << "-file or --" << s.name << "-env\n";
+                     "prefer --"
+                  << s.name << "-file or --" << s.name << "-env\n";
         secret.text = s.text;
     }
     return secret;
@@ -111,8 +110,7 @@ Store::Store(Context& ctx) {
     store.cryptoModuleName = ctx.module.c_str();
     store.tokenLabel = (ctx.storeType == CryptoToken ? ctx.token : ctx.provider).c_str();
     bool asked = given(ctx.pin) || isatty(STDIN_FILENO);  // else the store needs no PIN
-    Secret pin = asked ? password(ctx.pin, "PIN for " + std::string(store.tokenLabel) + ": ",
-                                  false)
+    Secret pin = asked ? password(ctx.pin, "PIN for " + std::string(store.tokenLabel) + ": ", false)
                        : Secret{};
     store.password = asked ? pin.text.c_str() : nullptr;
     check(ZAVKM_OpenKeyDbX(&store, &handle), "open store " + std::string(store.tokenLabel));

@@ -7,7 +7,8 @@ namespace tolvik {
 
 Json labelsJson(const ZAVKM_LabelList* list) {
     Json labels = Json::array();
-    for (; list != nullptr && list->label != nullptr; list = list->next) labels.push_back(list->label);
+    for (; list != nullptr && list->label != nullptr; list = list->next)
+        labels.push_back(list->label);
     return labels;
 }
 
@@ -54,15 +55,18 @@ void addTokenCommands(CLI::App& app, Context& ctx) {
     token->add_option("-m,--module", ctx.module, "the PKCS#11 module (path of its shared object)");
     token->add_option("-t,--token", ctx.token, "the token's label");
     addPasswordOptions(token, ctx.pin, "pin", "the token");
-    verb(*token, "list", "list the tokens of a module", ctx,
-         [&ctx] { return tokenLabels(ctx.module, "the tokens of " + ctx.module); })
-        ->add_option("module", ctx.module, "the PKCS#11 module");
-    verb(*token, "info", "say whether the token needs a PIN", ctx, [&ctx] { return tokenInfo(ctx); });
-    verb(*token, "list-objects", "list the token's keys and certificates", ctx,
-         [&ctx] { Store store(ctx); return entries(store.handle); });
-    addPasswordOptions(verb(*token, "changepin", "change the token's PIN", ctx,
-                            [&ctx] { return changePin(ctx); }),
-                       ctx.newPin, "new-pin", "the token from now on");
+    verb(*token, "list", "list the tokens of a module", ctx, [&ctx] {
+        return tokenLabels(ctx.module, "the tokens of " + ctx.module);
+    })->add_option("module", ctx.module, "the PKCS#11 module");
+    verb(*token, "info", "say whether the token needs a PIN", ctx,
+         [&ctx] { return tokenInfo(ctx); });
+    verb(*token, "list-objects", "list the token's keys and certificates", ctx, [&ctx] {
+        Store store(ctx);
+        return entries(store.handle);
+    });
+    addPasswordOptions(
+        verb(*token, "changepin", "change the token's PIN", ctx, [&ctx] { return changePin(ctx); }),
+        ctx.newPin, "new-pin", "the token from now on");
     addKeyPairVerbs(*token, ctx);
 
     CLI::App* store = app.add_subcommand("store", "the platform's certificate providers");

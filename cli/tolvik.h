@@ -3,11 +3,10 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
@@ -51,9 +50,9 @@ struct PasswordSource {
 
 // The run: the store chosen, the password sources and the one action the command line chose.
 struct Context {
-    std::string db;                          // key database file
-    std::string module, token;               // a PKCS#11 token (store type 2)
-    std::string provider;                    // a platform certificate provider (store type 4)
+    std::string db;             // key database file
+    std::string module, token;  // a PKCS#11 token (store type 2)
+    std::string provider;       // a platform certificate provider (store type 4)
     uint32_t storeType = KeyDbFile;
     bool json = false;
     PasswordSource password, newPassword;  // the key database's
@@ -66,7 +65,9 @@ struct Context {
 template <auto Release>
 struct Releaser {
     template <class T>
-    void operator()(T* p) const noexcept { Release(p); }
+    void operator()(T* p) const noexcept {
+        Release(p);
+    }
 };
 template <class T, auto Release>
 using Owned = std::unique_ptr<T, Releaser<Release>>;
@@ -84,15 +85,17 @@ struct Out {
     P& owner;
     typename P::pointer raw = nullptr;
     ~Out() { owner.reset(raw); }
-    operator typename P::pointer*() { return &raw; }
+    operator typename P::pointer *() { return &raw; }
 };
 template <class P>
-Out<P> out(P& owner) { return Out<P>{owner}; }
+Out<P> out(P& owner) {
+    return Out<P>{owner};
+}
 
 // Store - an open store, closed when it goes. Opens the context's key database (or token or
 // provider) with the password the context's sources give.
 class Store {
-public:
+  public:
     explicit Store(Context& ctx);
     ~Store();
     Store(const Store&) = delete;
@@ -103,8 +106,8 @@ public:
 // ---- command registration ------------------------------------------------------------------
 
 // verb - a subcommand of `parent` whose action is `run`.
-CLI::App* verb(CLI::App& parent, const std::string& name, const std::string& about,
-               Context& ctx, std::function<Json()> run);
+CLI::App* verb(CLI::App& parent, const std::string& name, const std::string& about, Context& ctx,
+               std::function<Json()> run);
 // addStoreOptions - --db and the key database's password sources on `cmd`.
 void addStoreOptions(CLI::App* cmd, Context& ctx);
 // addPasswordOptions - --NAME-file, --NAME-env and --NAME on `cmd`, filling `source`.

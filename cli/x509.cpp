@@ -4,10 +4,10 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
+#include <strings.h>
 
 #include <algorithm>
 #include <cstring>
-#include <strings.h>
 
 #include "tolvik.h"
 
@@ -25,9 +25,10 @@ constexpr Field fields[] = {{"CN", &ZAVKM_DNItem::cn}, {"OU", &ZAVKM_DNItem::ou}
                             {"C", &ZAVKM_DNItem::c}};
 
 using BioPtr = std::unique_ptr<BIO, decltype([](BIO* b) { BIO_free(b); })>;
-using ExtensionsPtr = std::unique_ptr<STACK_OF(X509_EXTENSION), decltype([](STACK_OF(X509_EXTENSION)* s) {
-                                          sk_X509_EXTENSION_pop_free(s, X509_EXTENSION_free);
-                                      })>;
+using ExtensionsPtr =
+    std::unique_ptr<STACK_OF(X509_EXTENSION), decltype([](STACK_OF(X509_EXTENSION) * s) {
+                        sk_X509_EXTENSION_pop_free(s, X509_EXTENSION_free);
+                    })>;
 
 std::string drain(BIO* bio) {
     char* data = nullptr;
@@ -59,15 +60,18 @@ Json extensions(const uint8_t* der, uint32_t length) {
         ASN1_OBJECT* oid = X509_EXTENSION_get_object(ext);
         char name[80];
         int nid = OBJ_obj2nid(oid);
-        if (nid != NID_undef) std::snprintf(name, sizeof name, "%s", OBJ_nid2sn(nid));
-        else OBJ_obj2txt(name, sizeof name, oid, 1);
+        if (nid != NID_undef)
+            std::snprintf(name, sizeof name, "%s", OBJ_nid2sn(nid));
+        else
+            OBJ_obj2txt(name, sizeof name, oid, 1);
         BioPtr bio(BIO_new(BIO_s_mem()));
         if (X509V3_EXT_print(bio.get(), ext, 0, 0) != 1) {
             ASN1_STRING_print(bio.get(), X509_EXTENSION_get_data(ext));
         }
         std::string value = drain(bio.get());
         std::replace(value.begin(), value.end(), '\n', ' ');
-        rows.push_back({{"name", name}, {"critical", X509_EXTENSION_get_critical(ext) != 0},
+        rows.push_back({{"name", name},
+                        {"critical", X509_EXTENSION_get_critical(ext) != 0},
                         {"value", value.substr(0, value.find_last_not_of(' ') + 1)}});
     }
     ERR_clear_error();
@@ -81,12 +85,14 @@ ZAVKM_DNItem subjectOf(const std::vector<std::string>& parts) {
     for (const std::string& part : parts) {
         size_t start = part.find_first_not_of(' ');
         size_t eq = part.find('=');
-        const Field* field = std::find_if(std::begin(fields), std::end(fields), [&](const Field& f) {
-            return eq != std::string::npos && start < eq &&
-                   part.compare(start, eq - start, f.name) == 0;
-        });
+        const Field* field =
+            std::find_if(std::begin(fields), std::end(fields), [&](const Field& f) {
+                return eq != std::string::npos && start < eq &&
+                       part.compare(start, eq - start, f.name) == 0;
+            });
         if (field == std::end(fields)) {
-            throw UsageError{"--subject: \"" + part + "\" is none of CN= OU= O= L= ST= postalCode= C="};
+            throw UsageError{"--subject: \"" + part +
+                             "\" is none of CN= OU= O= L= ST= postalCode= C="};
         }
         dn.*(field->text) = const_cast<char*>(part.c_str() + eq + 1);
     }
@@ -98,7 +104,8 @@ Bytes extensionsDer(const std::string& san) {
     X509_EXTENSION* ext = X509V3_EXT_nconf_nid(nullptr, nullptr, NID_subject_alt_name, san.c_str());
     ERR_clear_error();
     if (ext == nullptr) {
-        throw UsageError{"--san: cannot read \"" + san + "\"; say DNS:name,IP:address,email:address"};
+        throw UsageError{"--san: cannot read \"" + san +
+                         "\"; say DNS:name,IP:address,email:address"};
     }
     ExtensionsPtr list(sk_X509_EXTENSION_new_null());
     sk_X509_EXTENSION_push(list.get(), ext);
@@ -116,7 +123,8 @@ std::string dnText(const ZAVKM_DNItem* dn) {
     for (const Field& f : fields) {
         if (dn->*(f.text)) add(std::string(f.name) + "=" + dn->*(f.text));
     }
-    for (const char* extra : {dn->optionalField1, dn->optionalField2, dn->optionalField3, dn->optionalField4}) {
+    for (const char* extra :
+         {dn->optionalField1, dn->optionalField2, dn->optionalField3, dn->optionalField4}) {
         if (extra) add(extra);
     }
     return text;
