@@ -1,0 +1,147 @@
+// entries.cpp - `tolvik list | show | delete | default | trust`: the entries of a store.
+#include <iostream>
+
+#include "tolvik.h"
+
+namespace tolvik {
+
+std::string keyText(int32_t algorithm, int32_t bits) {
+    return (algorithm == 2 ? "EC " : "RSA ") + std::to_string(bits);
+}
+
+Json entries(ZAVKM_KeyDbHandle handle) {
+    Json rows = Json::array();
+    LabelList labels;
+    check(ZAVKM_GetKeyDbLabelList(handle, out(labels)), "list the labels");
+    for (const ZAVKM_LabelList* node = labels.get(); node && node->label; node = node->next) {
+        KeyItem key;
+        check(ZAVKM_GetKeyItemByLabel(handle, node->label, out(key)),
+              "read entry " + std::string(node->label));
+        const ZAVKM_CertItem* cert = key->certList ? key->certList->cert : nullptr;
+        rows.push_back({{"label", node->label},
+                        {"kind", key->hasPrivateKey ? "personal" : "signer"},
+                        {"default", key->keyFlag1 != 0},
+                        {"trusted", key->keyFlag2 != 0},
+                        {"key", keyText(key->shortValue1, key->keySize)},
+                        {"expires", cert ? Json(isoTime(cert->expireTime)) : Json()}});
+    }
+    check(ZAVKM_GetReqKeyDbLabelList(handle, out(labels)), "list the request labels");
+    for (const ZAVKM_LabelList* node = labels.get(); node && node->label; node = node->next) {
+        ReqKeyItem request;
+        check(ZAVKM_GetReqKeyItemByLabel(handle, node->label, out(request)),
+              "read request " + std::string(node->label));
+        rows.push_back({{"label", node->label},
+                        {"kind", "request"},
+                        {"default", false},
+                        {"trusted", false},
+                        {"key", keyText(request->shortValue1, request->keySize)},
+                        {"expires", nullptr}});
+    }
+    return rows;
+}
+
+namespace {
+
+Json showRequest(ZAVKM_KeyDbHandle handle, const std::string& label, bool withPem, bool json) {
+    ReqKeyItem request;
+    check(ZAVKM_GetReqKeyItemByLabel(handle, label.c_str(), out(request)), "find entry " + label);
+    const ZAVKM_CertReqItem& req = *request->certReq;
+    std::string text = pem("CERTIFICATE REQUEST", req.der, req.derLength);
+    if (withPem && !json) return std::cout << text, Json();
+    Json doc{{"label", label},
+             {"kind", "request"},
+             {"subject", dnText(req.certReqInfoItem->subjectName)},
+             {"key", keyText(request->shortValue1, request->keySize)},
+             {"signature", req.sigAlgIdOIDName ? req.sigAlgIdOIDName : ""}};
+    if (withPem) doc["pem"] = text;
+    return doc;
+}
+
+Json show(Context& ctx, const std::string& label, bool withPem) {
+    Store store(ctx);
+    KeyItem key;
+    ZAVKM_ReturnCode rc = ZAVKM_GetKeyItemByLabel(store.handle, label.c_str(), out(key));
+    if (rc == ZAVKM_ERR_KEY_GET_BY_LABEL)
+        return showRequest(store.handle, label, withPem, ctx.json);
+    check(rc, "read entry " + label);
+    if (key->certList == nullptr || key->certList->cert == nullptr) {
+        throw Failure{"read the certificate of " + label, ZAVKM_ERR_KEYREC_CERTIFICATE_NULL, ""};
+    }
+    const ZAVKM_CertItem& cert = *key->certList->cert;
+    std::string text = pem("CERTIFICATE", cert.der, cert.derLength);
+    if (withPem && !ctx.json) return std::cout << text, Json();
+    Json doc{{"label", label},
+             {"kind", key->hasPrivateKey ? "personal" : "signer"},
+             {"default", key->keyFlag1 != 0},
+             {"trusted", key->keyFlag2 != 0},
+             {"key", keyText(key->shortValue1, key->keySize)}};
+    doc.update(certFacts(cert));
+    doc["chain"] = Json::array();
+    for (const ZAVKM_CertItemList* node = key->certList->next; node && node->cert;
+         node = node->next) {
+        doc["chain"].push_back(dnText(node->cert->subject));
+    }
+    if (withPem) doc["pem"] = text;
+    return doc;
+}
+
+Json remove(Context& ctx, const std::string& label) {
+    Store store(ctx);
+    ZAVKM_ReturnCode rc = ZAVKM_DeleteKey(store.handle, label.c_str());
+    if (rc == ZAVKM_ERR_KEY_GET_BY_LABEL)
+        rc = ZAVKM_DeleteRequestKeyPair(store.handle, label.c_str());
+    check(rc, "delete " + label);
+    return {{"deleted", label}};
+}
+
+Json makeDefault(Context& ctx, const std::string& label) {
+    Store store(ctx);
+    check(ZAVKM_SetDefaultKeyByLabel(store.handle, label.c_str()),
+          "make " + label + " the default");
+    return {{"default", label}};
+}
+
+Json trust(Context& ctx, const std::string& label, const std::string& state) {
+    Store store(ctx);
+    check(ZAVKM_SetTrustStatus(store.handle, label.c_str(), state == "on"),
+          "set trust of " + label);
+    return {{"label", label}, {"trusted", state == "on"}};
+}
+
+}  // namespace
+
+void addEntryCommands(CLI::App& app, Context& ctx) {
+    struct Args {
+        std::string label, state;
+        bool pem = false;
+    };
+    auto a = std::make_shared<Args>();
+    addStoreOptions(verb(app, "list", "list the entries: label, kind, flags, key, expiry", ctx,
+                         [&ctx] {
+                             Store store(ctx);
+                             return entries(store.handle);
+                         }),
+                    ctx);
+    CLI::App* cmd = verb(app, "show", "show an entry's certificate (or request) in full", ctx,
+                         [&ctx, a] { return show(ctx, a->label, a->pem); });
+    cmd->add_option("label", a->label, "the entry's label")->required();
+    cmd->add_flag("--pem", a->pem, "print the certificate as PEM");
+    addStoreOptions(cmd, ctx);
+    cmd = verb(app, "delete", "delete an entry (a key with its certificate, or a request)", ctx,
+               [&ctx, a] { return remove(ctx, a->label); });
+    cmd->add_option("label", a->label, "the entry's label")->required();
+    addStoreOptions(cmd, ctx);
+    cmd = verb(app, "default", "make a personal key the default key", ctx,
+               [&ctx, a] { return makeDefault(ctx, a->label); });
+    cmd->add_option("label", a->label, "the entry's label")->required();
+    addStoreOptions(cmd, ctx);
+    cmd = verb(app, "trust", "trust an entry's certificate as a root, or stop trusting it", ctx,
+               [&ctx, a] { return trust(ctx, a->label, a->state); });
+    cmd->add_option("label", a->label, "the entry's label")->required();
+    cmd->add_option("state", a->state, "on or off")
+        ->required()
+        ->check(CLI::IsMember({"on", "off"}));
+    addStoreOptions(cmd, ctx);
+}
+
+}  // namespace tolvik

@@ -1,0 +1,123 @@
+// passwords.cpp - where passwords come from (a file, an environment variable, the stash file, a
+// prompt without echo on the terminal, or the command line when the user insists), and opening
+// a store with one.
+#include <openssl/crypto.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+
+#include "tolvik.h"
+
+namespace tolvik {
+
+Secret::~Secret() { OPENSSL_cleanse(text.data(), text.capacity()); }
+
+void addPasswordOptions(CLI::App* cmd, PasswordSource& source, const std::string& name,
+                        const std::string& what) {
+    source.name = name;
+    auto* group = cmd->add_option_group("password of " + what);
+    group->add_option("--" + name + "-file", source.file, "read it from the first line of a file");
+    group->add_option("--" + name + "-env", source.env, "read it from an environment variable");
+    group->add_option("--" + name, source.text, "give it here (visible to other users; warns)");
+    group->require_option(0, 1);
+}
+
+namespace {
+
+bool given(const PasswordSource& s) { return !s.file.empty() || !s.env.empty() || !s.text.empty(); }
+
+Secret fromSource(const PasswordSource& s) {
+    Secret secret;
+    if (!s.file.empty()) {
+        std::ifstream in(s.file);
+        if (!in) throw Failure{"read the password file " + s.file, ZAVKM_ERR_FILE_OPEN_TO_READ, ""};
+        std::getline(in, secret.text);
+        if (!secret.text.empty() && secret.text.back() == '\r') secret.text.pop_back();
+    } else if (!s.env.empty()) {
+        const char* value = std::getenv(s.env.c_str());
+        if (value == nullptr) throw UsageError{"--" + s.name + "-env: " + s.env + " is not set"};
+        secret.text = value;
+    } else {
+        std::cerr << "tolvik: warning: a password in the arguments can be read by other users; "
+                     "prefer --"
+                  << s.name << "-file or --" << s.name << "-env\n";
+        secret.text = s.text;
+    }
+    return secret;
+}
+
+// ask - one answer read from the terminal with echo off.
+Secret ask(const std::string& question) {
+    termios old{};
+    tcgetattr(STDIN_FILENO, &old);
+    termios quiet = old;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+    std::cerr << question << std::flush;
+    Secret answer;
+    answer.text.reserve(1024);
+    char c = 0;
+    while (read(STDIN_FILENO, &c, 1) == 1 && c != '\n') answer.text.push_back(c);
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &old);
+    std::cerr << '\n';
+    return answer;
+}
+
+}  // namespace
+
+Secret password(const PasswordSource& source, const std::string& question, bool confirm) {
+    if (given(source)) return fromSource(source);
+    if (!isatty(STDIN_FILENO)) {
+        throw UsageError{"no password: give --" + source.name + "-file or --" + source.name +
+                         "-env, or run on a terminal"};
+    }
+    Secret first = ask(question);
+    if (confirm && ask("Again: ").text != first.text) {
+        throw UsageError{"the two passwords differ"};
+    }
+    return first;
+}
+
+bool stashed(const std::string& db) {
+    KeyStoreDescriptor store{};
+    store.storeType = KeyDbFile;
+    store.keyDbFileName = db.c_str();
+    uint8_t required = 1;
+    check(ZAVKM_IsPasswordRequired(&store, &required), "open key database " + db);
+    return required == 0;
+}
+
+Secret keyDbPassword(const Context& ctx) {
+    if (given(ctx.password) || !stashed(ctx.db)) {
+        return password(ctx.password, "Password for " + ctx.db + ": ", false);
+    }
+    return Secret{};  // empty: the library reads the stash file
+}
+
+Store::Store(Context& ctx) {
+    if (ctx.storeType == KeyDbFile) {
+        if (ctx.db.empty()) throw UsageError{"name the key database with --db FILE"};
+        Secret pw = keyDbPassword(ctx);
+        check(ZAVKM_OpenKeyDb(ctx.db.c_str(), pw.text.c_str(), &handle),
+              "open key database " + ctx.db);
+        return;
+    }
+    KeyStoreDescriptor store{};
+    store.storeType = ctx.storeType;
+    store.cryptoModuleName = ctx.module.c_str();
+    store.tokenLabel = (ctx.storeType == CryptoToken ? ctx.token : ctx.provider).c_str();
+    bool asked = given(ctx.pin) || isatty(STDIN_FILENO);  // else the store needs no PIN
+    Secret pin = asked ? password(ctx.pin, "PIN for " + std::string(store.tokenLabel) + ": ", false)
+                       : Secret{};
+    store.password = asked ? pin.text.c_str() : nullptr;
+    check(ZAVKM_OpenKeyDbX(&store, &handle), "open store " + std::string(store.tokenLabel));
+}
+
+Store::~Store() {
+    if (handle != 0) ZAVKM_CloseKeyDb(handle);
+}
+
+}  // namespace tolvik
