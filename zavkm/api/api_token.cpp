@@ -38,7 +38,7 @@ Rc certificatesLabelled(TokenStore& t, const std::string& label, std::vector<X50
     std::vector<Bytes> ders;
     if (Rc rc = objectValues(t, TokenObject::Certificate, label, ders); rc != ZAVKM_OK) return rc;
     for (const Bytes& der : ders) {
-        X509Ptr cert = parseCertificate(der.data(), der.size());
+        X509Ptr cert = cachedCertificate(der);
         if (!cert) return ZAVKM_ERR_ASN;
         out.push_back(std::move(cert));
     }
@@ -168,16 +168,15 @@ Rc tokenNewRequest(TokenStore& t, const RequestArgs& a) {
 
 Rc tokenPrivateKeyPresent(TokenStore& t, const char* label, uint8_t* present) {
     *present = 0;
-    std::vector<X509Ptr> certs;
-    if (Rc rc = certificatesLabelled(t, label, certs); rc != ZAVKM_OK) return rc;
-    if (certs.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
-    for (const X509Ptr& cert : certs) {
-        bool found = false;
-        Bytes id = keyIdOf(X509_get0_pubkey(cert.get()));
-        if (Rc rc = objectWithId(t, TokenObject::PrivateKey, id, found); rc != ZAVKM_OK) return rc;
-        if (found) *present = 1;
+    const TokenSnapshot* snap = nullptr;
+    if (Rc rc = snapshotOf(t, snap); rc != ZAVKM_OK) return rc;
+    bool found = false;
+    for (const CertObject& c : snap->certs) {
+        if (c.label != label) continue;
+        found = true;
+        if (hasPrivateKey(*snap, c.id)) *present = 1;  // the certificate's own CKA_ID
     }
-    return ZAVKM_OK;
+    return found ? ZAVKM_OK : ZAVKM_ERR_KEY_GET_BY_LABEL;
 }
 
 Rc tokenDelete(TokenStore& t, const char* label) {
@@ -199,10 +198,9 @@ Rc tokenKeyItem(TokenStore& t, const char* label, ZAVKM_KeyItem** key) {
     item->keySize = info.bits;
     copyBytes(spkiOf(pub), &item->keyBer, &item->keyBerLength);
     item->hasKeyBer = 1;
-    bool found = false;
-    if (Rc rc = objectWithId(t, TokenObject::PrivateKey, keyIdOf(pub), found); rc != ZAVKM_OK)
-        return rc;
-    item->hasPrivateKey = found ? 1 : 0;  // a token's private key never leaves it: no EPKI
+    uint8_t present = 0;
+    if (Rc rc = tokenPrivateKeyPresent(t, label, &present); rc != ZAVKM_OK) return rc;
+    item->hasPrivateKey = present;  // a token's private key never leaves it: no EPKI
     std::vector<X509Ptr> chain;
     if (Rc rc = chainOnToken(t, std::move(cert), chain); rc != ZAVKM_OK) return rc;
     CertItemListPtr list;
@@ -226,7 +224,7 @@ Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length) {
             X509ReqPtr req = parseRequest(r.data(), r.size());
             if (!req || !sameKey(X509_REQ_get0_pubkey(req.get()), X509_get0_pubkey(cert.get())))
                 continue;
-            Bytes id = keyIdOf(X509_get0_pubkey(cert.get()));
+            Bytes id = keyIdOf(cert.get());
             if (Rc rc = storeCertificate(t, label, id, cert.get()); rc != ZAVKM_OK) return rc;
             return destroyObjects(t, TokenObject::Request, label);
         }
@@ -241,14 +239,14 @@ Rc tokenStoreSigner(TokenStore& t, const uint8_t* der, uint32_t length, const ch
     bool used = false;
     if (Rc rc = labelInUse(t, label, used); rc != ZAVKM_OK) return rc;
     if (used) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
-    return storeCertificate(t, label, keyIdOf(X509_get0_pubkey(cert.get())), cert.get());
+    return storeCertificate(t, label, keyIdOf(cert.get()), cert.get());
 }
 
 // renewedLabel - the label of the certificate on the token whose key pair cert is for; empty
 // when the token has none or no private key for it.
 Rc renewedLabel(TokenStore& t, X509* cert, std::string& label) {
     label.clear();
-    Bytes id = keyIdOf(X509_get0_pubkey(cert));
+    Bytes id = keyIdOf(cert);
     bool hasKey = false;
     if (Rc rc = objectWithId(t, TokenObject::PrivateKey, id, hasKey); rc != ZAVKM_OK) return rc;
     return hasKey ? labelWithId(t, TokenObject::Certificate, id, label) : ZAVKM_OK;
@@ -270,7 +268,7 @@ Rc tokenRenew(TokenStore& t, const uint8_t* der, uint32_t length) {
     std::string label;
     if (Rc rc = renewedLabel(t, cert.get(), label); rc != ZAVKM_OK) return rc;
     if (label.empty()) return ZAVKM_ERR_REQKEY_FOR_CERT_NULL;
-    Bytes id = keyIdOf(X509_get0_pubkey(cert.get()));
+    Bytes id = keyIdOf(cert.get());
     if (Rc rc = destroyWithId(t, TokenObject::Certificate, id); rc != ZAVKM_OK) return rc;
     return storeCertificate(t, label, id, cert.get());
 }
