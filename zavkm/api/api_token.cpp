@@ -184,31 +184,102 @@ Rc tokenDelete(TokenStore& t, const char* label) {
     return destroyLabelled(t, label);
 }
 
-Rc tokenKeyItem(TokenStore& t, const char* label, ZAVKM_KeyItem** key) {
-    *key = nullptr;
-    std::vector<X509Ptr> certs;
-    if (Rc rc = certificatesLabelled(t, label, certs); rc != ZAVKM_OK) return rc;
-    if (certs.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
-    X509Ptr cert = std::move(certs.front());
+namespace {
+
+// keyItemOf - the key item of one certificate object: its key, its chain, and whether the
+// token holds the private key with the certificate's CKA_ID.
+Rc keyItemOf(TokenStore& t, const CertObject& object, KeyItemPtr& out) {
+    X509Ptr cert = cachedCertificate(object.value);
+    if (!cert) return ZAVKM_ERR_ASN;
     EVP_PKEY* pub = X509_get0_pubkey(cert.get());
+    if (pub == nullptr) return sslError(ZAVKM_ERR_ASN);
     KeyItemPtr item(newRecord<ZAVKM_KeyItem>());
     KeyInfo info = keyInfo(pub);
     item->shortValue1 = info.algorithm;
-    item->label = copyText(label);
+    item->label = copyText(object.label);
     item->keySize = info.bits;
     copyBytes(spkiOf(pub), &item->keyBer, &item->keyBerLength);
     item->hasKeyBer = 1;
-    uint8_t present = 0;
-    if (Rc rc = tokenPrivateKeyPresent(t, label, &present); rc != ZAVKM_OK) return rc;
-    item->hasPrivateKey = present;  // a token's private key never leaves it: no EPKI
+    const TokenSnapshot* snap = nullptr;
+    if (Rc rc = snapshotOf(t, snap); rc != ZAVKM_OK) return rc;
+    item->hasPrivateKey = hasPrivateKey(*snap, object.id) ? 1 : 0;  // never leaves: no EPKI
     std::vector<X509Ptr> chain;
     if (Rc rc = chainOnToken(t, std::move(cert), chain); rc != ZAVKM_OK) return rc;
     CertItemListPtr list;
     if (Rc rc = certListRecord(chain, list); rc != ZAVKM_OK) return rc;
     item->certList = list.release();
     item->hasCertList = 1;
+    out = std::move(item);
+    return ZAVKM_OK;
+}
+
+// matchingCertificates - copies of the certificate objects that pass keep.
+template <class Keep>
+Rc matchingCertificates(TokenStore& t, Keep&& keep, std::vector<CertObject>& out) {
+    const TokenSnapshot* snap = nullptr;
+    if (Rc rc = snapshotOf(t, snap); rc != ZAVKM_OK) return rc;
+    for (const CertObject& c : snap->certs)
+        if (keep(c)) out.push_back(c);
+    return ZAVKM_OK;
+}
+
+Rc keyItemList(TokenStore& t, const std::vector<CertObject>& objects, ZAVKM_KeyItemList** list) {
+    KeyItemListPtr head;
+    ZAVKM_KeyItemList* tail = nullptr;
+    for (const CertObject& object : objects) {
+        KeyItemPtr item;
+        if (Rc rc = keyItemOf(t, object, item); rc != ZAVKM_OK) return rc;
+        auto* node = newRecord<ZAVKM_KeyItemList>();
+        node->key = item.release();
+        if (tail == nullptr)
+            head.reset(node);
+        else
+            tail->next = node;
+        tail = node;
+    }
+    *list = head.release();
+    return ZAVKM_OK;
+}
+
+}  // namespace
+
+Rc tokenKeyItem(TokenStore& t, const char* label, ZAVKM_KeyItem** key) {
+    *key = nullptr;
+    std::vector<CertObject> objects;
+    auto byLabel = [&](const CertObject& c) { return c.label == label; };
+    if (Rc rc = matchingCertificates(t, byLabel, objects); rc != ZAVKM_OK) return rc;
+    if (objects.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    KeyItemPtr item;
+    if (Rc rc = keyItemOf(t, objects.front(), item); rc != ZAVKM_OK) return rc;
     *key = item.release();
     return ZAVKM_OK;
+}
+
+Rc tokenKeyItemList(TokenStore& t, const char* label, ZAVKM_KeyItemList** list) {
+    *list = nullptr;
+    std::vector<CertObject> objects;
+    auto byLabel = [&](const CertObject& c) { return c.label == label; };
+    if (Rc rc = matchingCertificates(t, byLabel, objects); rc != ZAVKM_OK) return rc;
+    if (objects.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    return keyItemList(t, objects, list);
+}
+
+Rc tokenKeyItemsBySpki(TokenStore& t, const Bytes& spki, ZAVKM_KeyItemList** list) {
+    *list = nullptr;
+    std::vector<CertObject> objects;
+    auto byKey = [&](const CertObject& c) {
+        X509Ptr cert = cachedCertificate(c.value);
+        return cert && spkiOf(X509_get0_pubkey(cert.get())) == spki;
+    };
+    if (Rc rc = matchingCertificates(t, byKey, objects); rc != ZAVKM_OK) return rc;
+    return keyItemList(t, objects, list);
+}
+
+Rc tokenExportCert(TokenStore& t, const char* label, const char* fileName, bool pem) {
+    std::vector<X509Ptr> certs;
+    if (Rc rc = certificatesLabelled(t, label, certs); rc != ZAVKM_OK) return rc;
+    if (certs.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    return writeCertificateFile(fileName, certs.front().get(), pem);
 }
 
 Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length) {
