@@ -271,9 +271,16 @@ TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
         ZAVKM_FreeKeyItem(key);
         return n;
     };
+    auto valid = [&] {
+        uint8_t ok = 0;
+        ZAVKM_ValidateCertChain(handle, der.data(), static_cast<uint32_t>(der.size()), &ok);
+        return ok;
+    };
     EXPECT_EQ(chainLength(), 1);
+    EXPECT_EQ(valid(), 0);
     ASSERT_EQ(ZAVKM_SetSecondaryKeyDb(handle, ca), ZAVKM_OK);
     EXPECT_EQ(chainLength(), 2);
+    EXPECT_EQ(valid(), 1);
     ASSERT_EQ(ZAVKM_UnsetSecondaryKeyDb(handle), ZAVKM_OK);
     EXPECT_EQ(chainLength(), 1);
     ASSERT_EQ(ZAVKM_StoreCACert(handle, caDer.data(), static_cast<uint32_t>(caDer.size()), "ca"),
@@ -358,10 +365,14 @@ TEST_F(TokenTest, PlatformStoreShowsTheRegisteredProviders) {
     std::filesystem::create_directory(registry);
     std::ofstream(registry + "/p11-kit-trust.module") << "module: p11-kit-trust.so\n";
     std::ofstream(registry + "/softhsm2.module") << "module: " << kModule << "\n";
+    for (const char* name : {"zz-last", "aa-first"})  // listed by name, whatever the file order
+        std::ofstream(registry + "/" + name + ".module") << "module: missing.so\n";
+    std::ofstream(registry + "/notes.txt") << "module: ignored.so\n";
     setenv("ZAVKM_P11_REGISTRY", registry.c_str(), 1);
     ZAVKM_LabelList* list = nullptr;
     ASSERT_EQ(ZAVKM_GetCryptoTokenLabelList("", &list), ZAVKM_OK);
-    EXPECT_EQ(labels(list), (std::vector<std::string>{"p11-kit-trust", "softhsm2"}));
+    EXPECT_EQ(labels(list),
+              (std::vector<std::string>{"aa-first", "p11-kit-trust", "softhsm2", "zz-last"}));
 
     KeyStoreDescriptor store{};
     store.storeType = MSCertStore;  // no provider: the system trust store

@@ -275,6 +275,24 @@ Rc tokenKeyItemsBySpki(TokenStore& t, const Bytes& spki, ZAVKM_KeyItemList** lis
     return keyItemList(t, objects, list);
 }
 
+Rc tokenChainCandidates(TokenStore& t, std::vector<ChainCandidate>& out) {
+    std::vector<X509Ptr> certs;
+    if (Rc rc = allCertificates(t, certs); rc != ZAVKM_OK) return rc;
+    for (X509Ptr& c : certs) {
+        bool anchor = isSelfSigned(c.get());
+        out.push_back({std::move(c), anchor});
+    }
+    std::shared_ptr<KeyDb> kdb = t.secondary != 0 ? findHandle(t.secondary) : nullptr;
+    if (!kdb) return ZAVKM_OK;
+    std::lock_guard lock(kdb->mutex);
+    std::vector<KeyRow> rows;
+    if (Rc rc = allKeys(kdb->db.get(), rows); rc != ZAVKM_OK) return rc;
+    for (const KeyRow& r : rows)
+        if (X509Ptr c = parseCertificate(r.cert.data(), r.cert.size()))
+            out.push_back({std::move(c), r.trusted});
+    return ZAVKM_OK;
+}
+
 Rc tokenExportCert(TokenStore& t, const char* label, const char* fileName, bool pem) {
     std::vector<X509Ptr> certs;
     if (Rc rc = certificatesLabelled(t, label, certs); rc != ZAVKM_OK) return rc;

@@ -64,22 +64,26 @@ Rc attribute(TokenStore& t, CK_OBJECT_HANDLE obj, CK_ATTRIBUTE_TYPE type, Bytes&
 }
 
 // attributes - several attributes of one object in two calls; an attribute the object lacks
-// comes back empty.
+// comes back empty. gone: the object went away meanwhile (another session removed or replaced
+// it), nothing is read.
 Rc attributes(TokenStore& t, CK_OBJECT_HANDLE obj, std::initializer_list<CK_ATTRIBUTE_TYPE> types,
-              std::vector<Bytes>& out) {
+              std::vector<Bytes>& out, bool& gone) {
     std::vector<CK_ATTRIBUTE> tmpl;
     for (CK_ATTRIBUTE_TYPE type : types) tmpl.push_back(attr(type, nullptr, 0));
     CK_FUNCTION_LIST* f = t.session.f;
-    CK_RV rv = f->C_GetAttributeValue(t.session.handle, obj, tmpl.data(), tmpl.size());
-    if (rv != CKR_OK && rv != CKR_ATTRIBUTE_TYPE_INVALID) return p11Error(rv, "C_GetAttributeValue");
     out.assign(tmpl.size(), Bytes());
-    for (size_t i = 0; i < tmpl.size(); ++i) {
-        if (tmpl[i].ulValueLen == CK_UNAVAILABLE_INFORMATION) tmpl[i].ulValueLen = 0;
-        out[i].resize(tmpl[i].ulValueLen);
-        tmpl[i].pValue = out[i].data();
+    for (int pass = 0; pass < 2; ++pass) {
+        CK_RV rv = f->C_GetAttributeValue(t.session.handle, obj, tmpl.data(), tmpl.size());
+        gone = rv == CKR_OBJECT_HANDLE_INVALID;
+        if (gone) return ZAVKM_OK;
+        if (rv != CKR_OK && rv != CKR_ATTRIBUTE_TYPE_INVALID)
+            return p11Error(rv, "C_GetAttributeValue");
+        for (size_t i = 0; pass == 0 && i < tmpl.size(); ++i) {
+            if (tmpl[i].ulValueLen == CK_UNAVAILABLE_INFORMATION) tmpl[i].ulValueLen = 0;
+            out[i].resize(tmpl[i].ulValueLen);
+            tmpl[i].pValue = out[i].data();
+        }
     }
-    rv = f->C_GetAttributeValue(t.session.handle, obj, tmpl.data(), tmpl.size());
-    if (rv != CKR_OK && rv != CKR_ATTRIBUTE_TYPE_INVALID) return p11Error(rv, "C_GetAttributeValue");
     return ZAVKM_OK;
 }
 
@@ -88,17 +92,20 @@ Rc readSnapshot(TokenStore& t, TokenSnapshot& out) {
     if (Rc rc = findObjects(t, kindTemplate(TokenObject::Certificate), certs); rc != ZAVKM_OK)
         return rc;
     std::vector<Bytes> values;
+    bool gone = false;
     for (CK_OBJECT_HANDLE obj : certs) {
-        if (Rc rc = attributes(t, obj, {CKA_LABEL, CKA_ID, CKA_VALUE}, values); rc != ZAVKM_OK)
+        if (Rc rc = attributes(t, obj, {CKA_LABEL, CKA_ID, CKA_VALUE}, values, gone);
+            rc != ZAVKM_OK)
             return rc;
-        out.certs.push_back({std::string(values[0].begin(), values[0].end()), std::move(values[1]),
-                             std::move(values[2])});
+        if (!gone)
+            out.certs.push_back({std::string(values[0].begin(), values[0].end()),
+                                 std::move(values[1]), std::move(values[2])});
     }
     if (Rc rc = findObjects(t, kindTemplate(TokenObject::PrivateKey), keys); rc != ZAVKM_OK)
         return rc;
     for (CK_OBJECT_HANDLE obj : keys) {
-        if (Rc rc = attributes(t, obj, {CKA_ID}, values); rc != ZAVKM_OK) return rc;
-        out.privateKeyIds.push_back(std::move(values[0]));
+        if (Rc rc = attributes(t, obj, {CKA_ID}, values, gone); rc != ZAVKM_OK) return rc;
+        if (!gone) out.privateKeyIds.push_back(std::move(values[0]));
     }
     out.valid = true;
     return ZAVKM_OK;
