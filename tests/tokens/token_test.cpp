@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <filesystem>
@@ -126,7 +127,6 @@ TEST_F(TokenTest, ListsTheModulesTokensAndRefusesWhatIsNoModule) {
 }
 
 TEST_F(TokenTest, OpeningGivesOneCodeForEachMistake) {
-    run("softhsm2-util --init-token --free --label nopin --so-pin 5678 --pin 1111");
     struct Row {
         const char* label;
         const char* pin;
@@ -163,6 +163,21 @@ TEST_F(TokenTest, SelfSignedCertificateIsMadeOnTheToken) {
         ZAVKM_FreeKeyItem(key);
     }
     EXPECT_EQ(keyLabels(), (std::vector<std::string>{"rsa", "ec"}));
+    // Lookups by label and by public key, and the certificate written out again.
+    ZAVKM_KeyItemList* items = nullptr;
+    ASSERT_EQ(ZAVKM_GetKeyItemListByLabel(handle, "ec", &items), ZAVKM_OK);
+    ASSERT_NE(items, nullptr);
+    EXPECT_EQ(items->next, nullptr);
+    ZAVKM_KeyItem* ec = items->key;
+    ZAVKM_KeyItemList* byKey = nullptr;
+    ASSERT_EQ(ZAVKM_GetKeyItemsByPublicKey(handle, ec->keyBerLength, ec->keyBer, &byKey), ZAVKM_OK);
+    ASSERT_NE(byKey, nullptr);
+    EXPECT_STREQ(byKey->key->label, "ec");
+    ZAVKM_FreeKeyItemList(byKey);
+    ZAVKM_FreeKeyItemList(items);
+    const std::string der = dir + "/rsa.der";
+    ASSERT_EQ(ZAVKM_ExportCert(handle, "rsa", der.c_str(), 0), ZAVKM_OK);
+    EXPECT_EQ(run("openssl x509 -inform DER -noout -in " + der).status, 0);
     // Each key on the token signs a certificate for a key database's request.
     ZAVKM_KeyDbHandle db = 0;
     const std::string req = dir + "/srv.csr", srv = dir + "/srv.pem";
@@ -256,9 +271,16 @@ TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
         ZAVKM_FreeKeyItem(key);
         return n;
     };
+    auto valid = [&] {
+        uint8_t ok = 0;
+        ZAVKM_ValidateCertChain(handle, der.data(), static_cast<uint32_t>(der.size()), &ok);
+        return ok;
+    };
     EXPECT_EQ(chainLength(), 1);
+    EXPECT_EQ(valid(), 0);
     ASSERT_EQ(ZAVKM_SetSecondaryKeyDb(handle, ca), ZAVKM_OK);
     EXPECT_EQ(chainLength(), 2);
+    EXPECT_EQ(valid(), 1);
     ASSERT_EQ(ZAVKM_UnsetSecondaryKeyDb(handle), ZAVKM_OK);
     EXPECT_EQ(chainLength(), 1);
     ASSERT_EQ(ZAVKM_StoreCACert(handle, caDer.data(), static_cast<uint32_t>(caDer.size()), "ca"),
@@ -343,16 +365,31 @@ TEST_F(TokenTest, PlatformStoreShowsTheRegisteredProviders) {
     std::filesystem::create_directory(registry);
     std::ofstream(registry + "/p11-kit-trust.module") << "module: p11-kit-trust.so\n";
     std::ofstream(registry + "/softhsm2.module") << "module: " << kModule << "\n";
+    for (const char* name : {"zz-last", "aa-first"})  // listed by name, whatever the file order
+        std::ofstream(registry + "/" + name + ".module") << "module: missing.so\n";
+    std::ofstream(registry + "/notes.txt") << "module: ignored.so\n";
     setenv("ZAVKM_P11_REGISTRY", registry.c_str(), 1);
     ZAVKM_LabelList* list = nullptr;
     ASSERT_EQ(ZAVKM_GetCryptoTokenLabelList("", &list), ZAVKM_OK);
-    EXPECT_EQ(labels(list), (std::vector<std::string>{"p11-kit-trust", "softhsm2"}));
+    EXPECT_EQ(labels(list),
+              (std::vector<std::string>{"aa-first", "p11-kit-trust", "softhsm2", "zz-last"}));
 
     KeyStoreDescriptor store{};
     store.storeType = MSCertStore;  // no provider: the system trust store
     ASSERT_EQ(open(store), ZAVKM_OK);
     Output trust = run("trust list --filter=certificates | grep -c '^pkcs11:'");
-    EXPECT_EQ(std::to_string(keyLabels().size()) + "\n", trust.text);
+    std::vector<std::string> all = keyLabels();
+    EXPECT_EQ(std::to_string(all.size()) + "\n", trust.text);
+    // A label two certificates share: the list lookup gives both.
+    std::sort(all.begin(), all.end());
+    auto shared = std::adjacent_find(all.begin(), all.end());
+    if (shared != all.end()) {
+        ZAVKM_KeyItemList* items = nullptr;
+        ASSERT_EQ(ZAVKM_GetKeyItemListByLabel(handle, shared->c_str(), &items), ZAVKM_OK);
+        ASSERT_NE(items->next, nullptr);
+        EXPECT_EQ(items->key->hasPrivateKey, 0);
+        ZAVKM_FreeKeyItemList(items);
+    }
     EXPECT_EQ(selfSigned("mine", 256), ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT);
     EXPECT_EQ(ZAVKM_DeleteKey(handle, keyLabels().front().c_str()),
               ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT);

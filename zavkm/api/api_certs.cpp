@@ -453,14 +453,14 @@ ZAVKM_ReturnCode ZAVKM_ReceiveCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert
 
 ZAVKM_ReturnCode ZAVKM_ExportCert(ZAVKM_KeyDbHandle handle, const char* label,
                                   const char* certFileName, uint8_t isBase64) noexcept {
-    return withKeyDb(__func__, handle, {label, certFileName}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {label, certFileName}, [&](KeyDb& kdb) -> Rc {
         std::optional<KeyRow> row;
         if (Rc rc = findKey(kdb.db.get(), label, row); rc != ZAVKM_OK) return rc;
         if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
         X509Ptr cert = parseCertificate(row->cert.data(), row->cert.size());
         if (!cert) return ZAVKM_ERR_DATABASE_CORRUPTION;
         return writeCertificateFile(certFileName, cert.get(), isBase64 != 0);
-    });
+    }, [&](TokenStore& t) { return tokenExportCert(t, label, certFileName, isBase64 != 0); });
 }
 
 }  // extern "C"

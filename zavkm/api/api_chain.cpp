@@ -92,6 +92,37 @@ Rc verifyCodeToRc(int error) {
     }
 }
 
+// validateChain - whether cert chains up to a trusted candidate; the candidates that are not
+// trusted may stand in the middle.
+Rc validateChain(const uint8_t* cert, uint32_t certLength, const std::vector<ChainCandidate>& pool,
+                 uint8_t* isValid) {
+    X509Ptr x509 = parseCertificate(cert, certLength);
+    if (!x509) return ZAVKM_ERR_ASN;
+    X509StorePtr store(X509_STORE_new());
+    X509StackPtr untrusted(sk_X509_new_null());
+    if (!store || !untrusted) return ZAVKM_ERR_MEMORY_ALLOCATE;
+    for (const ChainCandidate& c : pool) {
+        if (c.trusted) {
+            if (X509_STORE_add_cert(store.get(), c.cert.get()) != 1) clearSslErrors();
+        } else if (X509_up_ref(c.cert.get()) == 1 && sk_X509_push(untrusted.get(), c.cert.get()) <= 0) {
+            X509_free(c.cert.get());
+        }
+    }
+    X509_STORE_set_flags(store.get(), X509_V_FLAG_PARTIAL_CHAIN);
+    X509StoreCtxPtr ctx(X509_STORE_CTX_new());
+    if (!ctx || X509_STORE_CTX_init(ctx.get(), store.get(), x509.get(), untrusted.get()) != 1)
+        return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
+    int ok = X509_verify_cert(ctx.get());
+    int error = X509_STORE_CTX_get_error(ctx.get());
+    clearSslErrors();
+    trace("chain validation: %s", X509_verify_cert_error_string(error));
+    if (ok == 1) {
+        *isValid = 1;
+        return ZAVKM_OK;
+    }
+    return verifyCodeToRc(error != X509_V_OK ? error : X509_V_ERR_UNSPECIFIED);
+}
+
 }  // namespace
 
 extern "C" {
@@ -152,38 +183,24 @@ ZAVKM_ReturnCode ZAVKM_RenewCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
 
 ZAVKM_ReturnCode ZAVKM_ValidateCertChain(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
                                          uint32_t certLength, uint8_t* isValid) noexcept {
-    return withKeyDb(__func__, handle, {cert, isValid}, [&](KeyDb& kdb) -> Rc {
-        *isValid = 0;
-        X509Ptr x509 = parseCertificate(cert, certLength);
-        if (!x509) return ZAVKM_ERR_ASN;
-        std::vector<KeyRow> rows;
-        if (Rc rc = allKeys(kdb.db.get(), rows); rc != ZAVKM_OK) return rc;
-        X509StorePtr store(X509_STORE_new());
-        X509StackPtr untrusted(sk_X509_new_null());
-        if (!store || !untrusted) return ZAVKM_ERR_MEMORY_ALLOCATE;
-        for (const KeyRow& r : rows) {
-            X509Ptr c = parseCertificate(r.cert.data(), r.cert.size());
-            if (!c) continue;
-            if (r.trusted) {
-                if (X509_STORE_add_cert(store.get(), c.get()) != 1) clearSslErrors();
-            } else if (sk_X509_push(untrusted.get(), c.get()) > 0) {
-                c.release();
-            }
-        }
-        X509_STORE_set_flags(store.get(), X509_V_FLAG_PARTIAL_CHAIN);
-        X509StoreCtxPtr ctx(X509_STORE_CTX_new());
-        if (!ctx || X509_STORE_CTX_init(ctx.get(), store.get(), x509.get(), untrusted.get()) != 1)
-            return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
-        int ok = X509_verify_cert(ctx.get());
-        int error = X509_STORE_CTX_get_error(ctx.get());
-        clearSslErrors();
-        trace("chain validation: %s", X509_verify_cert_error_string(error));
-        if (ok == 1) {
-            *isValid = 1;
-            return ZAVKM_OK;
-        }
-        return verifyCodeToRc(error != X509_V_OK ? error : X509_V_ERR_UNSPECIFIED);
-    });
+    return withStore(
+        __func__, handle, {cert, isValid},
+        [&](KeyDb& kdb) -> Rc {
+            *isValid = 0;
+            std::vector<KeyRow> rows;
+            if (Rc rc = allKeys(kdb.db.get(), rows); rc != ZAVKM_OK) return rc;
+            std::vector<ChainCandidate> pool;
+            for (const KeyRow& r : rows)
+                if (X509Ptr c = parseCertificate(r.cert.data(), r.cert.size()))
+                    pool.push_back({std::move(c), r.trusted});
+            return validateChain(cert, certLength, pool, isValid);
+        },
+        [&](TokenStore& t) -> Rc {
+            *isValid = 0;
+            std::vector<ChainCandidate> pool;
+            if (Rc rc = tokenChainCandidates(t, pool); rc != ZAVKM_OK) return rc;
+            return validateChain(cert, certLength, pool, isValid);
+        });
 }
 
 }  // extern "C"

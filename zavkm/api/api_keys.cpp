@@ -130,14 +130,14 @@ ZAVKM_ReturnCode ZAVKM_GetReqKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char
 
 ZAVKM_ReturnCode ZAVKM_GetKeyItemListByLabel(ZAVKM_KeyDbHandle handle, const char* label,
                                              ZAVKM_KeyItemList** list) noexcept {
-    return withKeyDb(__func__, handle, {label, list}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {label, list}, [&](KeyDb& kdb) -> Rc {
         *list = nullptr;
         ReadTransaction tx(kdb.db.get());
         std::optional<KeyRow> row;
         if (Rc rc = findKey(kdb.db.get(), label, row); rc != ZAVKM_OK) return rc;
         if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
         return keyItemsList(kdb, {*row}, list);
-    });
+    }, [&](TokenStore& t) { return tokenKeyItemList(t, label, list); });
 }
 
 ZAVKM_ReturnCode ZAVKM_IsPrivateKeyPresent(ZAVKM_KeyDbHandle handle, const char* label,
@@ -175,7 +175,7 @@ ZAVKM_ReturnCode ZAVKM_GetDefaultKeyItem(ZAVKM_KeyDbHandle handle, ZAVKM_KeyItem
 ZAVKM_ReturnCode ZAVKM_GetKeyItemsByPublicKey(ZAVKM_KeyDbHandle handle, uint32_t publicKeyLength,
                                               const uint8_t* publicKey,
                                               ZAVKM_KeyItemList** list) noexcept {
-    return withKeyDb(__func__, handle, {publicKey, list}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {publicKey, list}, [&](KeyDb& kdb) -> Rc {
         *list = nullptr;
         if (publicKeyLength == 0) return ZAVKM_ERR_PARAMETER;
         const unsigned char* p = publicKey;  // re-encoded, so any valid DER form matches
@@ -186,6 +186,13 @@ ZAVKM_ReturnCode ZAVKM_GetKeyItemsByPublicKey(ZAVKM_KeyDbHandle handle, uint32_t
         if (Rc rc = findKeysBySpki(kdb.db.get(), spkiOf(key.get()), rows); rc != ZAVKM_OK)
             return rc;
         return keyItemsList(kdb, rows, list);
+    }, [&](TokenStore& t) -> Rc {
+        *list = nullptr;
+        if (publicKeyLength == 0) return ZAVKM_ERR_PARAMETER;
+        const unsigned char* p = publicKey;
+        PkeyPtr key(d2i_PUBKEY(nullptr, &p, static_cast<long>(publicKeyLength)));
+        if (!key) return sslError(ZAVKM_ERR_ASN);
+        return tokenKeyItemsBySpki(t, spkiOf(key.get()), list);
     });
 }
 

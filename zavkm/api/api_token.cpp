@@ -38,7 +38,7 @@ Rc certificatesLabelled(TokenStore& t, const std::string& label, std::vector<X50
     std::vector<Bytes> ders;
     if (Rc rc = objectValues(t, TokenObject::Certificate, label, ders); rc != ZAVKM_OK) return rc;
     for (const Bytes& der : ders) {
-        X509Ptr cert = parseCertificate(der.data(), der.size());
+        X509Ptr cert = cachedCertificate(der);
         if (!cert) return ZAVKM_ERR_ASN;
         out.push_back(std::move(cert));
     }
@@ -168,16 +168,15 @@ Rc tokenNewRequest(TokenStore& t, const RequestArgs& a) {
 
 Rc tokenPrivateKeyPresent(TokenStore& t, const char* label, uint8_t* present) {
     *present = 0;
-    std::vector<X509Ptr> certs;
-    if (Rc rc = certificatesLabelled(t, label, certs); rc != ZAVKM_OK) return rc;
-    if (certs.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
-    for (const X509Ptr& cert : certs) {
-        bool found = false;
-        Bytes id = keyIdOf(X509_get0_pubkey(cert.get()));
-        if (Rc rc = objectWithId(t, TokenObject::PrivateKey, id, found); rc != ZAVKM_OK) return rc;
-        if (found) *present = 1;
+    const TokenSnapshot* snap = nullptr;
+    if (Rc rc = snapshotOf(t, snap); rc != ZAVKM_OK) return rc;
+    bool found = false;
+    for (const CertObject& c : snap->certs) {
+        if (c.label != label) continue;
+        found = true;
+        if (hasPrivateKey(*snap, c.id)) *present = 1;  // the certificate's own CKA_ID
     }
-    return ZAVKM_OK;
+    return found ? ZAVKM_OK : ZAVKM_ERR_KEY_GET_BY_LABEL;
 }
 
 Rc tokenDelete(TokenStore& t, const char* label) {
@@ -185,32 +184,120 @@ Rc tokenDelete(TokenStore& t, const char* label) {
     return destroyLabelled(t, label);
 }
 
-Rc tokenKeyItem(TokenStore& t, const char* label, ZAVKM_KeyItem** key) {
-    *key = nullptr;
-    std::vector<X509Ptr> certs;
-    if (Rc rc = certificatesLabelled(t, label, certs); rc != ZAVKM_OK) return rc;
-    if (certs.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
-    X509Ptr cert = std::move(certs.front());
+namespace {
+
+// keyItemOf - the key item of one certificate object: its key, its chain, and whether the
+// token holds the private key with the certificate's CKA_ID.
+Rc keyItemOf(TokenStore& t, const CertObject& object, KeyItemPtr& out) {
+    X509Ptr cert = cachedCertificate(object.value);
+    if (!cert) return ZAVKM_ERR_ASN;
     EVP_PKEY* pub = X509_get0_pubkey(cert.get());
+    if (pub == nullptr) return sslError(ZAVKM_ERR_ASN);
     KeyItemPtr item(newRecord<ZAVKM_KeyItem>());
     KeyInfo info = keyInfo(pub);
     item->shortValue1 = info.algorithm;
-    item->label = copyText(label);
+    item->label = copyText(object.label);
     item->keySize = info.bits;
     copyBytes(spkiOf(pub), &item->keyBer, &item->keyBerLength);
     item->hasKeyBer = 1;
-    bool found = false;
-    if (Rc rc = objectWithId(t, TokenObject::PrivateKey, keyIdOf(pub), found); rc != ZAVKM_OK)
-        return rc;
-    item->hasPrivateKey = found ? 1 : 0;  // a token's private key never leaves it: no EPKI
+    const TokenSnapshot* snap = nullptr;
+    if (Rc rc = snapshotOf(t, snap); rc != ZAVKM_OK) return rc;
+    item->hasPrivateKey = hasPrivateKey(*snap, object.id) ? 1 : 0;  // never leaves: no EPKI
     std::vector<X509Ptr> chain;
     if (Rc rc = chainOnToken(t, std::move(cert), chain); rc != ZAVKM_OK) return rc;
     CertItemListPtr list;
     if (Rc rc = certListRecord(chain, list); rc != ZAVKM_OK) return rc;
     item->certList = list.release();
     item->hasCertList = 1;
+    out = std::move(item);
+    return ZAVKM_OK;
+}
+
+// matchingCertificates - copies of the certificate objects that pass keep.
+template <class Keep>
+Rc matchingCertificates(TokenStore& t, Keep&& keep, std::vector<CertObject>& out) {
+    const TokenSnapshot* snap = nullptr;
+    if (Rc rc = snapshotOf(t, snap); rc != ZAVKM_OK) return rc;
+    for (const CertObject& c : snap->certs)
+        if (keep(c)) out.push_back(c);
+    return ZAVKM_OK;
+}
+
+Rc keyItemList(TokenStore& t, const std::vector<CertObject>& objects, ZAVKM_KeyItemList** list) {
+    KeyItemListPtr head;
+    ZAVKM_KeyItemList* tail = nullptr;
+    for (const CertObject& object : objects) {
+        KeyItemPtr item;
+        if (Rc rc = keyItemOf(t, object, item); rc != ZAVKM_OK) return rc;
+        auto* node = newRecord<ZAVKM_KeyItemList>();
+        node->key = item.release();
+        if (tail == nullptr)
+            head.reset(node);
+        else
+            tail->next = node;
+        tail = node;
+    }
+    *list = head.release();
+    return ZAVKM_OK;
+}
+
+}  // namespace
+
+Rc tokenKeyItem(TokenStore& t, const char* label, ZAVKM_KeyItem** key) {
+    *key = nullptr;
+    std::vector<CertObject> objects;
+    auto byLabel = [&](const CertObject& c) { return c.label == label; };
+    if (Rc rc = matchingCertificates(t, byLabel, objects); rc != ZAVKM_OK) return rc;
+    if (objects.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    KeyItemPtr item;
+    if (Rc rc = keyItemOf(t, objects.front(), item); rc != ZAVKM_OK) return rc;
     *key = item.release();
     return ZAVKM_OK;
+}
+
+Rc tokenKeyItemList(TokenStore& t, const char* label, ZAVKM_KeyItemList** list) {
+    *list = nullptr;
+    std::vector<CertObject> objects;
+    auto byLabel = [&](const CertObject& c) { return c.label == label; };
+    if (Rc rc = matchingCertificates(t, byLabel, objects); rc != ZAVKM_OK) return rc;
+    if (objects.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    return keyItemList(t, objects, list);
+}
+
+Rc tokenKeyItemsBySpki(TokenStore& t, const Bytes& spki, ZAVKM_KeyItemList** list) {
+    *list = nullptr;
+    std::vector<CertObject> objects;
+    auto byKey = [&](const CertObject& c) {
+        X509Ptr cert = cachedCertificate(c.value);
+        return cert && spkiOf(X509_get0_pubkey(cert.get())) == spki;
+    };
+    if (Rc rc = matchingCertificates(t, byKey, objects); rc != ZAVKM_OK) return rc;
+    return keyItemList(t, objects, list);
+}
+
+Rc tokenChainCandidates(TokenStore& t, std::vector<ChainCandidate>& out) {
+    std::vector<X509Ptr> certs;
+    if (Rc rc = allCertificates(t, certs); rc != ZAVKM_OK) return rc;
+    for (X509Ptr& c : certs) {
+        bool anchor = isSelfSigned(c.get());
+        out.push_back({std::move(c), anchor});
+    }
+    std::shared_ptr<KeyDb> kdb = t.secondary != 0 ? findHandle(t.secondary) : nullptr;
+    if (!kdb) return ZAVKM_OK;
+    std::lock_guard lock(kdb->mutex);
+    std::vector<KeyRow> rows;
+    if (Rc rc = allKeys(kdb->db.get(), rows); rc != ZAVKM_OK) return rc;
+    for (const KeyRow& r : rows)
+        if (X509Ptr c = parseCertificate(r.cert.data(), r.cert.size()))
+            out.push_back({std::move(c), r.trusted});
+    return ZAVKM_OK;
+}
+
+Rc tokenExportCert(TokenStore& t, const char* label, const char* fileName, bool pem) {
+    std::vector<X509Ptr> certs;
+    if (Rc rc = certificatesLabelled(t, label, certs); rc != ZAVKM_OK) return rc;
+    if (certs.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    return writeCertificateFile(fileName, certs.front().get(), pem);
 }
 
 Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length) {
@@ -226,7 +313,7 @@ Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length) {
             X509ReqPtr req = parseRequest(r.data(), r.size());
             if (!req || !sameKey(X509_REQ_get0_pubkey(req.get()), X509_get0_pubkey(cert.get())))
                 continue;
-            Bytes id = keyIdOf(X509_get0_pubkey(cert.get()));
+            Bytes id = keyIdOf(cert.get());
             if (Rc rc = storeCertificate(t, label, id, cert.get()); rc != ZAVKM_OK) return rc;
             return destroyObjects(t, TokenObject::Request, label);
         }
@@ -241,14 +328,14 @@ Rc tokenStoreSigner(TokenStore& t, const uint8_t* der, uint32_t length, const ch
     bool used = false;
     if (Rc rc = labelInUse(t, label, used); rc != ZAVKM_OK) return rc;
     if (used) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
-    return storeCertificate(t, label, keyIdOf(X509_get0_pubkey(cert.get())), cert.get());
+    return storeCertificate(t, label, keyIdOf(cert.get()), cert.get());
 }
 
 // renewedLabel - the label of the certificate on the token whose key pair cert is for; empty
 // when the token has none or no private key for it.
 Rc renewedLabel(TokenStore& t, X509* cert, std::string& label) {
     label.clear();
-    Bytes id = keyIdOf(X509_get0_pubkey(cert));
+    Bytes id = keyIdOf(cert);
     bool hasKey = false;
     if (Rc rc = objectWithId(t, TokenObject::PrivateKey, id, hasKey); rc != ZAVKM_OK) return rc;
     return hasKey ? labelWithId(t, TokenObject::Certificate, id, label) : ZAVKM_OK;
@@ -270,7 +357,7 @@ Rc tokenRenew(TokenStore& t, const uint8_t* der, uint32_t length) {
     std::string label;
     if (Rc rc = renewedLabel(t, cert.get(), label); rc != ZAVKM_OK) return rc;
     if (label.empty()) return ZAVKM_ERR_REQKEY_FOR_CERT_NULL;
-    Bytes id = keyIdOf(X509_get0_pubkey(cert.get()));
+    Bytes id = keyIdOf(cert.get());
     if (Rc rc = destroyWithId(t, TokenObject::Certificate, id); rc != ZAVKM_OK) return rc;
     return storeCertificate(t, label, id, cert.get());
 }

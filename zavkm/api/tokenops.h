@@ -39,6 +39,13 @@ Rc tokenNewRequest(TokenStore& t, const RequestArgs& a);
 Rc tokenPrivateKeyPresent(TokenStore& t, const char* label, uint8_t* present);
 Rc tokenDelete(TokenStore& t, const char* label);
 Rc tokenKeyItem(TokenStore& t, const char* label, ZAVKM_KeyItem** key);
+// tokenKeyItemList - every certificate with label (labels two certificates share give two).
+Rc tokenKeyItemList(TokenStore& t, const char* label, ZAVKM_KeyItemList** list);
+Rc tokenKeyItemsBySpki(TokenStore& t, const Bytes& spki, ZAVKM_KeyItemList** list);
+// tokenChainCandidates - the token's certificates (its self-signed ones trusted) and those of
+// its secondary key database (trusted as marked there).
+Rc tokenChainCandidates(TokenStore& t, std::vector<ChainCandidate>& out);
+Rc tokenExportCert(TokenStore& t, const char* label, const char* fileName, bool pem);
 
 // tokenReceive - a certificate for a request key on the token: stored with the request's label
 // next to its key pair, the request object removed.

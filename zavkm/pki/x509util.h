@@ -72,6 +72,12 @@ struct Issuer {
     RemoteSigner* remote = nullptr;
 };
 
+// ChainCandidate - a certificate a chain may use, and whether it is a trust anchor.
+struct ChainCandidate {
+    X509Ptr cert;
+    bool trusted = false;
+};
+
 // CertPlan - what makeCertificate needs. issuer null means self-signed (subjectKey signs).
 struct CertPlan {
     int32_t version = 3;  // 1 gives a v1 certificate, else v3

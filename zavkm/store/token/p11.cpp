@@ -42,7 +42,8 @@ Rc loadModule(const std::string& path, CK_FUNCTION_LIST*& out) noexcept {
         CK_RV rv = f->C_Initialize(&args);
         if (rv != CKR_OK && rv != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
             p11_kit_module_release(f);
-            p11Error(rv, "C_Initialize");
+            trace("C_Initialize of %s failed: CKR_ 0x%08lx", path.c_str(),
+                  static_cast<unsigned long>(rv));
             return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LIBRARY_NOT_LOADED;
         }
         t.loaded.emplace(path, f);

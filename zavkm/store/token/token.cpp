@@ -63,8 +63,77 @@ Rc attribute(TokenStore& t, CK_OBJECT_HANDLE obj, CK_ATTRIBUTE_TYPE type, Bytes&
     return ZAVKM_OK;
 }
 
+// attributes - several attributes of one object in two calls; an attribute the object lacks
+// comes back empty. gone: the object went away meanwhile (another session removed or replaced
+// it), nothing is read.
+Rc attributes(TokenStore& t, CK_OBJECT_HANDLE obj, std::initializer_list<CK_ATTRIBUTE_TYPE> types,
+              std::vector<Bytes>& out, bool& gone) {
+    std::vector<CK_ATTRIBUTE> tmpl;
+    for (CK_ATTRIBUTE_TYPE type : types) tmpl.push_back(attr(type, nullptr, 0));
+    CK_FUNCTION_LIST* f = t.session.f;
+    out.assign(tmpl.size(), Bytes());
+    for (int pass = 0; pass < 2; ++pass) {
+        CK_RV rv = f->C_GetAttributeValue(t.session.handle, obj, tmpl.data(), tmpl.size());
+        gone = rv == CKR_OBJECT_HANDLE_INVALID;
+        if (gone) return ZAVKM_OK;
+        if (rv != CKR_OK && rv != CKR_ATTRIBUTE_TYPE_INVALID)
+            return p11Error(rv, "C_GetAttributeValue");
+        for (size_t i = 0; pass == 0 && i < tmpl.size(); ++i) {
+            if (tmpl[i].ulValueLen == CK_UNAVAILABLE_INFORMATION) tmpl[i].ulValueLen = 0;
+            out[i].resize(tmpl[i].ulValueLen);
+            tmpl[i].pValue = out[i].data();
+        }
+    }
+    return ZAVKM_OK;
+}
+
+Rc readSnapshot(TokenStore& t, TokenSnapshot& out) {
+    std::vector<CK_OBJECT_HANDLE> certs, keys;
+    if (Rc rc = findObjects(t, kindTemplate(TokenObject::Certificate), certs); rc != ZAVKM_OK)
+        return rc;
+    std::vector<Bytes> values;
+    bool gone = false;
+    for (CK_OBJECT_HANDLE obj : certs) {
+        if (Rc rc = attributes(t, obj, {CKA_LABEL, CKA_ID, CKA_VALUE}, values, gone);
+            rc != ZAVKM_OK)
+            return rc;
+        if (!gone)
+            out.certs.push_back({std::string(values[0].begin(), values[0].end()),
+                                 std::move(values[1]), std::move(values[2])});
+    }
+    if (Rc rc = findObjects(t, kindTemplate(TokenObject::PrivateKey), keys); rc != ZAVKM_OK)
+        return rc;
+    for (CK_OBJECT_HANDLE obj : keys) {
+        if (Rc rc = attributes(t, obj, {CKA_ID}, values, gone); rc != ZAVKM_OK) return rc;
+        if (!gone) out.privateKeyIds.push_back(std::move(values[0]));
+    }
+    out.valid = true;
+    return ZAVKM_OK;
+}
+
+}  // namespace
+
+Rc snapshotOf(TokenStore& t, const TokenSnapshot*& out) {
+    if (!t.snapshot.valid) {
+        TokenSnapshot fresh;
+        if (Rc rc = readSnapshot(t, fresh); rc != ZAVKM_OK) return rc;
+        t.snapshot = std::move(fresh);
+    }
+    out = &t.snapshot;
+    return ZAVKM_OK;
+}
+
+bool hasPrivateKey(const TokenSnapshot& snap, const Bytes& id) noexcept {
+    for (const Bytes& k : snap.privateKeyIds)
+        if (k == id) return true;
+    return false;
+}
+
+namespace {
+
 Rc createObject(TokenStore& t, std::vector<CK_ATTRIBUTE> tmpl, const char* what) {
     if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
+    t.snapshot.valid = false;
     CK_OBJECT_HANDLE obj = CK_INVALID_HANDLE;
     CK_RV rv = t.session.f->C_CreateObject(t.session.handle, tmpl.data(), tmpl.size(), &obj);
     return rv == CKR_OK ? ZAVKM_OK : p11Error(rv, what);
@@ -168,6 +237,14 @@ Bytes keyIdOf(const EVP_PKEY* key) {
     return id;
 }
 
+Bytes keyIdOf(const X509* cert) {
+    Bytes id(EVP_MAX_MD_SIZE);
+    unsigned int n = 0;
+    if (X509_pubkey_digest(cert, EVP_sha1(), id.data(), &n) != 1) return {};
+    id.resize(n);
+    return id;
+}
+
 Rc openToken(const TokenSpec& spec, const char* pin, bool publicOnly,
              std::unique_ptr<TokenStore>& out) {
     auto t = std::make_unique<TokenStore>();
@@ -203,6 +280,12 @@ Rc changeTokenPin(const TokenSpec& spec, const char* oldPin, const char* newPin)
 }
 
 Rc objectLabels(TokenStore& t, TokenObject kind, std::vector<std::string>& out) {
+    if (kind == TokenObject::Certificate) {
+        const TokenSnapshot* snap = nullptr;
+        if (Rc rc = snapshotOf(t, snap); rc != ZAVKM_OK) return rc;
+        for (const CertObject& c : snap->certs) out.push_back(c.label);
+        return ZAVKM_OK;
+    }
     std::vector<CK_OBJECT_HANDLE> objs;
     if (Rc rc = findObjects(t, kindTemplate(kind), objs); rc != ZAVKM_OK) return rc;
     for (CK_OBJECT_HANDLE obj : objs) {
@@ -215,6 +298,13 @@ Rc objectLabels(TokenStore& t, TokenObject kind, std::vector<std::string>& out) 
 
 Rc objectValues(TokenStore& t, TokenObject kind, const std::string& label,
                 std::vector<Bytes>& out) {
+    if (kind == TokenObject::Certificate) {
+        const TokenSnapshot* snap = nullptr;
+        if (Rc rc = snapshotOf(t, snap); rc != ZAVKM_OK) return rc;
+        for (const CertObject& c : snap->certs)
+            if (c.label == label) out.push_back(c.value);
+        return ZAVKM_OK;
+    }
     std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(kind);
     tmpl.push_back(attr(CKA_LABEL, label));
     std::vector<CK_OBJECT_HANDLE> objs;
@@ -228,6 +318,12 @@ Rc objectValues(TokenStore& t, TokenObject kind, const std::string& label,
 }
 
 Rc objectWithId(TokenStore& t, TokenObject kind, const Bytes& id, bool& present) {
+    if (kind == TokenObject::PrivateKey) {
+        const TokenSnapshot* snap = nullptr;
+        if (Rc rc = snapshotOf(t, snap); rc != ZAVKM_OK) return rc;
+        present = hasPrivateKey(*snap, id);
+        return ZAVKM_OK;
+    }
     std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(kind);
     tmpl.push_back(attr(CKA_ID, id));
     std::vector<CK_OBJECT_HANDLE> objs;
@@ -243,6 +339,7 @@ Rc destroyAll(TokenStore& t, std::vector<CK_ATTRIBUTE> tmpl) {
     if (Rc rc = findObjects(t, std::move(tmpl), objs); rc != ZAVKM_OK) return rc;
     if (objs.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
     if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
+    t.snapshot.valid = false;
     for (CK_OBJECT_HANDLE obj : objs)
         if (CK_RV rv = t.session.f->C_DestroyObject(t.session.handle, obj); rv != CKR_OK)
             return p11Error(rv, "C_DestroyObject");
@@ -286,6 +383,7 @@ Rc generateTokenKey(TokenStore& t, int32_t keySize, const std::string& label, To
     if (!ec && (keySize < 1024 || keySize > 16384))
         return ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE;
     if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
+    t.snapshot.valid = false;
     CK_ULONG bits = static_cast<CK_ULONG>(keySize);
     const CK_BYTE exponent[] = {1, 0, 1};
     std::vector<CK_ATTRIBUTE> pub{flag(CKA_TOKEN, true), flag(CKA_VERIFY, true),
@@ -329,6 +427,7 @@ Rc privateKeyWithId(TokenStore& t, const Bytes& id, CK_OBJECT_HANDLE& out) {
 }
 
 void destroyKey(TokenStore& t, const TokenKey& key) noexcept {
+    t.snapshot.valid = false;
     for (CK_OBJECT_HANDLE obj : {key.publicHandle, key.privateKey})
         if (obj != CK_INVALID_HANDLE) t.session.f->C_DestroyObject(t.session.handle, obj);
 }

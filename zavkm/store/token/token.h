@@ -14,6 +14,22 @@
 
 namespace zavkm {
 
+// CertObject - what lookups need of a certificate object.
+struct CertObject {
+    std::string label;
+    Bytes id;
+    Bytes value;
+};
+
+// TokenSnapshot - the token's certificates and private key ids, read in two searches at the first
+// lookup and dropped at every change made through the handle: a token's search visits every
+// object, so per-label searches would cost one full visit each.
+struct TokenSnapshot {
+    bool valid = false;
+    std::vector<CertObject> certs;
+    std::vector<Bytes> privateKeyIds;
+};
+
 // TokenStore - an open token: its own session (logged in when a PIN was given), one thread at a
 // time (callers hold mutex). secondary is the handle of a key database paired with it, or 0.
 struct TokenStore {
@@ -21,6 +37,7 @@ struct TokenStore {
     Session session;
     bool readOnly = false;
     ZAVKM_KeyDbHandle secondary = 0;
+    TokenSnapshot snapshot;
 };
 
 // TokenSpec - which token: the module path and the token label (empty: the first initialised).
@@ -103,7 +120,14 @@ Rc storeCertificate(TokenStore& t, const std::string& label, const Bytes& id, X5
 // request's DER (data objects have no CKA_ID; the request's public key leads to its pair).
 Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der);
 
-// keyIdOf - the CKA_ID of a public key: SHA-1 of its encoded key bits.
+// keyIdOf - the CKA_ID of a public key: SHA-1 of its encoded key bits (of a certificate's key).
 Bytes keyIdOf(const EVP_PKEY* key);
+Bytes keyIdOf(const X509* cert);
+
+// snapshotOf - the token's certificates and private key ids as of the handle's last change.
+Rc snapshotOf(TokenStore& t, const TokenSnapshot*& out);
+
+// hasPrivateKey - whether the snapshot holds a private key with id.
+bool hasPrivateKey(const TokenSnapshot& snap, const Bytes& id) noexcept;
 
 }  // namespace zavkm
