@@ -9,6 +9,9 @@
 #include <openssl/pkcs12.h>
 #include <openssl/x509.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -158,7 +161,7 @@ std::string contents(const std::string& file) {
     for (const char* pw : kPasswords) {
         OpenDb db(file, pw);
         if (db.rc == ZAVKM_ERR_DATABASE_INVALID_PASSWORD) continue;
-        if (db.rc != ZAVKM_OK) return "open: " + std::to_string(db.rc);
+        if (db.rc != ZAVKM_OK) return "open fails with " + std::to_string(db.rc);
         std::string out = std::string(pw) + ":";
         for (const auto& l : labels(db.h)) out += " " + l;
         ZAVKM_LabelList* reqs = nullptr;
@@ -295,6 +298,40 @@ TEST(FaultLoop, EveryFailingAllocationOrWriteLeavesTheStoreAsBeforeOrChangedWhol
     }
     std::printf("fault loop: %ld failing runs in %.1f s\n", runs,
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    ZAVKM_CleanAll();
+}
+
+// A creator killed at any write, sync, rename or link leaves no file or the whole one, and the
+// name can be created again unless it is whole.
+TEST(FaultLoop, ACreatorKilledAtAnyWriteLeavesNoFileOrTheWholeOne) {
+    ASSERT_EQ(ZAVKM_Init(), ZAVKM_OK);
+    ScratchDir dir;
+    Ctx c{dir};
+    for (size_t i : {0, 1, 2, 12, 13}) ASSERT_EQ(attempt(c, kLife[i], kAlloc, 0, false).rc, ZAVKM_OK);
+    for (const Step* step : {&kLife[0], &kLife[14]}) {
+        SCOPED_TRACE(step->name);
+        const std::string created = c.path(step->writes[0]);
+        const std::string password = step == &kLife[0] ? kPasswords[0] : kPasswords[1];
+        for (long n = 1;; ++n) {
+            zavkm::closeIdleConnections();
+            for (const auto& e : fs::directory_iterator(c.path("")))
+                if (e.path().string().rfind(created, 0) == 0) fs::remove(e.path());
+            pid_t child = ::fork();
+            if (child == 0) {
+                armFault(kWrite, n, true);
+                ::_exit(step->call(c) == ZAVKM_OK ? 0 : 1);
+            }
+            int status = 0;
+            ::waitpid(child, &status, 0);
+            ASSERT_TRUE(WIFEXITED(status));
+            if (exists(created)) {
+                EXPECT_EQ(ZAVKM_CreateNewKeyDb(created.c_str(), password.c_str(), 0, &c.h),
+                          ZAVKM_ERR_DATABASE_ALREADY_EXISTS) << "after a kill at write " << n;
+                EXPECT_TRUE(whole(created)) << "after a kill at write " << n;
+            }
+            if (WEXITSTATUS(status) != kCrashed) break;
+        }
+    }
     ZAVKM_CleanAll();
 }
 

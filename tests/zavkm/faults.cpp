@@ -20,11 +20,13 @@ namespace {
 std::atomic<bool> armed{false};
 std::atomic<long> seen[kFaultKinds];
 std::atomic<long> failAt[kFaultKinds];
+bool crashing = false;
 thread_local bool insideVfs = false;  // SQLite's own system calls are counted at the VFS
 
 bool fire(Fault kind) {
     if (!armed.load()) return false;
     long n = ++seen[kind];
+    if (n == failAt[kind].load() && crashing) ::_exit(kCrashed);
     return n == failAt[kind].load();
 }
 
@@ -171,7 +173,8 @@ void forget(void* p) {
 
 }  // namespace
 
-void armFault(Fault kind, long n) {
+void armFault(Fault kind, long n, bool crash) {
+    crashing = crash;
     for (auto& s : seen) s = 0;
     for (auto& f : failAt) f = 0;
     failAt[kind] = n;

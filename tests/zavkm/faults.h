@@ -10,8 +10,10 @@ namespace zavkm_test {
 
 enum Fault { kAlloc, kWrite, kFaultKinds };
 
-// armFault - from now on count calls of each kind and fail the failAt-th one of kind (0: none).
-void armFault(Fault kind, long failAt);
+// armFault - from now on count calls of each kind and fail the failAt-th one of kind (0: none);
+// with crash, the process ends there instead (_exit(kCrashed)), as if killed.
+inline constexpr int kCrashed = 99;
+void armFault(Fault kind, long failAt, bool crash = false);
 // disarmFault - stops counting; the number of calls of kind seen since armFault.
 long disarmFault(Fault kind);
 
