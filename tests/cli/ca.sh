@@ -34,6 +34,15 @@ ok default ca
 ok keydb info
 has out "^default +ca$"
 
+# a new password: the stash file follows it, the old password no longer opens the file
+export NEW=New-passw0rd
+ok keydb changepw --new-password-env NEW --expire-days 30
+has out "^stash rewritten +yes$"
+ok keydb open-check
+run keydb open-check --password-env PW
+has err "16 ZAVKM_ERR_DATABASE_INVALID_PASSWORD"
+ok keydb open-check --password-env NEW
+
 # a CA made elsewhere: a trusted signer certificate until deleted
 openssl req -x509 -newkey rsa:2048 -nodes -keyout other.key -subj /CN=Other -days 2 -out other.pem 2> /dev/null
 ok cert add-ca other --in other.pem
