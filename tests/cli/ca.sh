@@ -44,8 +44,11 @@ has err "16 ZAVKM_ERR_DATABASE_INVALID_PASSWORD"
 ok keydb open-check --password-env NEW
 
 # a CA made elsewhere: a trusted signer certificate until deleted
-openssl req -x509 -newkey rsa:2048 -nodes -keyout other.key -subj /CN=Other -days 2 -out other.pem 2> /dev/null
+openssl req -x509 -newkey rsa:2048 -nodes -keyout other.key -subj /CN=Other -days 2 \
+  -addext 1.2.3.4=critical,DER:0C026869 -out other.pem 2> /dev/null
 ok cert add-ca other --in other.pem
+ok show other --json
+json "{'name': '1.2.3.4', 'critical': True, 'value': '..hi'} in d['extensions']"
 ok list --json
 json "[(r['label'], r['kind'], r['trusted'], r['default']) for r in d] == [('ca', 'personal', True, True), ('other', 'signer', True, False)]"
 ok delete other

@@ -26,11 +26,13 @@ rows=(
   "1|write none/k.pem: 91 ZAVKM_ERR_FILE_WRITE \(No such file|epki decrypt --in k.p8 --out none/k.pem --key-password-env PW"
   "1|list the tokens of /none.so: |token list /none.so"
   "1|list the certificate providers: |store providers"
+  "1|read token t1: |token info -m /none.so -t t1"
   "2|no password: give --password-file or --password-env, or run on a terminal|list"
   "2|--password-env: NOPE is not set|list --password-env NOPE"
   "2|--subject: \"XX=1\" is none of CN=|cert selfsign x --subject XX=1 --password-env PW"
   "2|--san: cannot read \"FOO\"|cert request x --subject CN=x --san FOO --out x.csr --password-env PW"
   "2|A subcommand is required|cert"
+  "2|A subcommand is required|"
   "0|changepw +change the password|--help-all"
   "2|state: maybe not in \{on,off\}|trust ca maybe"
 )
@@ -55,6 +57,8 @@ has out "New password for tty.kdb: "
 grep -q "Tty-passw0rd" out && fail "the password was echoed"
 pty -- cert selfsign big --subject CN=big -k 4096 --db tty.kdb --password Tty-passw0rd
 has out "generating an RSA 4096-bit key"
+pty -- cert selfsign small --subject CN=small --db tty.kdb --password Tty-passw0rd
+grep -q "generating" out && fail "progress shown for a small key"
 ok show big --db tty.kdb --password Tty-passw0rd --json
 json "d['key'] == 'RSA 4096'"
 pty Wrong -- list --db tty.kdb
