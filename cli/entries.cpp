@@ -9,6 +9,16 @@ std::string keyText(int32_t algorithm, int32_t bits) {
     return (algorithm == 2 ? "EC " : "RSA ") + std::to_string(bits);
 }
 
+namespace {
+
+Json row(const char* label, const char* kind, bool isDefault, bool trusted, const std::string& key,
+         Json expires) {
+    return {{"label", label},     {"kind", kind}, {"default", isDefault},
+            {"trusted", trusted}, {"key", key},   {"expires", expires}};
+}
+
+}  // namespace
+
 Json entries(ZAVKM_KeyDbHandle handle) {
     Json rows = Json::array();
     LabelList labels;
@@ -18,24 +28,18 @@ Json entries(ZAVKM_KeyDbHandle handle) {
         check(ZAVKM_GetKeyItemByLabel(handle, node->label, out(key)),
               "read entry " + std::string(node->label));
         const ZAVKM_CertItem* cert = key->certList ? key->certList->cert : nullptr;
-        rows.push_back({{"label", node->label},
-                        {"kind", key->hasPrivateKey ? "personal" : "signer"},
-                        {"default", key->keyFlag1 != 0},
-                        {"trusted", key->keyFlag2 != 0},
-                        {"key", keyText(key->shortValue1, key->keySize)},
-                        {"expires", cert ? Json(isoTime(cert->expireTime)) : Json()}});
+        rows.push_back(row(node->label, key->hasPrivateKey ? "personal" : "signer",
+                           key->keyFlag1 != 0, key->keyFlag2 != 0,
+                           keyText(key->shortValue1, key->keySize),
+                           cert ? Json(isoTime(cert->expireTime)) : Json()));
     }
     check(ZAVKM_GetReqKeyDbLabelList(handle, out(labels)), "list the request labels");
     for (const ZAVKM_LabelList* node = labels.get(); node && node->label; node = node->next) {
         ReqKeyItem request;
         check(ZAVKM_GetReqKeyItemByLabel(handle, node->label, out(request)),
               "read request " + std::string(node->label));
-        rows.push_back({{"label", node->label},
-                        {"kind", "request"},
-                        {"default", false},
-                        {"trusted", false},
-                        {"key", keyText(request->shortValue1, request->keySize)},
-                        {"expires", nullptr}});
+        rows.push_back(row(node->label, "request", false, false,
+                           keyText(request->shortValue1, request->keySize), nullptr));
     }
     return rows;
 }
@@ -47,7 +51,10 @@ Json showRequest(ZAVKM_KeyDbHandle handle, const std::string& label, bool withPe
     check(ZAVKM_GetReqKeyItemByLabel(handle, label.c_str(), out(request)), "find entry " + label);
     const ZAVKM_CertReqItem& req = *request->certReq;
     std::string text = pem("CERTIFICATE REQUEST", req.der, req.derLength);
-    if (withPem && !json) return std::cout << text, Json();
+    if (withPem && !json) {
+        std::cout << text;
+        return nullptr;
+    }
     Json doc{{"label", label},
              {"kind", "request"},
              {"subject", dnText(req.certReqInfoItem->subjectName)},
@@ -69,7 +76,10 @@ Json show(Context& ctx, const std::string& label, bool withPem) {
     }
     const ZAVKM_CertItem& cert = *key->certList->cert;
     std::string text = pem("CERTIFICATE", cert.der, cert.derLength);
-    if (withPem && !ctx.json) return std::cout << text, Json();
+    if (withPem && !ctx.json) {
+        std::cout << text;
+        return nullptr;
+    }
     Json doc{{"label", label},
              {"kind", key->hasPrivateKey ? "personal" : "signer"},
              {"default", key->keyFlag1 != 0},

@@ -68,13 +68,8 @@ int main(int argc, char** argv) {
         "Exit codes: 0 success, 1 a step failed (code and name on standard error), 2 usage.");
     try {
         app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& e) {
-        return app.exit(e);
-    } catch (const CLI::CallForAllHelp& e) {
-        return app.exit(e);
     } catch (const CLI::ParseError& e) {
-        app.exit(e);
-        return 2;
+        return app.exit(e) == 0 ? 0 : 2;  // help is no error
     }
     const char* db = std::getenv("TOLVIK_DB");
     if (ctx.db.empty() && db != nullptr) ctx.db = db;

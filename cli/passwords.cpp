@@ -91,6 +91,7 @@ bool stashed(const std::string& db) {
 }
 
 Secret keyDbPassword(const Context& ctx) {
+    if (ctx.db.empty()) throw UsageError{"name the key database with --db FILE"};
     if (given(ctx.password) || !stashed(ctx.db)) {
         return password(ctx.password, "Password for " + ctx.db + ": ", false);
     }
@@ -99,7 +100,6 @@ Secret keyDbPassword(const Context& ctx) {
 
 Store::Store(Context& ctx) {
     if (ctx.storeType == KeyDbFile) {
-        if (ctx.db.empty()) throw UsageError{"name the key database with --db FILE"};
         Secret pw = keyDbPassword(ctx);
         check(ZAVKM_OpenKeyDb(ctx.db.c_str(), pw.text.c_str(), &handle),
               "open key database " + ctx.db);

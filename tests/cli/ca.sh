@@ -34,9 +34,21 @@ ok default ca
 ok keydb info
 has out "^default +ca$"
 
+# a new password: the stash file follows it, the old password no longer opens the file
+export NEW=New-passw0rd
+ok keydb changepw --new-password-env NEW --expire-days 30
+has out "^stash rewritten +yes$"
+ok keydb open-check
+run keydb open-check --password-env PW
+has err "16 ZAVKM_ERR_DATABASE_INVALID_PASSWORD"
+ok keydb open-check --password-env NEW
+
 # a CA made elsewhere: a trusted signer certificate until deleted
-openssl req -x509 -newkey rsa:2048 -nodes -keyout other.key -subj /CN=Other -days 2 -out other.pem 2> /dev/null
+openssl req -x509 -newkey rsa:2048 -nodes -keyout other.key -subj /CN=Other -days 2 \
+  -addext 1.2.3.4=critical,DER:0C026869 -out other.pem 2> /dev/null
 ok cert add-ca other --in other.pem
+ok show other --json
+json "{'name': '1.2.3.4', 'critical': True, 'value': '..hi'} in d['extensions']"
 ok list --json
 json "[(r['label'], r['kind'], r['trusted'], r['default']) for r in d] == [('ca', 'personal', True, True), ('other', 'signer', True, False)]"
 ok delete other

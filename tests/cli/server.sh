@@ -14,6 +14,9 @@ json "[(r['label'], r['kind'], r['key']) for r in d] == [('ca', 'personal', 'RSA
 ok show srv --password-env PW
 has out "^kind +request$"
 has out "^subject +CN=srv.test, O=Norvex, C=NO$"
+ok show srv --pem --password-env PW
+openssl req -in out -noout -subject > text
+has text "subject=C = NO, O = Norvex, CN = srv.test"
 
 ok cert sign --issuer ca --in srv.csr --out srv.pem --serial 1234 --days 10 --sig sha384 --password-env PW
 openssl verify -CAfile ca.pem srv.pem > text 2>&1
