@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "state.h"
-#include "zavkm/record_fields.h"
+#include "zavkm/pki/record_fields.h"
 
 namespace fake {
 namespace detail {
