@@ -3,9 +3,8 @@
  *
  * This is the only declaration of that ABI: the JNI bridge, the library itself and the
  * recording test fake all include it. Every integer field is 32 bits wide; byte data is a
- * pointer followed by an unsigned 32-bit length. On 32-bit x86 the record offsets are those of
- * the original interface (pinned by tests/layout/layout_m32.cpp); on x86-64 pointers widen and
- * the field order stays.
+ * pointer followed by an unsigned 32-bit length. On 32-bit x86 every record offset is fixed
+ * (pinned by tests/layout/layout_m32.cpp); on x86-64 pointers widen and the field order stays.
  *
  * Memory that crosses the ABI is malloc-compatible: ZAVKM_Malloc, ZAVKM_Realloc and ZAVKM_Free
  * are malloc, realloc and free, and every release operation accepts nodes and texts that the
