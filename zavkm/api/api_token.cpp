@@ -337,7 +337,7 @@ Rc renewedLabel(TokenStore& t, X509* cert, std::string& label) {
     label.clear();
     Bytes id = keyIdOf(cert);
     bool hasKey = false;
-    if (Rc rc = objectWithId(t, TokenObject::PrivateKey, id, hasKey); rc != ZAVKM_OK) return rc;
+    if (Rc rc = privateKeyPresent(t, id, hasKey); rc != ZAVKM_OK) return rc;
     return hasKey ? labelWithId(t, TokenObject::Certificate, id, label) : ZAVKM_OK;
 }
 

@@ -149,7 +149,6 @@ Rc Session::login(const char* pin) noexcept {
     const auto* p = reinterpret_cast<const unsigned char*>(pin);
     CK_RV rv = f->C_Login(handle, CKU_USER, const_cast<CK_UTF8CHAR*>(p), std::strlen(pin));
     if (rv != CKR_OK && rv != CKR_USER_ALREADY_LOGGED_IN) return p11Error(rv, "C_Login");
-    loggedIn = rv == CKR_OK;
     return ZAVKM_OK;
 }
 
@@ -159,7 +158,6 @@ void Session::close() noexcept {
     // with the last session.
     f->C_CloseSession(handle);
     handle = CK_INVALID_HANDLE;
-    loggedIn = false;
 }
 
 }  // namespace zavkm

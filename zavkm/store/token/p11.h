@@ -50,7 +50,6 @@ class Session {
     CK_FUNCTION_LIST* f = nullptr;
     CK_SESSION_HANDLE handle = CK_INVALID_HANDLE;
     CK_SLOT_ID slot = 0;
-    bool loggedIn = false;
 };
 
 }  // namespace zavkm

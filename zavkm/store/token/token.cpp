@@ -317,18 +317,10 @@ Rc objectValues(TokenStore& t, TokenObject kind, const std::string& label,
     return ZAVKM_OK;
 }
 
-Rc objectWithId(TokenStore& t, TokenObject kind, const Bytes& id, bool& present) {
-    if (kind == TokenObject::PrivateKey) {
-        const TokenSnapshot* snap = nullptr;
-        if (Rc rc = snapshotOf(t, snap); rc != ZAVKM_OK) return rc;
-        present = hasPrivateKey(*snap, id);
-        return ZAVKM_OK;
-    }
-    std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(kind);
-    tmpl.push_back(attr(CKA_ID, id));
-    std::vector<CK_OBJECT_HANDLE> objs;
-    if (Rc rc = findObjects(t, tmpl, objs); rc != ZAVKM_OK) return rc;
-    present = !objs.empty();
+Rc privateKeyPresent(TokenStore& t, const Bytes& id, bool& present) {
+    const TokenSnapshot* snap = nullptr;
+    if (Rc rc = snapshotOf(t, snap); rc != ZAVKM_OK) return rc;
+    present = hasPrivateKey(*snap, id);
     return ZAVKM_OK;
 }
 

@@ -68,8 +68,8 @@ Rc objectLabels(TokenStore& t, TokenObject kind, std::vector<std::string>& out);
 Rc objectValues(TokenStore& t, TokenObject kind, const std::string& label,
                 std::vector<Bytes>& out);
 
-// objectWithId - whether an object of a kind with id exists.
-Rc objectWithId(TokenStore& t, TokenObject kind, const Bytes& id, bool& present);
+// privateKeyPresent - whether the token holds a private key with id.
+Rc privateKeyPresent(TokenStore& t, const Bytes& id, bool& present);
 
 // destroyLabelled - destroys every object with label (keys, certificates, request data);
 // ZAVKM_ERR_KEY_GET_BY_LABEL when there is none.
