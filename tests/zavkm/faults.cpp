@@ -11,7 +11,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdint>
 #include <cstdlib>
 
 namespace zavkm_test {
@@ -141,36 +140,6 @@ F next(const char* name) {
     return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
 }
 
-// ---- heap blocks: an open-addressed set of the blocks allocated while tracking ----------------
-#if !defined(__SANITIZE_ADDRESS__)
-constexpr size_t kSlots = size_t{1} << 20;
-void* slots[kSlots];
-std::atomic<bool> tracking{false};
-std::atomic<size_t> live{0};
-std::atomic_flag lock = ATOMIC_FLAG_INIT;
-
-size_t slotOf(void* p) { return (reinterpret_cast<uintptr_t>(p) >> 4) * 0x9E3779B97F4A7C15u >> 44; }
-void remember(void* p) {
-    while (lock.test_and_set(std::memory_order_acquire)) {}
-    size_t i = slotOf(p);
-    while (slots[i] != nullptr && slots[i] != reinterpret_cast<void*>(1)) i = (i + 1) % kSlots;
-    slots[i] = p;
-    ++live;
-    lock.clear(std::memory_order_release);
-}
-void forget(void* p) {
-    if (p == nullptr || live.load() == 0) return;
-    while (lock.test_and_set(std::memory_order_acquire)) {}
-    for (size_t i = slotOf(p); slots[i] != nullptr; i = (i + 1) % kSlots)
-        if (slots[i] == p) {
-            slots[i] = reinterpret_cast<void*>(1);  // a tombstone keeps later probes going
-            --live;
-            break;
-        }
-    lock.clear(std::memory_order_release);
-}
-#endif
-
 }  // namespace
 
 void armFault(Fault kind, long n, bool crash) {
@@ -185,14 +154,6 @@ long disarmFault(Fault kind) {
     armed = false;
     return seen[kind].load();
 }
-
-#if !defined(__SANITIZE_ADDRESS__)
-void trackBlocks(bool on) { tracking = on; }
-size_t liveBlocks() { return live.load(); }
-#else
-void trackBlocks(bool) {}
-size_t liveBlocks() { return 0; }
-#endif
 
 int openDescriptors() {
     int n = 0;
@@ -240,31 +201,3 @@ extern "C" int link(const char* from, const char* to) noexcept {
     }
     return real(from, to);
 }
-
-#if !defined(__SANITIZE_ADDRESS__)
-extern "C" void* __libc_malloc(size_t);
-extern "C" void* __libc_calloc(size_t, size_t);
-extern "C" void* __libc_realloc(void*, size_t);
-extern "C" void __libc_free(void*);
-
-extern "C" void* malloc(size_t n) noexcept {
-    void* p = __libc_malloc(n);
-    if (p != nullptr && tracking.load()) remember(p);
-    return p;
-}
-extern "C" void* calloc(size_t n, size_t size) noexcept {
-    void* p = __libc_calloc(n, size);
-    if (p != nullptr && tracking.load()) remember(p);
-    return p;
-}
-extern "C" void* realloc(void* old, size_t n) noexcept {
-    forget(old);
-    void* p = __libc_realloc(old, n);
-    if (p != nullptr && tracking.load()) remember(p);
-    return p;
-}
-extern "C" void free(void* p) noexcept {
-    forget(p);
-    __libc_free(p);
-}
-#endif

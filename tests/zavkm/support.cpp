@@ -1,4 +1,4 @@
-// support.cpp - shared pieces of the library's unit tests.
+// support.cpp - shared pieces of the library's tests.
 #include "support.h"
 
 #include <sys/stat.h>
@@ -40,29 +40,6 @@ bool exists(const std::string& name) {
     return ::stat(name.c_str(), &st) == 0;
 }
 
-unsigned fileMode(const std::string& name) {
-    struct stat st {};
-    return ::stat(name.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
-}
-
-ZAVKM_ReturnCode createDb(const std::string& name, const char* password, int32_t expire) {
-    ZAVKM_KeyDbHandle h = 0;
-    ZAVKM_ReturnCode rc = ZAVKM_CreateNewKeyDb(name.c_str(), password, expire, &h);
-    if (rc == ZAVKM_OK) ZAVKM_CloseKeyDb(h);
-    return rc;
-}
-
-ZAVKM_ReturnCode reopen(const std::string& name, const char* password) {
-    ZAVKM_KeyDbHandle h = 0;
-    ZAVKM_ReturnCode rc = ZAVKM_OpenKeyDb(name.c_str(), password, &h);
-    if (rc == ZAVKM_OK) ZAVKM_CloseKeyDb(h);
-    return rc;
-}
-
-}  // namespace zavkm_test
-
-namespace zavkm_test {
-
 ZAVKM_DNItem dn(const char* cn, const char* o) {
     ZAVKM_DNItem d{};
     d.cn = const_cast<char*>(cn);
@@ -76,15 +53,6 @@ OpenDb::OpenDb(const std::string& file, const char* password) {
 
 OpenDb::~OpenDb() {
     if (rc == ZAVKM_OK) ZAVKM_CloseKeyDb(h);
-}
-
-std::vector<uint8_t> selfSigned(ZAVKM_KeyDbHandle h, const std::string& label, ScratchDir& dir) {
-    ZAVKM_DNItem subject = dn(label.c_str());
-    std::string file = dir.path(label + ".der");
-    if (ZAVKM_CreateSelfSignedCert(h, label.c_str(), 0, 3, 256, &subject, 30, file.c_str(), 0) !=
-        ZAVKM_OK)
-        return {};
-    return readBytes(file);
 }
 
 std::vector<std::string> labels(ZAVKM_KeyDbHandle h) {
