@@ -71,12 +71,10 @@ int faultWrite(sqlite3_file* f, const void* p, int n, sqlite3_int64 at) {
     return Forward<&sqlite3_io_methods::xWrite>::call(f, p, n, at);
 }
 int faultSync(sqlite3_file* f, int flags) {
-    if (fire(kWrite)) return SQLITE_IOERR_FSYNC;
-    return Forward<&sqlite3_io_methods::xSync>::call(f, flags);
+    return fire(kWrite) ? SQLITE_IOERR_FSYNC : Forward<&sqlite3_io_methods::xSync>::call(f, flags);
 }
-int faultTruncate(sqlite3_file* f, sqlite3_int64 size) {
-    if (fire(kWrite)) return SQLITE_IOERR_TRUNCATE;
-    return Forward<&sqlite3_io_methods::xTruncate>::call(f, size);
+int faultTruncate(sqlite3_file* f, sqlite3_int64 n) {
+    return fire(kWrite) ? SQLITE_IOERR_TRUNCATE : Forward<&sqlite3_io_methods::xTruncate>::call(f, n);
 }
 
 int faultOpen(sqlite3_vfs*, sqlite3_filename name, sqlite3_file* f, int flags, int* outFlags) {
@@ -101,27 +99,14 @@ void registerFaultVfs() {
     faultVfs.szOsFile = static_cast<int>(sizeof(FaultFile)) + baseVfs->szOsFile;
     faultVfs.xOpen = faultOpen;
     faultVfs.xDelete = faultDelete;
-    faultIo = sqlite3_io_methods{
-        3,
-        Forward<&sqlite3_io_methods::xClose>::call,
-        Forward<&sqlite3_io_methods::xRead>::call,
-        faultWrite,
-        faultTruncate,
-        faultSync,
-        Forward<&sqlite3_io_methods::xFileSize>::call,
-        Forward<&sqlite3_io_methods::xLock>::call,
-        Forward<&sqlite3_io_methods::xUnlock>::call,
-        Forward<&sqlite3_io_methods::xCheckReservedLock>::call,
-        Forward<&sqlite3_io_methods::xFileControl>::call,
-        Forward<&sqlite3_io_methods::xSectorSize>::call,
-        Forward<&sqlite3_io_methods::xDeviceCharacteristics>::call,
-        Forward<&sqlite3_io_methods::xShmMap>::call,
-        Forward<&sqlite3_io_methods::xShmLock>::call,
-        Forward<&sqlite3_io_methods::xShmBarrier>::call,
-        Forward<&sqlite3_io_methods::xShmUnmap>::call,
-        Forward<&sqlite3_io_methods::xFetch>::call,
-        Forward<&sqlite3_io_methods::xUnfetch>::call,
-    };
+    using M = sqlite3_io_methods;
+    faultIo = M{3, Forward<&M::xClose>::call, Forward<&M::xRead>::call, faultWrite, faultTruncate,
+                faultSync, Forward<&M::xFileSize>::call, Forward<&M::xLock>::call,
+                Forward<&M::xUnlock>::call, Forward<&M::xCheckReservedLock>::call,
+                Forward<&M::xFileControl>::call, Forward<&M::xSectorSize>::call,
+                Forward<&M::xDeviceCharacteristics>::call, Forward<&M::xShmMap>::call,
+                Forward<&M::xShmLock>::call, Forward<&M::xShmBarrier>::call,
+                Forward<&M::xShmUnmap>::call, Forward<&M::xFetch>::call, Forward<&M::xUnfetch>::call};
     if (sqlite3_vfs_register(&faultVfs, 1) != SQLITE_OK) std::abort();
 }
 
@@ -177,27 +162,19 @@ extern "C" ssize_t write(int fd, const void* p, size_t n) {
     }
     return real(fd, p, n);
 }
+int ioError() {
+    errno = EIO;
+    return -1;
+}
 extern "C" int fsync(int fd) {
     static auto real = next<int (*)(int)>("fsync");
-    if (!insideVfs && fire(kWrite)) {
-        errno = EIO;
-        return -1;
-    }
-    return real(fd);
+    return !insideVfs && fire(kWrite) ? ioError() : real(fd);
 }
 extern "C" int rename(const char* from, const char* to) noexcept {
     static auto real = next<int (*)(const char*, const char*)>("rename");
-    if (fire(kWrite)) {
-        errno = EIO;
-        return -1;
-    }
-    return real(from, to);
+    return fire(kWrite) ? ioError() : real(from, to);
 }
 extern "C" int link(const char* from, const char* to) noexcept {
     static auto real = next<int (*)(const char*, const char*)>("link");
-    if (fire(kWrite)) {
-        errno = EIO;
-        return -1;
-    }
-    return real(from, to);
+    return fire(kWrite) ? ioError() : real(from, to);
 }
