@@ -11,7 +11,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdint>
 #include <cstdlib>
 
 namespace zavkm_test {
@@ -72,12 +71,10 @@ int faultWrite(sqlite3_file* f, const void* p, int n, sqlite3_int64 at) {
     return Forward<&sqlite3_io_methods::xWrite>::call(f, p, n, at);
 }
 int faultSync(sqlite3_file* f, int flags) {
-    if (fire(kWrite)) return SQLITE_IOERR_FSYNC;
-    return Forward<&sqlite3_io_methods::xSync>::call(f, flags);
+    return fire(kWrite) ? SQLITE_IOERR_FSYNC : Forward<&sqlite3_io_methods::xSync>::call(f, flags);
 }
-int faultTruncate(sqlite3_file* f, sqlite3_int64 size) {
-    if (fire(kWrite)) return SQLITE_IOERR_TRUNCATE;
-    return Forward<&sqlite3_io_methods::xTruncate>::call(f, size);
+int faultTruncate(sqlite3_file* f, sqlite3_int64 n) {
+    return fire(kWrite) ? SQLITE_IOERR_TRUNCATE : Forward<&sqlite3_io_methods::xTruncate>::call(f, n);
 }
 
 int faultOpen(sqlite3_vfs*, sqlite3_filename name, sqlite3_file* f, int flags, int* outFlags) {
@@ -102,27 +99,14 @@ void registerFaultVfs() {
     faultVfs.szOsFile = static_cast<int>(sizeof(FaultFile)) + baseVfs->szOsFile;
     faultVfs.xOpen = faultOpen;
     faultVfs.xDelete = faultDelete;
-    faultIo = sqlite3_io_methods{
-        3,
-        Forward<&sqlite3_io_methods::xClose>::call,
-        Forward<&sqlite3_io_methods::xRead>::call,
-        faultWrite,
-        faultTruncate,
-        faultSync,
-        Forward<&sqlite3_io_methods::xFileSize>::call,
-        Forward<&sqlite3_io_methods::xLock>::call,
-        Forward<&sqlite3_io_methods::xUnlock>::call,
-        Forward<&sqlite3_io_methods::xCheckReservedLock>::call,
-        Forward<&sqlite3_io_methods::xFileControl>::call,
-        Forward<&sqlite3_io_methods::xSectorSize>::call,
-        Forward<&sqlite3_io_methods::xDeviceCharacteristics>::call,
-        Forward<&sqlite3_io_methods::xShmMap>::call,
-        Forward<&sqlite3_io_methods::xShmLock>::call,
-        Forward<&sqlite3_io_methods::xShmBarrier>::call,
-        Forward<&sqlite3_io_methods::xShmUnmap>::call,
-        Forward<&sqlite3_io_methods::xFetch>::call,
-        Forward<&sqlite3_io_methods::xUnfetch>::call,
-    };
+    using M = sqlite3_io_methods;
+    faultIo = M{3, Forward<&M::xClose>::call, Forward<&M::xRead>::call, faultWrite, faultTruncate,
+                faultSync, Forward<&M::xFileSize>::call, Forward<&M::xLock>::call,
+                Forward<&M::xUnlock>::call, Forward<&M::xCheckReservedLock>::call,
+                Forward<&M::xFileControl>::call, Forward<&M::xSectorSize>::call,
+                Forward<&M::xDeviceCharacteristics>::call, Forward<&M::xShmMap>::call,
+                Forward<&M::xShmLock>::call, Forward<&M::xShmBarrier>::call,
+                Forward<&M::xShmUnmap>::call, Forward<&M::xFetch>::call, Forward<&M::xUnfetch>::call};
     if (sqlite3_vfs_register(&faultVfs, 1) != SQLITE_OK) std::abort();
 }
 
@@ -141,36 +125,6 @@ F next(const char* name) {
     return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
 }
 
-// ---- heap blocks: an open-addressed set of the blocks allocated while tracking ----------------
-#if !defined(__SANITIZE_ADDRESS__)
-constexpr size_t kSlots = size_t{1} << 20;
-void* slots[kSlots];
-std::atomic<bool> tracking{false};
-std::atomic<size_t> live{0};
-std::atomic_flag lock = ATOMIC_FLAG_INIT;
-
-size_t slotOf(void* p) { return (reinterpret_cast<uintptr_t>(p) >> 4) * 0x9E3779B97F4A7C15u >> 44; }
-void remember(void* p) {
-    while (lock.test_and_set(std::memory_order_acquire)) {}
-    size_t i = slotOf(p);
-    while (slots[i] != nullptr && slots[i] != reinterpret_cast<void*>(1)) i = (i + 1) % kSlots;
-    slots[i] = p;
-    ++live;
-    lock.clear(std::memory_order_release);
-}
-void forget(void* p) {
-    if (p == nullptr || live.load() == 0) return;
-    while (lock.test_and_set(std::memory_order_acquire)) {}
-    for (size_t i = slotOf(p); slots[i] != nullptr; i = (i + 1) % kSlots)
-        if (slots[i] == p) {
-            slots[i] = reinterpret_cast<void*>(1);  // a tombstone keeps later probes going
-            --live;
-            break;
-        }
-    lock.clear(std::memory_order_release);
-}
-#endif
-
 }  // namespace
 
 void armFault(Fault kind, long n, bool crash) {
@@ -185,14 +139,6 @@ long disarmFault(Fault kind) {
     armed = false;
     return seen[kind].load();
 }
-
-#if !defined(__SANITIZE_ADDRESS__)
-void trackBlocks(bool on) { tracking = on; }
-size_t liveBlocks() { return live.load(); }
-#else
-void trackBlocks(bool) {}
-size_t liveBlocks() { return 0; }
-#endif
 
 int openDescriptors() {
     int n = 0;
@@ -216,55 +162,19 @@ extern "C" ssize_t write(int fd, const void* p, size_t n) {
     }
     return real(fd, p, n);
 }
+int ioError() {
+    errno = EIO;
+    return -1;
+}
 extern "C" int fsync(int fd) {
     static auto real = next<int (*)(int)>("fsync");
-    if (!insideVfs && fire(kWrite)) {
-        errno = EIO;
-        return -1;
-    }
-    return real(fd);
+    return !insideVfs && fire(kWrite) ? ioError() : real(fd);
 }
 extern "C" int rename(const char* from, const char* to) noexcept {
     static auto real = next<int (*)(const char*, const char*)>("rename");
-    if (fire(kWrite)) {
-        errno = EIO;
-        return -1;
-    }
-    return real(from, to);
+    return fire(kWrite) ? ioError() : real(from, to);
 }
 extern "C" int link(const char* from, const char* to) noexcept {
     static auto real = next<int (*)(const char*, const char*)>("link");
-    if (fire(kWrite)) {
-        errno = EIO;
-        return -1;
-    }
-    return real(from, to);
+    return fire(kWrite) ? ioError() : real(from, to);
 }
-
-#if !defined(__SANITIZE_ADDRESS__)
-extern "C" void* __libc_malloc(size_t);
-extern "C" void* __libc_calloc(size_t, size_t);
-extern "C" void* __libc_realloc(void*, size_t);
-extern "C" void __libc_free(void*);
-
-extern "C" void* malloc(size_t n) noexcept {
-    void* p = __libc_malloc(n);
-    if (p != nullptr && tracking.load()) remember(p);
-    return p;
-}
-extern "C" void* calloc(size_t n, size_t size) noexcept {
-    void* p = __libc_calloc(n, size);
-    if (p != nullptr && tracking.load()) remember(p);
-    return p;
-}
-extern "C" void* realloc(void* old, size_t n) noexcept {
-    forget(old);
-    void* p = __libc_realloc(old, n);
-    if (p != nullptr && tracking.load()) remember(p);
-    return p;
-}
-extern "C" void free(void* p) noexcept {
-    forget(p);
-    __libc_free(p);
-}
-#endif

@@ -1,7 +1,8 @@
 // faults.h - faults injected into the test process, counted and fired one at a time: the n-th
 // allocation of OpenSSL or SQLite fails, or the n-th write, sync or truncate (through a SQLite
 // VFS registered as the default) or the n-th write, fsync, rename or link the library makes
-// itself. Also counts the heap blocks a call leaves behind and the open descriptors.
+// itself. Also counts the open descriptors. Heap blocks left behind are LeakSanitizer's to find
+// (the sanitizer leg runs these loops with leak detection on).
 #pragma once
 
 #include <cstddef>
@@ -16,11 +17,6 @@ inline constexpr int kCrashed = 99;
 void armFault(Fault kind, long failAt, bool crash = false);
 // disarmFault - stops counting; the number of calls of kind seen since armFault.
 long disarmFault(Fault kind);
-
-// trackBlocks - heap blocks allocated from now on are remembered until freed (a no-op under
-// AddressSanitizer, whose leak check covers the same); liveBlocks - how many are still held.
-void trackBlocks(bool on);
-size_t liveBlocks();
 
 // openDescriptors - how many descriptors this process holds open.
 int openDescriptors();

@@ -1,9 +1,14 @@
-// support.h - what the library's unit tests share: a scratch directory, a fixture that
-// initialises the library, and small file helpers.
+// support.h - what the library's tests share: a scratch directory, file helpers and a key
+// database open for the length of a scope.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -14,52 +19,59 @@ namespace zavkm_test {
 // ScratchDir - a fresh directory under TMPDIR, removed with its contents on destruction.
 class ScratchDir {
   public:
-    ScratchDir();
-    ~ScratchDir();
+    ScratchDir() {
+        dir_ = (std::filesystem::temp_directory_path() / "zavkm-test-XXXXXX").string();  // TMPDIR
+        if (mkdtemp(dir_.data()) == nullptr) std::abort();
+    }
+    ~ScratchDir() {
+        std::error_code ec;
+        std::filesystem::remove_all(dir_, ec);
+    }
     std::string path(const std::string& name) const { return dir_ + "/" + name; }
 
   private:
     std::string dir_;
 };
 
-// LibraryTest - ZAVKM_Init before each test, ZAVKM_CleanAll after it.
-class LibraryTest : public ::testing::Test {
-  protected:
-    void SetUp() override { ASSERT_EQ(ZAVKM_Init(), ZAVKM_OK); }
-    void TearDown() override { ZAVKM_CleanAll(); }
-    ScratchDir dir;
-};
+inline std::vector<uint8_t> readBytes(const std::string& name) {
+    std::ifstream in(name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+inline void writeBytes(const std::string& name, const std::vector<uint8_t>& data) {
+    std::ofstream(name, std::ios::binary | std::ios::trunc)
+        .write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+}
+inline uint32_t size(const std::vector<uint8_t>& v) { return static_cast<uint32_t>(v.size()); }
+inline bool exists(const std::string& name) {
+    struct stat st {};
+    return ::stat(name.c_str(), &st) == 0;
+}
 
-std::vector<uint8_t> readBytes(const std::string& name);
-void writeBytes(const std::string& name, const std::vector<uint8_t>& data);
-bool exists(const std::string& name);
-unsigned fileMode(const std::string& name);
+// dn - a DN record naming cn only; the text is borrowed.
+inline ZAVKM_DNItem dn(const char* cn) {
+    ZAVKM_DNItem d{};
+    d.cn = const_cast<char*>(cn);
+    return d;
+}
 
-// createDb - creates a key database and closes it again.
-ZAVKM_ReturnCode createDb(const std::string& name, const char* password, int32_t expire = 0);
-
-// reopen - opens and closes again; the return code of the open.
-ZAVKM_ReturnCode reopen(const std::string& name, const char* password);
-
-}  // namespace zavkm_test
-
-namespace zavkm_test {
-
-// dn - a DN record naming cn (and o) only; the texts are borrowed.
-ZAVKM_DNItem dn(const char* cn, const char* o = "Example");
-
-// OpenDb - a key database open for one test; closed on destruction.
+// OpenDb - a key database open for one scope; closed on destruction.
 struct OpenDb {
-    OpenDb(const std::string& file, const char* password);
-    ~OpenDb();
+    OpenDb(const std::string& file, const char* password) : rc(ZAVKM_OpenKeyDb(file.c_str(), password, &h)) {}
+    ~OpenDb() {
+        if (rc == ZAVKM_OK) ZAVKM_CloseKeyDb(h);
+    }
     ZAVKM_KeyDbHandle h = 0;
-    ZAVKM_ReturnCode rc = 0;
+    ZAVKM_ReturnCode rc;
 };
-
-// selfSigned - makes a self-signed CA certificate under label (EC P-256) and returns its DER.
-std::vector<uint8_t> selfSigned(ZAVKM_KeyDbHandle h, const std::string& label, ScratchDir& dir);
 
 // labels - the key labels of an open database, in order.
-std::vector<std::string> labels(ZAVKM_KeyDbHandle h);
+inline std::vector<std::string> labels(ZAVKM_KeyDbHandle h) {
+    std::vector<std::string> out;
+    ZAVKM_LabelList* list = nullptr;
+    if (ZAVKM_GetKeyDbLabelList(h, &list) != ZAVKM_OK) return out;
+    for (ZAVKM_LabelList* n = list; n != nullptr && n->label != nullptr; n = n->next) out.emplace_back(n->label);
+    ZAVKM_FreeLabelList(list);
+    return out;
+}
 
 }  // namespace zavkm_test

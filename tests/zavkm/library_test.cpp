@@ -1,0 +1,186 @@
+// library_test.cpp - the return code of each failure a user meets, one row a failure, none of
+// which changes the key database; and writers in several processes and threads at once.
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <thread>
+
+#include "connpool.h"
+#include "support.h"
+
+namespace zavkm_test {
+namespace {
+
+constexpr const char* kPassword = "table pw";
+const std::vector<uint8_t> kJunk = {0x30, 0x03, 0x02, 0x01, 0x05, 0xde, 0xad};
+// Extensions holding one basicConstraints extension twice.
+const std::vector<uint8_t> kExtTwice = {0x30, 0x1c, 0x30, 0x0c, 0x06, 0x03, 0x55, 0x1d, 0x13, 0x04,
+                                        0x05, 0x30, 0x03, 0x01, 0x01, 0xff, 0x30, 0x0c, 0x06, 0x03,
+                                        0x55, 0x1d, 0x13, 0x04, 0x05, 0x30, 0x03, 0x01, 0x01, 0xff};
+
+struct Env {
+    ScratchDir& dir;
+    ZAVKM_KeyDbHandle h;           // "ca" (self-signed, with key), "signer" (its certificate only)
+    std::vector<uint8_t> ca, req;  // the CA certificate; the request of the request key "req"
+    std::string file(const char* name) const { return dir.path(name); }
+};
+
+ZAVKM_ReturnCode open(const std::string& file, const char* password = kPassword) {
+    OpenDb db(file, password);
+    return db.rc;
+}
+ZAVKM_ReturnCode sql(const std::string& file, const char* statement) {
+    sqlite3* db = nullptr;
+    sqlite3_open(file.c_str(), &db);
+    int rc = sqlite3_exec(db, statement, nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+    return rc;
+}
+ZAVKM_ReturnCode selfSign(Env& e, int32_t keySize, int32_t sig, const std::vector<uint8_t>& ext = {}) {
+    ZAVKM_DNItem subject = dn("k");
+    return ZAVKM_CreateSelfSignedCertSigExt(e.h, "k", 0, 3, keySize, &subject, 30, sig,
+                                            ext.empty() ? nullptr : ext.data(),
+                                            static_cast<uint32_t>(ext.size()), nullptr, 0);
+}
+ZAVKM_ReturnCode issue(Env& e, const std::vector<uint8_t>& req, const char* issuer) {
+    return ZAVKM_IssueCert(e.h, req.data(), static_cast<uint32_t>(req.size()), issuer, 3, "", 30,
+                           e.file("issued.der").c_str(), 0, nullptr, nullptr);
+}
+// zeroed - an initialiser given the caller's record zeroes it in place.
+template <class T>
+ZAVKM_ReturnCode zeroed(ZAVKM_ReturnCode (*init)(T**), T record) {
+    T* slot = &record;
+    ZAVKM_ReturnCode rc = init(&slot);
+    T zero{};
+    return slot == &record && std::memcmp(&record, &zero, sizeof(T)) == 0 ? rc : ZAVKM_ERR_PARAMETER;
+}
+
+struct Row {
+    const char* failure;
+    std::function<ZAVKM_ReturnCode(Env&)> call;
+    ZAVKM_ReturnCode expected;
+};
+const Row kRows[] = {
+    {"a key database that is not there", [](Env& e) { return open(e.file("none.kdb")); }, ZAVKM_ERR_KEYDB_NOT_EXIST},
+    {"a wrong password", [](Env& e) { return open(e.file("t.kdb"), "wrong"); }, ZAVKM_ERR_DATABASE_INVALID_PASSWORD},
+    {"an empty password and no stash", [](Env& e) { return open(e.file("t.kdb"), ""); }, ZAVKM_ERR_DATABASE_INVALID_PASSWORD},
+    {"a text file", [](Env& e) { return open(e.file("junk")); }, ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE},
+    {"another SQLite file", [](Env& e) { return open(e.file("foreign.kdb")); }, ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE},
+    {"a truncated key database", [](Env& e) { return open(e.file("cut.kdb")); }, ZAVKM_ERR_DATABASE_CORRUPTION},
+    {"a damaged password record", [](Env& e) { return open(e.file("meta.kdb")); }, ZAVKM_ERR_DATABASE_CORRUPTION},
+    {"a newer schema", [](Env& e) { return open(e.file("newer.kdb")); }, ZAVKM_ERR_DATABASE_INVALID_VERSION},
+    {"creating over a key database", [](Env& e) { ZAVKM_KeyDbHandle h; return ZAVKM_CreateNewKeyDb(e.file("t.kdb").c_str(), kPassword, 0, &h); }, ZAVKM_ERR_DATABASE_ALREADY_EXISTS},
+    {"(a stash opens without password)", [](Env& e) {
+         ZAVKM_ReturnCode rc = ZAVKM_StashKeyDbPwd(e.file("t.kdb").c_str(), kPassword);
+         return rc == ZAVKM_OK ? open(e.file("t.kdb"), "") : rc;
+     }, ZAVKM_OK},
+    {"a null label", [](Env& e) { ZAVKM_KeyItem* k; return ZAVKM_GetKeyItemByLabel(e.h, nullptr, &k); }, ZAVKM_ERR_NULL_PARAMETER},
+    {"an unknown label", [](Env& e) { ZAVKM_KeyItem* k; return ZAVKM_GetKeyItemByLabel(e.h, "nope", &k); }, ZAVKM_ERR_KEY_GET_BY_LABEL},
+    {"a label that is taken", [](Env& e) { return ZAVKM_StoreCACert(e.h, e.ca.data(), size(e.ca), "signer"); }, ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL},
+    {"a key size neither RSA nor EC", [](Env& e) { return selfSign(e, 300, 1); }, ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE},
+    {"an unknown signature algorithm", [](Env& e) { return selfSign(e, 256, 3); }, ZAVKM_ERR_SIGNATURE_ALGORITHM},
+    {"extensions that are not DER", [](Env& e) { return selfSign(e, 256, 1, kJunk); }, ZAVKM_ERR_ASN},
+    {"an extension twice", [](Env& e) { return selfSign(e, 256, 1, kExtTwice); }, ZAVKM_ERR_VALIDATION_DUPLICATE_EXTENSIONS},
+    {"a certificate that matches no request key", [](Env& e) { return ZAVKM_ReceiveCert(e.h, e.ca.data(), size(e.ca), 0); }, ZAVKM_ERR_REQKEY_FOR_CERT_NULL},
+    {"a certificate that is not DER", [](Env& e) { return ZAVKM_StoreCACert(e.h, kJunk.data(), size(kJunk), "j"); }, ZAVKM_ERR_ASN},
+    {"a request that is not DER", [](Env& e) { return issue(e, kJunk, "ca"); }, ZAVKM_ERR_ASN},
+    {"an issuer without private key", [](Env& e) { return issue(e, e.req, "signer"); }, ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL},
+    {"a file that is not PKCS#12", [](Env& e) { return ZAVKM_ImportKeysFromPFXFile(e.h, e.file("junk").c_str(), "pw"); }, ZAVKM_ERR_INVALID_PKCS12_DATA},
+    {"base64 that is not base64", [](Env& e) { uint8_t* d; uint32_t n; return ZAVKM_Base64DecodeFileToBuf(e.file("junk").c_str(), &d, &n); }, ZAVKM_ERR_BASE64_INVALID_DATA},
+    {"(initialisers zero the caller's record)", [](Env&) {
+         uint8_t byte = 1;
+         ZAVKM_ReturnCode rc = zeroed(ZAVKM_InitDNItem, dn("x"));
+         return rc != ZAVKM_OK ? rc : zeroed(ZAVKM_InitEPKIItem, ZAVKM_EPKIItem{&byte, 1});
+     }, ZAVKM_OK},
+    {"an initialiser without a slot", [](Env&) { return ZAVKM_InitDNItem(nullptr); }, ZAVKM_ERR_NULL_PARAMETER},
+};
+
+TEST(Library, EachFailureHasItsCodeAndChangesNothing) {
+    ASSERT_EQ(ZAVKM_Init(), ZAVKM_OK);
+    ScratchDir dir;
+    ASSERT_EQ(ZAVKM_StartTrace("t", dir.path("trace").c_str(), 0, 0), ZAVKM_OK);
+    const std::string t = dir.path("t.kdb");
+    ZAVKM_KeyDbHandle h = 0;
+    ASSERT_EQ(ZAVKM_CreateNewKeyDb(t.c_str(), kPassword, 0, &h), ZAVKM_OK);
+    ASSERT_EQ(ZAVKM_CloseKeyDb(h), ZAVKM_OK);
+    zavkm::closeIdleConnections();  // the file alone holds the database
+    auto bytes = readBytes(t);
+    writeBytes(dir.path("cut.kdb"), std::vector<uint8_t>(bytes.begin(), bytes.begin() + bytes.size() / 2));
+    writeBytes(dir.path("meta.kdb"), bytes);
+    writeBytes(dir.path("newer.kdb"), bytes);
+    writeBytes(dir.path("junk"), std::vector<uint8_t>(300, '!'));
+    ASSERT_EQ(sql(dir.path("meta.kdb"), "UPDATE meta SET kdf_iterations = kdf_iterations + 1"), SQLITE_OK);
+    ASSERT_EQ(sql(dir.path("newer.kdb"), "PRAGMA user_version = 99"), SQLITE_OK);
+    ASSERT_EQ(sql(dir.path("foreign.kdb"), "CREATE TABLE t(x)"), SQLITE_OK);
+
+    OpenDb db(t, kPassword);
+    ASSERT_EQ(db.rc, ZAVKM_OK);
+    Env e{dir, db.h, {}, {}};
+    ZAVKM_DNItem ca = dn("ca"), req = dn("req");
+    ASSERT_EQ(ZAVKM_CreateSelfSignedCert(db.h, "ca", 0, 3, 256, &ca, 30, e.file("ca.der").c_str(), 0), ZAVKM_OK);
+    e.ca = readBytes(e.file("ca.der"));
+    ASSERT_EQ(ZAVKM_StoreCACert(db.h, e.ca.data(), size(e.ca), "signer"), ZAVKM_OK);
+    ASSERT_EQ(ZAVKM_CreateNewCertReq(db.h, "req", 256, &req, e.file("req.csr").c_str(), nullptr, nullptr), ZAVKM_OK);
+    ZAVKM_ReqKeyItem* pending = nullptr;
+    ASSERT_EQ(ZAVKM_GetReqKeyItemByLabel(db.h, "req", &pending), ZAVKM_OK);
+    e.req.assign(pending->certReq->der, pending->certReq->der + pending->certReq->derLength);
+    EXPECT_STREQ(pending->certReq->sigAlgIdOID, "1.2.840.10045.4.3.2") << "dotted, not a name";
+    ZAVKM_FreeReqKeyItem(pending);
+
+    const std::vector<std::string> before = labels(db.h);
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(row.failure);
+        EXPECT_EQ(row.call(e), row.expected);
+    }
+    EXPECT_EQ(labels(db.h), before) << "no failure adds or removes a key";
+    EXPECT_EQ(open(t), ZAVKM_OK);
+    auto trace = readBytes(dir.path("trace"));
+    EXPECT_NE(std::string(trace.begin(), trace.end()).find("ZAVKM_GetKeyItemByLabel"), std::string::npos)
+        << "the trace file records the operations";
+    ZAVKM_CleanAll();
+}
+
+// Processes with threads, each adding signer certificates to one key database: none is lost.
+TEST(Library, WritersInSeveralProcessesAndThreadsLoseNothing) {
+    constexpr int kProcesses = 2, kThreads = 2, kAdds = 6;
+    ASSERT_EQ(ZAVKM_Init(), ZAVKM_OK);
+    ScratchDir dir;
+    const std::string file = dir.path("shared.kdb");
+    ZAVKM_KeyDbHandle h = 0;
+    ZAVKM_DNItem root = dn("root");
+    ASSERT_EQ(ZAVKM_CreateNewKeyDb(file.c_str(), kPassword, 0, &h), ZAVKM_OK);
+    ASSERT_EQ(ZAVKM_CreateSelfSignedCert(h, "root", 0, 3, 256, &root, 30, dir.path("r.der").c_str(), 0), ZAVKM_OK);
+    ZAVKM_CloseKeyDb(h);
+    const std::vector<uint8_t> cert = readBytes(dir.path("r.der"));
+    ZAVKM_CleanAll();  // nothing open, nothing cached, when the children start
+    std::vector<pid_t> children(kProcesses);
+    for (int p = 0; p < kProcesses; ++p) {
+        if ((children[p] = fork()) != 0) continue;
+        std::atomic<int> failures{ZAVKM_Init()};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t)
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < kAdds; ++i) {
+                    OpenDb db(file, kPassword);
+                    std::string label = std::to_string(p * 100 + t * 10 + i);
+                    failures += db.rc != ZAVKM_OK || ZAVKM_StoreCACert(db.h, cert.data(), size(cert), label.c_str()) != ZAVKM_OK;
+                }
+            });
+        for (auto& t : threads) t.join();
+        _exit(failures.load());
+    }
+    for (pid_t pid : children) {
+        int status = 0;
+        EXPECT_TRUE(waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0) << "failed calls";
+    }
+    ASSERT_EQ(ZAVKM_Init(), ZAVKM_OK);
+    EXPECT_EQ(labels(OpenDb(file, kPassword).h).size(), 1u + kProcesses * kThreads * kAdds);
+    ZAVKM_CleanAll();
+}
+
+}  // namespace
+}  // namespace zavkm_test
