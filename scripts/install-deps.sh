@@ -7,7 +7,7 @@ packages=(
   openjdk-17-jdk-headless junit5
   libssl-dev openssl libsqlite3-dev sqlite3
   libgtest-dev libgmock-dev googletest
-  libcli11-dev nlohmann-json3-dev python3 valgrind
+  libcli11-dev nlohmann-json3-dev python3
   softhsm2 opensc libp11-kit-dev p11-kit p11-kit-modules
 )
 missing=()

@@ -10,11 +10,6 @@ fail() { echo "FAIL: $*"; fails=$((fails + 1)); }
 # run ARGS - tolvik with stdin not a terminal; stdout in `out`, stderr in `err`, exit code in rc.
 run() { "$T" "$@" < /dev/null > out 2> err; rc=$?; }
 ok() { run "$@"; [ "$rc" -eq 0 ] || fail "tolvik $* exited $rc: $(cat err)"; }
-# leakfree ARGS - tolvik under valgrind: no memory error and nothing leaked.
-leakfree() {
-  valgrind -q --leak-check=full --errors-for-leak-kinds=definite,indirect --error-exitcode=9 \
-    "$T" "$@" < /dev/null > out 2> err || fail "valgrind: tolvik $*: $(head -c 600 err)"
-}
 # has FILE TEXT - FILE holds TEXT (an extended regular expression).
 has() { grep -Eq -- "$2" "$1" || fail "$1 lacks \"$2\": $(head -c 400 "$1")"; }
 # json EXPR - the Python expression holds for d, the JSON document in `out`.
