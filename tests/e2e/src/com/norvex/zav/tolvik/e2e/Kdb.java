@@ -1,6 +1,6 @@
 package com.norvex.zav.tolvik.e2e;
 
-import static org.junit.jupiter.api.Assertions.*;
+import static org.junit.jupiter.api.Assertions.assertEquals;
 
 import com.norvex.zav.tolvik.basic.*;
 import java.io.ByteArrayOutputStream;
@@ -8,30 +8,32 @@ import java.nio.charset.StandardCharsets;
 import java.nio.file.*;
 import java.util.*;
 import java.util.regex.Pattern;
-import java.util.stream.Collectors;
-import java.util.stream.Stream;
+import java.util.stream.*;
 
 /**
  * Kdb - one key database file of a scenario and the calls made on it, each checked for return
  * code 0, plus the outside tools (openssl, keytool, sqlite3) that judge what the library wrote.
+ * Loading the class initialises the library for the JVM, cleaned up when it exits.
  */
 final class Kdb {
     static final String PW = "e2e-Passw0rd!";
     private static final Pattern ENTRY =
             Pattern.compile("(?m)^([^,\\n]+), [^\\n]*?, (PrivateKeyEntry|trustedCertEntry),\\s*$");
-    private static boolean initialised;
-    final Path dir;
     final Path file;
-    final String pw;
     final String f;
+    final String pw;
     final CMSKeyDatabase db = new CMSKeyDatabase();
+
+    static {
+        ok(KMSystem.c_ZAVKMInit(false), "c_ZAVKMInit");
+        CMSKeyDatabaseException.c_BuildErrCodeNameTable();
+        Runtime.getRuntime().addShutdownHook(new Thread(KMSystem::c_ZAVKMCleanAll));
+    }
 
     /** Kdb - a key database file made elsewhere (a copy, a conversion). */
     Kdb(Path file, String pw) {
-        init();
         this.file = file;
         this.f = file.toString();
-        this.dir = file.getParent();
         this.pw = pw;
     }
 
@@ -41,19 +43,8 @@ final class Kdb {
         return kdb;
     }
 
-    /** init - the library, initialised once a JVM and cleaned up when it exits. */
-    static synchronized void init() {
-        if (!initialised) {
-            assertEquals(0, KMSystem.c_ZAVKMInit(false), "c_ZAVKMInit");
-            CMSKeyDatabaseException.c_BuildErrCodeNameTable();
-            Runtime.getRuntime().addShutdownHook(new Thread(KMSystem::c_ZAVKMCleanAll));
-            initialised = true;
-        }
-    }
-
     static void expect(int want, int rc, String step) {
-        assertEquals(want, rc, () -> step + ": want " + want + " " + CMSKeyDatabaseException
-                .nameOf(want) + ", got " + rc + " " + CMSKeyDatabaseException.nameOf(rc));
+        assertEquals(want, rc, () -> step + " gave " + CMSKeyDatabaseException.nameOf(rc));
     }
 
     static void ok(int rc, String step) {
@@ -61,7 +52,7 @@ final class Kdb {
     }
 
     String at(String name) {
-        return dir.resolve(name).toString();
+        return file.resolveSibling(name).toString();
     }
 
     static DNItem dn(String cn) {
@@ -70,31 +61,27 @@ final class Kdb {
 
     /** selfSigned - a self-signed CA "{label}", its certificate written to "{label}.pem". */
     Kdb selfSigned(String label, int keySize) {
-        ok(db.c_CreateNewSelfSignedCertificateSigExt(f, pw, 3, label, false, keySize,
-                dn("E2E CA"), 3650, 1, 0, null, at(label + ".pem"), true), "self-signed " + label);
+        ok(db.c_CreateNewSelfSignedCertificateSigExt(f, pw, 3, label, false, keySize, dn("E2E CA"), 3650,
+                1, 0, null, at(label + ".pem"), true), "self-signed " + label);
         return this;
     }
 
-    /** request - a request key with its DNS names as subjectAltName, as PEM "{label}.csr". */
-    String request(String label, int keySize, String... dns) {
-        byte[] ext = san(dns);
-        ok(db.c_CreateNewCertRequestSigExt(f, pw, label, keySize, dn(dns[0]), 1, ext.length, ext,
+    /** request - a request key, its DNS name as subjectAltName, written to "{label}.csr". */
+    String request(String label, int keySize, String cn) {
+        byte[] ext = san(cn);
+        ok(db.c_CreateNewCertRequestSigExt(f, pw, label, keySize, dn(cn), 1, ext.length, ext,
                 at(label + ".csr"), true), "request " + label);
         return at(label + ".csr");
     }
 
-    Path issue(String csr, String cert) {
+    /** issue - "ca" issues a PEM certificate for the request; receive - stores it with its key. */
+    String issue(String csr, String cert) {
         ok(db.c_IssueCertificateSig(f, pw, "ca", 3, "", 365, 1, csr, at(cert), true), cert);
-        return dir.resolve(cert);
+        return at(cert);
     }
 
-    Kdb receive(Path pem) {
-        ok(db.c_ReceiveCert(f, pw, pem.toString(), true, true), "receive " + pem);
-        return this;
-    }
-
-    Kdb addCa(String label, Path pem) {
-        ok(db.c_AddCaCert(f, pw, label, pem.toString(), true), "add CA " + label);
+    Kdb receive(String pem) {
+        ok(db.c_ReceiveCert(f, pw, pem, true, true), "receive " + pem);
         return this;
     }
 
@@ -115,13 +102,13 @@ final class Kdb {
     }
 
     /** sh - runs a command in dir; fails unless it exits with 0; returns the merged output. */
-    static String sh(Path dir, String... command) {
+    static String sh(Path dir, Object... command) {
         try {
-            Process p = new ProcessBuilder(command).directory(dir.toFile())
-                    .redirectErrorStream(true).start();
+            Process p = new ProcessBuilder(Stream.of(command).map(String::valueOf).toList())
+                    .directory(dir.toFile()).redirectErrorStream(true).start();
             p.getOutputStream().close();
             String out = new String(p.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
-            assertEquals(0, p.waitFor(), () -> String.join(" ", command) + " failed:\n" + out);
+            assertEquals(0, p.waitFor(), () -> List.of(command) + " failed:\n" + out);
             return out;
         } catch (Exception e) {
             throw new IllegalStateException(e);
@@ -129,22 +116,19 @@ final class Kdb {
     }
 
     static String ssl(Path dir, Object... args) {
-        return sh(dir, Stream.concat(Stream.of("openssl"), Stream.of(args).map(String::valueOf))
-                .toArray(String[]::new));
+        return sh(dir, Stream.concat(Stream.of("openssl"), Stream.of(args)).toArray());
     }
 
     /** sslCert - openssl's own self-signed "{name}.pem" and "{name}.key" on an EC curve. */
-    static Path sslCert(Path dir, String name, String curve) {
-        ssl(dir, "req", "-x509", "-nodes", "-days", "30", "-subj", "/CN=" + name, "-keyout",
-                name + ".key", "-out", name + ".pem", "-newkey", "ec", "-pkeyopt",
-                "ec_paramgen_curve:" + curve);
-        return dir.resolve(name + ".pem");
+    static String sslCert(Path dir, String name, String curve) {
+        ssl(dir, "req", "-x509", "-nodes", "-days", 30, "-subj", "/CN=" + name, "-keyout", name + ".key",
+                "-out", name + ".pem", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:" + curve);
+        return dir.resolve(name + ".pem").toString();
     }
 
     /** der - the DER bytes of a certificate file, as openssl reads and writes it. */
     static byte[] der(Path dir, Object cert, boolean pem) throws Exception {
-        ssl(dir, "x509", "-inform", pem ? "PEM" : "DER", "-in", cert, "-outform", "DER", "-out",
-                "cvt.der");
+        ssl(dir, "x509", "-inform", pem ? "PEM" : "DER", "-in", cert, "-outform", "DER", "-out", "cvt.der");
         return Files.readAllBytes(dir.resolve("cvt.der"));
     }
 
@@ -156,9 +140,8 @@ final class Kdb {
 
     /** keytool - alias to entry type, as keytool -list shows a PKCS#12 file. */
     static Map<String, String> keytool(Path dir, Object store, String password) {
-        return ENTRY.matcher(sh(dir, "keytool", "-list", "-storetype", "PKCS12", "-keystore",
-                store.toString(), "-storepass", password)).results()
-                .collect(Collectors.toMap(m -> m.group(1), m -> m.group(2)));
+        return ENTRY.matcher(sh(dir, "keytool", "-list", "-storetype", "PKCS12", "-keystore", store,
+                "-storepass", password)).results().collect(Collectors.toMap(m -> m.group(1), m -> m.group(2)));
     }
 
     /** san - an Extensions value holding one subjectAltName of (short) DNS names. */
