@@ -21,41 +21,41 @@ class ConcurrentWritersTest {
     @Test
     void threeWritersLoseNothing() throws Exception {
         Kdb kdb = Kdb.create(dir, "shared.kdb");
-        List<String> certs = IntStream.range(0, 45).mapToObj(i -> Kdb.sslCert(dir, "ca" + i, "P-256")).toList();
-        String java = ProcessHandle.current().info().command().orElseThrow();
+        List<String> certs = IntStream.range(0, 45).mapToObj(i -> "ca" + i).toList();
+        certs.forEach(c -> Kdb.sslCert(dir, c, "P-256"));
         List<Process> children = new ArrayList<>();
         for (List<String> batch : List.of(certs.subList(0, 15), certs.subList(15, 30))) {
-            children.add(new ProcessBuilder(Stream.concat(Stream.of(java, "-Xcheck:jni", "-Djava.library.path="
-                    + System.getProperty("java.library.path"), "-cp", System.getProperty("zav.e2e.classpath"),
-                    getClass().getName(), dir + "/go", kdb.f), batch.stream()).toList()).inheritIO().start());
+            children.add(new ProcessBuilder(Stream.concat(Stream.of(ProcessHandle.current().info()
+                    .command().orElseThrow(), "-Xcheck:jni", "-Djava.library.path="
+                    + System.getProperty("java.library.path"), "-cp",
+                    System.getProperty("zav.e2e.classpath"), getClass().getName(), kdb.f),
+                    batch.stream()).toList()).inheritIO().start());
         }
         CompletableFuture<Integer> here = CompletableFuture.supplyAsync(() ->
-                addAll(dir + "/go", kdb, certs.subList(30, 45).toArray(String[]::new)));
+                addAll(kdb, certs.subList(30, 45).toArray(String[]::new)));
         Thread.sleep(1500); // the child JVMs start and initialise the library meanwhile
         Files.createFile(dir.resolve("go"));
         for (Process child : children) {
             assertEquals(0, child.waitFor(), "refusals in a child writer (see output)");
         }
         assertEquals(0, here.get(), "refusals in this JVM's writer");
-        assertEquals(IntStream.range(0, 45).mapToObj(i -> "ca" + i).sorted().toList(), kdb.labels());
+        assertEquals(certs.stream().sorted().toList(), kdb.labels());
     }
 
-    /** main - a child writer: go file, key database, certificates; exits with the refusals. */
+    /** main - a child writer: key database, then the certificates' labels. */
     public static void main(String[] args) {
-        System.exit(addAll(args[0], new Kdb(Path.of(args[1]), Kdb.PW), Arrays.copyOfRange(args, 2, args.length)));
+        System.exit(addAll(new Kdb(Path.of(args[0]), Kdb.PW), Arrays.copyOfRange(args, 1,
+                args.length)));
     }
 
-    /** addAll - once the go file exists, adds each certificate under its file name; counts refusals. */
-    static int addAll(String go, Kdb kdb, String... certs) {
-        while (!Files.exists(Path.of(go))) {
+    /** addAll - once "go" is beside the file, adds "{label}.pem" of each; counts refusals. */
+    static int addAll(Kdb kdb, String... labels) {
+        while (!Files.exists(kdb.file.resolveSibling("go"))) {
             LockSupport.parkNanos(5_000_000);
         }
-        int failures = 0;
-        for (String cert : certs) {
-            int rc = kdb.db.c_AddCaCert(kdb.f, kdb.pw, Path.of(cert).getFileName().toString().replace(".pem", ""), cert, true);
-            failures += rc == 0 ? 0 : 1;
-            System.out.print(rc == 0 ? "" : cert + ": " + rc + "\n");
-        }
-        return failures;
+        List<String> refused = Stream.of(labels).map(l -> l + ": " + kdb.db.c_AddCaCert(kdb.f,
+                kdb.pw, l, kdb.at(l + ".pem"), true)).filter(r -> !r.endsWith(": 0")).toList();
+        refused.forEach(System.out::println);
+        return refused.size();
     }
 }

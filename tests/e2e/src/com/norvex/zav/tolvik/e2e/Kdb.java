@@ -18,7 +18,7 @@ import java.util.stream.*;
 final class Kdb {
     static final String PW = "e2e-Passw0rd!";
     private static final Pattern ENTRY =
-            Pattern.compile("(?m)^([^,\\n]+), [^\\n]*?, (PrivateKeyEntry|trustedCertEntry),\\s*$");
+            Pattern.compile("(?m)^([^,\\n]+), .*, (PrivateKeyEntry|trustedCertEntry),\\s*$");
     final Path file;
     final String f;
     final String pw;
@@ -59,42 +59,11 @@ final class Kdb {
         return new DNItem(cn, "E2E", "Norvex Test", "Oslo", null, null, "NO", null, null);
     }
 
-    /** selfSigned - a self-signed CA "{label}", its certificate written to "{label}.pem". */
-    Kdb selfSigned(String label, int keySize) {
-        ok(db.c_CreateNewSelfSignedCertificateSigExt(f, pw, 3, label, false, keySize, dn("E2E CA"), 3650,
-                1, 0, null, at(label + ".pem"), true), "self-signed " + label);
-        return this;
-    }
-
-    /** request - a request key, its DNS name as subjectAltName, written to "{label}.csr". */
-    String request(String label, int keySize, String cn) {
-        byte[] ext = san(cn);
-        ok(db.c_CreateNewCertRequestSigExt(f, pw, label, keySize, dn(cn), 1, ext.length, ext,
-                at(label + ".csr"), true), "request " + label);
-        return at(label + ".csr");
-    }
-
-    /** issue - "ca" issues a PEM certificate for the request; receive - stores it with its key. */
-    String issue(String csr, String cert) {
-        ok(db.c_IssueCertificateSig(f, pw, "ca", 3, "", 365, 1, csr, at(cert), true), cert);
-        return at(cert);
-    }
-
-    Kdb receive(String pem) {
-        ok(db.c_ReceiveCert(f, pw, pem, true, true), "receive " + pem);
-        return this;
-    }
-
-    /** labels - the key labels, sorted; requestLabels - those of request keys. */
+    /** labels - the key labels, sorted; the request key labels are in db afterwards. */
     List<String> labels() {
         db.clearLabels();
         ok(db.c_BuildKeyLabelList(f, pw), "c_BuildKeyLabelList");
         return db.getKeyLabels().stream().sorted().toList();
-    }
-
-    List<String> requestLabels() {
-        labels();
-        return db.getReqKeyLabels();
     }
 
     KeyItem key(String label) {
@@ -121,14 +90,16 @@ final class Kdb {
 
     /** sslCert - openssl's own self-signed "{name}.pem" and "{name}.key" on an EC curve. */
     static String sslCert(Path dir, String name, String curve) {
-        ssl(dir, "req", "-x509", "-nodes", "-days", 30, "-subj", "/CN=" + name, "-keyout", name + ".key",
-                "-out", name + ".pem", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:" + curve);
+        ssl(dir, "req", "-x509", "-nodes", "-days", 30, "-subj", "/CN=" + name, "-keyout",
+                name + ".key", "-out", name + ".pem", "-newkey", "ec", "-pkeyopt",
+                "ec_paramgen_curve:" + curve);
         return dir.resolve(name + ".pem").toString();
     }
 
     /** der - the DER bytes of a certificate file, as openssl reads and writes it. */
     static byte[] der(Path dir, Object cert, boolean pem) throws Exception {
-        ssl(dir, "x509", "-inform", pem ? "PEM" : "DER", "-in", cert, "-outform", "DER", "-out", "cvt.der");
+        ssl(dir, "x509", "-inform", pem ? "PEM" : "DER", "-in", cert, "-outform", "DER", "-out",
+                "cvt.der");
         return Files.readAllBytes(dir.resolve("cvt.der"));
     }
 
@@ -141,13 +112,14 @@ final class Kdb {
     /** keytool - alias to entry type, as keytool -list shows a PKCS#12 file. */
     static Map<String, String> keytool(Path dir, Object store, String password) {
         return ENTRY.matcher(sh(dir, "keytool", "-list", "-storetype", "PKCS12", "-keystore", store,
-                "-storepass", password)).results().collect(Collectors.toMap(m -> m.group(1), m -> m.group(2)));
+                "-storepass", password)).results()
+                .collect(Collectors.toMap(m -> m.group(1), m -> m.group(2)));
     }
 
     /** san - an Extensions value holding one subjectAltName of (short) DNS names. */
     static byte[] san(String... dns) {
-        byte[] names = tlv(0x30, Stream.of(dns).map(n -> tlv(0x82, n.getBytes())).toArray(byte[][]::new));
-        return tlv(0x30, tlv(0x30, new byte[] {6, 3, 0x55, 0x1d, 0x11}, tlv(4, names)));
+        byte[][] names = Stream.of(dns).map(n -> tlv(0x82, n.getBytes())).toArray(byte[][]::new);
+        return tlv(0x30, tlv(0x30, new byte[] {6, 3, 0x55, 0x1d, 0x11}, tlv(4, tlv(0x30, names))));
     }
 
     /** tlv - tag, one-byte length and the parts as contents. */
