@@ -35,7 +35,7 @@ class KeyDbTest {
         CMSKeyDatabase db = kdb.db;
         ok(db.c_CreateNewSelfSignedCertificate(kdb.f, PW, 3, "ca", false, 2048, dn("CA"), 3650,
                 kdb.at("ca.pem"), true), "CA");
-        ok(db.c_CreateNewCertRequest(kdb.f, PW, "server", 2048, dn("s"), kdb.at("s"), true), "");
+        ok(db.c_CreateNewCertRequest(kdb.f, PW, "server", 2048, dn("s"), kdb.at("s"), true), "req");
         ok(db.c_IssueCertificate(kdb.f, PW, "ca", 3, "", 30, kdb.at("s"), kdb.at("s.pem"), true),
                 "issue");
         ok(db.c_ReceiveCert(kdb.f, PW, kdb.at("s.pem"), true, true), "receive");
