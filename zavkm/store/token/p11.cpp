@@ -6,6 +6,7 @@
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <shared_mutex>
 
 #include "trace.h"
 
@@ -60,6 +61,11 @@ void finalizeModules() noexcept {
         p11_kit_module_release(f);
     }
     t.loaded.clear();
+}
+
+std::shared_mutex& objectLock() noexcept {
+    static std::shared_mutex lock;
+    return lock;
 }
 
 Rc p11Error(CK_RV rv, const char* what) noexcept {

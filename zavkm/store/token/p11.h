@@ -5,6 +5,7 @@
 
 #include <p11-kit/pkcs11.h>
 
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,12 @@ void finalizeModules() noexcept;
 // ZAVKM_ERR_DATABASE_INVALID_PASSWORD, a missing token ZAVKM_ERR_NO_TOKEN_PRESENT, anything else
 // ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_FUNCTION_FAILED. The CKR_ value is traced with what failed.
 Rc p11Error(CK_RV rv, const char* what) noexcept;
+
+// objectLock - held alone around every call that creates, changes or destroys token objects, and
+// shared around searches and attribute reads. Some modules (a file-backed software token among
+// them) fail a creation now and then with CKR_GENERAL_ERROR while another session of the same
+// process searches or writes; reads still run side by side.
+std::shared_mutex& objectLock() noexcept;
 
 // trimmedLabel - a token or slot text without its blank padding.
 std::string trimmedLabel(const unsigned char* text, size_t n);

@@ -40,6 +40,7 @@ std::vector<CK_ATTRIBUTE> kindTemplate(TokenObject kind) {
 Rc findObjects(TokenStore& t, std::vector<CK_ATTRIBUTE> tmpl, std::vector<CK_OBJECT_HANDLE>& out) {
     CK_FUNCTION_LIST* f = t.session.f;
     CK_SESSION_HANDLE h = t.session.handle;
+    std::shared_lock reading(objectLock());
     if (CK_RV rv = f->C_FindObjectsInit(h, tmpl.data(), tmpl.size()); rv != CKR_OK)
         return p11Error(rv, "C_FindObjectsInit");
     CK_OBJECT_HANDLE found[64];
@@ -54,6 +55,7 @@ Rc findObjects(TokenStore& t, std::vector<CK_ATTRIBUTE> tmpl, std::vector<CK_OBJ
 Rc attribute(TokenStore& t, CK_OBJECT_HANDLE obj, CK_ATTRIBUTE_TYPE type, Bytes& out) {
     CK_ATTRIBUTE a = attr(type, nullptr, 0);
     CK_FUNCTION_LIST* f = t.session.f;
+    std::shared_lock reading(objectLock());
     if (CK_RV rv = f->C_GetAttributeValue(t.session.handle, obj, &a, 1); rv != CKR_OK)
         return p11Error(rv, "C_GetAttributeValue");
     out.resize(a.ulValueLen);
@@ -72,6 +74,7 @@ Rc attributes(TokenStore& t, CK_OBJECT_HANDLE obj, std::initializer_list<CK_ATTR
     for (CK_ATTRIBUTE_TYPE type : types) tmpl.push_back(attr(type, nullptr, 0));
     CK_FUNCTION_LIST* f = t.session.f;
     out.assign(tmpl.size(), Bytes());
+    std::shared_lock reading(objectLock());
     for (int pass = 0; pass < 2; ++pass) {
         CK_RV rv = f->C_GetAttributeValue(t.session.handle, obj, tmpl.data(), tmpl.size());
         gone = rv == CKR_OBJECT_HANDLE_INVALID;
@@ -135,6 +138,7 @@ Rc createObject(TokenStore& t, std::vector<CK_ATTRIBUTE> tmpl, const char* what)
     if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
     t.snapshot.valid = false;
     CK_OBJECT_HANDLE obj = CK_INVALID_HANDLE;
+    std::unique_lock writing(objectLock());
     CK_RV rv = t.session.f->C_CreateObject(t.session.handle, tmpl.data(), tmpl.size(), &obj);
     return rv == CKR_OK ? ZAVKM_OK : p11Error(rv, what);
 }
@@ -275,6 +279,7 @@ Rc changeTokenPin(const TokenSpec& spec, const char* oldPin, const char* newPin)
     if (Rc rc = s.login(oldPin); rc != ZAVKM_OK) return rc;
     auto* o = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(oldPin));
     auto* n = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(newPin));
+    std::unique_lock writing(objectLock());
     CK_RV rv = s.f->C_SetPIN(s.handle, o, std::strlen(oldPin), n, std::strlen(newPin));
     return rv == CKR_OK ? ZAVKM_OK : p11Error(rv, "C_SetPIN");
 }
@@ -332,6 +337,7 @@ Rc destroyAll(TokenStore& t, std::vector<CK_ATTRIBUTE> tmpl) {
     if (objs.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
     if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
     t.snapshot.valid = false;
+    std::unique_lock writing(objectLock());
     for (CK_OBJECT_HANDLE obj : objs)
         if (CK_RV rv = t.session.f->C_DestroyObject(t.session.handle, obj); rv != CKR_OK)
             return p11Error(rv, "C_DestroyObject");
@@ -390,20 +396,24 @@ Rc generateTokenKey(TokenStore& t, int32_t keySize, const std::string& label, To
                                    flag(CKA_SENSITIVE, true),   flag(CKA_EXTRACTABLE, false),
                                    flag(CKA_SIGN, true),        attr(CKA_LABEL, label)};
     CK_MECHANISM mech{ec ? CKM_EC_KEY_PAIR_GEN : CKM_RSA_PKCS_KEY_PAIR_GEN, nullptr, 0};
+    std::unique_lock writing(objectLock());
     CK_RV rv = t.session.f->C_GenerateKeyPair(t.session.handle, &mech, pub.data(), pub.size(),
                                               priv.data(), priv.size(), &out.publicHandle,
                                               &out.privateKey);
+    writing.unlock();
     if (rv != CKR_OK) return p11Error(rv, "C_GenerateKeyPair");
     Rc rc = ec ? ecPublicKey(t, out.publicHandle, curve.name, out.publicKey)
                : rsaPublicKey(t, out.publicHandle, out.publicKey);
     if (rc == ZAVKM_OK) out.id = keyIdOf(out.publicKey.get());
     if (rc == ZAVKM_OK && out.id.empty()) rc = sslError(ZAVKM_ERR_CRYPTO);
     CK_ATTRIBUTE id = attr(CKA_ID, out.id);
+    writing.lock();
     for (CK_OBJECT_HANDLE obj : {out.publicHandle, out.privateKey}) {
         if (rc != ZAVKM_OK) break;
         if ((rv = t.session.f->C_SetAttributeValue(t.session.handle, obj, &id, 1)) != CKR_OK)
             rc = p11Error(rv, "C_SetAttributeValue");
     }
+    writing.unlock();
     if (rc != ZAVKM_OK) destroyKey(t, out);
     return rc;
 }
@@ -420,6 +430,7 @@ Rc privateKeyWithId(TokenStore& t, const Bytes& id, CK_OBJECT_HANDLE& out) {
 
 void destroyKey(TokenStore& t, const TokenKey& key) noexcept {
     t.snapshot.valid = false;
+    std::unique_lock writing(objectLock());
     for (CK_OBJECT_HANDLE obj : {key.publicHandle, key.privateKey})
         if (obj != CK_INVALID_HANDLE) t.session.f->C_DestroyObject(t.session.handle, obj);
 }
