@@ -90,6 +90,12 @@ const Row kRows[] = {
     {"a request that is not DER", [](Env& e) { return issue(e, kJunk, "ca"); }, ZAVKM_ERR_ASN},
     {"an issuer without private key", [](Env& e) { return issue(e, e.req, "signer"); }, ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL},
     {"a file that is not PKCS#12", [](Env& e) { return ZAVKM_ImportKeysFromPFXFile(e.h, e.file("junk").c_str(), "pw"); }, ZAVKM_ERR_INVALID_PKCS12_DATA},
+    {"a DER length of more than eight bytes", [](Env&) {
+         const std::vector<uint8_t> der = {0x30, 0x89, 0, 0, 0, 0, 0, 0, 0, 0, 0x02, 0x30, 0x00};
+         uint8_t* tbs = nullptr;
+         uint32_t n = 0;
+         return ZAVKM_GetUnsignedCertFromCert(der.data(), size(der), &tbs, &n);
+     }, ZAVKM_ERR_ASN},
     {"base64 that is not base64", [](Env& e) { uint8_t* d; uint32_t n; return ZAVKM_Base64DecodeFileToBuf(e.file("junk").c_str(), &d, &n); }, ZAVKM_ERR_BASE64_INVALID_DATA},
     {"(initialisers zero the caller's record)", [](Env&) {
          uint8_t byte = 1;
@@ -141,6 +147,11 @@ TEST(Library, EachFailureHasItsCodeAndChangesNothing) {
     auto trace = readBytes(dir.path("trace"));
     EXPECT_NE(std::string(trace.begin(), trace.end()).find("ZAVKM_GetKeyItemByLabel"), std::string::npos)
         << "the trace file records the operations";
+    ZAVKM_KeyDbHandle left = 0;
+    ASSERT_EQ(ZAVKM_OpenKeyDb(t.c_str(), kPassword, &left), ZAVKM_OK);
+    ZAVKM_CleanAll();
+    ASSERT_EQ(ZAVKM_Init(), ZAVKM_OK);
+    EXPECT_EQ(ZAVKM_CloseKeyDb(left), ZAVKM_ERR_INVALID_DB_HANDLE) << "cleaning up closes what is open";
     ZAVKM_CleanAll();
 }
 
