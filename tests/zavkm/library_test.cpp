@@ -96,6 +96,20 @@ const Row kRows[] = {
          uint32_t n = 0;
          return ZAVKM_GetUnsignedCertFromCert(der.data(), size(der), &tbs, &n);
      }, ZAVKM_ERR_ASN},
+    {"a PKCS#7 that holds no certificates", [](Env&) {
+         const std::vector<uint8_t> data = {0x30, 0x0f, 0x06, 0x09, 0x2a, 0x86, 0x48, 0x86, 0xf7,
+                                            0x0d, 0x01, 0x07, 0x01, 0xa0, 0x02, 0x04, 0x00};
+         ZAVKM_CertItemList* list = nullptr;
+         ZAVKM_ReturnCode rc = ZAVKM_ExtractCertListFromPKCS7Data(data.data(), size(data), &list);
+         ZAVKM_FreeCertItemList(list);
+         return rc;
+     }, ZAVKM_ERR_ASN},
+    {"(a personal key's private key is there, a signer's is not)", [](Env& e) {
+         uint8_t personal = 0, signer = 1;
+         ZAVKM_ReturnCode rc = ZAVKM_IsPrivateKeyPresent(e.h, "ca", &personal);
+         if (rc == ZAVKM_OK) rc = ZAVKM_IsPrivateKeyPresent(e.h, "signer", &signer);
+         return personal == 1 && signer == 0 ? rc : ZAVKM_ERR_PARAMETER;
+     }, ZAVKM_OK},
     {"base64 that is not base64", [](Env& e) { uint8_t* d; uint32_t n; return ZAVKM_Base64DecodeFileToBuf(e.file("junk").c_str(), &d, &n); }, ZAVKM_ERR_BASE64_INVALID_DATA},
     {"(initialisers zero the caller's record)", [](Env&) {
          uint8_t byte = 1;
