@@ -27,8 +27,6 @@ Rc sqlRc(sqlite3* db, int code, Rc fallback) noexcept;
 class Stmt {
   public:
     Stmt(sqlite3* db, std::string_view sql);
-    bool ok() const noexcept { return stmt_ != nullptr; }
-    int prepareCode() const noexcept { return prepareCode_; }
     Stmt& bind(int i, int64_t v);
     Stmt& bind(int i, std::string_view text);
     Stmt& bind(int i, const uint8_t* p, size_t n);
