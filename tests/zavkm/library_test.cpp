@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <thread>
@@ -110,6 +111,9 @@ const Row kRows[] = {
          if (rc == ZAVKM_OK) rc = ZAVKM_IsPrivateKeyPresent(e.h, "signer", &signer);
          return personal == 1 && signer == 0 ? rc : ZAVKM_ERR_PARAMETER;
      }, ZAVKM_OK},
+    {"(a crypto information block is the library's to free)", [](Env&) {
+         return ZAVKM_SetCryptoInfo(std::calloc(1, 16));
+     }, ZAVKM_OK},
     {"base64 that is not base64", [](Env& e) { uint8_t* d; uint32_t n; return ZAVKM_Base64DecodeFileToBuf(e.file("junk").c_str(), &d, &n); }, ZAVKM_ERR_BASE64_INVALID_DATA},
     {"(initialisers zero the caller's record)", [](Env&) {
          uint8_t byte = 1;
@@ -158,6 +162,7 @@ TEST(Library, EachFailureHasItsCodeAndChangesNothing) {
     }
     EXPECT_EQ(labels(db.h), before) << "no failure adds or removes a key";
     EXPECT_EQ(open(t), ZAVKM_OK);
+    EXPECT_GT(zavkm::idleConnectionCount(), 0u) << "a sound key database's connection is kept";
     auto trace = readBytes(dir.path("trace"));
     EXPECT_NE(std::string(trace.begin(), trace.end()).find("ZAVKM_GetKeyItemByLabel"), std::string::npos)
         << "the trace file records the operations";
