@@ -27,7 +27,7 @@ ok trust ca on --password-env PW
 ok cert validate --in ca.pem --json --password-env PW
 json "d['valid']"
 ok keydb stash --password-file pw.txt
-[ "$(stat -c %a keys.sth)" = 600 ] || fail "the stash file is not private"
+[ "$(stat -c %a keys.sth keys.kdb | tr '\n' ' ')" = "600 600 " ] || fail "the key database or its stash is not private"
 ok keydb info --json
 json "d['stash'] and d['default'] is None and d['entries'] == {'personal': 1, 'request': 0, 'signer': 0, 'trusted': 1}"
 ok default ca
