@@ -36,21 +36,8 @@ Rc inWriteTransaction(KeyDb& kdb, Fn&& fn) {
 
 // keyItemsList - a list of key items for rows.
 Rc keyItemsList(const KeyDb& kdb, const std::vector<KeyRow>& rows, ZAVKM_KeyItemList** list) {
-    KeyItemListPtr head;
-    ZAVKM_KeyItemList* tail = nullptr;
-    for (const KeyRow& row : rows) {
-        KeyItemPtr item;
-        if (Rc rc = keyItemOf(kdb, row, item); rc != ZAVKM_OK) return rc;
-        auto* node = newRecord<ZAVKM_KeyItemList>();
-        node->key = item.release();
-        if (tail == nullptr)
-            head.reset(node);
-        else
-            tail->next = node;
-        tail = node;
-    }
-    *list = head.release();
-    return ZAVKM_OK;
+    return keyItemListOf(
+        rows, [&](const KeyRow& row, KeyItemPtr& item) { return keyItemOf(kdb, row, item); }, list);
 }
 
 // decodeKeyData - the private key of keyData, an EncryptedPrivateKeyInfo under the database's

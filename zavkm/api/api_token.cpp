@@ -224,21 +224,9 @@ Rc matchingCertificates(TokenStore& t, Keep&& keep, std::vector<CertObject>& out
 }
 
 Rc keyItemList(TokenStore& t, const std::vector<CertObject>& objects, ZAVKM_KeyItemList** list) {
-    KeyItemListPtr head;
-    ZAVKM_KeyItemList* tail = nullptr;
-    for (const CertObject& object : objects) {
-        KeyItemPtr item;
-        if (Rc rc = keyItemOf(t, object, item); rc != ZAVKM_OK) return rc;
-        auto* node = newRecord<ZAVKM_KeyItemList>();
-        node->key = item.release();
-        if (tail == nullptr)
-            head.reset(node);
-        else
-            tail->next = node;
-        tail = node;
-    }
-    *list = head.release();
-    return ZAVKM_OK;
+    return keyItemListOf(
+        objects, [&](const CertObject& object, KeyItemPtr& item) { return keyItemOf(t, object, item); },
+        list);
 }
 
 }  // namespace

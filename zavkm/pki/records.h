@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <string_view>
+#include <vector>
 
 #include "common.h"
 
@@ -42,6 +43,27 @@ T* newRecord() {
     void* p = std::calloc(1, sizeof(T));
     if (p == nullptr) throw std::bad_alloc();
     return static_cast<T*>(p);
+}
+
+// keyItemListOf - one key item per source, each made by make(source, KeyItemPtr&), in order; on
+// the first failure nothing is handed over and its code is returned.
+template <class Source, class Make>
+Rc keyItemListOf(const std::vector<Source>& sources, Make&& make, ZAVKM_KeyItemList** list) {
+    KeyItemListPtr head;
+    ZAVKM_KeyItemList* tail = nullptr;
+    for (const Source& source : sources) {
+        KeyItemPtr item;
+        if (Rc rc = make(source, item); rc != ZAVKM_OK) return rc;
+        auto* node = newRecord<ZAVKM_KeyItemList>();
+        node->key = item.release();
+        if (tail == nullptr)
+            head.reset(node);
+        else
+            tail->next = node;
+        tail = node;
+    }
+    *list = head.release();
+    return ZAVKM_OK;
 }
 
 // copyText - a malloc'd copy of text; throws std::bad_alloc.

@@ -81,6 +81,29 @@ char** namedPart(ZAVKM_DNItem& dn, int nid) {
     return nullptr;
 }
 
+// SignatureOut - where a record keeps its signature, its algorithm's DER, OID and OID name.
+struct SignatureOut {
+    uint8_t** signature;
+    uint32_t* signatureLength;
+    uint8_t** algorithm;
+    uint32_t* algorithmLength;
+    char** oid;
+    char** oidName;
+};
+
+// signatureFields - copies a signature and its algorithm into a record (the OID dotted, the
+// name long, or dotted when OpenSSL has none); throws std::bad_alloc.
+void signatureFields(const ASN1_BIT_STRING* sig, const X509_ALGOR* alg, const SignatureOut& out) {
+    copyBytes(ASN1_STRING_get0_data(sig), static_cast<size_t>(ASN1_STRING_length(sig)),
+              out.signature, out.signatureLength);
+    copyBytes(toDer(alg, i2d_X509_ALGOR), out.algorithm, out.algorithmLength);
+    const ASN1_OBJECT* algObj = nullptr;
+    X509_ALGOR_get0(&algObj, nullptr, nullptr, alg);
+    *out.oid = copyText(oidText(algObj, true));
+    int nid = OBJ_obj2nid(algObj);
+    *out.oidName = copyText(nid != NID_undef ? OBJ_nid2ln(nid) : oidText(algObj, true));
+}
+
 }  // namespace
 
 Rc dnRecord(const X509_NAME* name, DNPtr& out) {
@@ -130,15 +153,8 @@ Rc certRecord(X509* cert, CertItemPtr& out) {
     const ASN1_BIT_STRING* sig = nullptr;
     const X509_ALGOR* alg = nullptr;
     X509_get0_signature(&sig, &alg, cert);
-    copyBytes(ASN1_STRING_get0_data(sig), static_cast<size_t>(ASN1_STRING_length(sig)),
-              &item->signature, &item->signatureLength);
-    Bytes algDer = toDer(alg, i2d_X509_ALGOR);
-    copyBytes(algDer, &item->sigAlgId, &item->sigAlgIdLength);
-    const ASN1_OBJECT* algObj = nullptr;
-    X509_ALGOR_get0(&algObj, nullptr, nullptr, alg);
-    item->sigAlgIdOID = copyText(oidText(algObj, true));
-    int nid = OBJ_obj2nid(algObj);
-    item->sigAlgIdOIDName = copyText(nid != NID_undef ? OBJ_nid2ln(nid) : oidText(algObj, true));
+    signatureFields(sig, alg, {&item->signature, &item->signatureLength, &item->sigAlgId,
+                               &item->sigAlgIdLength, &item->sigAlgIdOID, &item->sigAlgIdOIDName});
     Bytes spki = toDer(X509_get_X509_PUBKEY(cert), i2d_X509_PUBKEY);
     copyBytes(spki, &item->spki, &item->spkiLength);
     const STACK_OF(X509_EXTENSION)* exts = X509_get0_extensions(cert);
@@ -205,15 +221,8 @@ Rc requestRecord(X509_REQ* req, CertReqItemPtr& out) {
     const ASN1_BIT_STRING* sig = nullptr;
     const X509_ALGOR* alg = nullptr;
     X509_REQ_get0_signature(req, &sig, &alg);
-    copyBytes(ASN1_STRING_get0_data(sig), static_cast<size_t>(ASN1_STRING_length(sig)), &item->sig,
-              &item->sigLength);
-    Bytes algDer = toDer(alg, i2d_X509_ALGOR);
-    copyBytes(algDer, &item->sigAlgId, &item->sigAlgIdLength);
-    const ASN1_OBJECT* algObj = nullptr;
-    X509_ALGOR_get0(&algObj, nullptr, nullptr, alg);
-    item->sigAlgIdOID = copyText(oidText(algObj, true));
-    int nid = OBJ_obj2nid(algObj);
-    item->sigAlgIdOIDName = copyText(nid != NID_undef ? OBJ_nid2ln(nid) : oidText(algObj, true));
+    signatureFields(sig, alg, {&item->sig, &item->sigLength, &item->sigAlgId,
+                               &item->sigAlgIdLength, &item->sigAlgIdOID, &item->sigAlgIdOIDName});
 
     auto* info = newRecord<ZAVKM_CertReqInfoItem>();
     item->certReqInfoItem = info;
