@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +23,8 @@ const std::vector<uint8_t> kJunk = {0x30, 0x03, 0x02, 0x01, 0x05, 0xde, 0xad};
 const std::vector<uint8_t> kExtTwice = {0x30, 0x1c, 0x30, 0x0c, 0x06, 0x03, 0x55, 0x1d, 0x13, 0x04,
                                         0x05, 0x30, 0x03, 0x01, 0x01, 0xff, 0x30, 0x0c, 0x06, 0x03,
                                         0x55, 0x1d, 0x13, 0x04, 0x05, 0x30, 0x03, 0x01, 0x01, 0xff};
+
+const uint8_t kUtcTime[] = {0x17, 0x0d};
 
 struct Env {
     ScratchDir& dir;
@@ -60,6 +63,21 @@ ZAVKM_ReturnCode zeroed(ZAVKM_ReturnCode (*init)(T**), T record) {
     return slot == &record && std::memcmp(&record, &zero, sizeof(T)) == 0 ? rc : ZAVKM_ERR_PARAMETER;
 }
 
+ZAVKM_ReturnCode unsignedPart(const std::vector<uint8_t>& der) {
+    uint8_t* tbs = nullptr;
+    uint32_t n = 0;
+    ZAVKM_ReturnCode rc = ZAVKM_GetUnsignedCertFromCert(der.data(), size(der), &tbs, &n);
+    ZAVKM_Free(tbs);
+    return rc;
+}
+// badMonth - cert with the month of its notAfter (the second UTCTime) set to 13.
+std::vector<uint8_t> badMonth(std::vector<uint8_t> cert) {
+    auto at = std::search(cert.begin(), cert.end(), kUtcTime, kUtcTime + 2);
+    at = std::search(at + 2, cert.end(), kUtcTime, kUtcTime + 2);
+    if (at + 6 < cert.end()) at[4] = '1', at[5] = '3';
+    return cert;
+}
+
 struct Row {
     const char* failure;
     std::function<ZAVKM_ReturnCode(Env&)> call;
@@ -91,11 +109,17 @@ const Row kRows[] = {
     {"a request that is not DER", [](Env& e) { return issue(e, kJunk, "ca"); }, ZAVKM_ERR_ASN},
     {"an issuer without private key", [](Env& e) { return issue(e, e.req, "signer"); }, ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL},
     {"a file that is not PKCS#12", [](Env& e) { return ZAVKM_ImportKeysFromPFXFile(e.h, e.file("junk").c_str(), "pw"); }, ZAVKM_ERR_INVALID_PKCS12_DATA},
-    {"a DER length of more than eight bytes", [](Env&) {
-         const std::vector<uint8_t> der = {0x30, 0x89, 0, 0, 0, 0, 0, 0, 0, 0, 0x02, 0x30, 0x00};
-         uint8_t* tbs = nullptr;
-         uint32_t n = 0;
-         return ZAVKM_GetUnsignedCertFromCert(der.data(), size(der), &tbs, &n);
+    {"a DER length of more than eight bytes", [](Env&) { return unsignedPart({0x30, 0x89, 0, 0, 0, 0, 0, 0, 0, 0, 0x02, 0x30, 0x00}); }, ZAVKM_ERR_ASN},
+    {"(a certificate's to-be-signed part)", [](Env& e) { return unsignedPart(e.ca); }, ZAVKM_OK},
+    {"a SEQUENCE holding an empty SEQUENCE", [](Env&) { return unsignedPart({0x30, 0x02, 0x30, 0x00}); }, ZAVKM_ERR_ASN},
+    {"a to-be-signed part of a validity in month 13", [](Env& e) { return unsignedPart(badMonth(e.ca)); }, ZAVKM_ERR_ASN},
+    {"a signer of a validity in month 13", [](Env& e) { auto c = badMonth(e.ca); return ZAVKM_StoreCACert(e.h, c.data(), size(c), "m13"); }, ZAVKM_ERR_ASN},
+    {"a PKCS#7 list of a validity in month 13", [](Env& e) {
+         ZAVKM_CertItemList* list = nullptr;
+         auto c = badMonth(e.ca);
+         ZAVKM_ReturnCode rc = ZAVKM_ExtractCertListFromPKCS7Data(c.data(), size(c), &list);
+         ZAVKM_FreeCertItemList(list);
+         return rc;
      }, ZAVKM_ERR_ASN},
     {"a PKCS#7 that holds no certificates", [](Env&) {
          const std::vector<uint8_t> data = {0x30, 0x0f, 0x06, 0x09, 0x2a, 0x86, 0x48, 0x86, 0xf7,

@@ -386,8 +386,8 @@ ZAVKM_ReturnCode ZAVKM_GetUnsignedCertFromCert(const uint8_t* der, uint32_t derL
     return withLibrary(__func__, {der, tbs, tbsLength}, [&]() -> Rc {
         *tbs = nullptr;
         *tbsLength = 0;
-        Bytes part = tbsOf(der, derLength);
-        if (part.empty()) return ZAVKM_ERR_ASN;
+        Bytes part = parseCertificate(der, derLength) ? tbsOf(der, derLength) : Bytes();
+        if (part.empty()) return ZAVKM_ERR_ASN;  // PEM too: the part is cut from DER bytes
         copyBytes(part, tbs, tbsLength);
         return ZAVKM_OK;
     });

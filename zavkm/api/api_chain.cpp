@@ -36,20 +36,31 @@ bool certsOfPkcs7(const uint8_t* data, uint32_t length, std::vector<X509Ptr>& ou
     for (int i = 0; i < sk_X509_num(certs); ++i) {
         X509Ptr c(X509_dup(sk_X509_value(certs, i)));
         if (!c) throw std::bad_alloc();
+        if (!wellFormed(c.get())) {
+            out.clear();
+            return false;
+        }
         out.push_back(std::move(c));
     }
     return true;
 }
 
-// certsOfPem - every CERTIFICATE block of PEM text.
-void certsOfPem(const uint8_t* data, uint32_t length, std::vector<X509Ptr>& out) {
+// certsOfPem - every CERTIFICATE block of PEM text; false when one of them is malformed.
+bool certsOfPem(const uint8_t* data, uint32_t length, std::vector<X509Ptr>& out) {
     BioPtr bio(BIO_new_mem_buf(data, static_cast<int>(length)));
+    bool sound = true;
     while (bio) {
         X509Ptr c(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
         if (!c) break;
+        if (!wellFormed(c.get())) {
+            out.clear();
+            sound = false;
+            break;
+        }
         out.push_back(std::move(c));
     }
     clearSslErrors();
+    return sound;
 }
 
 // personalKeyFor - the first personal key (with private key) holding cert's public key.
@@ -134,7 +145,7 @@ ZAVKM_ReturnCode ZAVKM_ExtractCertListFromPKCS7Data(const uint8_t* data, uint32_
         if (length == 0) return ZAVKM_ERR_ASN;
         std::vector<X509Ptr> certs;
         if (!certsOfPkcs7(data, length, certs)) {  // also a PEM bundle or one certificate
-            certsOfPem(data, length, certs);
+            if (!certsOfPem(data, length, certs)) return ZAVKM_ERR_ASN;
             if (certs.empty())
                 if (X509Ptr one = parseCertificate(data, length)) certs.push_back(std::move(one));
             if (certs.empty()) return ZAVKM_ERR_ASN;

@@ -5,6 +5,7 @@
 #include <openssl/pem.h>
 
 #include <cctype>
+#include <ctime>
 #include <string>
 
 #include "files.h"
@@ -24,7 +25,26 @@ BioPtr memBio(const uint8_t* p, size_t n) {
     return BioPtr(BIO_new_mem_buf(p, static_cast<int>(n)));
 }
 
+// derTime - a validity time as DER writes it: UTCTime YYMMDDHHMMSSZ or GeneralizedTime
+// YYYYMMDDHHMMSSZ, digits only, naming a real moment.
+bool derTime(const ASN1_TIME* t) {
+    if (t == nullptr) return false;
+    const int type = ASN1_STRING_type(t);
+    const int length = ASN1_STRING_length(t);
+    if (!((type == V_ASN1_UTCTIME && length == 13) || (type == V_ASN1_GENERALIZEDTIME && length == 15)))
+        return false;
+    const unsigned char* text = ASN1_STRING_get0_data(t);
+    for (int i = 0; i + 1 < length; ++i)
+        if (!std::isdigit(text[i])) return false;
+    std::tm tm{};
+    return text[length - 1] == 'Z' && ASN1_TIME_to_tm(t, &tm) == 1;
+}
+
 }  // namespace
+
+bool wellFormed(const X509* cert) {
+    return derTime(X509_get0_notBefore(cert)) && derTime(X509_get0_notAfter(cert));
+}
 
 X509Ptr parseCertificate(const uint8_t* p, size_t n) {
     if (p == nullptr || n == 0 || n > 0x7fffffff) return nullptr;
@@ -37,6 +57,7 @@ X509Ptr parseCertificate(const uint8_t* p, size_t n) {
         cert.reset(d2i_X509(nullptr, &q, static_cast<long>(n)));
         if (cert && q != p + n) cert.reset();  // trailing bytes: not one certificate
     }
+    if (cert && !wellFormed(cert.get())) cert.reset();  // else stored with no expiry at all
     clearSslErrors();
     return cert;
 }

@@ -10,6 +10,9 @@ namespace zavkm {
 // parseCertificate / parseRequest - a certificate or PKCS#10 request from DER or PEM bytes;
 // null when the bytes are neither (the error queue is cleared).
 X509Ptr parseCertificate(const uint8_t* p, size_t n);
+// wellFormed - whether a decoded certificate's validity times are DER times naming real moments
+// (a decoder takes any string there); parseCertificate refuses certificates that are not.
+bool wellFormed(const X509* cert);
 X509ReqPtr parseRequest(const uint8_t* p, size_t n);
 
 // parsePrivateKey - an unencrypted private key: PKCS#8 PrivateKeyInfo or the algorithm's own

@@ -257,7 +257,7 @@ struct Reader {
                 case NID_certBag: {
                     if (PKCS12_SAFEBAG_get_bag_nid(bag) != NID_x509Certificate) break;
                     X509Ptr cert(PKCS12_SAFEBAG_get1_cert(bag));
-                    if (!cert) return sslError(ZAVKM_ERR_INVALID_PKCS12_DATA);
+                    if (!cert || !wellFormed(cert.get())) return sslError(ZAVKM_ERR_INVALID_PKCS12_DATA);
                     certs.push_back({describe(bag), std::move(cert), false});
                     break;
                 }
