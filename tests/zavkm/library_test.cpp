@@ -108,6 +108,20 @@ const Row kRows[] = {
     {"a certificate that is not DER", [](Env& e) { return ZAVKM_StoreCACert(e.h, kJunk.data(), size(kJunk), "j"); }, ZAVKM_ERR_ASN},
     {"a request that is not DER", [](Env& e) { return issue(e, kJunk, "ca"); }, ZAVKM_ERR_ASN},
     {"an issuer without private key", [](Env& e) { return issue(e, e.req, "signer"); }, ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL},
+    {"a PKCS#12 file asking for more key derivation than one import may do", [](Env& e) {
+         // Each count (MAC, certificate safe, key) raised to 8,388,607: refused before any
+         // derivation, so the MAC these edits break is never computed.
+         ZAVKM_LabelList only{const_cast<char*>("ca"), nullptr};
+         ZAVKM_ReturnCode rc = ZAVKM_ExportKeys(e.h, 1, e.file("greedy.p12").c_str(), "pw", &only);
+         if (rc != ZAVKM_OK) return rc;
+         auto der = readBytes(e.file("greedy.p12"));
+         const uint8_t count[] = {0x02, 0x03, 0x01, 0x86, 0xa0};  // INTEGER 100000
+         int edited = 0;
+         for (auto at = der.begin(); (at = std::search(at, der.end(), count, count + 5)) != der.end(); ++edited)
+             at[2] = 0x7f, at[3] = 0xff, at[4] = 0xff;
+         writeBytes(e.file("greedy.p12"), der);
+         return edited == 3 ? ZAVKM_ImportKeysFromPFXFile(e.h, e.file("greedy.p12").c_str(), "pw") : ZAVKM_ERR_PARAMETER;
+     }, ZAVKM_ERR_PBE_ALG_UNSUPPORT},
     {"a file that is not PKCS#12", [](Env& e) { return ZAVKM_ImportKeysFromPFXFile(e.h, e.file("junk").c_str(), "pw"); }, ZAVKM_ERR_INVALID_PKCS12_DATA},
     {"a DER length of more than eight bytes", [](Env&) { return unsignedPart({0x30, 0x89, 0, 0, 0, 0, 0, 0, 0, 0, 0x02, 0x30, 0x00}); }, ZAVKM_ERR_ASN},
     {"(a certificate's to-be-signed part)", [](Env& e) { return unsignedPart(e.ca); }, ZAVKM_OK},

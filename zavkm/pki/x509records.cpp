@@ -44,7 +44,7 @@ int32_t clampedTime(const ASN1_TIME* t) {
     const int64_t y = static_cast<int64_t>(tm.tm_year) + 1900 - (tm.tm_mon < 2 ? 1 : 0);
     const int64_t era = (y >= 0 ? y : y - 399) / 400;
     const int64_t yoe = y - era * 400;
-    const int64_t mp = (tm.tm_mon + 9) % 12;
+    const int64_t mp = (tm.tm_mon + 10) % 12;  // March is 0
     const int64_t doy = (153 * mp + 2) / 5 + tm.tm_mday - 1;
     const int64_t days = era * 146097 + yoe * 365 + yoe / 4 - yoe / 100 + doy - 719468;
     const int64_t seconds = days * 86400 + tm.tm_hour * 3600 + tm.tm_min * 60 + tm.tm_sec;

@@ -21,7 +21,6 @@ namespace zavkm {
 namespace {
 
 constexpr char kJavaTrustOid[] = "2.16.840.1.113894.746875.1.1";
-constexpr long kMaxTotalIterations = 4 * static_cast<long>(kMaxPbeIterations);
 
 void freeAuthSafes(STACK_OF(PKCS7) * s) noexcept { sk_PKCS7_pop_free(s, PKCS7_free); }
 void freeBags(STACK_OF(PKCS12_SAFEBAG) * s) noexcept {
@@ -112,8 +111,18 @@ Rc nameBag(PKCS12_SAFEBAG* bag, const std::string& label, const Bytes* keyId, bo
     return ZAVKM_OK;
 }
 
+// keyIterations - the iterations of each shrouded key of a file holding keys keys: the usual
+// count, lowered for large exports so that the whole file stays within the import budget.
+int keyIterations(size_t keys) {
+    const long left = kPkcs12IterationBudget - 2L * kPkcs12Iterations;  // the MAC, the certificates
+    const long each = keys == 0 ? kPkcs12Iterations : left / static_cast<long>(keys);
+    return static_cast<int>(std::clamp<long>(each, 1, kPkcs12Iterations));
+}
+
 Rc buildPkcs12(const std::vector<ExportEntry>& entries, const char* password, Bytes& der) {
     Owned<STACK_OF(PKCS12_SAFEBAG), freeBags> certBags, keyBags;
+    const int perKey = keyIterations(static_cast<size_t>(
+        std::count_if(entries.begin(), entries.end(), [](const ExportEntry& e) { return e.key != nullptr; })));
     std::set<std::string> written;  // certificates already in the file (DER)
     // Signer certificates first, so a chain certificate that is also exported on its own is
     // written once, with its label and trust mark.
@@ -147,7 +156,7 @@ Rc buildPkcs12(const std::vector<ExportEntry>& entries, const char* password, By
             if (chainBag == nullptr) return sslError(ZAVKM_ERR_ASN);
         }
         bags = keyBags.release();
-        PKCS12_SAFEBAG* keyBag = PKCS12_add_key_ex(&bags, e.key.get(), 0, kPkcs12Iterations,
+        PKCS12_SAFEBAG* keyBag = PKCS12_add_key_ex(&bags, e.key.get(), 0, perKey,
                                                    NID_aes_256_cbc, password, nullptr, nullptr);
         keyBags.reset(bags);
         if (keyBag == nullptr) return sslError(ZAVKM_ERR_CRYPTO);
@@ -202,11 +211,67 @@ struct Reader {
     std::vector<FoundKey> keys;
     std::vector<FoundCert> certs;
 
-    Rc admit(const X509_ALGOR* alg) {
-        long iterations = 0;
-        if (Rc rc = checkPbe(alg, iterations); rc != ZAVKM_OK) return rc;
+    // admit - counts iterations into the import's work; refused once the budget is passed.
+    Rc admit(long iterations) {
         totalIterations += iterations;
-        return totalIterations > kMaxTotalIterations ? ZAVKM_ERR_PBE_ALG_UNSUPPORT : ZAVKM_OK;
+        return totalIterations > kPkcs12IterationBudget ? ZAVKM_ERR_PBE_ALG_UNSUPPORT : ZAVKM_OK;
+    }
+
+    // admitBags - the iterations the shrouded keys of list ask for, counted before any of
+    // them is derived.
+    Rc admitBags(const STACK_OF(PKCS12_SAFEBAG) * list, int depth) {
+        if (depth > 4) return ZAVKM_ERR_INVALID_PKCS12_DATA;
+        for (int i = 0; i < sk_PKCS12_SAFEBAG_num(list); ++i) {
+            PKCS12_SAFEBAG* bag = sk_PKCS12_SAFEBAG_value(list, i);
+            Rc rc = ZAVKM_OK;
+            if (PKCS12_SAFEBAG_get_nid(bag) == NID_pkcs8ShroudedKeyBag) {
+                const X509_ALGOR* alg = nullptr;
+                long iterations = 0;
+                X509_SIG_get0(PKCS12_SAFEBAG_get0_pkcs8(bag), &alg, nullptr);
+                rc = checkPbe(alg, iterations);
+                if (rc == ZAVKM_OK) rc = admit(iterations);
+            } else if (PKCS12_SAFEBAG_get_nid(bag) == NID_safeContentsBag) {
+                rc = admitBags(PKCS12_SAFEBAG_get0_safes(bag), depth + 1);
+            }
+            if (rc != ZAVKM_OK) return rc;
+        }
+        return ZAVKM_OK;
+    }
+
+    // admitVisible - every count the file shows before a key is derived: the MAC's, the
+    // encrypted safes' and the shrouded keys' of the plain safes.
+    Rc admitVisible(PKCS12* p12, const STACK_OF(PKCS7) * safes) {
+        if (PKCS12_mac_present(p12)) {
+            const ASN1_INTEGER* iter = nullptr;
+            PKCS12_get0_mac(nullptr, nullptr, nullptr, &iter, p12);
+            long n = iter != nullptr ? ASN1_INTEGER_get(iter) : 1;
+            if (n <= 0 || n > static_cast<long>(kMaxPbeIterations))
+                return ZAVKM_ERR_PBE_ALG_UNSUPPORT;
+            if (Rc rc = admit(n); rc != ZAVKM_OK) return rc;
+        }
+        for (int i = 0; i < sk_PKCS7_num(safes); ++i) {
+            PKCS7* safe = sk_PKCS7_value(safes, i);
+            Rc rc = ZAVKM_ERR_INVALID_PKCS12_DATA;
+            switch (OBJ_obj2nid(safe->type)) {
+                case NID_pkcs7_data: {
+                    BagsPtr list(PKCS12_unpack_p7data(safe));
+                    rc = list ? admitBags(list.get(), 0) : sslError(ZAVKM_ERR_INVALID_PKCS12_DATA);
+                    break;
+                }
+                case NID_pkcs7_encrypted: {
+                    long iterations = 0;
+                    if (safe->d.encrypted == nullptr || safe->d.encrypted->enc_data == nullptr)
+                        return ZAVKM_ERR_INVALID_PKCS12_DATA;
+                    rc = checkPbe(safe->d.encrypted->enc_data->algorithm, iterations);
+                    if (rc == ZAVKM_OK) rc = admit(iterations);
+                    break;
+                }
+                default:
+                    return ZAVKM_ERR_INVALID_PKCS12_DATA;
+            }
+            if (rc != ZAVKM_OK) return rc;
+        }
+        return ZAVKM_OK;
     }
 
     static Found describe(PKCS12_SAFEBAG* bag) {
@@ -243,9 +308,6 @@ struct Reader {
                     break;
                 }
                 case NID_pkcs8ShroudedKeyBag: {
-                    const X509_ALGOR* alg = nullptr;
-                    X509_SIG_get0(PKCS12_SAFEBAG_get0_pkcs8(bag), &alg, nullptr);
-                    if (Rc rc = admit(alg); rc != ZAVKM_OK) return rc;
                     P8InfPtr p8(
                         PKCS12_decrypt_skey_ex(bag, password, passwordLength, nullptr, nullptr));
                     if (!p8) return sslError(ZAVKM_ERR_PKCS12_PWD_CORRUPTION);
@@ -276,14 +338,12 @@ struct Reader {
         Pkcs12Ptr p12 = parsePkcs12(data);
         if (!p12) return ZAVKM_ERR_INVALID_PKCS12_DATA;
         if (!fipsMode()) loadLegacyAlgorithms();
+        AuthSafesPtr safes(PKCS12_unpack_authsafes(p12.get()));
+        if (!safes) return sslError(ZAVKM_ERR_INVALID_PKCS12_DATA);
+        if (Rc rc = admitVisible(p12.get(), safes.get()); rc != ZAVKM_OK) return rc;
         if (PKCS12_mac_present(p12.get())) {
             const X509_ALGOR* macAlg = nullptr;
-            const ASN1_INTEGER* iter = nullptr;
-            PKCS12_get0_mac(nullptr, &macAlg, nullptr, &iter, p12.get());
-            long n = iter != nullptr ? ASN1_INTEGER_get(iter) : 1;
-            if (n <= 0 || n > static_cast<long>(kMaxPbeIterations))
-                return ZAVKM_ERR_PBE_ALG_UNSUPPORT;
-            totalIterations += n;
+            PKCS12_get0_mac(nullptr, &macAlg, nullptr, nullptr, p12.get());
             const ASN1_OBJECT* macObj = nullptr;
             X509_ALGOR_get0(&macObj, nullptr, nullptr, macAlg);
             int macNid = OBJ_obj2nid(macObj);
@@ -297,8 +357,6 @@ struct Reader {
             }
             clearSslErrors();
         }
-        AuthSafesPtr safes(PKCS12_unpack_authsafes(p12.get()));
-        if (!safes) return sslError(ZAVKM_ERR_INVALID_PKCS12_DATA);
         for (int i = 0; i < sk_PKCS7_num(safes.get()); ++i) {
             PKCS7* safe = sk_PKCS7_value(safes.get(), i);
             BagsPtr list;
@@ -309,10 +367,9 @@ struct Reader {
                 case NID_pkcs7_encrypted: {
                     if (safe->d.encrypted == nullptr || safe->d.encrypted->enc_data == nullptr)
                         return ZAVKM_ERR_INVALID_PKCS12_DATA;
-                    if (Rc rc = admit(safe->d.encrypted->enc_data->algorithm); rc != ZAVKM_OK)
-                        return rc;
                     list.reset(PKCS12_unpack_p7encdata(safe, password, passwordLength));
                     if (!list) return sslError(ZAVKM_ERR_PKCS12_PWD_CORRUPTION);
+                    if (Rc rc = admitBags(list.get(), 0); rc != ZAVKM_OK) return rc;  // now seen
                     break;
                 }
                 default:

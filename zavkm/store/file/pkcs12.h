@@ -17,6 +17,12 @@
 namespace zavkm {
 
 inline constexpr int kPkcs12Iterations = 100000;
+// The key-derivation work one import may ask for, summed over the MAC, the encrypted safes and
+// the shrouded keys before any of them is derived (a shrouded key inside an encrypted safe is
+// counted as soon as its safe is open): about 0.9 s of PBKDF2 here. Exports lower the
+// iterations of each key when they hold more than 38 keys, so that the library reads back
+// every file it writes.
+inline constexpr long kPkcs12IterationBudget = 4000000;
 
 // pkcs12NeedsPassword - whether the PKCS#12 file fileName needs a password: it carries a MAC,
 // encrypted content or a shrouded key. ZAVKM_ERR_KEYDB_NOT_EXIST when the file does not exist,
@@ -35,7 +41,7 @@ Rc exportPkcs12(const KeyDb& kdb, const std::vector<std::string>& labels, const 
 // unique. Certificates already in the database are not added again. A clashing label gives
 // ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL, a wrong password or failed MAC
 // ZAVKM_ERR_PKCS12_PWD_CORRUPTION, data that is not PKCS#12 ZAVKM_ERR_INVALID_PKCS12_DATA, too
-// many iterations or an algorithm refused in FIPS mode ZAVKM_ERR_PBE_ALG_UNSUPPORT.
+// more iterations than kPkcs12IterationBudget or an algorithm refused in FIPS mode ZAVKM_ERR_PBE_ALG_UNSUPPORT.
 Rc importPkcs12(KeyDb& kdb, const char* fileName, const char* password) noexcept;
 
 // unloadLegacyAlgorithms - releases the providers loaded for legacy PKCS#12 files
