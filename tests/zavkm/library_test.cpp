@@ -122,6 +122,27 @@ const Row kRows[] = {
          writeBytes(e.file("greedy.p12"), der);
          return edited == 3 ? ZAVKM_ImportKeysFromPFXFile(e.h, e.file("greedy.p12").c_str(), "pw") : ZAVKM_ERR_PARAMETER;
      }, ZAVKM_ERR_PBE_ALG_UNSUPPORT},
+    {"a certificate over 256 KiB", [](Env& e) {
+         auto big = e.ca;
+         big.resize((256 << 10) + 1);
+         return ZAVKM_StoreCACert(e.h, big.data(), size(big), "big");
+     }, ZAVKM_ERR_PARAMETER},
+    {"a PEM bundle of 10,001 certificates", [](Env& e) {
+         ZAVKM_ReturnCode rc = ZAVKM_ExportCert(e.h, "signer", e.file("ca.pem").c_str(), 1);
+         const auto pem = readBytes(e.file("ca.pem"));
+         std::vector<uint8_t> bundle;
+         for (int i = 0; i < 10001; ++i) bundle.insert(bundle.end(), pem.begin(), pem.end());
+         ZAVKM_CertItemList* list = nullptr;
+         if (rc == ZAVKM_OK) rc = ZAVKM_ExtractCertListFromPKCS7Data(bundle.data(), size(bundle), &list);
+         ZAVKM_FreeCertItemList(list);
+         return rc;
+     }, ZAVKM_ERR_PARAMETER},
+    {"a file over 16 MiB", [](Env& e) {
+         writeBytes(e.file("huge.b64"), std::vector<uint8_t>((16 << 20) + 1, 'A'));
+         uint8_t* d = nullptr;
+         uint32_t n = 0;
+         return ZAVKM_Base64DecodeFileToBuf(e.file("huge.b64").c_str(), &d, &n);
+     }, ZAVKM_ERR_PARAMETER},
     {"a file that is not PKCS#12", [](Env& e) { return ZAVKM_ImportKeysFromPFXFile(e.h, e.file("junk").c_str(), "pw"); }, ZAVKM_ERR_INVALID_PKCS12_DATA},
     {"a DER length of more than eight bytes", [](Env&) { return unsignedPart({0x30, 0x89, 0, 0, 0, 0, 0, 0, 0, 0, 0x02, 0x30, 0x00}); }, ZAVKM_ERR_ASN},
     {"(a certificate's to-be-signed part)", [](Env& e) { return unsignedPart(e.ca); }, ZAVKM_OK},

@@ -188,8 +188,8 @@ Rc issue(const uint8_t* request, uint32_t requestLength, int32_t version,
     if (Rc rc = signatureDigest(signatureAlgorithm, md); rc != ZAVKM_OK) return rc;
     Asn1IntPtr serial;
     if (Rc rc = parseSerial(serialNumber, serial); rc != ZAVKM_OK) return rc;
-    X509ReqPtr req = parseRequest(request, requestLength);
-    if (!req) return ZAVKM_ERR_ASN;
+    X509ReqPtr req;
+    if (Rc rc = readRequest(request, requestLength, req); rc != ZAVKM_OK) return rc;
     EVP_PKEY* subjectKey = X509_REQ_get0_pubkey(req.get());
     if (subjectKey == nullptr) return sslError(ZAVKM_ERR_ASN);
     if (X509_REQ_verify(req.get(), subjectKey) != 1)
@@ -386,7 +386,9 @@ ZAVKM_ReturnCode ZAVKM_GetUnsignedCertFromCert(const uint8_t* der, uint32_t derL
     return withLibrary(__func__, {der, tbs, tbsLength}, [&]() -> Rc {
         *tbs = nullptr;
         *tbsLength = 0;
-        Bytes part = parseCertificate(der, derLength) ? tbsOf(der, derLength) : Bytes();
+        X509Ptr cert;
+        if (Rc rc = readCertificate(der, derLength, cert); rc != ZAVKM_OK) return rc;
+        Bytes part = tbsOf(der, derLength);
         if (part.empty()) return ZAVKM_ERR_ASN;  // PEM too: the part is cut from DER bytes
         copyBytes(part, tbs, tbsLength);
         return ZAVKM_OK;
@@ -397,8 +399,8 @@ ZAVKM_ReturnCode ZAVKM_StoreCACert(ZAVKM_KeyDbHandle handle, const uint8_t* cert
                                    uint32_t certLength, const char* label) noexcept {
     return withStore(__func__, handle, {cert, label}, [&](KeyDb& kdb) -> Rc {
         if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
-        X509Ptr x509 = parseCertificate(cert, certLength);
-        if (!x509) return ZAVKM_ERR_ASN;
+        X509Ptr x509;
+        if (Rc rc = readCertificate(cert, certLength, x509); rc != ZAVKM_OK) return rc;
         if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(x509.get())); rc != ZAVKM_OK)
             return rc;
         EVP_PKEY* key = X509_get0_pubkey(x509.get());
@@ -421,8 +423,8 @@ ZAVKM_ReturnCode ZAVKM_StoreCACert(ZAVKM_KeyDbHandle handle, const uint8_t* cert
 ZAVKM_ReturnCode ZAVKM_ReceiveCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
                                    uint32_t certLength, uint8_t makeDefault) noexcept {
     return withStore(__func__, handle, {cert}, [&](KeyDb& kdb) -> Rc {
-        X509Ptr x509 = parseCertificate(cert, certLength);
-        if (!x509) return ZAVKM_ERR_ASN;
+        X509Ptr x509;
+        if (Rc rc = readCertificate(cert, certLength, x509); rc != ZAVKM_OK) return rc;
         if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(x509.get())); rc != ZAVKM_OK)
             return rc;
         EVP_PKEY* key = X509_get0_pubkey(x509.get());

@@ -4,6 +4,7 @@
 #include "entries.h"
 #include "keyitems.h"
 #include "session.h"
+#include "sizes.h"
 #include "tokenops.h"
 #include "x509records.h"
 #include "x509util.h"
@@ -45,22 +46,24 @@ bool certsOfPkcs7(const uint8_t* data, uint32_t length, std::vector<X509Ptr>& ou
     return true;
 }
 
-// certsOfPem - every CERTIFICATE block of PEM text; false when one of them is malformed.
-bool certsOfPem(const uint8_t* data, uint32_t length, std::vector<X509Ptr>& out) {
+// certsOfPem - every CERTIFICATE block of PEM text; ZAVKM_ERR_ASN when one of them is
+// malformed, ZAVKM_ERR_PARAMETER when there are more than kMaxBundleCertificates.
+Rc certsOfPem(const uint8_t* data, uint32_t length, std::vector<X509Ptr>& out) {
     BioPtr bio(BIO_new_mem_buf(data, static_cast<int>(length)));
-    bool sound = true;
-    while (bio) {
+    Rc rc = ZAVKM_OK;
+    while (bio && rc == ZAVKM_OK) {
         X509Ptr c(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
         if (!c) break;
-        if (!wellFormed(c.get())) {
-            out.clear();
-            sound = false;
-            break;
-        }
-        out.push_back(std::move(c));
+        if (!wellFormed(c.get()))
+            rc = ZAVKM_ERR_ASN;
+        else if (out.size() == kMaxBundleCertificates)
+            rc = ZAVKM_ERR_PARAMETER;
+        else
+            out.push_back(std::move(c));
     }
     clearSslErrors();
-    return sound;
+    if (rc != ZAVKM_OK) out.clear();
+    return rc;
 }
 
 // personalKeyFor - the first personal key (with private key) holding cert's public key.
@@ -107,8 +110,8 @@ Rc verifyCodeToRc(int error) {
 // trusted may stand in the middle.
 Rc validateChain(const uint8_t* cert, uint32_t certLength, const std::vector<ChainCandidate>& pool,
                  uint8_t* isValid) {
-    X509Ptr x509 = parseCertificate(cert, certLength);
-    if (!x509) return ZAVKM_ERR_ASN;
+    X509Ptr x509;
+    if (Rc rc = readCertificate(cert, certLength, x509); rc != ZAVKM_OK) return rc;
     X509StorePtr store(X509_STORE_new());
     X509StackPtr untrusted(sk_X509_new_null());
     if (!store || !untrusted) return ZAVKM_ERR_MEMORY_ALLOCATE;
@@ -143,13 +146,15 @@ ZAVKM_ReturnCode ZAVKM_ExtractCertListFromPKCS7Data(const uint8_t* data, uint32_
     return withLibrary(__func__, {data, list}, [&]() -> Rc {
         *list = nullptr;
         if (length == 0) return ZAVKM_ERR_ASN;
+        if (Rc rc = withinSize(length, kMaxBundleBytes); rc != ZAVKM_OK) return rc;
         std::vector<X509Ptr> certs;
         if (!certsOfPkcs7(data, length, certs)) {  // also a PEM bundle or one certificate
-            if (!certsOfPem(data, length, certs)) return ZAVKM_ERR_ASN;
+            if (Rc rc = certsOfPem(data, length, certs); rc != ZAVKM_OK) return rc;
             if (certs.empty())
                 if (X509Ptr one = parseCertificate(data, length)) certs.push_back(std::move(one));
             if (certs.empty()) return ZAVKM_ERR_ASN;
         }
+        if (certs.size() > kMaxBundleCertificates) return ZAVKM_ERR_PARAMETER;
         CertItemListPtr out;
         if (Rc rc = certListRecord(certs, out); rc != ZAVKM_OK) return rc;
         *list = out.release();
@@ -161,8 +166,8 @@ ZAVKM_ReturnCode ZAVKM_CheckCertAsRenewal(ZAVKM_KeyDbHandle handle, const uint8_
                                           uint32_t certLength, uint8_t* isRenewal) noexcept {
     return withStore(__func__, handle, {cert, isRenewal}, [&](KeyDb& kdb) -> Rc {
         *isRenewal = 0;
-        X509Ptr x509 = parseCertificate(cert, certLength);
-        if (!x509) return ZAVKM_ERR_ASN;
+        X509Ptr x509;
+        if (Rc rc = readCertificate(cert, certLength, x509); rc != ZAVKM_OK) return rc;
         std::optional<KeyRow> row;
         if (Rc rc = personalKeyFor(kdb.db.get(), x509.get(), row); rc != ZAVKM_OK) return rc;
         *isRenewal = row ? 1 : 0;
@@ -173,8 +178,8 @@ ZAVKM_ReturnCode ZAVKM_CheckCertAsRenewal(ZAVKM_KeyDbHandle handle, const uint8_
 ZAVKM_ReturnCode ZAVKM_RenewCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
                                  uint32_t certLength) noexcept {
     return withStore(__func__, handle, {cert}, [&](KeyDb& kdb) -> Rc {
-        X509Ptr x509 = parseCertificate(cert, certLength);
-        if (!x509) return ZAVKM_ERR_ASN;
+        X509Ptr x509;
+        if (Rc rc = readCertificate(cert, certLength, x509); rc != ZAVKM_OK) return rc;
         if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(x509.get())); rc != ZAVKM_OK)
             return rc;
         sqlite3* db = kdb.db.get();

@@ -5,6 +5,7 @@
 #include "keyitems.h"
 #include "session.h"
 #include "tokenops.h"
+#include "sizes.h"
 #include "x509util.h"
 
 using namespace zavkm;
@@ -43,6 +44,7 @@ Rc keyItemsList(const KeyDb& kdb, const std::vector<KeyRow>& rows, ZAVKM_KeyItem
 // decodeKeyData - the private key of keyData, an EncryptedPrivateKeyInfo under the database's
 // password (a plain PrivateKeyInfo is accepted too).
 Rc decodeKeyData(const KeyDb& kdb, const uint8_t* key, uint32_t keyLength, PkeyPtr& out) {
+    if (Rc rc = withinSize(keyLength, kMaxItemBytes); rc != ZAVKM_OK) return rc;
     if (PkeyPtr plain = parsePrivateKey(key, keyLength)) {
         out = std::move(plain);
         return ZAVKM_OK;
@@ -164,7 +166,7 @@ ZAVKM_ReturnCode ZAVKM_GetKeyItemsByPublicKey(ZAVKM_KeyDbHandle handle, uint32_t
                                               ZAVKM_KeyItemList** list) noexcept {
     return withStore(__func__, handle, {publicKey, list}, [&](KeyDb& kdb) -> Rc {
         *list = nullptr;
-        if (publicKeyLength == 0) return ZAVKM_ERR_PARAMETER;
+        if (publicKeyLength == 0 || publicKeyLength > kMaxItemBytes) return ZAVKM_ERR_PARAMETER;
         const unsigned char* p = publicKey;  // re-encoded, so any valid DER form matches
         PkeyPtr key(d2i_PUBKEY(nullptr, &p, static_cast<long>(publicKeyLength)));
         if (!key) return sslError(ZAVKM_ERR_ASN);
@@ -175,7 +177,7 @@ ZAVKM_ReturnCode ZAVKM_GetKeyItemsByPublicKey(ZAVKM_KeyDbHandle handle, uint32_t
         return keyItemsList(kdb, rows, list);
     }, [&](TokenStore& t) -> Rc {
         *list = nullptr;
-        if (publicKeyLength == 0) return ZAVKM_ERR_PARAMETER;
+        if (publicKeyLength == 0 || publicKeyLength > kMaxItemBytes) return ZAVKM_ERR_PARAMETER;
         const unsigned char* p = publicKey;
         PkeyPtr key(d2i_PUBKEY(nullptr, &p, static_cast<long>(publicKeyLength)));
         if (!key) return sslError(ZAVKM_ERR_ASN);
@@ -221,8 +223,8 @@ ZAVKM_ReturnCode ZAVKM_InsertKey(ZAVKM_KeyDbHandle handle, const char* label, ui
     return withKeyDb(__func__, handle, {label, cert}, [&](KeyDb& kdb) -> Rc {
         if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
         if (key == nullptr && keyLength != 0) return ZAVKM_ERR_NULL_PARAMETER;
-        X509Ptr x509 = parseCertificate(cert, certLength);
-        if (!x509) return ZAVKM_ERR_ASN;
+        X509Ptr x509;
+        if (Rc rc = readCertificate(cert, certLength, x509); rc != ZAVKM_OK) return rc;
         if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(x509.get())); rc != ZAVKM_OK)
             return rc;
         EVP_PKEY* publicKey = X509_get0_pubkey(x509.get());
@@ -257,8 +259,8 @@ ZAVKM_ReturnCode ZAVKM_InsertReqKey(ZAVKM_KeyDbHandle handle, const char* label,
     return withKeyDb(__func__, handle, {label, request, key}, [&](KeyDb& kdb) -> Rc {
         if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
         if (Rc rc = checkRequestLabelFree(kdb.db.get(), label); rc != ZAVKM_OK) return rc;
-        X509ReqPtr req = parseRequest(request, requestLength);
-        if (!req) return ZAVKM_ERR_ASN;
+        X509ReqPtr req;
+        if (Rc rc = readRequest(request, requestLength, req); rc != ZAVKM_OK) return rc;
         EVP_PKEY* publicKey = X509_REQ_get0_pubkey(req.get());
         if (publicKey == nullptr) return sslError(ZAVKM_ERR_ASN);
         if (Rc rc = checkKeyPolicy(publicKey); rc != ZAVKM_OK) return rc;

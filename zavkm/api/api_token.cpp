@@ -289,8 +289,8 @@ Rc tokenExportCert(TokenStore& t, const char* label, const char* fileName, bool 
 }
 
 Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length) {
-    X509Ptr cert = parseCertificate(der, length);
-    if (!cert) return ZAVKM_ERR_ASN;
+    X509Ptr cert;
+    if (Rc rc = readCertificate(der, length, cert); rc != ZAVKM_OK) return rc;
     std::vector<std::string> labels;
     if (Rc rc = objectLabels(t, TokenObject::Request, labels); rc != ZAVKM_OK) return rc;
     for (const std::string& label : labels) {
@@ -311,8 +311,8 @@ Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length) {
 
 Rc tokenStoreSigner(TokenStore& t, const uint8_t* der, uint32_t length, const char* label) {
     if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
-    X509Ptr cert = parseCertificate(der, length);
-    if (!cert) return ZAVKM_ERR_ASN;
+    X509Ptr cert;
+    if (Rc rc = readCertificate(der, length, cert); rc != ZAVKM_OK) return rc;
     bool used = false;
     if (Rc rc = labelInUse(t, label, used); rc != ZAVKM_OK) return rc;
     if (used) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
@@ -331,8 +331,8 @@ Rc renewedLabel(TokenStore& t, X509* cert, std::string& label) {
 
 Rc tokenIsRenewal(TokenStore& t, const uint8_t* der, uint32_t length, uint8_t* isRenewal) {
     *isRenewal = 0;
-    X509Ptr cert = parseCertificate(der, length);
-    if (!cert) return ZAVKM_ERR_ASN;
+    X509Ptr cert;
+    if (Rc rc = readCertificate(der, length, cert); rc != ZAVKM_OK) return rc;
     std::string label;
     if (Rc rc = renewedLabel(t, cert.get(), label); rc != ZAVKM_OK) return rc;
     *isRenewal = label.empty() ? 0 : 1;
@@ -340,8 +340,8 @@ Rc tokenIsRenewal(TokenStore& t, const uint8_t* der, uint32_t length, uint8_t* i
 }
 
 Rc tokenRenew(TokenStore& t, const uint8_t* der, uint32_t length) {
-    X509Ptr cert = parseCertificate(der, length);
-    if (!cert) return ZAVKM_ERR_ASN;
+    X509Ptr cert;
+    if (Rc rc = readCertificate(der, length, cert); rc != ZAVKM_OK) return rc;
     std::string label;
     if (Rc rc = renewedLabel(t, cert.get(), label); rc != ZAVKM_OK) return rc;
     if (label.empty()) return ZAVKM_ERR_REQKEY_FOR_CERT_NULL;

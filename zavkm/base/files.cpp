@@ -29,7 +29,7 @@ Rc readFile(const char* fileName, Bytes& out) noexcept {
             }
             if (r == 0) break;
             if (data.size() + static_cast<size_t>(r) > kMaxInputFile) {
-                rc = ZAVKM_ERR_IO;
+                rc = ZAVKM_ERR_PARAMETER;
                 break;
             }
             data.insert(data.end(), chunk, chunk + r);

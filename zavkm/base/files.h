@@ -4,14 +4,13 @@
 #include <string>
 
 #include "common.h"
+#include "sizes.h"
 
 namespace zavkm {
 
-inline constexpr size_t kMaxInputFile = 64u << 20;  // no certificate or PKCS#12 file is larger
-
 // readFile - the whole file into out: ZAVKM_ERR_FILE_OPEN_NOT_EXIST when it does not exist,
 // ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED without permission, ZAVKM_ERR_FILE_OPEN_TO_READ otherwise,
-// ZAVKM_ERR_IO on a read error or a file over kMaxInputFile.
+// ZAVKM_ERR_IO on a read error, ZAVKM_ERR_PARAMETER for a file over kMaxInputFile.
 Rc readFile(const char* fileName, Bytes& out) noexcept;
 
 // writeFile - writes data to fileName through a temporary file in the same directory and a

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "files.h"
+#include "sizes.h"
 #include "state.h"
 
 namespace zavkm {
@@ -42,12 +43,24 @@ bool derTime(const ASN1_TIME* t) {
 
 }  // namespace
 
+Rc readCertificate(const uint8_t* p, size_t n, X509Ptr& out) {
+    if (Rc rc = withinSize(n, kMaxItemBytes); rc != ZAVKM_OK) return rc;
+    out = parseCertificate(p, n);
+    return out ? ZAVKM_OK : ZAVKM_ERR_ASN;
+}
+
+Rc readRequest(const uint8_t* p, size_t n, X509ReqPtr& out) {
+    if (Rc rc = withinSize(n, kMaxItemBytes); rc != ZAVKM_OK) return rc;
+    out = parseRequest(p, n);
+    return out ? ZAVKM_OK : ZAVKM_ERR_ASN;
+}
+
 bool wellFormed(const X509* cert) {
     return derTime(X509_get0_notBefore(cert)) && derTime(X509_get0_notAfter(cert));
 }
 
 X509Ptr parseCertificate(const uint8_t* p, size_t n) {
-    if (p == nullptr || n == 0 || n > 0x7fffffff) return nullptr;
+    if (p == nullptr || n == 0 || n > kMaxItemBytes) return nullptr;
     X509Ptr cert;
     if (looksLikePem(p, n)) {
         BioPtr bio = memBio(p, n);
@@ -63,7 +76,7 @@ X509Ptr parseCertificate(const uint8_t* p, size_t n) {
 }
 
 X509ReqPtr parseRequest(const uint8_t* p, size_t n) {
-    if (p == nullptr || n == 0 || n > 0x7fffffff) return nullptr;
+    if (p == nullptr || n == 0 || n > kMaxItemBytes) return nullptr;
     X509ReqPtr req;
     if (looksLikePem(p, n)) {
         BioPtr bio = memBio(p, n);
@@ -78,7 +91,7 @@ X509ReqPtr parseRequest(const uint8_t* p, size_t n) {
 }
 
 PkeyPtr parsePrivateKey(const uint8_t* p, size_t n) {
-    if (p == nullptr || n == 0 || n > 0x7fffffff) return nullptr;
+    if (p == nullptr || n == 0 || n > kMaxItemBytes) return nullptr;
     PkeyPtr key;
     if (looksLikePem(p, n)) {
         BioPtr bio = memBio(p, n);
@@ -185,6 +198,7 @@ Rc parseExtensions(const uint8_t* p, uint32_t n, ExtStackPtr& out) {
         return ZAVKM_OK;
     }
     if (p == nullptr) return ZAVKM_ERR_PARAMETER;
+    if (Rc rc = withinSize(n, kMaxItemBytes); rc != ZAVKM_OK) return rc;
     const unsigned char* q = p;
     exts.reset(d2i_X509_EXTENSIONS(nullptr, &q, static_cast<long>(n)));
     if (!exts || q != p + n) return sslError(ZAVKM_ERR_ASN);

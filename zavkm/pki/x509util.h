@@ -10,6 +10,10 @@ namespace zavkm {
 // parseCertificate / parseRequest - a certificate or PKCS#10 request from DER or PEM bytes;
 // null when the bytes are neither (the error queue is cleared).
 X509Ptr parseCertificate(const uint8_t* p, size_t n);
+// readCertificate / readRequest - the same for bytes a caller passes: ZAVKM_ERR_PARAMETER when
+// they are over kMaxItemBytes, ZAVKM_ERR_ASN when they are no certificate (request).
+Rc readCertificate(const uint8_t* p, size_t n, X509Ptr& out);
+Rc readRequest(const uint8_t* p, size_t n, X509ReqPtr& out);
 // wellFormed - whether a decoded certificate's validity times are DER times naming real moments
 // (a decoder takes any string there); parseCertificate refuses certificates that are not.
 bool wellFormed(const X509* cert);

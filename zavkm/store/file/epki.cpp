@@ -4,6 +4,7 @@
 #include <openssl/rand.h>
 
 #include "ossl.h"
+#include "sizes.h"
 #include "state.h"
 
 namespace zavkm {
@@ -170,6 +171,7 @@ Rc decryptEpki(const uint8_t* der, size_t n, std::string_view password, const Ke
                SecretBytes& pkcs8) noexcept {
     return guarded([&]() -> Rc {
         if (der == nullptr || n == 0) return ZAVKM_ERR_NULL_PARAMETER;
+        if (Rc rc = withinSize(n, kMaxItemBytes); rc != ZAVKM_OK) return rc;
         X509SigPtr sig;
         if (Rc rc = sigFrom(Bytes(der, der + n), sig); rc != ZAVKM_OK) return rc;
         const X509_ALGOR* alg = nullptr;
