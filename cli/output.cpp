@@ -88,6 +88,13 @@ std::string line(const Json& v, bool row) {
     return text;
 }
 
+// columns - the characters of UTF-8 text (one column each; continuation bytes are not counted).
+size_t columns(const std::string& text) {
+    return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+        return (static_cast<unsigned char>(c) & 0xc0) != 0x80;
+    }));
+}
+
 // table - rows of objects under a header of their keys, columns aligned.
 void table(const Json& rows) {
     std::vector<std::vector<std::string>> lines(1);
@@ -99,11 +106,11 @@ void table(const Json& rows) {
     std::vector<size_t> width(lines[0].size());
     for (const auto& cells : lines) {
         for (size_t i = 0; i < cells.size(); ++i)
-            width[i] = std::max(width[i], cells[i].size() + 2);
+            width[i] = std::max(width[i], columns(cells[i]) + 2);
     }
     for (const auto& cells : lines) {
         for (size_t i = 0; i + 1 < cells.size(); ++i)
-            std::cout << cells[i] << std::string(width[i] - cells[i].size(), ' ');
+            std::cout << cells[i] << std::string(width[i] - columns(cells[i]), ' ');
         std::cout << cells.back() << '\n';
     }
 }

@@ -4,12 +4,12 @@
 ok keydb create --password-env PW
 ok cert selfsign ca --subject "CN=Test CA,C=NO" --password-env PW
 openssl req -x509 -newkey rsa:2048 -nodes -keyout other.key -subj /CN=Other -days 2 -out other.pem 2> /dev/null
-ok cert add-ca other --in other.pem --password-env PW
+ok cert add-ca "other ☺😀" --in other.pem --password-env PW
 ok p12 export one.p12 ca --p12-password-env P12 --password-env PW
 ok p12 export all.p12 --p12-password-env P12 --password-env PW
 keytool -list -storetype PKCS12 -keystore all.p12 -storepass "$P12" > text 2>&1
 has text "^ca, .*PrivateKeyEntry"
-has text "^other, .*trustedCertEntry"
+has text "^other ☺😀, .*trustedCertEntry"
 keytool -list -storetype PKCS12 -keystore one.p12 -storepass "$P12" > text 2>&1
 has text "Your keystore contains 1 entry"
 openssl pkcs12 -in one.p12 -info -noout -passin env:P12 > text 2>&1
@@ -21,14 +21,14 @@ run p12 import all.p12 --p12-password-env PW --password-env PW
 has err "^tolvik: cannot import all.p12: 120 ZAVKM_ERR_PKCS12_PWD_CORRUPTION \(wrong password"
 ok p12 import all.p12 --p12-password-env P12 --password-env PW
 ok list --json --password-env PW
-json "[(r['label'], r['kind']) for r in d] == [('ca', 'personal'), ('other', 'signer')]"
+json "[(r['label'], r['kind']) for r in d] == [('ca', 'personal'), ('other ☺😀', 'signer')]"
 
 ok keyring export ring.kyr --keyring-password-env P12 --password-env PW
 keytool -list -storetype PKCS12 -keystore ring.kyr -storepass "$P12" > text 2>&1
 has text "Your keystore contains 2 entries"
 ok keyring import ring.kyr --db ring.kdb --keyring-password-env P12 --password-env PW
 ok list --db ring.kdb --password-env PW
-has out "^other +signer"
+has out "^other ☺😀 +signer"
 
 # PKCS#8: openssl decrypts what tolvik encrypted, and tolvik gives back the same key
 ok epki encrypt --in other.key --out other.p8 --key-password-env P12

@@ -15,6 +15,7 @@
 #include "ossl.h"
 #include "state.h"
 #include "trace.h"
+#include "utf.h"
 #include "x509util.h"
 
 namespace zavkm {
@@ -96,7 +97,10 @@ Rc collectEntries(const KeyDb& kdb, const std::vector<std::string>& labels,
 }
 
 Rc nameBag(PKCS12_SAFEBAG* bag, const std::string& label, const Bytes* keyId, bool trusted) {
-    if (PKCS12_add_friendlyname_utf8(bag, label.c_str(), static_cast<int>(label.size())) != 1)
+    // BMPString written here: characters beyond U+FFFF as surrogate pairs, which keytool reads.
+    std::optional<Bytes> name = utf8ToUtf16be(label);
+    if (!name) return ZAVKM_ERR_PARAMETER;
+    if (PKCS12_add_friendlyname_uni(bag, name->data(), static_cast<int>(name->size())) != 1)
         return sslError(ZAVKM_ERR_ASN);
     if (keyId != nullptr && PKCS12_add_localkeyid(bag, const_cast<uint8_t*>(keyId->data()),
                                                   static_cast<int>(keyId->size())) != 1)
@@ -276,9 +280,15 @@ struct Reader {
 
     static Found describe(PKCS12_SAFEBAG* bag) {
         Found f;
-        if (char* name = PKCS12_get_friendlyname(bag)) {
-            f.name = name;
-            OPENSSL_free(name);
+        const ASN1_TYPE* name = PKCS12_SAFEBAG_get0_attr(bag, NID_friendlyName);
+        if (name != nullptr && name->type == V_ASN1_BMPSTRING) {
+            const ASN1_STRING* s = name->value.bmpstring;
+            f.name = utf16beToUtf8(ASN1_STRING_get0_data(s), static_cast<size_t>(ASN1_STRING_length(s))).value_or("");
+        } else if (name != nullptr && name->type == V_ASN1_UTF8STRING) {
+            const ASN1_STRING* s = name->value.utf8string;
+            std::string_view text(reinterpret_cast<const char*>(ASN1_STRING_get0_data(s)),
+                                  static_cast<size_t>(ASN1_STRING_length(s)));
+            if (utf8ToUtf16be(text)) f.name = text;  // sound UTF-8 without NUL only
         }
         const ASN1_TYPE* id = PKCS12_SAFEBAG_get0_attr(bag, NID_localKeyID);
         if (id != nullptr && id->type == V_ASN1_OCTET_STRING) {
