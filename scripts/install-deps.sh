@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev googletest
   libcli11-dev nlohmann-json3-dev python3
   softhsm2 opensc libp11-kit-dev p11-kit p11-kit-modules
+  lintian
 )
 missing=()
 for p in "${packages[@]}"; do
