@@ -3,7 +3,7 @@
 # fresh prefix, then the packages CPack makes unpacked with dpkg -x; in both, the demo runs in a
 # JVM and tolvik makes a key database, with nothing found through the build tree.
 set -euo pipefail
-build=$1 multiarch=$2
+build=$1 multiarch=$2 java=$3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 unset LD_LIBRARY_PATH TOLVIK_DB
@@ -15,7 +15,7 @@ uses() {
   [ -f "$lib/libzav7km_gcc295.so" ] && [ -f "$lib/libzavkjni.so" ] || fail "libraries not in $lib"
   readelf -d "$lib/libzavkjni.so" | grep -q 'RUNPATH.*\[\$ORIGIN\]' || fail "bridge RUNPATH is not \$ORIGIN"
   mkdir -p "$work/run" && (cd "$work/run" && rm -rf ./* &&
-    java -Xcheck:jni -Djava.library.path="$lib" -cp "$root/share/java/tolvik.jar" \
+    "$java" -Xcheck:jni -Djava.library.path="$lib" -cp "$root/share/java/tolvik.jar" \
       com.norvex.zav.tolvik.demo.Main > demo.out 2>&1) || { tail -20 "$work/run/demo.out"; fail "demo from $root"; }
   grep -q "every step worked" "$work/run/demo.out" || fail "demo from $root did not finish"
   [ "$(readlink -f "$(ldd "$root/bin/tolvik" | awk '/libzav7km_gcc295/ {print $3}')")" = "$(readlink -f "$lib/libzav7km_gcc295.so")" ] ||
