@@ -1,7 +1,10 @@
 // entries.cpp - `tolvik list | show | delete | default | trust`: the entries of a store.
+#include <functional>
 #include <iostream>
+#include <memory>
 
 #include "tolvik.h"
+#include "zavkm_ext.h"
 
 namespace tolvik {
 
@@ -21,25 +24,18 @@ Json row(const char* label, const char* kind, bool isDefault, bool trusted, cons
 
 Json entries(ZAVKM_KeyDbHandle handle) {
     Json rows = Json::array();
-    LabelList labels;
-    check(ZAVKM_GetKeyDbLabelList(handle, out(labels)), "list the labels");
-    for (const ZAVKM_LabelList* node = labels.get(); node && node->label; node = node->next) {
-        KeyItem key;
-        check(ZAVKM_GetKeyItemByLabel(handle, node->label, out(key)),
-              "read entry " + std::string(node->label));
-        const ZAVKM_CertItem* cert = key->certList ? key->certList->cert : nullptr;
-        rows.push_back(row(node->label, key->hasPrivateKey ? "personal" : "signer",
-                           key->keyFlag1 != 0, key->keyFlag2 != 0,
-                           keyText(key->shortValue1, key->keySize),
-                           cert ? Json(isoTime(cert->expireTime)) : Json()));
-    }
-    check(ZAVKM_GetReqKeyDbLabelList(handle, out(labels)), "list the request labels");
-    for (const ZAVKM_LabelList* node = labels.get(); node && node->label; node = node->next) {
-        ReqKeyItem request;
-        check(ZAVKM_GetReqKeyItemByLabel(handle, node->label, out(request)),
-              "read request " + std::string(node->label));
-        rows.push_back(row(node->label, "request", false, false,
-                           keyText(request->shortValue1, request->keySize), nullptr));
+    ZAVKM_Entry* list = nullptr;
+    uint32_t count = 0;
+    check(ZAVKM_ListEntries(handle, &list, &count), "list the entries");
+    std::unique_ptr<ZAVKM_Entry, std::function<void(ZAVKM_Entry*)>> owned(
+        list, [count](ZAVKM_Entry* e) { ZAVKM_FreeEntries(e, count); });
+    static const char* const kKinds[] = {"", "personal", "signer", "request"};
+    for (uint32_t i = 0; i < count; ++i) {
+        const ZAVKM_Entry& e = list[i];
+        const bool request = e.kind == ZAVKM_ENTRY_REQUEST;
+        rows.push_back(row(e.label, kKinds[e.kind >= 1 && e.kind <= 3 ? e.kind : 0], e.isDefault != 0,
+                           e.trusted != 0, keyText(e.keyType, e.keyBits),
+                           request ? Json() : Json(isoTime(e.notAfter))));
     }
     return rows;
 }

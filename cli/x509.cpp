@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 
 #include "tolvik.h"
 
@@ -136,12 +137,28 @@ std::string pem(const char* type, const uint8_t* der, uint32_t length) {
     return drain(bio.get());
 }
 
+// exactTime - a validity time of the certificate's DER in 64-bit seconds since 1970: the
+// record's fields hold 32 bits and stop at 2038.
+int64_t exactTime(const ZAVKM_CertItem& cert, bool notAfter, int64_t recorded) {
+    const unsigned char* p = cert.der;
+    std::unique_ptr<X509, decltype(&X509_free)> x509(d2i_X509(nullptr, &p, cert.derLength), X509_free);
+    std::unique_ptr<ASN1_TIME, decltype(&ASN1_TIME_free)> epoch(ASN1_TIME_set(nullptr, 0), ASN1_TIME_free);
+    int days = 0, seconds = 0;
+    if (!x509 || !epoch ||
+        ASN1_TIME_diff(&days, &seconds, epoch.get(),
+                       notAfter ? X509_get0_notAfter(x509.get()) : X509_get0_notBefore(x509.get())) != 1) {
+        ERR_clear_error();
+        return recorded;
+    }
+    return int64_t{days} * 86400 + seconds;
+}
+
 Json certFacts(const ZAVKM_CertItem& cert) {
     return {{"subject", dnText(cert.subject)},
             {"issuer", dnText(cert.issuer)},
             {"serial", cert.serialNumber ? cert.serialNumber : ""},
-            {"not_before", isoTime(cert.effectTime)},
-            {"not_after", isoTime(cert.expireTime)},
+            {"not_before", isoTime(exactTime(cert, false, cert.effectTime))},
+            {"not_after", isoTime(exactTime(cert, true, cert.expireTime))},
             {"version", cert.shortValue1},
             {"signature", cert.sigAlgIdOIDName ? cert.sigAlgIdOIDName : ""},
             {"sha1", fingerprint(cert.der, cert.derLength, EVP_sha1())},

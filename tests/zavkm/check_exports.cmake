@@ -1,5 +1,9 @@
-# check_exports.cmake - the library's dynamic symbols are exactly the header's operations.
-file(READ ${HEADER} header)
+# check_exports.cmake - the library's dynamic symbols are exactly the headers' operations.
+set(header "")
+foreach(h ${HEADERS})
+  file(READ ${h} text)
+  string(APPEND header "${text}")
+endforeach()
 string(REGEX MATCHALL "X\\((ZAVKM_ReturnCode|void\\*|void|char\\*|uint32_t), (ZAVKM_[A-Za-z0-9]+)"
        decls "${header}")
 list(TRANSFORM decls REPLACE ".*, " "" OUTPUT_VARIABLE expected)

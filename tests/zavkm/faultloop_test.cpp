@@ -147,7 +147,7 @@ bool whole(const std::string& file) {
     if (ext == ".der") return std::unique_ptr<X509, decltype(&X509_free)>(d2i_X509(nullptr, &p, n), X509_free) && p == b.data() + n;
     std::unique_ptr<PKCS12, decltype(&PKCS12_free)> p12(ext == ".p12" ? d2i_PKCS12(nullptr, &p, n) : nullptr, PKCS12_free);
     if (ext == ".p12") return p12 && (PKCS12_verify_mac(p12.get(), "p12 pw", -1) == 1 || PKCS12_verify_mac(p12.get(), "ring pw", -1) == 1);
-    if (ext == ".sth") return b.size() == 12 + std::string(kPasswords[0]).size();
+    if (ext == ".sth") return b.size() == 12 + std::string(kPasswords[0]).size() + 52;  // + salt, count, key
     uint8_t* der = nullptr;  // base64 files
     uint32_t length = 0;
     bool ok = ZAVKM_Base64DecodeFileToBuf(file.c_str(), &der, &length) == ZAVKM_OK;

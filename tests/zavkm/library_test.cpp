@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "connpool.h"
+#include "kdf.h"
 #include "support.h"
 
 namespace zavkm_test {
@@ -97,6 +98,31 @@ const Row kRows[] = {
          ZAVKM_ReturnCode rc = ZAVKM_StashKeyDbPwd(e.file("t.kdb").c_str(), kPassword);
          return rc == ZAVKM_OK ? open(e.file("t.kdb"), "") : rc;
      }, ZAVKM_OK},
+    {"(a stash opens without deriving the password's key)", [](Env& e) {
+         zavkm::wipeKdfCache();
+         ZAVKM_ReturnCode rc = open(e.file("t.kdb"), "");
+         return zavkm::kdfCacheStats().misses == 0 ? rc : ZAVKM_ERR_PARAMETER;
+     }, ZAVKM_OK},
+    {"(a stash whose key is damaged still opens, by the password in it)", [](Env& e) {
+         auto sth = readBytes(e.file("t.sth"));
+         sth.back() ^= 1;
+         writeBytes(e.file("t.sth"), sth);
+         zavkm::wipeKdfCache();
+         return open(e.file("t.kdb"), "");
+     }, ZAVKM_OK},
+    {"(a stash of the first format opens)", [](Env& e) {
+         std::vector<uint8_t> sth = {'Z', 'A', 'V', 'K', 'M', 'S', 'T', 'H', 1, 0, 0, static_cast<uint8_t>(std::strlen(kPassword))};
+         for (const char* p = kPassword; *p; ++p) sth.push_back(static_cast<uint8_t>(*p ^ 0xA5));
+         writeBytes(e.file("t.sth"), sth);
+         return open(e.file("t.kdb"), "");
+     }, ZAVKM_OK},
+    {"a stash cut short", [](Env& e) {
+         ZAVKM_ReturnCode rc = ZAVKM_StashKeyDbPwd(e.file("t.kdb").c_str(), kPassword);
+         auto sth = readBytes(e.file("t.sth"));
+         sth.pop_back();
+         writeBytes(e.file("t.sth"), sth);
+         return rc == ZAVKM_OK ? open(e.file("t.kdb"), "") : rc;
+     }, ZAVKM_ERR_DATABASE_PASSWORD_CORRUPTION},
     {"a null label", [](Env& e) { ZAVKM_KeyItem* k; return ZAVKM_GetKeyItemByLabel(e.h, nullptr, &k); }, ZAVKM_ERR_NULL_PARAMETER},
     {"an unknown label", [](Env& e) { ZAVKM_KeyItem* k; return ZAVKM_GetKeyItemByLabel(e.h, "nope", &k); }, ZAVKM_ERR_KEY_GET_BY_LABEL},
     {"a label that is taken", [](Env& e) { return ZAVKM_StoreCACert(e.h, e.ca.data(), size(e.ca), "signer"); }, ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL},

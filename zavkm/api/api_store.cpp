@@ -144,7 +144,7 @@ ZAVKM_ReturnCode ZAVKM_StashKeyDbPwd(const char* fileName, const char* password)
         if (isEmpty(password)) return ZAVKM_ERR_PWD_TOO_SHORT;
         std::unique_ptr<KeyDb> kdb;  // the password must open the file
         if (Rc rc = openKeyDb(fileName, password, false, kdb); rc != ZAVKM_OK) return rc;
-        return writeStash(fileName, password);
+        return writeStash(fileName, Stash{kdb->password, kdb->kdf, kdb->master});
     });
 }
 
@@ -156,7 +156,7 @@ ZAVKM_ReturnCode ZAVKM_IsPasswordRequired(const KeyStoreDescriptor* descriptor,
             case KeyDbFile: {
                 if (fileName == nullptr) return ZAVKM_ERR_NULL_PARAMETER;
                 if (Rc rc = probeKeyDbFile(fileName); rc != ZAVKM_OK) return rc;
-                SecretBytes stashed;  // a readable stash opens the file without a password
+                Stash stashed;  // a readable stash opens the file without a password
                 *required = readStash(fileName, stashed) == ZAVKM_OK ? 0 : 1;
                 return ZAVKM_OK;
             }

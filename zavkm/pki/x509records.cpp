@@ -34,20 +34,27 @@ std::string oidText(const ASN1_OBJECT* obj, bool numeric) {
                  : std::string();
 }
 
+// civilSeconds - seconds since 1970 of a UTC date and time (month 1-12), in 64 bits whatever
+// time_t is.
+int64_t civilSeconds(int64_t year, int64_t month, int64_t day, int64_t hour, int64_t minute,
+                     int64_t second) {
+    const int64_t y = year - (month <= 2 ? 1 : 0);
+    const int64_t era = (y >= 0 ? y : y - 399) / 400;
+    const int64_t yoe = y - era * 400;
+    const int64_t mp = (month + 9) % 12;  // March is 0
+    const int64_t doy = (153 * mp + 2) / 5 + day - 1;
+    const int64_t days = era * 146097 + yoe * 365 + yoe / 4 - yoe / 100 + doy - 719468;
+    return days * 86400 + hour * 3600 + minute * 60 + second;
+}
+
 int32_t clampedTime(const ASN1_TIME* t) {
     std::tm tm{};
     if (t == nullptr || ASN1_TIME_to_tm(t, &tm) != 1) {
         clearSslErrors();
         return 0;
     }
-    // Days since 1970-01-01 of the civil date, in 64 bits whatever time_t is.
-    const int64_t y = static_cast<int64_t>(tm.tm_year) + 1900 - (tm.tm_mon < 2 ? 1 : 0);
-    const int64_t era = (y >= 0 ? y : y - 399) / 400;
-    const int64_t yoe = y - era * 400;
-    const int64_t mp = (tm.tm_mon + 10) % 12;  // March is 0
-    const int64_t doy = (153 * mp + 2) / 5 + tm.tm_mday - 1;
-    const int64_t days = era * 146097 + yoe * 365 + yoe / 4 - yoe / 100 + doy - 719468;
-    const int64_t seconds = days * 86400 + tm.tm_hour * 3600 + tm.tm_min * 60 + tm.tm_sec;
+    const int64_t seconds = civilSeconds(int64_t{tm.tm_year} + 1900, tm.tm_mon + 1, tm.tm_mday,
+                                         tm.tm_hour, tm.tm_min, tm.tm_sec);
     if (seconds > INT32_MAX) return INT32_MAX;
     if (seconds < INT32_MIN) return INT32_MIN;
     return static_cast<int32_t>(seconds);
@@ -189,6 +196,40 @@ Rc certListRecord(const std::vector<X509Ptr>& certs, CertItemListPtr& out) {
     }
     out = std::move(head);
     return ZAVKM_OK;
+}
+
+int64_t notAfterOf(const Bytes& cert) {
+    DerElement outer, tbs, field;
+    if (!readDer(cert.data(), cert.size(), outer) || outer.tag != 0x30) return 0;
+    if (!readDer(outer.content, outer.contentLength, tbs) || tbs.tag != 0x30) return 0;
+    const uint8_t* p = tbs.content;
+    size_t left = tbs.contentLength;
+    auto next = [&] {
+        if (!readDer(p, left, field)) return false;
+        p += field.totalLength;
+        left -= field.totalLength;
+        return true;
+    };
+    // [0] version (optional), serial, signature algorithm, issuer, validity
+    if (!next() || (field.tag == 0xA0 && !next())) return 0;
+    if (!next() || !next() || !next() || field.tag != 0x30) return 0;
+    DerElement notBefore, notAfter;
+    if (!readDer(field.content, field.contentLength, notBefore) ||
+        !readDer(notBefore.start + notBefore.totalLength,
+                 field.contentLength - notBefore.totalLength, notAfter))
+        return 0;
+    const bool utc = notAfter.tag == 0x17 && notAfter.contentLength == 13;
+    if (!utc && !(notAfter.tag == 0x18 && notAfter.contentLength == 15)) return 0;
+    const uint8_t* t = notAfter.content;
+    auto num = [&t](int digits) {
+        int64_t v = 0;
+        for (int i = 0; i < digits; ++i) v = v * 10 + (*t++ - '0');
+        return v;
+    };
+    int64_t year = utc ? num(2) : num(4);
+    if (utc) year += year < 50 ? 2000 : 1900;
+    const int64_t month = num(2), day = num(2), hour = num(2), minute = num(2), second = num(2);
+    return civilSeconds(year, month, day, hour, minute, second);
 }
 
 Bytes tbsOf(const uint8_t* der, size_t n) {

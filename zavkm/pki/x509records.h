@@ -24,6 +24,10 @@ Rc certListRecord(const std::vector<X509Ptr>& certs, CertItemListPtr& out);
 // requestRecord - a decoded PKCS#10 request with its information part.
 Rc requestRecord(X509_REQ* req, CertReqItemPtr& out);
 
+// notAfterOf - the notAfter of a stored (well-formed) certificate's DER in seconds since 1970,
+// read without decoding the certificate; 0 when the bytes are not one.
+int64_t notAfterOf(const Bytes& cert);
+
 // tbsOf - the exact DER bytes of a certificate's to-be-signed part; empty when der is not a
 // certificate.
 Bytes tbsOf(const uint8_t* der, size_t n);

@@ -120,6 +120,22 @@ Rc allKeys(sqlite3* db, std::vector<KeyRow>& out) {
     return collect(db, s, out, keyRow);
 }
 
+Rc listEntries(sqlite3* db, std::vector<EntryRow>& out) {
+    Stmt keys(db, "SELECT label, private_key IS NULL, key_type, key_bits, is_default, trusted, cert "
+                  "FROM keys ORDER BY id");
+    Rc rc = collect(db, keys, out, [](const Stmt& s) {
+        return EntryRow{s.text(0), s.integer(1) != 0 ? 2 : 1, static_cast<int32_t>(s.integer(2)),
+                        static_cast<int32_t>(s.integer(3)), s.integer(4) != 0, s.integer(5) != 0,
+                        s.blob(6)};
+    });
+    if (rc != ZAVKM_OK) return rc;
+    Stmt requests(db, "SELECT label, key_type, key_bits FROM requests ORDER BY id");
+    return collect(db, requests, out, [](const Stmt& s) {
+        return EntryRow{s.text(0), 3, static_cast<int32_t>(s.integer(1)),
+                        static_cast<int32_t>(s.integer(2)), false, false, {}};
+    });
+}
+
 Rc findRequest(sqlite3* db, const std::string& label, std::optional<RequestRow>& out) {
     Stmt s(db, std::string(kRequestColumns) + "WHERE label = ?1");
     s.bind(1, label);

@@ -44,6 +44,19 @@ Rc allKeys(sqlite3* db, std::vector<KeyRow>& out);
 Rc findRequest(sqlite3* db, const std::string& label, std::optional<RequestRow>& out);
 Rc findRequestsBySpki(sqlite3* db, const Bytes& spki, std::vector<RequestRow>& out);
 
+// EntryRow - what a listing shows of an entry; kind 1 personal, 2 signer, 3 request (no cert).
+struct EntryRow {
+    std::string label;
+    int32_t kind = 0;
+    int32_t keyType = 0;
+    int32_t keyBits = 0;
+    bool isDefault = false;
+    bool trusted = false;
+    Bytes cert;
+};
+// listEntries - every key, then every request, in one read transaction's two queries.
+Rc listEntries(sqlite3* db, std::vector<EntryRow>& out);
+
 Rc keyLabels(sqlite3* db, std::vector<std::string>& out);
 Rc requestLabels(sqlite3* db, std::vector<std::string>& out);
 

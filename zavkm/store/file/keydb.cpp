@@ -138,9 +138,23 @@ Rc writeMeta(sqlite3* db, Meta& m, bool insert) {
 }
 
 // unlockDataKey - derives (or finds in the cache) the master key for password and unwraps the
-// data key; a tag failure is a wrong password. A proven key enters the cache.
+// data key; a tag failure is a wrong password. A proven key enters the cache. A stashed key
+// for the file's salt and count is tried first, in place of the derivation.
 Rc unlockDataKey(const Meta& m, std::string_view password, SecretBytes& master,
-                 SecretBytes& dataKey) {
+                 SecretBytes& dataKey, const Stash* stash = nullptr) {
+    if (stash != nullptr && stash->master.size() == kKeySize && stash->kdf.salt == m.kdf.salt &&
+        stash->kdf.iterations == m.kdf.iterations) {
+        SecretBytes kek;
+        if (wrappingKey(stash->master, kek) == ZAVKM_OK &&
+            openGcm(kek, m.wrapped.data(), m.wrapped.size(), kDataKeyAad, dataKey) == ZAVKM_OK &&
+            dataKey.size() == kKeySize) {
+            master = stash->master;
+            cacheMaster(m.kdf, password, master);
+            trace("key database unlocked (stashed key)");
+            return ZAVKM_OK;
+        }
+        clearSslErrors();  // a stale or damaged stashed key: derive as without one
+    }
     bool fromCache = false;
     if (Rc rc = deriveMaster(m.kdf, password, master, fromCache); rc != ZAVKM_OK) return rc;
     SecretBytes kek;
@@ -181,9 +195,10 @@ Rc checkSchema(sqlite3* db) {
     return ZAVKM_OK;
 }
 
-Rc resolvePassword(const std::string& fileName, std::string_view password, SecretBytes& out) {
+// resolvePassword - the password given, else the stash's (with the key it holds, if any).
+Rc resolvePassword(const std::string& fileName, std::string_view password, Stash& out) {
     if (!password.empty()) {
-        out = SecretBytes(reinterpret_cast<const uint8_t*>(password.data()), password.size());
+        out = Stash{SecretBytes(reinterpret_cast<const uint8_t*>(password.data()), password.size()), {}, {}};
         return ZAVKM_OK;
     }
     Rc rc = readStash(fileName, out);
@@ -333,7 +348,7 @@ Rc openKeyDb(const char* fileName, std::string_view password, bool checkExpiry,
         if (Rc rc = openConnection(kdb->fileName, kdb->db); rc != ZAVKM_OK) return rc;
         sqlite3* db = kdb->db.get();
         if (Rc rc = checkHeader(db); rc != ZAVKM_OK) return rc;
-        SecretBytes secret;
+        Stash secret;
         if (Rc rc = resolvePassword(kdb->fileName, password, secret); rc != ZAVKM_OK) return rc;
         Meta m;
         {
@@ -344,12 +359,13 @@ Rc openKeyDb(const char* fileName, std::string_view password, bool checkExpiry,
             if (Rc rc = readMeta(db, m); rc != ZAVKM_OK) return rc;
         }
         kdb->db.markReusable();  // a sound key database, whatever the password turns out
-        if (Rc rc = unlockDataKey(m, view(secret), kdb->master, kdb->dataKey); rc != ZAVKM_OK)
+        if (Rc rc = unlockDataKey(m, view(secret.password), kdb->master, kdb->dataKey, &secret);
+            rc != ZAVKM_OK)
             return rc;
         if (checkExpiry && m.expireSeconds > 0 && now() >= m.passwordTime + m.expireSeconds)
             return ZAVKM_ERR_PASSWORD_EXPIRATION_TIME;
         kdb->kdf = m.kdf;
-        kdb->password = std::move(secret);
+        kdb->password = std::move(secret.password);
         out = std::move(kdb);
         return ZAVKM_OK;
     });
@@ -362,9 +378,9 @@ Rc changeKeyDbPassword(const char* fileName, std::string_view oldPassword,
         if (newPassword == oldPassword) return ZAVKM_ERR_PASSWORD_CHANGE_MATCH;
         std::unique_ptr<KeyDb> kdb;
         if (Rc rc = openKeyDb(fileName, oldPassword, false, kdb); rc != ZAVKM_OK) return rc;
-        SecretBytes old;
+        Stash old;
         if (Rc rc = resolvePassword(kdb->fileName, oldPassword, old); rc != ZAVKM_OK) return rc;
-        oldPassword = view(old);
+        oldPassword = view(old.password);
         sqlite3* db = kdb->db.get();
         WriteTransaction tx(db);
         if (tx.beginCode() != SQLITE_OK) return sqlRc(db, tx.beginCode(), ZAVKM_ERR_DATABASE_WRITE);

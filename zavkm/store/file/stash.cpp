@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 
@@ -15,7 +16,8 @@ namespace zavkm {
 namespace {
 
 constexpr char kMagic[8] = {'Z', 'A', 'V', 'K', 'M', 'S', 'T', 'H'};
-constexpr uint8_t kVersion = 1;
+constexpr uint8_t kVersion = 2;
+constexpr size_t kKdfPart = kKdfSaltSize + 4 + kKeySize;  // salt, iterations, master
 constexpr uint8_t kMask = 0xA5;
 constexpr size_t kHeader = 12;
 constexpr size_t kMaxPassword = 1024;
@@ -29,16 +31,25 @@ std::string stashFileName(const std::string& keyDbFileName) {
     return (hasExtension ? keyDbFileName.substr(0, dot) : keyDbFileName) + ".sth";
 }
 
-Rc writeStash(const std::string& keyDbFileName, const std::string& password) noexcept {
+Rc writeStash(const std::string& keyDbFileName, const Stash& stash) noexcept {
     return guarded([&]() -> Rc {
-        if (password.empty() || password.size() > kMaxPassword) return ZAVKM_ERR_PARAMETER;
-        SecretBytes block(kHeader + password.size());
-        std::memcpy(block.data(), kMagic, sizeof kMagic);
-        block.data()[8] = kVersion;
-        block.data()[10] = static_cast<uint8_t>(password.size() >> 8);
-        block.data()[11] = static_cast<uint8_t>(password.size() & 0xff);
-        for (size_t i = 0; i < password.size(); ++i)
-            block.data()[kHeader + i] = static_cast<uint8_t>(password[i]) ^ kMask;
+        const size_t n = stash.password.size();
+        if (n == 0 || n > kMaxPassword || stash.kdf.salt.size() != kKdfSaltSize ||
+            stash.master.size() != kKeySize)
+            return ZAVKM_ERR_PARAMETER;
+        SecretBytes block(kHeader + n + kKdfPart);
+        uint8_t* b = block.data();
+        std::memcpy(b, kMagic, sizeof kMagic);
+        b[8] = kVersion;
+        b[10] = static_cast<uint8_t>(n >> 8);
+        b[11] = static_cast<uint8_t>(n & 0xff);
+        uint8_t* at = b + kHeader;
+        at = std::copy(stash.password.data(), stash.password.data() + n, at);
+        at = std::copy(stash.kdf.salt.begin(), stash.kdf.salt.end(), at);
+        for (int shift = 24; shift >= 0; shift -= 8)
+            *at++ = static_cast<uint8_t>(stash.kdf.iterations >> shift);
+        std::copy(stash.master.data(), stash.master.data() + kKeySize, at);
+        for (size_t i = kHeader; i < block.size(); ++i) b[i] ^= kMask;
 
         std::string target = stashFileName(keyDbFileName);
         if (Rc rc = writeFile(target.c_str(), block.data(), block.size(), 0600); rc != ZAVKM_OK)
@@ -48,13 +59,13 @@ Rc writeStash(const std::string& keyDbFileName, const std::string& password) noe
     });
 }
 
-Rc readStash(const std::string& keyDbFileName, SecretBytes& password) noexcept {
+Rc readStash(const std::string& keyDbFileName, Stash& stash) noexcept {
     return guarded([&]() -> Rc {
         std::string name = stashFileName(keyDbFileName);
         int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
         if (fd < 0)
             return errno == ENOENT ? ZAVKM_ERR_PWDFILE_NOT_EXIST : ZAVKM_ERR_FILE_OPEN_TO_READ;
-        SecretBytes block(kHeader + kMaxPassword + 1);
+        SecretBytes block(kHeader + kMaxPassword + kKdfPart + 1);
         size_t got = 0;
         for (;;) {
             ssize_t r = ::read(fd, block.data() + got, block.size() - got);
@@ -64,15 +75,26 @@ Rc readStash(const std::string& keyDbFileName, SecretBytes& password) noexcept {
             if (got == block.size()) break;
         }
         ::close(fd);
-        if (got < kHeader || std::memcmp(block.data(), kMagic, sizeof kMagic) != 0 ||
-            block.data()[8] != kVersion)
+        uint8_t* b = block.data();
+        if (got < kHeader || std::memcmp(b, kMagic, sizeof kMagic) != 0 ||
+            (b[8] != 1 && b[8] != kVersion))
             return ZAVKM_ERR_DATABASE_PASSWORD_CORRUPTION;
-        size_t n = (size_t{block.data()[10]} << 8) | block.data()[11];
-        if (n == 0 || n > kMaxPassword || got != kHeader + n)
+        const size_t n = (size_t{b[10]} << 8) | b[11];
+        const size_t extra = b[8] == kVersion ? kKdfPart : 0;
+        if (n == 0 || n > kMaxPassword || got != kHeader + n + extra)
             return ZAVKM_ERR_DATABASE_PASSWORD_CORRUPTION;
-        SecretBytes out(n);
-        for (size_t i = 0; i < n; ++i) out.data()[i] = block.data()[kHeader + i] ^ kMask;
-        password = std::move(out);
+        for (size_t i = kHeader; i < got; ++i) b[i] ^= kMask;
+        const uint8_t* at = b + kHeader;
+        Stash out;
+        out.password = SecretBytes(at, n);
+        if (extra != 0) {
+            at += n;
+            out.kdf.salt.assign(at, at + kKdfSaltSize);
+            at += kKdfSaltSize;
+            for (int k = 0; k < 4; ++k) out.kdf.iterations = (out.kdf.iterations << 8) | *at++;
+            out.master = SecretBytes(at, kKeySize);
+        }
+        stash = std::move(out);
         return ZAVKM_OK;
     });
 }
