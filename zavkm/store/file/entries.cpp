@@ -3,14 +3,22 @@
 
 #include <cstring>
 
+#include "rowmac.h"
+
 namespace zavkm {
 namespace {
 
-constexpr char kKeyColumns[] =
-    "SELECT id, label, cert, spki, subject, key_type, key_bits, private_key, is_default, "
-    "trusted FROM keys ";
-constexpr char kRequestColumns[] =
-    "SELECT id, label, request, spki, key_type, key_bits, private_key FROM requests ";
+// The columns of a row, then whether its MAC holds (column kKeySound / kRequestSound).
+std::string keyColumns() {
+    return "SELECT id, label, cert, spki, subject, key_type, key_bits, private_key, is_default, "
+           "trusted, " + keyRowMac() + " IS mac FROM keys ";
+}
+constexpr int kKeySound = 10;
+std::string requestColumns() {
+    return "SELECT id, label, request, spki, key_type, key_bits, private_key, " + requestRowMac() +
+           " IS mac FROM requests ";
+}
+constexpr int kRequestSound = 7;
 
 KeyRow keyRow(const Stmt& s) {
     KeyRow r;
@@ -39,25 +47,27 @@ RequestRow requestRow(const Stmt& s) {
     return r;
 }
 
-// collect - steps s to its end, appending make(s) for each row.
+// collect - steps s to its end, appending make(s) for each row; a row whose MAC fails (column
+// sound is 0) is left out, so it never serves as an issuer or trust anchor.
 template <class T, class Make>
-Rc collect(sqlite3* db, Stmt& s, std::vector<T>& out, Make make) {
+Rc collect(sqlite3* db, Stmt& s, std::vector<T>& out, Make make, int sound = -1) {
     for (;;) {
         int code = s.step();
         if (code == SQLITE_DONE) return ZAVKM_OK;
         if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_READ);
-        out.push_back(make(s));
+        if (sound < 0 || s.integer(sound) != 0) out.push_back(make(s));
     }
 }
 
+// one - the first row of s; ZAVKM_ERR_DATABASE_KEY_INTEGRITY when its MAC fails.
 template <class T, class Make>
-Rc one(sqlite3* db, Stmt& s, std::optional<T>& out, Make make) {
-    std::vector<T> rows;
-    if (Rc rc = collect(db, s, rows, make); rc != ZAVKM_OK) return rc;
-    if (rows.empty())
-        out.reset();
-    else
-        out = std::move(rows.front());
+Rc one(sqlite3* db, Stmt& s, std::optional<T>& out, Make make, int sound) {
+    out.reset();
+    int code = s.step();
+    if (code == SQLITE_DONE) return ZAVKM_OK;
+    if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_READ);
+    if (s.integer(sound) == 0) return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
+    out = make(s);
     return ZAVKM_OK;
 }
 
@@ -70,8 +80,24 @@ Rc change(sqlite3* db, Stmt& s, bool mustHit) {
 }
 
 Rc clearDefault(sqlite3* db) {
-    Stmt s(db, "UPDATE keys SET is_default = 0 WHERE is_default <> 0");
+    Stmt s(db, "UPDATE keys SET is_default = 0 WHERE is_default <> 0 AND " + keyRowMac() + " IS mac");
     return change(db, s, false);
+}
+
+// changeSound - runs a change of one row that only touches rows whose MAC holds (a change would
+// seal a row anew); ZAVKM_ERR_DATABASE_KEY_INTEGRITY when the row is there but fails its MAC.
+Rc changeSound(sqlite3* db, Stmt& s, const char* table, const char* where, int64_t id,
+               const std::string& label) {
+    Rc rc = change(db, s, true);
+    if (rc != ZAVKM_ERR_KEY_GET_BY_LABEL) return rc;
+    Stmt there(db, std::string("SELECT count(*) FROM ") + table + " WHERE " + where);
+    if (id != 0)
+        there.bind(1, id);
+    else
+        there.bind(1, label);
+    int code = there.step();
+    if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_READ);
+    return there.integer(0) > 0 ? ZAVKM_ERR_DATABASE_KEY_INTEGRITY : rc;
 }
 
 }  // namespace
@@ -93,43 +119,44 @@ Rc checkRequestLabelFree(sqlite3* db, const std::string& label) {
 }
 
 Rc findKey(sqlite3* db, const std::string& label, std::optional<KeyRow>& out) {
-    Stmt s(db, std::string(kKeyColumns) + "WHERE label = ?1");
+    Stmt s(db, keyColumns() + "WHERE label = ?1");
     s.bind(1, label);
-    return one(db, s, out, keyRow);
+    return one(db, s, out, keyRow, kKeySound);
 }
 
 Rc findDefaultKey(sqlite3* db, std::optional<KeyRow>& out) {
-    Stmt s(db, std::string(kKeyColumns) + "WHERE is_default <> 0 ORDER BY id LIMIT 1");
-    return one(db, s, out, keyRow);
+    Stmt s(db, keyColumns() + "WHERE is_default <> 0 ORDER BY id LIMIT 1");
+    return one(db, s, out, keyRow, kKeySound);
 }
 
 Rc findKeysBySpki(sqlite3* db, const Bytes& spki, std::vector<KeyRow>& out) {
-    Stmt s(db, std::string(kKeyColumns) + "WHERE spki = ?1 ORDER BY id");
+    Stmt s(db, keyColumns() + "WHERE spki = ?1 ORDER BY id");
     s.bind(1, spki);
-    return collect(db, s, out, keyRow);
+    return collect(db, s, out, keyRow, kKeySound);
 }
 
 Rc findKeysBySubject(sqlite3* db, const Bytes& subject, std::vector<KeyRow>& out) {
-    Stmt s(db, std::string(kKeyColumns) + "WHERE subject = ?1 ORDER BY id");
+    Stmt s(db, keyColumns() + "WHERE subject = ?1 ORDER BY id");
     s.bind(1, subject);
-    return collect(db, s, out, keyRow);
+    return collect(db, s, out, keyRow, kKeySound);
 }
 
 Rc allKeys(sqlite3* db, std::vector<KeyRow>& out) {
-    Stmt s(db, std::string(kKeyColumns) + "ORDER BY id");
-    return collect(db, s, out, keyRow);
+    Stmt s(db, keyColumns() + "ORDER BY id");
+    return collect(db, s, out, keyRow, kKeySound);
 }
 
 Rc listEntries(sqlite3* db, std::vector<EntryRow>& out) {
     Stmt keys(db, "SELECT label, private_key IS NULL, key_type, key_bits, is_default, trusted, cert "
-                  "FROM keys ORDER BY id");
+                  "FROM keys WHERE " + keyRowMac() + " IS mac ORDER BY id");
     Rc rc = collect(db, keys, out, [](const Stmt& s) {
         return EntryRow{s.text(0), s.integer(1) != 0 ? 2 : 1, static_cast<int32_t>(s.integer(2)),
                         static_cast<int32_t>(s.integer(3)), s.integer(4) != 0, s.integer(5) != 0,
                         s.blob(6)};
     });
     if (rc != ZAVKM_OK) return rc;
-    Stmt requests(db, "SELECT label, key_type, key_bits FROM requests ORDER BY id");
+    Stmt requests(db, "SELECT label, key_type, key_bits FROM requests WHERE " + requestRowMac() +
+                          " IS mac ORDER BY id");
     return collect(db, requests, out, [](const Stmt& s) {
         return EntryRow{s.text(0), 3, static_cast<int32_t>(s.integer(1)),
                         static_cast<int32_t>(s.integer(2)), false, false, {}};
@@ -137,24 +164,24 @@ Rc listEntries(sqlite3* db, std::vector<EntryRow>& out) {
 }
 
 Rc findRequest(sqlite3* db, const std::string& label, std::optional<RequestRow>& out) {
-    Stmt s(db, std::string(kRequestColumns) + "WHERE label = ?1");
+    Stmt s(db, requestColumns() + "WHERE label = ?1");
     s.bind(1, label);
-    return one(db, s, out, requestRow);
+    return one(db, s, out, requestRow, kRequestSound);
 }
 
 Rc findRequestsBySpki(sqlite3* db, const Bytes& spki, std::vector<RequestRow>& out) {
-    Stmt s(db, std::string(kRequestColumns) + "WHERE spki = ?1 ORDER BY id");
+    Stmt s(db, requestColumns() + "WHERE spki = ?1 ORDER BY id");
     s.bind(1, spki);
-    return collect(db, s, out, requestRow);
+    return collect(db, s, out, requestRow, kRequestSound);
 }
 
 Rc keyLabels(sqlite3* db, std::vector<std::string>& out) {
-    Stmt s(db, "SELECT label FROM keys ORDER BY id");
+    Stmt s(db, "SELECT label FROM keys WHERE " + keyRowMac() + " IS mac ORDER BY id");
     return collect(db, s, out, [](const Stmt& st) { return st.text(0); });
 }
 
 Rc requestLabels(sqlite3* db, std::vector<std::string>& out) {
-    Stmt s(db, "SELECT label FROM requests ORDER BY id");
+    Stmt s(db, "SELECT label FROM requests WHERE " + requestRowMac() + " IS mac ORDER BY id");
     return collect(db, s, out, [](const Stmt& st) { return st.text(0); });
 }
 
@@ -197,27 +224,27 @@ Rc deleteRequest(sqlite3* db, const std::string& label) {
 
 Rc setDefaultKey(sqlite3* db, const std::string& label) {
     if (Rc rc = clearDefault(db); rc != ZAVKM_OK) return rc;
-    Stmt s(db, "UPDATE keys SET is_default = 1 WHERE label = ?1");
+    Stmt s(db, "UPDATE keys SET is_default = 1 WHERE label = ?1 AND " + keyRowMac() + " IS mac");
     s.bind(1, label);
-    return change(db, s, true);
+    return changeSound(db, s, "keys", "label = ?1", 0, label);
 }
 
 Rc setTrusted(sqlite3* db, const std::string& label, bool trusted) {
-    Stmt s(db, "UPDATE keys SET trusted = ?2 WHERE label = ?1");
+    Stmt s(db, "UPDATE keys SET trusted = ?2 WHERE label = ?1 AND " + keyRowMac() + " IS mac");
     s.bind(1, label).bind(2, int64_t{trusted ? 1 : 0});
-    return change(db, s, true);
+    return changeSound(db, s, "keys", "label = ?1", 0, label);
 }
 
 Rc replaceCertificate(sqlite3* db, int64_t id, const Bytes& cert, const Bytes& subject) {
-    Stmt s(db, "UPDATE keys SET cert = ?2, subject = ?3 WHERE id = ?1");
+    Stmt s(db, "UPDATE keys SET cert = ?2, subject = ?3 WHERE id = ?1 AND " + keyRowMac() + " IS mac");
     s.bind(1, id).bind(2, cert).bind(3, subject);
-    return change(db, s, true);
+    return changeSound(db, s, "keys", "id = ?1", id, {});
 }
 
 Rc updateRequest(sqlite3* db, int64_t id, const Bytes& request) {
-    Stmt s(db, "UPDATE requests SET request = ?2 WHERE id = ?1");
+    Stmt s(db, "UPDATE requests SET request = ?2 WHERE id = ?1 AND " + requestRowMac() + " IS mac");
     s.bind(1, id).bind(2, request);
-    return change(db, s, true);
+    return changeSound(db, s, "requests", "id = ?1", id, {});
 }
 
 }  // namespace zavkm

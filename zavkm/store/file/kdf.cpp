@@ -125,21 +125,24 @@ KdfCacheStats kdfCacheStats() noexcept {
 }
 
 Rc wrappingKey(const SecretBytes& master, SecretBytes& kek) noexcept {
+    return hkdfKey(master, "zavkm data-key wrap v1", kek);
+}
+
+Rc hkdfKey(const SecretBytes& master, std::string_view info, SecretBytes& key) noexcept {
     return guarded([&]() -> Rc {
         SecretBytes out(kKeySize);
-        static const char info[] = "zavkm data-key wrap v1";
         PkeyCtxPtr ctx(EVP_PKEY_CTX_new_id(EVP_PKEY_HKDF, nullptr));
         if (!ctx || EVP_PKEY_derive_init(ctx.get()) != 1 ||
             EVP_PKEY_CTX_set_hkdf_md(ctx.get(), EVP_sha256()) != 1 ||
             EVP_PKEY_CTX_set1_hkdf_key(ctx.get(), master.data(), static_cast<int>(master.size())) !=
                 1 ||
-            EVP_PKEY_CTX_add1_hkdf_info(ctx.get(), reinterpret_cast<const unsigned char*>(info),
-                                        sizeof info - 1) != 1)
+            EVP_PKEY_CTX_add1_hkdf_info(ctx.get(), reinterpret_cast<const unsigned char*>(info.data()),
+                                        static_cast<int>(info.size())) != 1)
             return sslError(ZAVKM_ERR_CRYPTO);
         size_t len = out.size();
         if (EVP_PKEY_derive(ctx.get(), out.data(), &len) != 1 || len != out.size())
             return sslError(ZAVKM_ERR_CRYPTO);
-        kek = std::move(out);
+        key = std::move(out);
         return ZAVKM_OK;
     });
 }

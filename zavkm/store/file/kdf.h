@@ -52,6 +52,8 @@ KdfCacheStats kdfCacheStats() noexcept;
 
 // wrappingKey - the key-encryption key derived from master (HKDF-SHA256).
 Rc wrappingKey(const SecretBytes& master, SecretBytes& kek) noexcept;
+// hkdfKey - a 32-byte key derived from master for one purpose, named by info (HKDF-SHA256).
+Rc hkdfKey(const SecretBytes& master, std::string_view info, SecretBytes& key) noexcept;
 
 // sealGcm - nonce || AES-256-GCM(key, plain, aad) || tag into out.
 Rc sealGcm(const SecretBytes& key, const uint8_t* plain, size_t plainLength, std::string_view aad,

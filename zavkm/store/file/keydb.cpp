@@ -11,6 +11,7 @@
 
 #include "files.h"
 #include "ossl.h"
+#include "rowmac.h"
 #include "stash.h"
 #include "trace.h"
 
@@ -41,7 +42,8 @@ CREATE TABLE keys(
   key_bits INTEGER NOT NULL,
   private_key BLOB,
   is_default INTEGER NOT NULL DEFAULT 0,
-  trusted INTEGER NOT NULL DEFAULT 0);
+  trusted INTEGER NOT NULL DEFAULT 0,
+  mac BLOB);
 CREATE INDEX keys_spki ON keys(spki);
 CREATE INDEX keys_labels ON keys(id, label);
 CREATE INDEX keys_subject ON keys(subject);
@@ -52,7 +54,8 @@ CREATE TABLE requests(
   spki BLOB NOT NULL,
   key_type INTEGER NOT NULL,
   key_bits INTEGER NOT NULL,
-  private_key BLOB NOT NULL);
+  private_key BLOB NOT NULL,
+  mac BLOB);
 CREATE INDEX requests_spki ON requests(spki);
 CREATE INDEX requests_labels ON requests(id, label);
 )sql";
@@ -181,8 +184,29 @@ Rc wrapDataKey(const SecretBytes& dataKey, std::string_view password, Meta& m,
     return sealGcm(kek, dataKey.data(), dataKey.size(), kDataKeyAad, m.wrapped);
 }
 
-// checkSchema - application id and schema version of an open connection.
-Rc checkSchema(sqlite3* db) {
+// addRowMacs - brings a database from before row MACs to the current schema in one
+// transaction: the mac columns, every row's MAC (it vouches for the rows as they are now), the
+// version. Another process may have done it first.
+Rc addRowMacs(sqlite3* db) {
+    WriteTransaction tx(db);
+    if (tx.beginCode() != SQLITE_OK) return sqlRc(db, tx.beginCode(), ZAVKM_ERR_DATABASE_WRITE);
+    Stmt ver(db, "PRAGMA user_version");
+    int code = ver.step();
+    if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_READ);
+    if (ver.integer(0) != 1) return ZAVKM_OK;
+    const std::string sql = "ALTER TABLE keys ADD COLUMN mac BLOB; "
+                            "ALTER TABLE requests ADD COLUMN mac BLOB; PRAGMA user_version=" +
+                            std::to_string(kSchemaVersion);
+    if ((code = exec(db, sql.c_str())) != SQLITE_OK) return sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
+    if (Rc rc = sealAllRows(db); rc != ZAVKM_OK) return rc;
+    if ((code = tx.commit()) != SQLITE_OK) return sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
+    trace("key database given row MACs");
+    return ZAVKM_OK;
+}
+
+// checkSchema - application id and schema version of an open connection; version receives the
+// version, which may be 1 (before row MACs, migrated by the open).
+Rc checkSchema(sqlite3* db, int64_t& version) {
     Stmt app(db, "PRAGMA application_id");
     int code = app.step();
     if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_CORRUPTION);
@@ -190,8 +214,9 @@ Rc checkSchema(sqlite3* db) {
     Stmt ver(db, "PRAGMA user_version");
     code = ver.step();
     if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_CORRUPTION);
-    if (ver.integer(0) == 0) return ZAVKM_ERR_DATABASE_CORRUPTION;
-    if (ver.integer(0) != kSchemaVersion) return ZAVKM_ERR_DATABASE_INVALID_VERSION;
+    version = ver.integer(0);
+    if (version == 0) return ZAVKM_ERR_DATABASE_CORRUPTION;
+    if (version != kSchemaVersion && version != 1) return ZAVKM_ERR_DATABASE_INVALID_VERSION;
     return ZAVKM_OK;
 }
 
@@ -311,6 +336,7 @@ Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSe
                 rc = sqlRc(db, code, ZAVKM_ERR_DATABASE_CREATE);
             // The new file holds its header, schema and password record by itself.
         }
+        if (rc == ZAVKM_OK) rc = armRowMacs(kdb->db.get(), kdb->dataKey);
         kdb->kdf = m.kdf;
         kdb->password =
             SecretBytes(reinterpret_cast<const uint8_t*>(password.data()), password.size());
@@ -325,7 +351,9 @@ Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSe
         if (rc == ZAVKM_OK) rc = publishNewFile(name, final);
         if (rc == ZAVKM_OK) {
             kdb->fileName = final;
-            if ((rc = openConnection(final, kdb->db)) != ZAVKM_OK) removeFileSet(final);
+            rc = openConnection(final, kdb->db);
+            if (rc == ZAVKM_OK) rc = armRowMacs(kdb->db.get(), kdb->dataKey);
+            if (rc != ZAVKM_OK) removeFileSet(final);
         }
         if (rc != ZAVKM_OK) {
             kdb.reset();
@@ -351,17 +379,21 @@ Rc openKeyDb(const char* fileName, std::string_view password, bool checkExpiry,
         Stash secret;
         if (Rc rc = resolvePassword(kdb->fileName, password, secret); rc != ZAVKM_OK) return rc;
         Meta m;
+        int64_t version = 0;
         {
             ReadTransaction tx(db);
             if (tx.beginCode() != SQLITE_OK)
                 return sqlRc(db, tx.beginCode(), ZAVKM_ERR_DATABASE_OPEN);
-            if (Rc rc = checkSchema(db); rc != ZAVKM_OK) return rc;
+            if (Rc rc = checkSchema(db, version); rc != ZAVKM_OK) return rc;
             if (Rc rc = readMeta(db, m); rc != ZAVKM_OK) return rc;
         }
         kdb->db.markReusable();  // a sound key database, whatever the password turns out
         if (Rc rc = unlockDataKey(m, view(secret.password), kdb->master, kdb->dataKey, &secret);
             rc != ZAVKM_OK)
             return rc;
+        if (Rc rc = armRowMacs(db, kdb->dataKey); rc != ZAVKM_OK) return rc;
+        if (version == 1)
+            if (Rc rc = addRowMacs(db); rc != ZAVKM_OK) return rc;
         if (checkExpiry && m.expireSeconds > 0 && now() >= m.passwordTime + m.expireSeconds)
             return ZAVKM_ERR_PASSWORD_EXPIRATION_TIME;
         kdb->kdf = m.kdf;

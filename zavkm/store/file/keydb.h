@@ -20,7 +20,7 @@
 namespace zavkm {
 
 inline constexpr int32_t kApplicationId = 0x5A41564B;  // "ZAVK"
-inline constexpr int32_t kSchemaVersion = 1;
+inline constexpr int32_t kSchemaVersion = 2;  // 2: a MAC on every row (1 is migrated on open)
 
 // KeyDb - an open key database: the SQLite connection and the secrets proven by the password.
 // One thread at a time: callers hold `mutex` while they use it.
