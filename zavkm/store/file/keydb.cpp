@@ -397,6 +397,7 @@ Rc openKeyDb(const char* fileName, std::string_view password, bool checkExpiry,
         if (checkExpiry && m.expireSeconds > 0 && now() >= m.passwordTime + m.expireSeconds)
             return ZAVKM_ERR_PASSWORD_EXPIRATION_TIME;
         kdb->kdf = m.kdf;
+        kdb->wrapped = m.wrapped;
         kdb->password = std::move(secret.password);
         out = std::move(kdb);
         return ZAVKM_OK;
@@ -413,14 +414,23 @@ Rc changeKeyDbPassword(const char* fileName, std::string_view oldPassword,
         Stash old;
         if (Rc rc = resolvePassword(kdb->fileName, oldPassword, old); rc != ZAVKM_OK) return rc;
         oldPassword = view(old.password);
+        // The new password's key derivation runs before the write lock is taken, so other
+        // writers do not wait for it; the data key it wraps never changes.
+        Meta fresh;
+        fresh.kdf.iterations = kdb->kdf.iterations;
+        SecretBytes master;
+        if (Rc rc = wrapDataKey(kdb->dataKey, newPassword, fresh, master); rc != ZAVKM_OK) return rc;
         sqlite3* db = kdb->db.get();
         WriteTransaction tx(db);
         if (tx.beginCode() != SQLITE_OK) return sqlRc(db, tx.beginCode(), ZAVKM_ERR_DATABASE_WRITE);
         Meta m;  // read again under the write lock: another writer may have re-keyed it
         if (Rc rc = readMeta(db, m); rc != ZAVKM_OK) return rc;
-        SecretBytes master, dataKey;
-        if (Rc rc = unlockDataKey(m, oldPassword, master, dataKey); rc != ZAVKM_OK) return rc;
-        if (Rc rc = wrapDataKey(dataKey, newPassword, m, master); rc != ZAVKM_OK) return rc;
+        if (m.kdf.salt != kdb->kdf.salt || m.wrapped != kdb->wrapped) {
+            SecretBytes oldMaster, dataKey;  // then the old password must still open it
+            if (Rc rc = unlockDataKey(m, oldPassword, oldMaster, dataKey); rc != ZAVKM_OK) return rc;
+        }
+        m.kdf = fresh.kdf;
+        m.wrapped = fresh.wrapped;
         m.passwordTime = now();
         m.expireSeconds = expireSeconds > 0 ? expireSeconds : 0;
         if (Rc rc = writeMeta(db, m, false); rc != ZAVKM_OK) return rc;

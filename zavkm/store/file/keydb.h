@@ -29,6 +29,7 @@ struct KeyDb {
     Connection db;
     std::string fileName;
     KdfParams kdf;
+    Bytes wrapped;         // the data key as the file held it when opened
     SecretBytes master;    // the PBES2 key of private keys leaving the library
     SecretBytes dataKey;   // seals the private keys inside the file
     SecretBytes password;  // for keys that arrive under the password with other parameters
