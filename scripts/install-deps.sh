@@ -12,7 +12,7 @@ packages=(
   libgtest-dev libgmock-dev googletest
   libcli11-dev nlohmann-json3-dev python3
   softhsm2 opensc libp11-kit-dev p11-kit p11-kit-modules
-  lintian
+  lintian clang libclang-rt-14-dev
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -1,0 +1,56 @@
+// fuzz.h - what the fuzz targets share: the library started once, a private scratch directory,
+// the input written to a file there, and a key database opened once for targets that need one.
+#pragma once
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "zavkm.h"
+
+namespace fuzz {
+
+inline const char* const kPassword = "fuzz-Passw0rd";
+
+// scratch - the directory of this process, made on first use.
+inline const std::string& scratch() {
+    static const std::string dir = [] {
+        ZAVKM_Init();
+        char name[] = "/tmp/zavkm-fuzz-XXXXXX";
+        if (mkdtemp(name) == nullptr) std::abort();
+        return std::string(name);
+    }();
+    return dir;
+}
+
+inline std::string path(const char* name) { return scratch() + "/" + name; }
+
+// asFile - the input as the file name (replaced whole each time).
+inline std::string asFile(const uint8_t* data, size_t size, const char* name) {
+    const std::string file = path(name);
+    ::unlink(file.c_str());
+    FILE* f = std::fopen(file.c_str(), "wb");
+    if (f == nullptr) std::abort();
+    if (size > 0) std::fwrite(data, 1, size, f);
+    std::fclose(f);
+    return file;
+}
+
+// keyDb - a key database with a self-signed EC CA "ca", open for the life of the process.
+inline ZAVKM_KeyDbHandle keyDb() {
+    static const ZAVKM_KeyDbHandle handle = [] {
+        ZAVKM_KeyDbHandle h = 0;
+        if (ZAVKM_CreateNewKeyDb(path("target.kdb").c_str(), kPassword, 0, &h) != ZAVKM_OK) std::abort();
+        ZAVKM_DNItem ca{};
+        ca.cn = const_cast<char*>("Fuzz CA");
+        if (ZAVKM_CreateSelfSignedCert(h, "ca", 0, 3, 256, &ca, 30, path("ca.der").c_str(), 0) != ZAVKM_OK)
+            std::abort();
+        return h;
+    }();
+    return handle;
+}
+
+}  // namespace fuzz
