@@ -29,6 +29,13 @@ const char* codeName(ZAVKM_ReturnCode code) {
     return code >= 0 && code <= ZAVKM_ERROR_COUNT ? names[code] : "(unnamed)";
 }
 
+// columns - the characters of UTF-8 text (one column each; continuation bytes are not counted).
+size_t columns(std::string_view text) {
+    return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+        return (static_cast<unsigned char>(c) & 0xc0) != 0x80;
+    }));
+}
+
 namespace {
 
 // What a person can do about a code, where there is something to say.
@@ -87,13 +94,6 @@ std::string line(const Json& v, bool row) {
         if (!part.empty()) text += (text.empty() ? "" : row ? "  " : ", ") + part;
     }
     return text;
-}
-
-// columns - the characters of UTF-8 text (one column each; continuation bytes are not counted).
-size_t columns(const std::string& text) {
-    return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-        return (static_cast<unsigned char>(c) & 0xc0) != 0x80;
-    }));
 }
 
 // table - rows of objects under a header of their keys, columns aligned.

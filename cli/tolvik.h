@@ -148,6 +148,8 @@ std::string dnText(const ZAVKM_DNItem* dn);
 std::string keyText(int32_t algorithm, int32_t bits);
 Json labelsJson(const ZAVKM_LabelList* list);
 std::string isoTime(int64_t seconds);
+// columns - the characters of UTF-8 text (its width in a terminal of one column a character).
+size_t columns(std::string_view text);
 std::string pem(const char* type, const uint8_t* der, uint32_t length);
 // withProgress - runs a key generation, with a ticking line on a terminal for RSA >= 4096 bits.
 ZAVKM_ReturnCode withProgress(int keySize, const std::function<ZAVKM_ReturnCode()>& generate);

@@ -4,7 +4,6 @@
 
 #include "entries.h"
 #include "session.h"
-#include "x509records.h"
 #include "zavkm_ext.h"
 
 using namespace zavkm;
@@ -27,7 +26,7 @@ ZAVKM_ReturnCode ZAVKM_ListEntries(ZAVKM_KeyDbHandle handle, ZAVKM_Entry** entri
             const EntryRow& r = rows[i];
             out[i] = ZAVKM_Entry{strdup(r.label.c_str()), r.kind, r.keyType, r.keyBits,
                                  static_cast<uint8_t>(r.isDefault), static_cast<uint8_t>(r.trusted),
-                                 r.cert.empty() ? 0 : notAfterOf(r.cert)};
+                                 r.notAfter};
             if (out[i].label == nullptr) {
                 ZAVKM_FreeEntries(out, static_cast<uint32_t>(i));
                 return ZAVKM_ERR_MEMORY_ALLOCATE;

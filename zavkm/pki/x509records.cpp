@@ -198,9 +198,9 @@ Rc certListRecord(const std::vector<X509Ptr>& certs, CertItemListPtr& out) {
     return ZAVKM_OK;
 }
 
-int64_t notAfterOf(const Bytes& cert) {
+int64_t notAfterOf(const uint8_t* der, size_t n) {
     DerElement outer, tbs, field;
-    if (!readDer(cert.data(), cert.size(), outer) || outer.tag != 0x30) return 0;
+    if (der == nullptr || !readDer(der, n, outer) || outer.tag != 0x30) return 0;
     if (!readDer(outer.content, outer.contentLength, tbs) || tbs.tag != 0x30) return 0;
     const uint8_t* p = tbs.content;
     size_t left = tbs.contentLength;

@@ -26,7 +26,7 @@ Rc requestRecord(X509_REQ* req, CertReqItemPtr& out);
 
 // notAfterOf - the notAfter of a stored (well-formed) certificate's DER in seconds since 1970,
 // read without decoding the certificate; 0 when the bytes are not one.
-int64_t notAfterOf(const Bytes& cert);
+int64_t notAfterOf(const uint8_t* der, size_t n);
 
 // tbsOf - the exact DER bytes of a certificate's to-be-signed part; empty when der is not a
 // certificate.

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "rowmac.h"
+#include "x509records.h"
 
 namespace zavkm {
 namespace {
@@ -150,9 +151,11 @@ Rc listEntries(sqlite3* db, std::vector<EntryRow>& out) {
     Stmt keys(db, "SELECT label, private_key IS NULL, key_type, key_bits, is_default, trusted, cert "
                   "FROM keys WHERE " + keyRowMac() + " IS mac ORDER BY id");
     Rc rc = collect(db, keys, out, [](const Stmt& s) {
+        const auto* cert = static_cast<const uint8_t*>(sqlite3_column_blob(s.get(), 6));
+        const auto length = static_cast<size_t>(sqlite3_column_bytes(s.get(), 6));
         return EntryRow{s.text(0), s.integer(1) != 0 ? 2 : 1, static_cast<int32_t>(s.integer(2)),
                         static_cast<int32_t>(s.integer(3)), s.integer(4) != 0, s.integer(5) != 0,
-                        s.blob(6)};
+                        notAfterOf(cert, length)};
     });
     if (rc != ZAVKM_OK) return rc;
     Stmt requests(db, "SELECT label, key_type, key_bits FROM requests WHERE " + requestRowMac() +

@@ -44,7 +44,7 @@ Rc allKeys(sqlite3* db, std::vector<KeyRow>& out);
 Rc findRequest(sqlite3* db, const std::string& label, std::optional<RequestRow>& out);
 Rc findRequestsBySpki(sqlite3* db, const Bytes& spki, std::vector<RequestRow>& out);
 
-// EntryRow - what a listing shows of an entry; kind 1 personal, 2 signer, 3 request (no cert).
+// EntryRow - what a listing shows of an entry; kind 1 personal, 2 signer, 3 request.
 struct EntryRow {
     std::string label;
     int32_t kind = 0;
@@ -52,7 +52,7 @@ struct EntryRow {
     int32_t keyBits = 0;
     bool isDefault = false;
     bool trusted = false;
-    Bytes cert;
+    int64_t notAfter = 0;  // of the certificate; 0 for a request
 };
 // listEntries - every key, then every request, in one read transaction's two queries.
 Rc listEntries(sqlite3* db, std::vector<EntryRow>& out);
