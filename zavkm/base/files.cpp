@@ -1,11 +1,14 @@
 // files.cpp - whole-file reads and atomic writes.
 #include "files.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 
 namespace zavkm {
 
@@ -40,9 +43,31 @@ Rc readFile(const char* fileName, Bytes& out) noexcept {
     });
 }
 
+void removeStaleTemporaries(const std::string& fileName) noexcept {
+    const size_t slash = fileName.find_last_of('/');
+    const std::string folder = slash == std::string::npos ? "." : fileName.substr(0, slash + 1);
+    const std::string prefix = (slash == std::string::npos ? fileName : fileName.substr(slash + 1)) + ".tmp";
+    DIR* d = ::opendir(folder.c_str());
+    if (d == nullptr) return;
+    while (const dirent* e = ::readdir(d)) {
+        const std::string name = e->d_name;
+        if (name.compare(0, prefix.size(), prefix) != 0) continue;
+        char* end = nullptr;
+        const long pid = std::strtol(name.c_str() + prefix.size(), &end, 10);
+        const std::string rest = end;
+        if (pid <= 0 || end == name.c_str() + prefix.size() ||
+            !(rest.empty() || rest == "-wal" || rest == "-shm" || rest == "-journal"))
+            continue;
+        if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH)  // its writer is gone
+            ::unlink((slash == std::string::npos ? name : folder + name).c_str());
+    }
+    ::closedir(d);
+}
+
 Rc writeFile(const char* fileName, const uint8_t* data, size_t n, unsigned mode) noexcept {
     return guarded([&]() -> Rc {
         if (isEmpty(fileName)) return ZAVKM_ERR_FILENAME_NULL;
+        removeStaleTemporaries(fileName);
         std::string temp = std::string(fileName) + ".tmp" + std::to_string(::getpid());
         int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW,
                         static_cast<mode_t>(mode));

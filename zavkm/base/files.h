@@ -13,6 +13,10 @@ namespace zavkm {
 // ZAVKM_ERR_IO on a read error, ZAVKM_ERR_PARAMETER for a file over kMaxInputFile.
 Rc readFile(const char* fileName, Bytes& out) noexcept;
 
+// removeStaleTemporaries - removes what a writer killed while making fileName left beside it
+// (fileName.tmp<pid> and its SQLite companions) when that process is gone.
+void removeStaleTemporaries(const std::string& fileName) noexcept;
+
 // writeFile - writes data to fileName through a temporary file in the same directory and a
 // rename, so a reader sees the old file or the whole new one. mode is applied to the new file
 // (0600 for files holding private keys). Returns ZAVKM_ERR_FILE_OPEN_TO_WRITE or

@@ -297,6 +297,7 @@ Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSe
         // Built beside its final name and linked there only when whole: a crash leaves no file
         // or the complete one.
         const std::string final(fileName);
+        removeStaleTemporaries(final);
         const std::string name = final + ".tmp" + std::to_string(::getpid());
         removeFileSet(name);  // left by a killed creator with this process id
         int fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
