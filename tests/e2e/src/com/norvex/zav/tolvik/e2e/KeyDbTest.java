@@ -245,6 +245,60 @@ class KeyDbTest {
         assertArrayEquals(before, Files.exists(file) ? Files.readAllBytes(file) : null);
     }
 
+    /** Hostile - a call a careless or hostile Java caller makes on a copy of the shared file. */
+    interface Hostile {
+        Object call(CMSKeyDatabase db, String f, byte[] der) throws Exception;
+    }
+
+    static Arguments hostile(String name, Hostile call, Object expected) {
+        return Arguments.of(name, call, expected);
+    }
+
+    static Stream<Arguments> hostileCalls() {
+        String huge = "x".repeat(1 << 20);
+        String ca = kdb.at("ca.pem");
+        return Stream.of(
+                hostile("a label of a million characters",
+                        (db, f, der) -> db.c_AddCaCert(f, PW, huge, ca, true), 65),
+                hostile("a password of a million characters",
+                        (db, f, der) -> db.c_OpenKeyDb(f, huge), 16),
+                hostile("a label holding NUL, read back whole",
+                        (db, f, der) -> db.c_AddCaCert(f, PW, "a\u0000b", ca, true) == 0
+                                && new Kdb(Path.of(f), PW).labels().contains("a\u0000b"), true),
+                hostile("a label beyond the BMP, read back whole",
+                        (db, f, der) -> db.c_AddCaCert(f, PW, "\uD83D\uDE00 \u263A", ca, true) == 0
+                                && new Kdb(Path.of(f), PW).labels().contains("\uD83D\uDE00 \u263A"), true),
+                hostile("a lone surrogate in a label",
+                        (db, f, der) -> db.c_AddCaCert(f, PW, "\uD800", ca, true) == 0
+                                && new Kdb(Path.of(f), PW).labels().contains("\uD800"), true),
+                hostile("a length longer than the array",
+                        (db, f, der) -> db.c_EncryptPrivateKey(100, new byte[10], PW), null),
+                hostile("a negative length",
+                        (db, f, der) -> db.c_DecryptPrivateKey(-1, new byte[10], PW), null),
+                hostile("the largest length with one byte",
+                        (db, f, der) -> db.c_GetKeyItemsByPublicKey(f, PW, Integer.MAX_VALUE,
+                                new byte[1]), null),
+                hostile("a certificate one byte longer than said",
+                        (db, f, der) -> db.c_CheckCertAsRenewal(f, PW, der.length - 1, der), false),
+                hostile("a certificate one byte shorter than said",
+                        (db, f, der) -> db.c_ValidateCertificateChain(f, PW, der, der.length + 1),
+                        false),
+                hostile("a certificate of 17 MiB",
+                        (db, f, der) -> db.c_RenewCert(f, PW, 17 << 20, new byte[17 << 20]), 65),
+                hostile("no array at all",
+                        (db, f, der) -> db.c_RenewCert(f, PW, 5, null), 66));
+    }
+
+    @ParameterizedTest(name = "{0}")
+    @MethodSource("hostileCalls")
+    void hostileCallersGetACodeOrNull(String name, Hostile call, Object expected) throws Exception {
+        Path file = Files.copy(kdb.file, dir.resolve("copy.kdb"));
+        byte[] der = Files.readAllBytes(Path.of(kdb.at("s.pem")));
+        der = Base64.getMimeDecoder().decode(new String(der).replaceAll("-----[A-Z ]+-----", ""));
+        assertEquals(expected, call.call(new CMSKeyDatabase(), file.toString(), der));
+        assertTrue(new Kdb(file, PW).labels().containsAll(labels), "the rest is as it was");
+    }
+
     /** pwChange - changes the password from {@code old} to PW2; only PW is accepted. */
     private static void pwChange(Path file, String old) {
         assertEquals(old.equals(PW), new CMSKeyDatabase().c_ChangeKeyDbPwd(file + "", old, PW2, 0));
