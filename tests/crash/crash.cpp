@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <openssl/pkcs12.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -246,6 +247,7 @@ int run(long kills, unsigned seed, const char* self) {
     for (; kill < kills && failures == 0; ++kill) {
         pid_t pid = ::fork();
         if (pid == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // no writer outlives the harness
             ::execl(self, self, "--writer", dir.c_str(), static_cast<char*>(nullptr));
             ::_exit(127);
         }
