@@ -133,7 +133,10 @@ TEST_F(TokenTest, OpeningGivesOneCodeForEachMistake) {
         {"tok", "9999", ZAVKM_ERR_DATABASE_INVALID_PASSWORD},
         {"tok", nullptr, ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED},
         {"other", "1234", ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LABEL_NOT_EXIST},
+        {"nopin", "1234", ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED},  // no user PIN set
     };
+    ASSERT_EQ(run("pkcs11-tool --module " + kModule +
+                  " --init-token --slot-index 1 --label nopin --so-pin 5678").status, 0);
     for (const Row& r : rows) {
         ZAVKM_KeyDbHandle h = 0;
         KeyStoreDescriptor d = token(r.label, r.pin);

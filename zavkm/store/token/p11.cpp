@@ -79,6 +79,9 @@ Rc p11Error(CK_RV rv, const char* what) noexcept {
         case CKR_TOKEN_NOT_RECOGNIZED:
             return ZAVKM_ERR_NO_TOKEN_PRESENT;
         case CKR_USER_NOT_LOGGED_IN:
+        case CKR_USER_PIN_NOT_INITIALIZED:  // no user PIN was ever set: none can log in
+        case CKR_PIN_LOCKED:
+        case CKR_PIN_EXPIRED:
             return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED;
         case CKR_HOST_MEMORY:
             return ZAVKM_ERR_MEMORY_ALLOCATE;
