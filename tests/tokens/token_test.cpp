@@ -323,6 +323,47 @@ TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
     EXPECT_EQ(ZAVKM_DeleteKey(handle, "srv"), ZAVKM_ERR_KEY_GET_BY_LABEL);
 }
 
+// A certificate that arrives with its chain (a PEM bundle): the chain goes to the paired key
+// database, as signers not trusted; a bundle for no request on the token changes neither side.
+TEST_F(TokenTest, ReceivedChainIsKeptInThePairedKeyDatabase) {
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    const std::string req = dir + "/leaf.csr", issued = dir + "/leaf.pem", caPem = dir + "/ca.pem";
+    ZAVKM_DNItem dn = subject("leaf");
+    ASSERT_EQ(ZAVKM_CreateNewCertReq(handle, "leaf", 256, &dn, req.c_str(), nullptr, nullptr), ZAVKM_OK);
+    ZAVKM_KeyDbHandle ca = 0, paired = 0;
+    ASSERT_EQ(ZAVKM_CreateNewKeyDb((dir + "/ca.kdb").c_str(), "Ca-Passw0rd-123", 0, &ca), ZAVKM_OK);
+    ZAVKM_DNItem caName = subject("chain ca");
+    ASSERT_EQ(ZAVKM_CreateSelfSignedCert(ca, "ca", 0, 3, 256, &caName, 30, caPem.c_str(), 1), ZAVKM_OK);
+    std::vector<uint8_t> request = readFile(req);
+    ASSERT_EQ(ZAVKM_IssueCert(ca, request.data(), static_cast<uint32_t>(request.size()), "ca", 3,
+                              nullptr, 30, issued.c_str(), 1, nullptr, nullptr), ZAVKM_OK);
+    ZAVKM_CloseKeyDb(ca);
+    std::vector<uint8_t> bundle = readFile(issued), caCert = readFile(caPem);
+    bundle.insert(bundle.end(), caCert.begin(), caCert.end());
+    ASSERT_EQ(ZAVKM_CreateNewKeyDb((dir + "/paired.kdb").c_str(), "Pair-Passw0rd-1", 0, &paired), ZAVKM_OK);
+    ASSERT_EQ(ZAVKM_SetSecondaryKeyDb(handle, paired), ZAVKM_OK);
+    auto pairedLabels = [&] {
+        ZAVKM_LabelList* list = nullptr;
+        EXPECT_EQ(ZAVKM_GetKeyDbLabelList(paired, &list), ZAVKM_OK);
+        return labels(list);
+    };
+
+    // The chain certificate alone matches no request: nothing changes.
+    EXPECT_EQ(ZAVKM_ReceiveCert(handle, caCert.data(), static_cast<uint32_t>(caCert.size()), 0),
+              ZAVKM_ERR_KEY_GET_BY_LABEL);
+    EXPECT_EQ(pairedLabels(), std::vector<std::string>{});
+    ASSERT_EQ(ZAVKM_ReceiveCert(handle, bundle.data(), static_cast<uint32_t>(bundle.size()), 0), ZAVKM_OK);
+    EXPECT_EQ(pairedLabels(), std::vector<std::string>{"chain ca"});
+    ZAVKM_KeyItem* kept = nullptr;
+    ASSERT_EQ(ZAVKM_GetKeyItemByLabel(paired, "chain ca", &kept), ZAVKM_OK);
+    EXPECT_EQ(kept->keyFlag2, 0) << "a chain certificate that arrives is not trusted";
+    ZAVKM_FreeKeyItem(kept);
+    EXPECT_EQ(keyLabels(), std::vector<std::string>{"leaf"});
+    EXPECT_NE(tool("--list-objects --type cert").text.find("leaf"), std::string::npos);
+    ASSERT_EQ(ZAVKM_UnsetSecondaryKeyDb(handle), ZAVKM_OK);
+    ZAVKM_CloseKeyDb(paired);
+}
+
 TEST_F(TokenTest, PinChangeTakesTheNewPinOnly) {
     KeyStoreDescriptor change = token("tok", "1234", "4321");
     ASSERT_EQ(ZAVKM_ChangeKeyDbPwdX(&change), ZAVKM_OK);

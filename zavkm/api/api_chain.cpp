@@ -13,59 +13,6 @@ using namespace zavkm;
 
 namespace {
 
-// certsOfPkcs7 - the certificates of a PKCS#7 SignedData (DER or PEM); false when data is
-// not PKCS#7.
-bool certsOfPkcs7(const uint8_t* data, uint32_t length, std::vector<X509Ptr>& out) {
-    Pkcs7Ptr p7;
-    BioPtr bio(BIO_new_mem_buf(data, static_cast<int>(length)));
-    if (!bio) return false;
-    std::string_view text(reinterpret_cast<const char*>(data), length);
-    if (text.find("-----BEGIN") != std::string_view::npos)
-        p7.reset(PEM_read_bio_PKCS7(bio.get(), nullptr, nullptr, nullptr));
-    else
-        p7.reset(d2i_PKCS7_bio(bio.get(), nullptr));
-    clearSslErrors();
-    if (!p7) return false;
-    STACK_OF(X509)* certs = nullptr;
-    int type = OBJ_obj2nid(p7->type);
-    if (type == NID_pkcs7_signed && p7->d.sign != nullptr)
-        certs = p7->d.sign->cert;
-    else if (type == NID_pkcs7_signedAndEnveloped && p7->d.signed_and_enveloped != nullptr)
-        certs = p7->d.signed_and_enveloped->cert;
-    else
-        return false;
-    for (int i = 0; i < sk_X509_num(certs); ++i) {
-        X509Ptr c(X509_dup(sk_X509_value(certs, i)));
-        if (!c) throw std::bad_alloc();
-        if (!wellFormed(c.get())) {
-            out.clear();
-            return false;
-        }
-        out.push_back(std::move(c));
-    }
-    return true;
-}
-
-// certsOfPem - every CERTIFICATE block of PEM text; ZAVKM_ERR_ASN when one of them is
-// malformed, ZAVKM_ERR_PARAMETER when there are more than kMaxBundleCertificates.
-Rc certsOfPem(const uint8_t* data, uint32_t length, std::vector<X509Ptr>& out) {
-    BioPtr bio(BIO_new_mem_buf(data, static_cast<int>(length)));
-    Rc rc = ZAVKM_OK;
-    while (bio && rc == ZAVKM_OK) {
-        X509Ptr c(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
-        if (!c) break;
-        if (!wellFormed(c.get()))
-            rc = ZAVKM_ERR_ASN;
-        else if (out.size() == kMaxBundleCertificates)
-            rc = ZAVKM_ERR_PARAMETER;
-        else
-            out.push_back(std::move(c));
-    }
-    clearSslErrors();
-    if (rc != ZAVKM_OK) out.clear();
-    return rc;
-}
-
 // personalKeyFor - the first personal key (with private key) holding cert's public key.
 Rc personalKeyFor(sqlite3* db, X509* cert, std::optional<KeyRow>& out) {
     out.reset();
@@ -145,16 +92,8 @@ ZAVKM_ReturnCode ZAVKM_ExtractCertListFromPKCS7Data(const uint8_t* data, uint32_
                                                     ZAVKM_CertItemList** list) noexcept {
     return withLibrary(__func__, {data, list}, [&]() -> Rc {
         *list = nullptr;
-        if (length == 0) return ZAVKM_ERR_ASN;
-        if (Rc rc = withinSize(length, kMaxBundleBytes); rc != ZAVKM_OK) return rc;
         std::vector<X509Ptr> certs;
-        if (!certsOfPkcs7(data, length, certs)) {  // also a PEM bundle or one certificate
-            if (Rc rc = certsOfPem(data, length, certs); rc != ZAVKM_OK) return rc;
-            if (certs.empty())
-                if (X509Ptr one = parseCertificate(data, length)) certs.push_back(std::move(one));
-            if (certs.empty()) return ZAVKM_ERR_ASN;
-        }
-        if (certs.size() > kMaxBundleCertificates) return ZAVKM_ERR_PARAMETER;
+        if (Rc rc = readCertificates(data, length, certs); rc != ZAVKM_OK) return rc;
         CertItemListPtr out;
         if (Rc rc = certListRecord(certs, out); rc != ZAVKM_OK) return rc;
         *list = out.release();

@@ -2,10 +2,13 @@
 #include <algorithm>
 #include <optional>
 
+#include <set>
+
 #include "certcache.h"
 #include "entries.h"
 #include "files.h"
 #include "handles.h"
+#include "keyitems.h"
 #include "records.h"
 #include "registry.h"
 #include "session.h"
@@ -288,25 +291,76 @@ Rc tokenExportCert(TokenStore& t, const char* label, const char* fileName, bool 
     return writeCertificateFile(fileName, certs.front().get(), pem);
 }
 
-Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length) {
-    X509Ptr cert;
-    if (Rc rc = readCertificate(der, length, cert); rc != ZAVKM_OK) return rc;
+// requestFor - the label of the request key on the token that one of certs is for, and which.
+Rc requestFor(TokenStore& t, const std::vector<X509Ptr>& certs, std::string& label, size_t& which) {
     std::vector<std::string> labels;
     if (Rc rc = objectLabels(t, TokenObject::Request, labels); rc != ZAVKM_OK) return rc;
-    for (const std::string& label : labels) {
+    for (const std::string& candidate : labels) {
         std::vector<Bytes> requests;
-        if (Rc rc = objectValues(t, TokenObject::Request, label, requests); rc != ZAVKM_OK)
+        if (Rc rc = objectValues(t, TokenObject::Request, candidate, requests); rc != ZAVKM_OK)
             return rc;
         for (const Bytes& r : requests) {
             X509ReqPtr req = parseRequest(r.data(), r.size());
-            if (!req || !sameKey(X509_REQ_get0_pubkey(req.get()), X509_get0_pubkey(cert.get())))
-                continue;
-            Bytes id = keyIdOf(cert.get());
-            if (Rc rc = storeCertificate(t, label, id, cert.get()); rc != ZAVKM_OK) return rc;
-            return destroyObjects(t, TokenObject::Request, label);
+            for (size_t i = 0; req && i < certs.size(); ++i)
+                if (sameKey(X509_REQ_get0_pubkey(req.get()), X509_get0_pubkey(certs[i].get()))) {
+                    label = candidate;
+                    which = i;
+                    return ZAVKM_OK;
+                }
         }
     }
     return ZAVKM_ERR_KEY_GET_BY_LABEL;
+}
+
+// keepChain - adds the certificates of chain that the key database lacks as signer rows (not
+// trusted, labelled by their common name made unique), inside the caller's transaction.
+Rc keepChain(sqlite3* db, const std::vector<X509Ptr>& chain) {
+    std::vector<KeyRow> rows;
+    if (Rc rc = allKeys(db, rows); rc != ZAVKM_OK) return rc;
+    std::set<Bytes> stored;
+    for (const KeyRow& r : rows) stored.insert(r.cert);
+    std::vector<std::string> taken;
+    if (Rc rc = keyLabels(db, taken); rc != ZAVKM_OK) return rc;
+    std::set<std::string> labels(taken.begin(), taken.end());
+    for (const X509Ptr& c : chain) {
+        KeyRow row;
+        if (Rc rc = signerRowOf(c.get(), row); rc != ZAVKM_OK) return rc;
+        if (!stored.insert(row.cert).second) continue;
+        const std::string base = commonNameOf(c.get());
+        row.label = base;
+        for (int n = 2; labels.count(row.label) != 0; ++n) row.label = base + " (" + std::to_string(n) + ")";
+        labels.insert(row.label);
+        if (Rc rc = insertKey(db, row); rc != ZAVKM_OK) return rc;
+    }
+    return ZAVKM_OK;
+}
+
+Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length) {
+    std::vector<X509Ptr> certs;  // one certificate, or it with its chain (PKCS#7, PEM)
+    if (Rc rc = readCertificates(der, length, certs); rc != ZAVKM_OK) return rc;
+    std::string label;
+    size_t leaf = 0;
+    if (Rc rc = requestFor(t, certs, label, leaf); rc != ZAVKM_OK) return rc;
+    X509* cert = certs[leaf].get();
+    auto toToken = [&]() -> Rc {
+        if (Rc rc = storeCertificate(t, label, keyIdOf(cert), cert); rc != ZAVKM_OK) return rc;
+        return destroyObjects(t, TokenObject::Request, label);
+    };
+    std::shared_ptr<KeyDb> kdb = t.secondary != 0 ? findHandle(t.secondary) : nullptr;
+    if (!kdb || certs.size() == 1) return toToken();
+    // The chain goes to the paired key database in a transaction that commits only once the
+    // token holds the certificate: a failure on either side leaves both as they were.
+    std::vector<X509Ptr> chain;
+    for (size_t i = 0; i < certs.size(); ++i)
+        if (i != leaf) chain.push_back(std::move(certs[i]));
+    std::lock_guard lock(kdb->mutex);
+    sqlite3* db = kdb->db.get();
+    WriteTransaction tx(db);
+    if (tx.beginCode() != SQLITE_OK) return sqlRc(db, tx.beginCode(), ZAVKM_ERR_DATABASE_WRITE);
+    if (Rc rc = keepChain(db, chain); rc != ZAVKM_OK) return rc;
+    if (Rc rc = toToken(); rc != ZAVKM_OK) return rc;
+    const int code = tx.commit();
+    return code == SQLITE_OK ? ZAVKM_OK : sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
 }
 
 Rc tokenStoreSigner(TokenStore& t, const uint8_t* der, uint32_t length, const char* label) {

@@ -7,6 +7,7 @@
 #include <cctype>
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include "files.h"
 #include "sizes.h"
@@ -53,6 +54,96 @@ Rc readRequest(const uint8_t* p, size_t n, X509ReqPtr& out) {
     if (Rc rc = withinSize(n, kMaxItemBytes); rc != ZAVKM_OK) return rc;
     out = parseRequest(p, n);
     return out ? ZAVKM_OK : ZAVKM_ERR_ASN;
+}
+
+namespace {
+
+// certsOfPkcs7 - the certificates of a PKCS#7 SignedData (DER or PEM); false when data is
+// not PKCS#7.
+bool certsOfPkcs7(const uint8_t* data, uint32_t length, std::vector<X509Ptr>& out) {
+    Pkcs7Ptr p7;
+    BioPtr bio(BIO_new_mem_buf(data, static_cast<int>(length)));
+    if (!bio) return false;
+    std::string_view text(reinterpret_cast<const char*>(data), length);
+    if (text.find("-----BEGIN") != std::string_view::npos)
+        p7.reset(PEM_read_bio_PKCS7(bio.get(), nullptr, nullptr, nullptr));
+    else
+        p7.reset(d2i_PKCS7_bio(bio.get(), nullptr));
+    clearSslErrors();
+    if (!p7) return false;
+    STACK_OF(X509)* certs = nullptr;
+    int type = OBJ_obj2nid(p7->type);
+    if (type == NID_pkcs7_signed && p7->d.sign != nullptr)
+        certs = p7->d.sign->cert;
+    else if (type == NID_pkcs7_signedAndEnveloped && p7->d.signed_and_enveloped != nullptr)
+        certs = p7->d.signed_and_enveloped->cert;
+    else
+        return false;
+    for (int i = 0; i < sk_X509_num(certs); ++i) {
+        X509Ptr c(X509_dup(sk_X509_value(certs, i)));
+        if (!c) throw std::bad_alloc();
+        if (!wellFormed(c.get())) {
+            out.clear();
+            return false;
+        }
+        out.push_back(std::move(c));
+    }
+    return true;
+}
+
+// certsOfPem - every CERTIFICATE block of PEM text; ZAVKM_ERR_ASN when one of them is
+// malformed, ZAVKM_ERR_PARAMETER when there are more than kMaxBundleCertificates.
+Rc certsOfPem(const uint8_t* data, uint32_t length, std::vector<X509Ptr>& out) {
+    BioPtr bio(BIO_new_mem_buf(data, static_cast<int>(length)));
+    Rc rc = ZAVKM_OK;
+    while (bio && rc == ZAVKM_OK) {
+        X509Ptr c(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+        if (!c) break;
+        if (!wellFormed(c.get()))
+            rc = ZAVKM_ERR_ASN;
+        else if (out.size() == kMaxBundleCertificates)
+            rc = ZAVKM_ERR_PARAMETER;
+        else
+            out.push_back(std::move(c));
+    }
+    clearSslErrors();
+    if (rc != ZAVKM_OK) out.clear();
+    return rc;
+}
+
+}  // namespace
+
+Rc readCertificates(const uint8_t* data, size_t length, std::vector<X509Ptr>& out) {
+    out.clear();
+    if (data == nullptr || length == 0) return ZAVKM_ERR_ASN;
+    if (Rc rc = withinSize(length, kMaxBundleBytes); rc != ZAVKM_OK) return rc;
+    const auto n = static_cast<uint32_t>(length);
+    if (!certsOfPkcs7(data, n, out)) {  // else a PEM bundle or one certificate
+        if (Rc rc = certsOfPem(data, n, out); rc != ZAVKM_OK) return rc;
+        if (out.empty())
+            if (X509Ptr one = parseCertificate(data, length)) out.push_back(std::move(one));
+        if (out.empty()) return ZAVKM_ERR_ASN;
+    }
+    if (out.size() > kMaxBundleCertificates) {
+        out.clear();
+        return ZAVKM_ERR_PARAMETER;
+    }
+    return ZAVKM_OK;
+}
+
+std::string commonNameOf(X509* cert) {
+    X509_NAME* name = X509_get_subject_name(cert);
+    int at = X509_NAME_get_index_by_NID(name, NID_commonName, -1);
+    if (at < 0) return "certificate";
+    unsigned char* text = nullptr;
+    int n = ASN1_STRING_to_UTF8(&text, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, at)));
+    if (n <= 0) {
+        clearSslErrors();
+        return "certificate";
+    }
+    std::string s(reinterpret_cast<char*>(text), static_cast<size_t>(n));
+    OPENSSL_free(text);
+    return s.empty() || s.size() > 200 ? "certificate" : s;
 }
 
 bool wellFormed(const X509* cert) {

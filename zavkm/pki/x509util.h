@@ -14,6 +14,14 @@ X509Ptr parseCertificate(const uint8_t* p, size_t n);
 // they are over kMaxItemBytes, ZAVKM_ERR_ASN when they are no certificate (request).
 Rc readCertificate(const uint8_t* p, size_t n, X509Ptr& out);
 Rc readRequest(const uint8_t* p, size_t n, X509ReqPtr& out);
+// readCertificates - the certificates of a PKCS#7 SignedData (DER or PEM), a PEM bundle or one
+// certificate: ZAVKM_ERR_ASN when the bytes are none of these or one certificate is malformed,
+// ZAVKM_ERR_PARAMETER over kMaxBundleBytes or kMaxBundleCertificates.
+Rc readCertificates(const uint8_t* data, size_t length, std::vector<X509Ptr>& out);
+
+// commonNameOf - the subject's common name as UTF-8 ("certificate" when there is none usable).
+std::string commonNameOf(X509* cert);
+
 // wellFormed - whether a decoded certificate's validity times are DER times naming real moments
 // (a decoder takes any string there); parseCertificate refuses certificates that are not.
 bool wellFormed(const X509* cert);

@@ -21,4 +21,8 @@ Rc privateKeyOf(const KeyDb& kdb, const Bytes& sealed, const Bytes& spki, PkeyPt
 Rc keyItemOf(const KeyDb& kdb, const KeyRow& row, KeyItemPtr& out);
 Rc reqKeyItemOf(const KeyDb& kdb, const RequestRow& row, ReqKeyItemPtr& out);
 
+// signerRowOf - the columns of a signer certificate's row (no label, no private key); the key
+// and signature policies apply.
+Rc signerRowOf(X509* cert, KeyRow& row);
+
 }  // namespace zavkm

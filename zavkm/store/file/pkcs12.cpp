@@ -392,21 +392,6 @@ struct Reader {
     }
 };
 
-std::string commonName(X509* cert) {
-    X509_NAME* name = X509_get_subject_name(cert);
-    int at = X509_NAME_get_index_by_NID(name, NID_commonName, -1);
-    if (at < 0) return "certificate";
-    unsigned char* text = nullptr;
-    int n = ASN1_STRING_to_UTF8(&text, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, at)));
-    if (n <= 0) {
-        clearSslErrors();
-        return "certificate";
-    }
-    std::string s(reinterpret_cast<char*>(text), static_cast<size_t>(n));
-    OPENSSL_free(text);
-    return s.empty() || s.size() > 200 ? "certificate" : s;
-}
-
 // Planner - turns what the file holds into rows, choosing and checking labels.
 struct Planner {
     std::set<std::string> taken;  // labels in the database and planned
@@ -425,20 +410,6 @@ struct Planner {
         return label;
     }
 };
-
-Rc certRow(X509* cert, KeyRow& row) {
-    EVP_PKEY* key = X509_get0_pubkey(cert);
-    if (key == nullptr) return sslError(ZAVKM_ERR_INVALID_PKCS12_DATA);
-    if (Rc rc = checkKeyPolicy(key); rc != ZAVKM_OK) return rc;
-    if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(cert)); rc != ZAVKM_OK) return rc;
-    row.cert = derOf(cert);
-    row.spki = spkiOf(key);
-    row.subject = derOf(X509_get_subject_name(cert));
-    KeyInfo info = keyInfo(key);
-    row.keyType = info.algorithm;
-    row.keyBits = info.bits;
-    return row.cert.empty() || row.spki.empty() ? sslError(ZAVKM_ERR_ASN) : ZAVKM_OK;
-}
 
 Rc plan(const KeyDb& kdb, Reader& in, Planner& out) {
     sqlite3* db = kdb.db.get();
@@ -462,13 +433,13 @@ Rc plan(const KeyDb& kdb, Reader& in, Planner& out) {
             return ZAVKM_ERR_VALIDATION_KEY_PAIR;
         match->used = true;
         KeyRow row;
-        if (Rc rc = certRow(match->cert.get(), row); rc != ZAVKM_OK) return rc;
+        if (Rc rc = signerRowOf(match->cert.get(), row); rc != ZAVKM_OK) return rc;
         std::string name = !k.bag.name.empty() ? k.bag.name : match->bag.name;
         if (!name.empty()) {
             if (Rc rc = out.claim(name); rc != ZAVKM_OK) return rc;
             row.label = name;
         } else {
-            row.label = out.unique(commonName(match->cert.get()));
+            row.label = out.unique(commonNameOf(match->cert.get()));
         }
         row.trusted = match->bag.trusted;
         SecretBytes pkcs8 = pkcs8Of(k.key.get());
@@ -480,13 +451,13 @@ Rc plan(const KeyDb& kdb, Reader& in, Planner& out) {
     for (FoundCert& c : in.certs) {  // the rest are signer certificates
         if (c.used) continue;
         KeyRow row;
-        if (Rc rc = certRow(c.cert.get(), row); rc != ZAVKM_OK) return rc;
+        if (Rc rc = signerRowOf(c.cert.get(), row); rc != ZAVKM_OK) return rc;
         if (!stored.insert(asKey(row.cert)).second) continue;  // held already, or twice in the file
         if (!c.bag.name.empty()) {
             if (Rc rc = out.claim(c.bag.name); rc != ZAVKM_OK) return rc;
             row.label = c.bag.name;
         } else {
-            row.label = out.unique(commonName(c.cert.get()));
+            row.label = out.unique(commonNameOf(c.cert.get()));
         }
         row.trusted = true;
         out.rows.push_back(std::move(row));
