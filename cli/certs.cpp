@@ -193,6 +193,8 @@ void addKeyPairVerbs(CLI::App& noun, Context& ctx) {
         "a new key pair and its PKCS#10 request (without --subject: the "
         "request again for an existing key)",
         request, "label subject? sig out");
+    add(noun, ctx, "sign", "issue a certificate from a request file (SAN copied)", sign,
+        "in out issuer serial days sig der");
 }
 
 void addCertCommands(CLI::App& app, Context& ctx) {
@@ -201,8 +203,6 @@ void addCertCommands(CLI::App& app, Context& ctx) {
     cert->require_subcommand(1);
     addStoreOptions(cert, ctx);
     addKeyPairVerbs(*cert, ctx);
-    add(*cert, ctx, "sign", "issue a certificate from a request file (SAN copied)", sign,
-        "in out issuer serial days sig der");
     add(*cert, ctx, "receive", "store the certificate issued for a request key", receive,
         "in default");
     add(*cert, ctx, "add-ca", "store a trusted CA certificate", addCa, "label in");
