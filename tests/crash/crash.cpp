@@ -1,7 +1,8 @@
 // crash.cpp - a writer killed at random moments, and what each kill leaves.
 //
-//   crash DIR KILLS SEED   runs KILLS rounds: start a writer, SIGKILL it after a random delay,
-//                          check the files it leaves; exits 0 when every check held
+//   crash DIR KILLS SEED [MS]  runs KILLS rounds: start a writer, SIGKILL it after a random
+//                              delay of up to MS milliseconds (1500), check the files it leaves;
+//                              exits 0 when every check held
 //   crash --writer DIR     the writer: continues the life in DIR from its journal
 //
 // The writer repeats ten steps on a key database (three adds, a delete, a password change, a
@@ -20,6 +21,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -231,7 +233,7 @@ void check(long kill, long acked) {
     checkedUpTo = acked;
 }
 
-int run(long kills, unsigned seed, const char* self) {
+int run(long kills, unsigned seed, long maxDelayMs, const char* self) {
     ZAVKM_Init();
     ZAVKM_KeyDbHandle h = 0;
     ZAVKM_DNItem ca{};
@@ -251,7 +253,7 @@ int run(long kills, unsigned seed, const char* self) {
             ::execl(self, self, "--writer", dir.c_str(), static_cast<char*>(nullptr));
             ::_exit(127);
         }
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 1500000));
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % (maxDelayMs * 1000)));
         ::kill(pid, SIGKILL);
         int status = 0;
         ::waitpid(pid, &status, 0);
@@ -275,7 +277,8 @@ int main(int argc, char** argv) {
         dir = argv[2];
         return writer();
     }
-    if (argc != 4) return std::fprintf(stderr, "usage: crash DIR KILLS SEED\n"), 2;
+    if (argc != 4 && argc != 5) return std::fprintf(stderr, "usage: crash DIR KILLS SEED [MS]\n"), 2;
     dir = argv[1];
-    return run(std::atol(argv[2]), static_cast<unsigned>(std::atol(argv[3])), argv[0]);
+    const long maxDelayMs = argc == 5 ? std::max(1L, std::atol(argv[4])) : 1500;
+    return run(std::atol(argv[2]), static_cast<unsigned>(std::atol(argv[3])), maxDelayMs, argv[0]);
 }

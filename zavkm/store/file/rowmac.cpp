@@ -15,7 +15,8 @@
 namespace zavkm {
 namespace {
 
-// MacState - an HMAC-SHA256 context keyed once; each row's MAC starts from a copy of it.
+// MacState - an HMAC-SHA256 context keyed once; each row's MAC starts it again with that key
+// (a connection serves one thread at a time).
 struct MacState {
     EVP_MAC_CTX* keyed = nullptr;
     ~MacState() { EVP_MAC_CTX_free(keyed); }
@@ -32,9 +33,10 @@ void putLength(EVP_MAC_CTX* ctx, uint8_t type, uint64_t n) {
 // rowMac - zavkm_rowmac(...): every argument as its type, its length and its bytes.
 void rowMac(sqlite3_context* sql, int argc, sqlite3_value** argv) {
     auto* state = static_cast<MacState*>(sqlite3_user_data(sql));
-    EVP_MAC_CTX* ctx = EVP_MAC_CTX_dup(state->keyed);
-    if (ctx == nullptr) {
-        sqlite3_result_error_nomem(sql);
+    EVP_MAC_CTX* ctx = state->keyed;
+    if (EVP_MAC_init(ctx, nullptr, 0, nullptr) != 1) {
+        clearSslErrors();
+        sqlite3_result_error(sql, "row MAC failed", -1);
         return;
     }
     for (int i = 0; i < argc; ++i) {
@@ -56,9 +58,7 @@ void rowMac(sqlite3_context* sql, int argc, sqlite3_value** argv) {
     }
     uint8_t mac[32];
     size_t length = 0;
-    const bool ok = EVP_MAC_final(ctx, mac, &length, sizeof mac) == 1;
-    EVP_MAC_CTX_free(ctx);
-    if (!ok) {
+    if (EVP_MAC_final(ctx, mac, &length, sizeof mac) != 1) {
         clearSslErrors();
         sqlite3_result_error(sql, "row MAC failed", -1);
         return;
