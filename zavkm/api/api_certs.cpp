@@ -38,14 +38,9 @@ Rc withFileThenCommit(KeyDb& kdb, const char* fileName, Change&& change, Write&&
 // personalKeyRow - a row for a new personal key and its certificate.
 Rc personalKeyRow(const KeyDb& kdb, const char* label, X509* cert, EVP_PKEY* key, KeyRow& row) {
     row.label = label;
-    row.cert = derOf(cert);
-    row.spki = spkiOf(key);
-    row.subject = derOf(X509_get_subject_name(cert));
-    KeyInfo info = keyInfo(key);
-    row.keyType = info.algorithm;
-    row.keyBits = info.bits;
+    if (Rc rc = certColumns(cert, key, row); rc != ZAVKM_OK) return rc;
     SecretBytes pkcs8 = pkcs8Of(key);
-    if (row.cert.empty() || row.spki.empty() || pkcs8.empty()) return sslError(ZAVKM_ERR_ASN);
+    if (pkcs8.empty()) return sslError(ZAVKM_ERR_ASN);
     return sealPrivateKey(kdb, pkcs8, row.spki, row.privateKey);
 }
 
@@ -401,19 +396,9 @@ ZAVKM_ReturnCode ZAVKM_StoreCACert(ZAVKM_KeyDbHandle handle, const uint8_t* cert
         if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
         X509Ptr x509;
         if (Rc rc = readCertificate(cert, certLength, x509); rc != ZAVKM_OK) return rc;
-        if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(x509.get())); rc != ZAVKM_OK)
-            return rc;
-        EVP_PKEY* key = X509_get0_pubkey(x509.get());
-        if (key == nullptr) return sslError(ZAVKM_ERR_ASN);
-        if (Rc rc = checkKeyPolicy(key); rc != ZAVKM_OK) return rc;
         KeyRow row;
+        if (Rc rc = signerRowOf(x509.get(), row); rc != ZAVKM_OK) return rc;
         row.label = label;
-        row.cert = derOf(x509.get());
-        row.spki = spkiOf(key);
-        row.subject = derOf(X509_get_subject_name(x509.get()));
-        KeyInfo info = keyInfo(key);
-        row.keyType = info.algorithm;
-        row.keyBits = info.bits;
         row.trusted = true;  // a stored signer certificate is a trust anchor
         return withFileThenCommit(
             kdb, nullptr, [&](sqlite3* db) { return insertKey(db, row); }, [] { return 0; });

@@ -104,11 +104,7 @@ Rc reqKeyItemOf(const KeyDb& kdb, const RequestRow& row, ReqKeyItemPtr& out) {
     return ZAVKM_OK;
 }
 
-Rc signerRowOf(X509* cert, KeyRow& row) {
-    EVP_PKEY* key = X509_get0_pubkey(cert);
-    if (key == nullptr) return sslError(ZAVKM_ERR_INVALID_PKCS12_DATA);
-    if (Rc rc = checkKeyPolicy(key); rc != ZAVKM_OK) return rc;
-    if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(cert)); rc != ZAVKM_OK) return rc;
+Rc certColumns(X509* cert, const EVP_PKEY* key, KeyRow& row) {
     row.cert = derOf(cert);
     row.spki = spkiOf(key);
     row.subject = derOf(X509_get_subject_name(cert));
@@ -116,6 +112,14 @@ Rc signerRowOf(X509* cert, KeyRow& row) {
     row.keyType = info.algorithm;
     row.keyBits = info.bits;
     return row.cert.empty() || row.spki.empty() ? sslError(ZAVKM_ERR_ASN) : ZAVKM_OK;
+}
+
+Rc signerRowOf(X509* cert, KeyRow& row) {
+    EVP_PKEY* key = X509_get0_pubkey(cert);
+    if (key == nullptr) return sslError(ZAVKM_ERR_ASN);
+    if (Rc rc = checkKeyPolicy(key); rc != ZAVKM_OK) return rc;
+    if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(cert)); rc != ZAVKM_OK) return rc;
+    return certColumns(cert, key, row);
 }
 
 }  // namespace zavkm

@@ -21,6 +21,9 @@ Rc privateKeyOf(const KeyDb& kdb, const Bytes& sealed, const Bytes& spki, PkeyPt
 Rc keyItemOf(const KeyDb& kdb, const KeyRow& row, KeyItemPtr& out);
 Rc reqKeyItemOf(const KeyDb& kdb, const RequestRow& row, ReqKeyItemPtr& out);
 
+// certColumns - the certificate's columns of a row: cert, spki, subject, key type and size.
+Rc certColumns(X509* cert, const EVP_PKEY* key, KeyRow& row);
+
 // signerRowOf - the columns of a signer certificate's row (no label, no private key); the key
 // and signature policies apply.
 Rc signerRowOf(X509* cert, KeyRow& row);
