@@ -317,15 +317,15 @@ Rc requestFor(TokenStore& t, const std::vector<X509Ptr>& certs, std::string& lab
 Rc keepChain(sqlite3* db, const std::vector<X509Ptr>& chain) {
     std::vector<KeyRow> rows;
     if (Rc rc = allKeys(db, rows); rc != ZAVKM_OK) return rc;
-    std::set<Bytes> stored;
-    for (const KeyRow& r : rows) stored.insert(r.cert);
+    std::set<std::string> stored;  // the certificates it holds, as DER
+    for (const KeyRow& r : rows) stored.emplace(r.cert.begin(), r.cert.end());
     std::vector<std::string> taken;
     if (Rc rc = keyLabels(db, taken); rc != ZAVKM_OK) return rc;
     std::set<std::string> labels(taken.begin(), taken.end());
     for (const X509Ptr& c : chain) {
         KeyRow row;
         if (Rc rc = signerRowOf(c.get(), row); rc != ZAVKM_OK) return rc;
-        if (!stored.insert(row.cert).second) continue;
+        if (!stored.emplace(row.cert.begin(), row.cert.end()).second) continue;
         const std::string base = commonNameOf(c.get());
         row.label = base;
         for (int n = 2; labels.count(row.label) != 0; ++n) row.label = base + " (" + std::to_string(n) + ")";
