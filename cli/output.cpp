@@ -192,9 +192,19 @@ ZAVKM_ReturnCode withProgress(int keySize, const std::function<ZAVKM_ReturnCode(
 }
 
 Bytes readFile(const std::string& path) {
+    constexpr size_t kLimit = 16u << 20;  // the library refuses larger files too
     std::ifstream in(path, std::ios::binary);
     if (!in) throw Failure{"read " + path, ZAVKM_ERR_FILE_OPEN_TO_READ, std::strerror(errno)};
-    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    Bytes data;
+    char chunk[65536];
+    while (in.read(chunk, sizeof chunk) || in.gcount() > 0) {
+        const size_t n = static_cast<size_t>(in.gcount());
+        if (data.size() + n > kLimit)
+            throw Failure{"read " + path, ZAVKM_ERR_PARAMETER, "the file is larger than 16 MiB"};
+        data.insert(data.end(), chunk, chunk + n);
+    }
+    if (in.bad()) throw Failure{"read " + path, ZAVKM_ERR_IO, std::strerror(errno)};
+    return data;
 }
 
 void writeFile(const std::string& path, const uint8_t* data, size_t length) {
@@ -209,7 +219,17 @@ void writeFile(const std::string& path, const uint8_t* data, size_t length) {
     ok = ok && fsync(fd) == 0;
     int error = errno;
     if (fd >= 0) close(fd);
-    if (ok && std::rename(temp.c_str(), path.c_str()) == 0) return;
+    if (ok && std::rename(temp.c_str(), path.c_str()) == 0) {
+        // The rename reaches the disk with the directory.
+        const size_t slash = path.rfind('/');
+        const std::string dir = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+        int dirFd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (dirFd >= 0) {
+            fsync(dirFd);
+            close(dirFd);
+        }
+        return;
+    }
     error = ok ? errno : error;
     if (fd >= 0) unlink(temp.c_str());
     throw Failure{"write " + path, ZAVKM_ERR_FILE_WRITE, std::strerror(error)};

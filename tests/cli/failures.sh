@@ -21,6 +21,7 @@ rows=(
   "1|make the self-signed certificate x: 41 ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE|cert selfsign x --subject CN=x -k 100 --password-env PW"
   "1|make the request r: 116 ZAVKM_ERR_INVALID_DN_INPUT|cert request r --subject C=NOR --out r.csr --password-env PW"
   "1|read none.pem: 87 ZAVKM_ERR_FILE_OPEN_TO_READ \(No such file|cert receive --in none.pem --password-env PW"
+  "1|read /dev/zero: 65 ZAVKM_ERR_PARAMETER \(the file is larger than 16 MiB|cert add-ca z --in /dev/zero --password-env PW"
   "1|import none.p12: 89 ZAVKM_ERR_FILE_OPEN_NOT_EXIST|p12 import none.p12 --p12-password-env PW --password-env PW"
   "1|export to x.p12: 117 ZAVKM_ERR_KEY_GET_BY_LABEL|p12 export x.p12 nosuch --p12-password-env PW --password-env PW"
   "1|write none/k.pem: 91 ZAVKM_ERR_FILE_WRITE \(No such file|epki decrypt --in k.p8 --out none/k.pem --key-password-env PW"
