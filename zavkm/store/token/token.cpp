@@ -134,13 +134,16 @@ bool hasPrivateKey(const TokenSnapshot& snap, const Bytes& id) noexcept {
 
 namespace {
 
-Rc createObject(TokenStore& t, std::vector<CK_ATTRIBUTE> tmpl, const char* what) {
+Rc createObject(TokenStore& t, std::vector<CK_ATTRIBUTE> tmpl, const char* what,
+                CK_OBJECT_HANDLE* created = nullptr) {
     if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
     t.snapshot.valid = false;
     CK_OBJECT_HANDLE obj = CK_INVALID_HANDLE;
     std::unique_lock writing(objectLock());
     CK_RV rv = t.session.f->C_CreateObject(t.session.handle, tmpl.data(), tmpl.size(), &obj);
-    return rv == CKR_OK ? ZAVKM_OK : p11Error(rv, what);
+    if (rv != CKR_OK) return p11Error(rv, what);
+    if (created != nullptr) *created = obj;
+    return ZAVKM_OK;
 }
 
 Rc sessionOn(const TokenSpec& spec, bool readWrite, Session& s, CK_TOKEN_INFO& info) {
@@ -257,6 +260,7 @@ Rc openToken(const TokenSpec& spec, const char* pin, bool publicOnly,
     t->readOnly = (info.flags & CKF_WRITE_PROTECTED) != 0;
     if (!isEmpty(pin)) {
         if (Rc rc = t->session.login(pin); rc != ZAVKM_OK) return rc;
+        t->pin = SecretBytes(reinterpret_cast<const uint8_t*>(pin), std::strlen(pin));
     } else if ((info.flags & CKF_LOGIN_REQUIRED) != 0 && !publicOnly) {
         return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED;
     }
@@ -482,12 +486,127 @@ Rc storeCertificate(TokenStore& t, const std::string& label, const Bytes& id, X5
     return createObject(t, tmpl, "C_CreateObject (certificate)");
 }
 
-Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der) {
+Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der,
+                CK_OBJECT_HANDLE* created) {
     std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(TokenObject::Request);
     (void)id;  // data objects carry no CKA_ID: the request's own public key names its pair
     tmpl.insert(tmpl.end(), {flag(CKA_TOKEN, true), flag(CKA_PRIVATE, false),
                              attr(CKA_LABEL, label), attr(CKA_VALUE, der)});
-    return createObject(t, tmpl, "C_CreateObject (request)");
+    return createObject(t, tmpl, "C_CreateObject (request)", created);
+}
+
+Rc replaceRequest(TokenStore& t, const std::string& label, const Bytes& der) {
+    std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(TokenObject::Request);
+    tmpl.push_back(attr(CKA_LABEL, label));
+    std::vector<CK_OBJECT_HANDLE> old;
+    if (Rc rc = findObjects(t, tmpl, old); rc != ZAVKM_OK) return rc;
+    if (old.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    CK_OBJECT_HANDLE fresh = CK_INVALID_HANDLE;
+    if (Rc rc = storeRequest(t, label, {}, der, &fresh); rc != ZAVKM_OK) return rc;
+    std::unique_lock writing(objectLock());
+    for (CK_OBJECT_HANDLE obj : old) {
+        if (CK_RV rv = t.session.f->C_DestroyObject(t.session.handle, obj); rv != CKR_OK) {
+            t.session.f->C_DestroyObject(t.session.handle, fresh);
+            return p11Error(rv, "C_DestroyObject (request)");
+        }
+    }
+    return ZAVKM_OK;
+}
+
+namespace {
+
+using SecretBnPtr = Owned<BIGNUM, BN_clear_free>;
+
+// bigParam - a number of key as unsigned big-endian bytes (wiped when dropped).
+bool bigParam(const EVP_PKEY* key, const char* name, SecretBytes& out) {
+    BIGNUM* raw = nullptr;
+    if (EVP_PKEY_get_bn_param(key, name, &raw) != 1) return false;
+    SecretBnPtr bn(raw);
+    out = SecretBytes(static_cast<size_t>(BN_num_bytes(bn.get())));
+    return BN_bn2bin(bn.get(), out.data()) == static_cast<int>(out.size());
+}
+
+// KeyMaterial - the attributes that carry a key's numbers, its public ones apart.
+struct KeyMaterial {
+    CK_KEY_TYPE type = CKK_RSA;
+    std::vector<SecretBytes> values;  // owned here, pointed to by the templates
+    std::vector<CK_ATTRIBUTE> publicPart, privatePart;
+};
+
+Rc rsaMaterial(const EVP_PKEY* key, KeyMaterial& m) {
+    static const std::pair<const char*, CK_ATTRIBUTE_TYPE> kParts[] = {
+        {OSSL_PKEY_PARAM_RSA_N, CKA_MODULUS},
+        {OSSL_PKEY_PARAM_RSA_E, CKA_PUBLIC_EXPONENT},
+        {OSSL_PKEY_PARAM_RSA_D, CKA_PRIVATE_EXPONENT},
+        {OSSL_PKEY_PARAM_RSA_FACTOR1, CKA_PRIME_1},
+        {OSSL_PKEY_PARAM_RSA_FACTOR2, CKA_PRIME_2},
+        {OSSL_PKEY_PARAM_RSA_EXPONENT1, CKA_EXPONENT_1},
+        {OSSL_PKEY_PARAM_RSA_EXPONENT2, CKA_EXPONENT_2},
+        {OSSL_PKEY_PARAM_RSA_COEFFICIENT1, CKA_COEFFICIENT}};
+    m.type = CKK_RSA;
+    m.values.resize(std::size(kParts));
+    for (size_t i = 0; i < std::size(kParts); ++i) {
+        if (!bigParam(key, kParts[i].first, m.values[i])) return sslError(ZAVKM_ERR_CRYPTO);
+        CK_ATTRIBUTE a = attr(kParts[i].second, m.values[i].data(), m.values[i].size());
+        m.privatePart.push_back(a);
+        if (i < 2) m.publicPart.push_back(a);  // modulus and public exponent
+    }
+    return ZAVKM_OK;
+}
+
+Rc ecMaterial(const EVP_PKEY* key, KeyMaterial& m, Bytes& params) {
+    char group[64] = {};
+    size_t n = 0;
+    if (EVP_PKEY_get_utf8_string_param(key, OSSL_PKEY_PARAM_GROUP_NAME, group, sizeof group, &n) != 1)
+        return sslError(ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM);
+    for (int32_t size : {256, 384, 521})
+        if (std::strcmp(curveOf(size).name, group) == 0) params = curveOf(size).oid;
+    if (params.empty()) return ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
+    m.type = CKK_EC;
+    m.values.resize(2);
+    Bytes point(256);
+    if (EVP_PKEY_get_octet_string_param(key, OSSL_PKEY_PARAM_ENCODED_PUBLIC_KEY, point.data(),
+                                        point.size(), &n) != 1 ||
+        !bigParam(key, OSSL_PKEY_PARAM_PRIV_KEY, m.values[1]))
+        return sslError(ZAVKM_ERR_CRYPTO);
+    Asn1OctetPtr octets(ASN1_OCTET_STRING_new());  // CKA_EC_POINT is the DER OCTET STRING
+    if (!octets || ASN1_OCTET_STRING_set(octets.get(), point.data(), static_cast<int>(n)) != 1)
+        return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
+    Bytes der = toDer(octets.get(), i2d_ASN1_OCTET_STRING);
+    m.values[0] = SecretBytes(der.data(), der.size());
+    m.publicPart = {attr(CKA_EC_PARAMS, params), attr(CKA_EC_POINT, m.values[0].data(), m.values[0].size())};
+    m.privatePart = {attr(CKA_EC_PARAMS, params), attr(CKA_VALUE, m.values[1].data(), m.values[1].size())};
+    return ZAVKM_OK;
+}
+
+}  // namespace
+
+Rc importKeyPair(TokenStore& t, const EVP_PKEY* key, const std::string& label, TokenKey& out) {
+    KeyMaterial m;
+    Bytes params;
+    const int type = EVP_PKEY_get_base_id(key);
+    if (type != EVP_PKEY_RSA && type != EVP_PKEY_EC) return ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
+    if (Rc rc = type == EVP_PKEY_RSA ? rsaMaterial(key, m) : ecMaterial(key, m, params);
+        rc != ZAVKM_OK)
+        return rc;
+    out.id = keyIdOf(key);
+    if (out.id.empty()) return sslError(ZAVKM_ERR_CRYPTO);
+    static const CK_OBJECT_CLASS privateClass = CKO_PRIVATE_KEY, publicClass = CKO_PUBLIC_KEY;
+    std::vector<CK_ATTRIBUTE> common{attr(CKA_KEY_TYPE, &m.type, sizeof m.type),
+                                     flag(CKA_TOKEN, true), attr(CKA_LABEL, label),
+                                     attr(CKA_ID, out.id)};
+    std::vector<CK_ATTRIBUTE> priv{attr(CKA_CLASS, &privateClass, sizeof privateClass),
+                                   flag(CKA_PRIVATE, true), flag(CKA_SENSITIVE, true),
+                                   flag(CKA_EXTRACTABLE, false), flag(CKA_SIGN, true)};
+    std::vector<CK_ATTRIBUTE> pub{attr(CKA_CLASS, &publicClass, sizeof publicClass),
+                                  flag(CKA_VERIFY, true)};
+    for (auto* part : {&priv, &pub}) part->insert(part->end(), common.begin(), common.end());
+    priv.insert(priv.end(), m.privatePart.begin(), m.privatePart.end());
+    pub.insert(pub.end(), m.publicPart.begin(), m.publicPart.end());
+    Rc rc = createObject(t, priv, "C_CreateObject (private key)", &out.privateKey);
+    if (rc == ZAVKM_OK) rc = createObject(t, pub, "C_CreateObject (public key)", &out.publicHandle);
+    if (rc != ZAVKM_OK) destroyKey(t, out);
+    return rc;
 }
 
 }  // namespace zavkm

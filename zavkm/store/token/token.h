@@ -38,6 +38,7 @@ struct TokenStore {
     bool readOnly = false;
     ZAVKM_KeyDbHandle secondary = 0;
     TokenSnapshot snapshot;
+    SecretBytes pin;  // the PIN of the login: private keys brought in may be encrypted under it
 };
 
 // TokenSpec - which token: the module path and the token label (empty: the first initialised).
@@ -96,6 +97,12 @@ struct TokenKey {
 // anything else ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE before the token is touched.
 Rc generateTokenKey(TokenStore& t, int32_t keySize, const std::string& label, TokenKey& out);
 
+// importKeyPair - a private key made the token's own: its private half as a sensitive, never
+// extractable signing key and its public half, both with label and the id keyIdOf the key
+// (out gets the handles and the id). RSA and EC P-256/P-384/P-521; other keys give
+// ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM before the token is touched. On failure nothing stays.
+Rc importKeyPair(TokenStore& t, const EVP_PKEY* key, const std::string& label, TokenKey& out);
+
 // privateKeyWithId - the private key object with id; CK_INVALID_HANDLE when there is none.
 Rc privateKeyWithId(TokenStore& t, const Bytes& id, CK_OBJECT_HANDLE& out);
 
@@ -118,7 +125,13 @@ Rc storeCertificate(TokenStore& t, const std::string& label, const Bytes& id, X5
 
 // storeRequest - a CKO_DATA object of this library's application with label holding the
 // request's DER (data objects have no CKA_ID; the request's public key leads to its pair).
-Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der);
+Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der,
+                CK_OBJECT_HANDLE* created = nullptr);
+
+// replaceRequest - the request object(s) with label replaced by one holding der: the new object
+// is made first and the old ones destroyed after, so the token holds one or the other;
+// ZAVKM_ERR_KEY_GET_BY_LABEL when there is no request with label.
+Rc replaceRequest(TokenStore& t, const std::string& label, const Bytes& der);
 
 // keyIdOf - the CKA_ID of a public key: SHA-1 of its encoded key bits (of a certificate's key).
 Bytes keyIdOf(const EVP_PKEY* key);
