@@ -114,6 +114,23 @@ Rc newRequest(KeyDb& kdb, const char* label, int32_t keySize, const ZAVKM_DNItem
         [&] { return writeRequestFile(fileName, req.get()); });
 }
 
+// renewalRequest - a request for renewing cert: its subject and subject alternative names, for
+// key (the public half when remote signs), signed with md (SHA-256 when null).
+Rc renewalRequest(X509* cert, EVP_PKEY* key, const EVP_MD* md, RemoteSigner* remote,
+                  X509ReqPtr& out) {
+    ExtStackPtr exts(sk_X509_EXTENSION_new_null());
+    if (!exts) return ZAVKM_ERR_MEMORY_ALLOCATE;
+    int at = X509_get_ext_by_NID(cert, NID_subject_alt_name, -1);
+    if (at >= 0) {
+        X509ExtPtr san(X509_EXTENSION_dup(X509_get_ext(cert, at)));
+        if (!san || !sk_X509_EXTENSION_push(exts.get(), san.get()))
+            return ZAVKM_ERR_MEMORY_ALLOCATE;
+        san.release();
+    }
+    return makeRequest(X509_get_subject_name(cert), key, exts.get(),
+                       md != nullptr ? md : EVP_sha256(), out, remote);
+}
+
 // reRequest - writes the request of a request key again, signed anew when a signature
 // algorithm is given (selector 0 keeps the stored request). For a personal key it makes a new
 // request from the certificate's subject and extensions, for renewing that certificate.
@@ -144,21 +161,54 @@ Rc reRequest(KeyDb& kdb, const char* label, int32_t signatureAlgorithm, const ch
     if (Rc rc = privateKeyOf(kdb, row->privateKey, row->spki, key); rc != ZAVKM_OK) return rc;
     X509Ptr cert = parseCertificate(row->cert.data(), row->cert.size());
     if (!cert) return ZAVKM_ERR_DATABASE_CORRUPTION;
-    ExtStackPtr exts(sk_X509_EXTENSION_new_null());
-    if (!exts) return ZAVKM_ERR_MEMORY_ALLOCATE;
-    int at = X509_get_ext_by_NID(cert.get(), NID_subject_alt_name, -1);
-    if (at >= 0) {
-        X509ExtPtr san(X509_EXTENSION_dup(X509_get_ext(cert.get(), at)));
-        if (!san || !sk_X509_EXTENSION_push(exts.get(), san.get()))
-            return ZAVKM_ERR_MEMORY_ALLOCATE;
-        san.release();
-    }
     X509ReqPtr req;
-    if (Rc rc = makeRequest(X509_get_subject_name(cert.get()), key.get(), exts.get(),
-                            md != nullptr ? md : EVP_sha256(), req);
+    if (Rc rc = renewalRequest(cert.get(), key.get(), md, nullptr, req); rc != ZAVKM_OK) return rc;
+    return fileName != nullptr ? writeRequestFile(fileName, req.get()) : ZAVKM_OK;
+}
+
+// tokenReRequest - reRequest on a token: the token's key signs. A request signed anew replaces
+// the request object (the file is written first and removed again when that fails); its
+// subject, key and extensions are those of the stored request.
+Rc tokenReRequest(TokenStore& t, const char* label, int32_t signatureAlgorithm,
+                  const char* fileName) {
+    const EVP_MD* md = nullptr;
+    if (signatureAlgorithm != 0) {
+        if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
+        if (Rc rc = signatureDigest(signatureAlgorithm, md); rc != ZAVKM_OK) return rc;
+    }
+    std::vector<Bytes> stored;
+    if (Rc rc = objectValues(t, TokenObject::Request, label, stored); rc != ZAVKM_OK) return rc;
+    const bool isRequest = !stored.empty();
+    if (!isRequest)
+        if (Rc rc = objectValues(t, TokenObject::Certificate, label, stored); rc != ZAVKM_OK)
+            return rc;
+    if (stored.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    const Bytes& der = stored.front();
+    X509ReqPtr old = isRequest ? parseRequest(der.data(), der.size()) : nullptr;
+    X509Ptr cert = isRequest ? nullptr : parseCertificate(der.data(), der.size());
+    if (!old && !cert) return ZAVKM_ERR_ASN;
+    if (isRequest && md == nullptr)
+        return fileName != nullptr ? writeRequestFile(fileName, old.get()) : ZAVKM_OK;
+    EVP_PKEY* pub = isRequest ? X509_REQ_get0_pubkey(old.get()) : X509_get0_pubkey(cert.get());
+    if (pub == nullptr) return sslError(ZAVKM_ERR_ASN);
+    TokenKey key;
+    if (Rc rc = tokenKeyFor(t, pub, key); rc != ZAVKM_OK) return rc;
+    TokenSigner signer(t, key);
+    X509ReqPtr req;
+    if (!isRequest) {
+        if (Rc rc = renewalRequest(cert.get(), pub, md, &signer, req); rc != ZAVKM_OK) return rc;
+        return fileName != nullptr ? writeRequestFile(fileName, req.get()) : ZAVKM_OK;
+    }
+    Owned<STACK_OF(X509_EXTENSION), freeExtStack> exts(X509_REQ_get_extensions(old.get()));
+    clearSslErrors();
+    if (Rc rc = makeRequest(X509_REQ_get_subject_name(old.get()), pub, exts.get(), md, req, &signer);
         rc != ZAVKM_OK)
         return rc;
-    return fileName != nullptr ? writeRequestFile(fileName, req.get()) : ZAVKM_OK;
+    if (fileName != nullptr)
+        if (Rc rc = writeRequestFile(fileName, req.get()); rc != ZAVKM_OK) return rc;
+    Rc rc = replaceRequest(t, label, derOf(req.get()));
+    if (rc != ZAVKM_OK && fileName != nullptr) ::unlink(fileName);
+    return rc;
 }
 
 // fileIssuer - the issuing certificate and private key under issuerLabel in a key database.
@@ -307,17 +357,23 @@ ZAVKM_ReturnCode ZAVKM_CreateNewCertReqSigExt(ZAVKM_KeyDbHandle handle, const ch
 ZAVKM_ReturnCode ZAVKM_ReCreateCertReq(ZAVKM_KeyDbHandle handle, const char* label,
                                        const char* certReqFileName, const void*,
                                        const void*) noexcept {
-    return withKeyDb(__func__, handle, {label, certReqFileName},
-                     [&](KeyDb& kdb) { return reRequest(kdb, label, 0, certReqFileName); });
+    return withStore(
+        __func__, handle, {label, certReqFileName},
+        [&](KeyDb& kdb) { return reRequest(kdb, label, 0, certReqFileName); },
+        [&](TokenStore& t) { return tokenReRequest(t, label, 0, certReqFileName); });
 }
 
 ZAVKM_ReturnCode ZAVKM_ReCreateCertReqSig(ZAVKM_KeyDbHandle handle, const char* label,
                                           int32_t signatureAlgorithm, const char* certReqFileName,
                                           const void*, const void*) noexcept {
-    return withKeyDb(__func__, handle, {label}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {label}, [&](KeyDb& kdb) -> Rc {
         if (signatureAlgorithm != 1 && signatureAlgorithm != 2)
             return ZAVKM_ERR_SIGNATURE_ALGORITHM;
         return reRequest(kdb, label, signatureAlgorithm, certReqFileName);
+    }, [&](TokenStore& t) -> Rc {
+        if (signatureAlgorithm != 1 && signatureAlgorithm != 2)
+            return ZAVKM_ERR_SIGNATURE_ALGORITHM;
+        return tokenReRequest(t, label, signatureAlgorithm, certReqFileName);
     });
 }
 

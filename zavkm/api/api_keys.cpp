@@ -41,20 +41,24 @@ Rc keyItemsList(const KeyDb& kdb, const std::vector<KeyRow>& rows, ZAVKM_KeyItem
         rows, [&](const KeyRow& row, KeyItemPtr& item) { return keyItemOf(kdb, row, item); }, list);
 }
 
-// decodeKeyData - the private key of keyData, an EncryptedPrivateKeyInfo under the database's
-// password (a plain PrivateKeyInfo is accepted too).
-Rc decodeKeyData(const KeyDb& kdb, const uint8_t* key, uint32_t keyLength, PkeyPtr& out) {
+// decodeKeyData - the private key of keyData, an EncryptedPrivateKeyInfo under password (the
+// database's, with kdb; a token's PIN) or a plain private key. The decrypted PrivateKeyInfo is
+// wiped when done.
+Rc decodeKeyData(const SecretBytes& secret, const KeyDb* kdb, const uint8_t* key,
+                 uint32_t keyLength, PkeyPtr& out) {
     if (Rc rc = withinSize(keyLength, kMaxItemBytes); rc != ZAVKM_OK) return rc;
     if (PkeyPtr plain = parsePrivateKey(key, keyLength)) {
         out = std::move(plain);
         return ZAVKM_OK;
     }
     SecretBytes pkcs8;
-    std::string_view password(reinterpret_cast<const char*>(kdb.password.data()),
-                              kdb.password.size());
-    if (Rc rc = decryptEpki(key, keyLength, password, &kdb, pkcs8); rc != ZAVKM_OK) return rc;
+    std::string_view password(reinterpret_cast<const char*>(secret.data()), secret.size());
+    if (Rc rc = decryptEpki(key, keyLength, password, kdb, pkcs8); rc != ZAVKM_OK) return rc;
     out = keyFromPkcs8(pkcs8);
     return out ? ZAVKM_OK : ZAVKM_ERR_ASN;
+}
+Rc decodeKeyData(const KeyDb& kdb, const uint8_t* key, uint32_t keyLength, PkeyPtr& out) {
+    return decodeKeyData(kdb.password, &kdb, key, keyLength, out);
 }
 
 // sealedKeyRow - fills the key columns of a row (type, size, sealed private key) for key.
@@ -105,7 +109,7 @@ ZAVKM_ReturnCode ZAVKM_GetKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char* l
 
 ZAVKM_ReturnCode ZAVKM_GetReqKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char* label,
                                             ZAVKM_ReqKeyItem** key) noexcept {
-    return withKeyDb(__func__, handle, {label, key}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {label, key}, [&](KeyDb& kdb) -> Rc {
         *key = nullptr;
         std::optional<RequestRow> row;
         if (Rc rc = findRequest(kdb.db.get(), label, row); rc != ZAVKM_OK) return rc;
@@ -114,7 +118,7 @@ ZAVKM_ReturnCode ZAVKM_GetReqKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char
         if (Rc rc = reqKeyItemOf(kdb, *row, item); rc != ZAVKM_OK) return rc;
         *key = item.release();
         return ZAVKM_OK;
-    });
+    }, [&](TokenStore& t) { return tokenReqKeyItem(t, label, key); });
 }
 
 ZAVKM_ReturnCode ZAVKM_GetKeyItemListByLabel(ZAVKM_KeyDbHandle handle, const char* label,
@@ -220,7 +224,7 @@ ZAVKM_ReturnCode ZAVKM_SetTrustStatus(ZAVKM_KeyDbHandle handle, const char* labe
 ZAVKM_ReturnCode ZAVKM_InsertKey(ZAVKM_KeyDbHandle handle, const char* label, uint32_t certLength,
                                  const uint8_t* cert, uint32_t keyLength, const uint8_t* key,
                                  uint8_t makeDefault, uint8_t trusted) noexcept {
-    return withKeyDb(__func__, handle, {label, cert}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {label, cert}, [&](KeyDb& kdb) -> Rc {
         if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
         if (key == nullptr && keyLength != 0) return ZAVKM_ERR_NULL_PARAMETER;
         X509Ptr x509;
@@ -250,13 +254,23 @@ ZAVKM_ReturnCode ZAVKM_InsertKey(ZAVKM_KeyDbHandle handle, const char* label, ui
             return ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL;  // only a personal key can be the default
         }
         return inWriteTransaction(kdb, [&](sqlite3* db) { return insertKey(db, row); });
+    }, [&](TokenStore& t) -> Rc {
+        // A token keeps no default or trust marks: asking for one changes nothing.
+        if (t.readOnly || makeDefault != 0 || trusted != 0)
+            return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
+        if (key == nullptr && keyLength != 0) return ZAVKM_ERR_NULL_PARAMETER;
+        PkeyPtr privateKey;
+        if (key != nullptr && keyLength != 0)
+            if (Rc rc = decodeKeyData(t.pin, nullptr, key, keyLength, privateKey); rc != ZAVKM_OK)
+                return rc;
+        return tokenInsertKey(t, label, cert, certLength, privateKey.get());
     });
 }
 
 ZAVKM_ReturnCode ZAVKM_InsertReqKey(ZAVKM_KeyDbHandle handle, const char* label,
                                     uint32_t requestLength, const uint8_t* request,
                                     uint32_t keyLength, const uint8_t* key) noexcept {
-    return withKeyDb(__func__, handle, {label, request, key}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {label, request, key}, [&](KeyDb& kdb) -> Rc {
         if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
         if (Rc rc = checkRequestLabelFree(kdb.db.get(), label); rc != ZAVKM_OK) return rc;
         X509ReqPtr req;
@@ -277,6 +291,12 @@ ZAVKM_ReturnCode ZAVKM_InsertReqKey(ZAVKM_KeyDbHandle handle, const char* label,
         if (Rc rc = sealKey(kdb, privateKey.get(), row.spki, row.privateKey); rc != ZAVKM_OK)
             return rc;
         return inWriteTransaction(kdb, [&](sqlite3* db) { return insertRequest(db, row); });
+    }, [&](TokenStore& t) -> Rc {
+        if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
+        PkeyPtr privateKey;
+        if (Rc rc = decodeKeyData(t.pin, nullptr, key, keyLength, privateKey); rc != ZAVKM_OK)
+            return rc;
+        return tokenInsertReqKey(t, label, request, requestLength, privateKey.get());
     });
 }
 

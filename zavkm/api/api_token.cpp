@@ -404,17 +404,95 @@ Rc tokenRenew(TokenStore& t, const uint8_t* der, uint32_t length) {
     return storeCertificate(t, label, id, cert.get());
 }
 
+Rc tokenReqKeyItem(TokenStore& t, const char* label, ZAVKM_ReqKeyItem** key) {
+    *key = nullptr;
+    std::vector<Bytes> requests;
+    if (Rc rc = objectValues(t, TokenObject::Request, label, requests); rc != ZAVKM_OK) return rc;
+    if (requests.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    X509ReqPtr req = parseRequest(requests.front().data(), requests.front().size());
+    EVP_PKEY* pub = req ? X509_REQ_get0_pubkey(req.get()) : nullptr;
+    if (pub == nullptr) return ZAVKM_ERR_DATABASE_CORRUPTION;
+    ReqKeyItemPtr item(newRecord<ZAVKM_ReqKeyItem>());
+    KeyInfo info = keyInfo(pub);
+    item->shortValue1 = info.algorithm;
+    item->label = copyText(label);
+    item->keySize = info.bits;
+    copyBytes(spkiOf(pub), &item->keyBer, &item->keyBerLength);
+    item->hasKeyBer = 1;
+    CertReqItemPtr reqItem;
+    if (Rc rc = requestRecord(req.get(), reqItem); rc != ZAVKM_OK) return rc;
+    item->certReq = reqItem.release();
+    *key = item.release();
+    return ZAVKM_OK;
+}
+
+Rc tokenKeyFor(TokenStore& t, EVP_PKEY* pub, TokenKey& out) {
+    out.id = keyIdOf(pub);
+    if (Rc rc = privateKeyWithId(t, out.id, out.privateKey); rc != ZAVKM_OK) return rc;
+    if (out.privateKey == CK_INVALID_HANDLE) return ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL;
+    EVP_PKEY_up_ref(pub);
+    out.publicKey.reset(pub);
+    return ZAVKM_OK;
+}
+
+namespace {
+
+// newKeyPair - privateKey (matching pub) onto the token with label, then store(id); the key pair
+// goes again when store fails.
+template <class Store>
+Rc newKeyPair(TokenStore& t, const std::string& label, const EVP_PKEY* privateKey,
+              const EVP_PKEY* pub, Store&& store) {
+    if (!sameKey(privateKey, pub)) return ZAVKM_ERR_VALIDATION_KEY_PAIR;
+    TokenKey pair;
+    if (Rc rc = importKeyPair(t, privateKey, label, pair); rc != ZAVKM_OK) return rc;
+    Rc rc = store(pair.id);
+    if (rc != ZAVKM_OK) destroyKey(t, pair);
+    return rc;
+}
+
+}  // namespace
+
+Rc tokenInsertKey(TokenStore& t, const char* label, const uint8_t* der, uint32_t length,
+                  const EVP_PKEY* privateKey) {
+    if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
+    X509Ptr cert;
+    if (Rc rc = readCertificate(der, length, cert); rc != ZAVKM_OK) return rc;
+    if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(cert.get())); rc != ZAVKM_OK)
+        return rc;
+    EVP_PKEY* pub = X509_get0_pubkey(cert.get());
+    if (pub == nullptr) return sslError(ZAVKM_ERR_ASN);
+    if (Rc rc = checkKeyPolicy(pub); rc != ZAVKM_OK) return rc;
+    bool used = false;
+    if (Rc rc = labelInUse(t, label, used); rc != ZAVKM_OK) return rc;
+    if (used) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
+    // Without a key the certificate is personal when the token holds its private key already.
+    if (privateKey == nullptr) return storeCertificate(t, label, keyIdOf(cert.get()), cert.get());
+    return newKeyPair(t, label, privateKey, pub,
+                      [&](const Bytes& id) { return storeCertificate(t, label, id, cert.get()); });
+}
+
+Rc tokenInsertReqKey(TokenStore& t, const char* label, const uint8_t* der, uint32_t length,
+                     const EVP_PKEY* privateKey) {
+    if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
+    X509ReqPtr req;
+    if (Rc rc = readRequest(der, length, req); rc != ZAVKM_OK) return rc;
+    EVP_PKEY* pub = X509_REQ_get0_pubkey(req.get());
+    if (pub == nullptr) return sslError(ZAVKM_ERR_ASN);
+    if (Rc rc = checkKeyPolicy(pub); rc != ZAVKM_OK) return rc;
+    bool used = false;
+    if (Rc rc = labelInUse(t, label, used); rc != ZAVKM_OK) return rc;
+    if (used) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
+    return newKeyPair(t, label, privateKey, pub,
+                      [&](const Bytes& id) { return storeRequest(t, label, id, derOf(req.get())); });
+}
+
 Rc TokenIssuer::find(const char* label, Issuer& out) {
     std::vector<X509Ptr> certs;
     if (Rc rc = certificatesLabelled(t_, label, certs); rc != ZAVKM_OK) return rc;
     if (certs.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
     EVP_PKEY* pub = X509_get0_pubkey(certs.front().get());
     if (pub == nullptr) return sslError(ZAVKM_ERR_ASN);
-    key_.id = keyIdOf(pub);
-    if (Rc rc = privateKeyWithId(t_, key_.id, key_.privateKey); rc != ZAVKM_OK) return rc;
-    if (key_.privateKey == CK_INVALID_HANDLE) return ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL;
-    EVP_PKEY_up_ref(pub);
-    key_.publicKey.reset(pub);
+    if (Rc rc = tokenKeyFor(t_, pub, key_); rc != ZAVKM_OK) return rc;
     EVP_PKEY_up_ref(pub);
     out.key.reset(pub);
     out.cert = std::move(certs.front());

@@ -59,6 +59,24 @@ Rc tokenStoreSigner(TokenStore& t, const uint8_t* der, uint32_t length, const ch
 Rc tokenIsRenewal(TokenStore& t, const uint8_t* der, uint32_t length, uint8_t* isRenewal);
 Rc tokenRenew(TokenStore& t, const uint8_t* der, uint32_t length);
 
+// tokenReqKeyItem - the request item of a request key on the token (no EPKI: its private key
+// stays on the token).
+Rc tokenReqKeyItem(TokenStore& t, const char* label, ZAVKM_ReqKeyItem** key);
+
+// tokenKeyFor - the token's key pair whose public half is pub: ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL
+// when the token holds no private key with its CKA_ID.
+Rc tokenKeyFor(TokenStore& t, EVP_PKEY* pub, TokenKey& out);
+
+// tokenInsertKey - a certificate under label, with privateKey (may be null; it must match the
+// certificate) brought onto the token as its key pair: all objects or none.
+Rc tokenInsertKey(TokenStore& t, const char* label, const uint8_t* der, uint32_t length,
+                  const EVP_PKEY* privateKey);
+
+// tokenInsertReqKey - a request key under label: privateKey (matching the request) as a key
+// pair on the token plus the request object; all objects or none.
+Rc tokenInsertReqKey(TokenStore& t, const char* label, const uint8_t* der, uint32_t length,
+                     const EVP_PKEY* privateKey);
+
 // TokenIssuer - an issuing certificate on the token whose private key the token holds; it signs
 // while this object lives.
 class TokenIssuer {
