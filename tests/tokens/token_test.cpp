@@ -364,6 +364,129 @@ TEST_F(TokenTest, ReceivedChainIsKeptInThePairedKeyDatabase) {
     ZAVKM_CloseKeyDb(paired);
 }
 
+// Keys made elsewhere are brought onto the token: each row inserts a certificate (and a key,
+// plain or encrypted under the PIN) and names what the label holds afterwards.
+TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    auto make = [&](const std::string& name, const std::string& args) {
+        ASSERT_EQ(run("cd " + dir + " && openssl req -nodes -subj /CN=" + name + " -keyout " +
+                      name + ".key " + args).status, 0) << name;
+    };
+    make("rsa", "-x509 -days 2 -newkey rsa:2048 -out rsa.pem");
+    make("ec", "-x509 -days 2 -newkey ec -pkeyopt ec_paramgen_curve:P-384 -out ec.pem");
+    make("req", "-new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -out req.csr");
+    ASSERT_EQ(run("cd " + dir + " && openssl rsa -traditional -in rsa.key -out rsa1.key && "
+                  "openssl pkcs8 -topk8 -in ec.key -outform DER -passout pass:1234 -out ec.epki && "
+                  "openssl pkcs8 -topk8 -in ec.key -outform DER -passout pass:9999 -out ec.bad")
+                  .status, 0);
+    auto data = [&](const std::string& name) {
+        return name.empty() ? std::vector<uint8_t>() : readFile(dir + "/" + name);
+    };
+    struct Row {
+        const char *label, *cert, *key;
+        uint8_t flag;
+        ZAVKM_ReturnCode rc;
+        int present;  // IsPrivateKeyPresent afterwards; -1: no such label
+    } rows[] = {
+        {"wrong", "rsa.pem", "req.key", 0, ZAVKM_ERR_VALIDATION_KEY_PAIR, -1},
+        {"badpin", "ec.pem", "ec.bad", 0, ZAVKM_ERR_DATABASE_INVALID_PASSWORD, -1},
+        {"marked", "rsa.pem", "rsa.key", 1, ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT, -1},
+        {"rsa", "rsa.pem", "rsa1.key", 0, ZAVKM_OK, 1},  // PKCS#1
+        {"ec", "ec.pem", "ec.epki", 0, ZAVKM_OK, 1},     // encrypted under the PIN
+        {"again", "ec.pem", "", 0, ZAVKM_OK, 1},         // its key is on the token now
+        {"rsa", "ec.pem", "", 0, ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL, 1},
+    };
+    for (const Row& r : rows) {
+        std::vector<uint8_t> cert = data(r.cert), key = data(r.key);
+        EXPECT_EQ(ZAVKM_InsertKey(handle, r.label, static_cast<uint32_t>(cert.size()), cert.data(),
+                                  static_cast<uint32_t>(key.size()),
+                                  key.empty() ? nullptr : key.data(), r.flag, 0),
+                  r.rc)
+            << r.label;
+        uint8_t present = 0;
+        EXPECT_EQ(ZAVKM_IsPrivateKeyPresent(handle, r.label, &present),
+                  r.present < 0 ? ZAVKM_ERR_KEY_GET_BY_LABEL : ZAVKM_OK) << r.label;
+        EXPECT_EQ(present, r.present > 0 ? 1 : 0) << r.label;
+    }
+    // Two key pairs ("again" shares ec's), each private key sensitive, not extractable, with the
+    // id of its certificate; the refused rows left nothing behind.
+    Output all = tool("--list-objects");
+    auto count = [&](const std::string& what) {
+        size_t n = 0;
+        for (size_t at = all.text.find(what); at != std::string::npos;
+             at = all.text.find(what, at + 1))
+            ++n;
+        return n;
+    };
+    EXPECT_EQ(count("Private Key Object"), 2u) << all.text;
+    EXPECT_EQ(count("Public Key Object"), 2u) << all.text;
+    EXPECT_EQ(count("Certificate Object"), 3u) << all.text;
+    std::map<std::string, std::string> seen;  // "Private rsa ID" -> "ID: ...", "... Access" too
+    std::string current;
+    std::istringstream lines(all.text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find(" Object;") != std::string::npos) current = line.substr(0, line.find(' '));
+        if (line.find("label:") != std::string::npos)
+            current += " " + line.substr(line.find_last_of(' ') + 1);
+        for (const char* field : {"ID:", "Access:"})
+            if (line.find(field) != std::string::npos)
+                seen[current + " " + field] = line.substr(line.find(field));
+    }
+    for (const std::string label : {"rsa", "ec"}) {
+        EXPECT_EQ(seen["Private " + label + " Access:"], "Access:     sensitive") << all.text;
+        EXPECT_FALSE(seen["Certificate " + label + " ID:"].empty()) << all.text;
+        for (const char* kind : {"Private ", "Public "})
+            EXPECT_EQ(seen[kind + label + " ID:"], seen["Certificate " + label + " ID:"]) << all.text;
+    }
+
+    // A request key: its request written again as stored, then signed anew with SHA-384.
+    std::vector<uint8_t> csr = data("req.csr"), reqKey = data("req.key"), wrongKey = data("rsa.key");
+    auto insertRequest = [&](const char* label, const std::vector<uint8_t>& k) {
+        return ZAVKM_InsertReqKey(handle, label, static_cast<uint32_t>(csr.size()), csr.data(),
+                                  static_cast<uint32_t>(k.size()), k.data());
+    };
+    EXPECT_EQ(insertRequest("mismatch", wrongKey), ZAVKM_ERR_VALIDATION_KEY_PAIR);
+    ASSERT_EQ(insertRequest("req", reqKey), ZAVKM_OK);
+    ZAVKM_LabelList* list = nullptr;
+    ASSERT_EQ(ZAVKM_GetReqKeyDbLabelList(handle, &list), ZAVKM_OK);
+    EXPECT_EQ(labels(list), std::vector<std::string>{"req"});
+    ZAVKM_ReqKeyItem* item = nullptr;
+    ASSERT_EQ(ZAVKM_GetReqKeyItemByLabel(handle, "req", &item), ZAVKM_OK);
+    EXPECT_EQ(item->keySize, 256);
+    EXPECT_EQ(item->epki, nullptr);
+    EXPECT_NE(item->certReq, nullptr);
+    ZAVKM_FreeReqKeyItem(item);
+    EXPECT_EQ(ZAVKM_GetReqKeyItemByLabel(handle, "rsa", &item), ZAVKM_ERR_KEY_GET_BY_LABEL);
+    const std::string out = dir + "/out.csr", again = dir + "/again.csr";
+    auto text = [&](const std::string& file) { return run("openssl req -verify -noout -text -in " + file); };
+    ASSERT_EQ(ZAVKM_ReCreateCertReq(handle, "req", out.c_str(), nullptr, nullptr), ZAVKM_OK);
+    auto der = [&](const std::string& file) { return run("openssl req -outform DER -in " + file + " | base64").text; };
+    EXPECT_EQ(der(out), der(dir + "/req.csr"));
+    struct Sig { const char* label; int32_t alg; ZAVKM_ReturnCode rc; const char* shows; } sigs[] = {
+        {"req", 2, ZAVKM_OK, "ecdsa-with-SHA384"},   // the request key signs on the token
+        {"rsa", 1, ZAVKM_OK, "sha256WithRSA"},       // an imported personal key renews
+        {"ec", 2, ZAVKM_OK, "ecdsa-with-SHA384"},
+        {"nothing", 1, ZAVKM_ERR_KEY_GET_BY_LABEL, nullptr},
+        {"req", 3, ZAVKM_ERR_SIGNATURE_ALGORITHM, nullptr},
+    };
+    for (const Sig& r : sigs) {
+        std::filesystem::remove(again);
+        EXPECT_EQ(ZAVKM_ReCreateCertReqSig(handle, r.label, r.alg, again.c_str(), nullptr, nullptr), r.rc) << r.label;
+        if (r.shows == nullptr) continue;
+        Output shown = text(again);
+        EXPECT_EQ(shown.status, 0) << shown.text;
+        EXPECT_NE(shown.text.find(r.shows), std::string::npos) << shown.text;
+        EXPECT_NE(shown.text.find(std::string("CN") + " = " + (r.label)), std::string::npos) << shown.text;
+    }
+    // The request object now holds the SHA-384 request, alone under its label.
+    ASSERT_EQ(ZAVKM_ReCreateCertReqSig(handle, "req", 2, again.c_str(), nullptr, nullptr), ZAVKM_OK);
+    ASSERT_EQ(ZAVKM_ReCreateCertReq(handle, "req", out.c_str(), nullptr, nullptr), ZAVKM_OK);
+    EXPECT_EQ(readFile(out), readFile(again));
+    EXPECT_EQ(ZAVKM_ReCreateCertReq(handle, "nothing", out.c_str(), nullptr, nullptr), ZAVKM_ERR_KEY_GET_BY_LABEL);
+    ASSERT_EQ(ZAVKM_GetReqKeyDbLabelList(handle, &list), ZAVKM_OK);
+    EXPECT_EQ(labels(list), std::vector<std::string>{"req"});
+}
+
 TEST_F(TokenTest, PinChangeTakesTheNewPinOnly) {
     KeyStoreDescriptor change = token("tok", "1234", "4321");
     ASSERT_EQ(ZAVKM_ChangeKeyDbPwdX(&change), ZAVKM_OK);
@@ -435,6 +558,21 @@ TEST_F(TokenTest, PlatformStoreShowsTheRegisteredProviders) {
     }
     EXPECT_EQ(selfSigned("mine", 256), ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT);
     EXPECT_EQ(ZAVKM_DeleteKey(handle, keyLabels().front().c_str()),
+              ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT);
+    ASSERT_EQ(run("cd " + dir + " && openssl req -x509 -nodes -subj /CN=ro -newkey ec -pkeyopt "
+                  "ec_paramgen_curve:P-256 -keyout ro.key -out ro.pem && openssl x509 -in ro.pem "
+                  "-x509toreq -signkey ro.key -out ro.csr").status, 0);
+    std::vector<uint8_t> roCert = readFile(dir + "/ro.pem"), roKey = readFile(dir + "/ro.key"),
+                         roReq = readFile(dir + "/ro.csr");
+    const auto n = [](const std::vector<uint8_t>& v) { return static_cast<uint32_t>(v.size()); };
+    for (const std::vector<uint8_t>& key : {std::vector<uint8_t>(), roKey})
+        EXPECT_EQ(ZAVKM_InsertKey(handle, "ro", n(roCert), roCert.data(), n(key),
+                                  key.empty() ? nullptr : key.data(), 0, 0),
+                  ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT);
+    EXPECT_EQ(ZAVKM_InsertReqKey(handle, "ro", n(roReq), roReq.data(), n(roKey), roKey.data()),
+              ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT);
+    EXPECT_EQ(ZAVKM_ReCreateCertReqSig(handle, all.front().c_str(), 1, (dir + "/ro2.csr").c_str(),
+                                       nullptr, nullptr),
               ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT);
     EXPECT_EQ(std::to_string(keyLabels().size()) + "\n", trust.text);
     ZAVKM_CloseKeyDb(handle);
