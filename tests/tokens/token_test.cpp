@@ -13,7 +13,6 @@
 #include <map>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "zavkm.h"
@@ -193,23 +192,6 @@ TEST_F(TokenTest, SelfSignedCertificateIsMadeOnTheToken) {
         Output verify = run("openssl verify -CAfile " + dir + "/" + ca + ".pem " + srv);
         EXPECT_EQ(verify.status, 0) << verify.text;
     }
-    Output objects = tool("--list-objects");
-    for (const char* type : {"Certificate Object", "Private Key Object"})
-        EXPECT_NE(objects.text.find(type), std::string::npos) << objects.text;
-    // The certificate and the private key of a label share one CKA_ID.
-    std::map<std::string, std::string> ids;  // "Certificate rsa" -> "ID: ..."
-    std::string current;
-    std::istringstream lines(objects.text);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.find(" Object;") != std::string::npos) current = line.substr(0, line.find(' '));
-        if (line.find("label:") != std::string::npos)
-            current += " " + line.substr(line.find_last_of(' ') + 1);
-        if (line.find("ID:") != std::string::npos) ids[current] = line;
-    }
-    for (const char* label : {"rsa", "ec"}) {
-        EXPECT_FALSE(ids[std::string("Certificate ") + label].empty()) << objects.text;
-        EXPECT_EQ(ids[std::string("Certificate ") + label], ids[std::string("Private ") + label]);
-    }
 }
 
 TEST_F(TokenTest, BadRequestsLeaveTheTokenUnchanged) {
@@ -290,29 +272,7 @@ TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
               ZAVKM_OK);
     EXPECT_EQ(chainLength(), 2);
 
-    // A second certificate for the same key renews the first one under its label.
-    ASSERT_EQ(ZAVKM_IssueCert(ca, request.data(), static_cast<uint32_t>(request.size()), "ca", 3,
-                              "0x77", 60, cert.c_str(), 0, nullptr, nullptr),
-              ZAVKM_OK);
     ZAVKM_CloseKeyDb(ca);
-    std::vector<uint8_t> renewal = readFile(cert);
-    uint8_t isRenewal[2] = {0, 1};
-    ASSERT_EQ(ZAVKM_CheckCertAsRenewal(handle, renewal.data(),
-                                       static_cast<uint32_t>(renewal.size()), &isRenewal[0]),
-              ZAVKM_OK);
-    ASSERT_EQ(ZAVKM_CheckCertAsRenewal(handle, caDer.data(), static_cast<uint32_t>(caDer.size()),
-                                       &isRenewal[1]),
-              ZAVKM_OK);
-    EXPECT_EQ(isRenewal[0], 1);
-    EXPECT_EQ(isRenewal[1], 0);
-    ASSERT_EQ(ZAVKM_RenewCert(handle, renewal.data(), static_cast<uint32_t>(renewal.size())),
-              ZAVKM_OK);
-    ZAVKM_KeyItem* key = nullptr;
-    ASSERT_EQ(ZAVKM_GetKeyItemByLabel(handle, "srv", &key), ZAVKM_OK);
-    EXPECT_STREQ(key->certList->cert->serialNumber, "77");
-    ZAVKM_FreeKeyItem(key);
-    EXPECT_EQ(ZAVKM_RenewCert(handle, caDer.data(), static_cast<uint32_t>(caDer.size())),
-              ZAVKM_ERR_REQKEY_FOR_CERT_NULL);
     uint8_t present = 1;
     ASSERT_EQ(ZAVKM_IsPrivateKeyPresent(handle, "ca", &present), ZAVKM_OK);
     EXPECT_EQ(present, 0);
@@ -321,47 +281,6 @@ TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
     EXPECT_EQ(keyLabels(), std::vector<std::string>{"ca"});
     EXPECT_EQ(tool("--list-objects --type privkey").text.find("srv"), std::string::npos);
     EXPECT_EQ(ZAVKM_DeleteKey(handle, "srv"), ZAVKM_ERR_KEY_GET_BY_LABEL);
-}
-
-// A certificate that arrives with its chain (a PEM bundle): the chain goes to the paired key
-// database, as signers not trusted; a bundle for no request on the token changes neither side.
-TEST_F(TokenTest, ReceivedChainIsKeptInThePairedKeyDatabase) {
-    ASSERT_EQ(open(token()), ZAVKM_OK);
-    const std::string req = dir + "/leaf.csr", issued = dir + "/leaf.pem", caPem = dir + "/ca.pem";
-    ZAVKM_DNItem dn = subject("leaf");
-    ASSERT_EQ(ZAVKM_CreateNewCertReq(handle, "leaf", 256, &dn, req.c_str(), nullptr, nullptr), ZAVKM_OK);
-    ZAVKM_KeyDbHandle ca = 0, paired = 0;
-    ASSERT_EQ(ZAVKM_CreateNewKeyDb((dir + "/ca.kdb").c_str(), "Ca-Passw0rd-123", 0, &ca), ZAVKM_OK);
-    ZAVKM_DNItem caName = subject("chain ca");
-    ASSERT_EQ(ZAVKM_CreateSelfSignedCert(ca, "ca", 0, 3, 256, &caName, 30, caPem.c_str(), 1), ZAVKM_OK);
-    std::vector<uint8_t> request = readFile(req);
-    ASSERT_EQ(ZAVKM_IssueCert(ca, request.data(), static_cast<uint32_t>(request.size()), "ca", 3,
-                              nullptr, 30, issued.c_str(), 1, nullptr, nullptr), ZAVKM_OK);
-    ZAVKM_CloseKeyDb(ca);
-    std::vector<uint8_t> bundle = readFile(issued), caCert = readFile(caPem);
-    bundle.insert(bundle.end(), caCert.begin(), caCert.end());
-    ASSERT_EQ(ZAVKM_CreateNewKeyDb((dir + "/paired.kdb").c_str(), "Pair-Passw0rd-1", 0, &paired), ZAVKM_OK);
-    ASSERT_EQ(ZAVKM_SetSecondaryKeyDb(handle, paired), ZAVKM_OK);
-    auto pairedLabels = [&] {
-        ZAVKM_LabelList* list = nullptr;
-        EXPECT_EQ(ZAVKM_GetKeyDbLabelList(paired, &list), ZAVKM_OK);
-        return labels(list);
-    };
-
-    // The chain certificate alone matches no request: nothing changes.
-    EXPECT_EQ(ZAVKM_ReceiveCert(handle, caCert.data(), static_cast<uint32_t>(caCert.size()), 0),
-              ZAVKM_ERR_KEY_GET_BY_LABEL);
-    EXPECT_EQ(pairedLabels(), std::vector<std::string>{});
-    ASSERT_EQ(ZAVKM_ReceiveCert(handle, bundle.data(), static_cast<uint32_t>(bundle.size()), 0), ZAVKM_OK);
-    EXPECT_EQ(pairedLabels(), std::vector<std::string>{"chain ca"});
-    ZAVKM_KeyItem* kept = nullptr;
-    ASSERT_EQ(ZAVKM_GetKeyItemByLabel(paired, "chain ca", &kept), ZAVKM_OK);
-    EXPECT_EQ(kept->keyFlag2, 0) << "a chain certificate that arrives is not trusted";
-    ZAVKM_FreeKeyItem(kept);
-    EXPECT_EQ(keyLabels(), std::vector<std::string>{"leaf"});
-    EXPECT_NE(tool("--list-objects --type cert").text.find("leaf"), std::string::npos);
-    ASSERT_EQ(ZAVKM_UnsetSecondaryKeyDb(handle), ZAVKM_OK);
-    ZAVKM_CloseKeyDb(paired);
 }
 
 // Keys made elsewhere are brought onto the token: each row inserts a certificate (and a key,
@@ -485,40 +404,6 @@ TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
     EXPECT_EQ(ZAVKM_ReCreateCertReq(handle, "nothing", out.c_str(), nullptr, nullptr), ZAVKM_ERR_KEY_GET_BY_LABEL);
     ASSERT_EQ(ZAVKM_GetReqKeyDbLabelList(handle, &list), ZAVKM_OK);
     EXPECT_EQ(labels(list), std::vector<std::string>{"req"});
-}
-
-TEST_F(TokenTest, PinChangeTakesTheNewPinOnly) {
-    KeyStoreDescriptor change = token("tok", "1234", "4321");
-    ASSERT_EQ(ZAVKM_ChangeKeyDbPwdX(&change), ZAVKM_OK);
-    EXPECT_EQ(open(token("tok", "1234")), ZAVKM_ERR_DATABASE_INVALID_PASSWORD);
-    EXPECT_EQ(ZAVKM_ChangeKeyDbPwdX(&change), ZAVKM_ERR_DATABASE_INVALID_PASSWORD);
-    ASSERT_EQ(open(token("tok", "4321")), ZAVKM_OK);
-    EXPECT_EQ(tool("--list-objects", "4321").status, 0);
-}
-
-TEST_F(TokenTest, TwoThreadsUseOneTokenAtOnce) {
-    ZAVKM_KeyDbHandle handles[2] = {0, 0};
-    for (ZAVKM_KeyDbHandle& h : handles) {
-        KeyStoreDescriptor d = token();
-        ASSERT_EQ(ZAVKM_OpenKeyDbX(&d, &h), ZAVKM_OK);
-    }
-    std::vector<std::thread> threads;
-    ZAVKM_ReturnCode results[2][3] = {};
-    for (int t = 0; t < 2; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 3; ++i) {
-                std::string label = "t" + std::to_string(t) + "-" + std::to_string(i);
-                ZAVKM_DNItem dn = subject(label.c_str());
-                results[t][i] = ZAVKM_CreateSelfSignedCert(handles[t], label.c_str(), 0, 3, 256,
-                                                           &dn, 30, nullptr, 0);
-            }
-        });
-    for (std::thread& th : threads) th.join();
-    for (auto& row : results)
-        for (ZAVKM_ReturnCode rc : row) EXPECT_EQ(rc, ZAVKM_OK);
-    handle = handles[0];
-    EXPECT_EQ(keyLabels().size(), 6u);
-    ZAVKM_CloseKeyDb(handles[1]);
 }
 
 }  // namespace
