@@ -3,10 +3,15 @@
 #include <filesystem>
 #include <map>
 
+#include "zavkm_ext.h"
+
 #include "tolvik.h"
 
 namespace tolvik {
 namespace {
+
+// kMaxExpireDays - the longest password lifetime whose seconds fit the library's 32 bits.
+constexpr int kMaxExpireDays = INT32_MAX / 86400;
 
 const std::string& named(const Context& ctx) {
     if (ctx.db.empty()) throw UsageError{"name the key database with --db FILE"};
@@ -49,7 +54,8 @@ Json stash(Context& ctx) {
     return {{"stashed", std::filesystem::path(db).replace_extension(".sth").string()}};
 }
 
-// info - the file, how many entries of each kind, the default key and the next expiry.
+// info - the file, how many entries of each kind, the default key, the next certificate to
+// expire and when the password expires.
 Json info(Context& ctx) {
     const std::string& db = named(ctx);
     Json doc{{"file", db}, {"bytes", std::filesystem::file_size(db)}, {"stash", stashed(db)}};
@@ -69,6 +75,9 @@ Json info(Context& ctx) {
     }
     doc["entries"] = counts;
     doc["next_expiry"] = next;
+    int64_t expiresAt = 0;
+    check(ZAVKM_GetPasswordExpiry(store.handle, &expiresAt), "read the password's lifetime");
+    doc["password_expires"] = expiresAt == 0 ? Json(nullptr) : Json(isoTime(expiresAt));
     return doc;
 }
 
@@ -81,16 +90,18 @@ void addKeyDbCommands(CLI::App& app, Context& ctx) {
     auto expireDays = std::make_shared<int>(0);
     verb(*keydb, "create", "create a new key database (mode 0600)", ctx, [&ctx, expireDays] {
         return create(ctx, *expireDays);
-    })->add_option("--expire-days", *expireDays, "the password's lifetime in days (0: none)");
+    })->add_option("--expire-days", *expireDays, "the password's lifetime in days (0: none)")
+        ->check(CLI::Range(0, kMaxExpireDays));
     verb(*keydb, "open-check", "check that the password opens the key database", ctx,
          [&ctx] { return openCheck(ctx); });
     CLI::App* change = verb(*keydb, "changepw", "change the password (and a stash file with it)",
                             ctx, [&ctx, expireDays] { return changePassword(ctx, *expireDays); });
-    change->add_option("--expire-days", *expireDays, "the new password's lifetime in days");
+    change->add_option("--expire-days", *expireDays, "the new password's lifetime in days")
+        ->check(CLI::Range(0, kMaxExpireDays));
     addPasswordOptions(change, ctx.newPassword, "new-password", "the key database from now on");
     verb(*keydb, "stash", "store the password in the stash file beside the key database", ctx,
          [&ctx] { return stash(ctx); });
-    verb(*keydb, "info", "the file, its entry counts, its default key and next expiry", ctx,
+    verb(*keydb, "info", "the file, its entries, its next certificate expiry and password expiry", ctx,
          [&ctx] { return info(ctx); });
 }
 

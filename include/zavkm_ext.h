@@ -6,6 +6,9 @@
  * unsealed, no certificate decoded in full and no chain built, so a listing costs microseconds
  * per entry. Entries come in the order of the label lists: keys, then requests. On a token
  * handle it gives ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT.
+ *
+ * ZAVKM_GetPasswordExpiry gives when the password of an open key database expires, in seconds
+ * since 1970 (0: it never does), as the database held it when the handle was opened.
  */
 #ifndef ZAVKM_EXT_H
 #define ZAVKM_EXT_H
@@ -36,7 +39,9 @@ typedef struct ZAVKM_Entry {
     X(ZAVKM_ReturnCode, ZAVKM_ListEntries,                                                        \
       (ZAVKM_KeyDbHandle handle, ZAVKM_Entry** entries, uint32_t* count),                         \
       (handle, entries, count))                                                                   \
-    X(void, ZAVKM_FreeEntries, (ZAVKM_Entry* entries, uint32_t count), (entries, count))
+    X(void, ZAVKM_FreeEntries, (ZAVKM_Entry* entries, uint32_t count), (entries, count))         \
+    X(ZAVKM_ReturnCode, ZAVKM_GetPasswordExpiry, (ZAVKM_KeyDbHandle handle, int64_t* expiresAt),  \
+      (handle, expiresAt))
 
 #define ZAVKM_EXT_DECLARE_(ret, name, params, args) ZAVKM_API ret name params ZAVKM_NOEXCEPT;
 ZAVKM_EXT_OPERATIONS(ZAVKM_EXT_DECLARE_)

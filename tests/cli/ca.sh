@@ -30,6 +30,7 @@ ok keydb stash --password-file pw.txt
 [ "$(stat -c %a keys.sth keys.kdb | tr '\n' ' ')" = "600 600 " ] || fail "the key database or its stash is not private"
 ok keydb info --json
 json "d['stash'] and d['default'] is None and d['entries'] == {'personal': 1, 'request': 0, 'signer': 0, 'trusted': 1}"
+json "d['password_expires'] is None"
 ok default ca
 ok keydb info
 has out "^default +ca$"
@@ -42,6 +43,8 @@ ok keydb open-check
 run keydb open-check --password-env PW
 has err "16 ZAVKM_ERR_DATABASE_INVALID_PASSWORD"
 ok keydb open-check --password-env NEW
+ok keydb info --json
+json "d['password_expires'] == '$(date -ud @$(( $(date +%s) + 30 * 86400 )) +%F)T' + d['password_expires'][11:]"
 
 # a CA made elsewhere: a trusted signer certificate until deleted
 openssl req -x509 -newkey rsa:2048 -nodes -keyout other.key -subj /CN=Other -days 2 \

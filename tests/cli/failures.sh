@@ -32,6 +32,7 @@ rows=(
   "2|--password-env: NOPE is not set|list --password-env NOPE"
   "2|--subject: \"XX=1\" is none of CN=|cert selfsign x --subject XX=1 --password-env PW"
   "2|--san: cannot read \"FOO\"|cert request x --subject CN=x --san FOO --out x.csr --password-env PW"
+  "2|--expire-days: Value 99999 not in range|keydb create --db x.kdb --expire-days 99999 --password-env PW"
   "2|A subcommand is required|cert"
   "2|A subcommand is required|"
   "0|changepw +change the password|--help-all"

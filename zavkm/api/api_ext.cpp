@@ -38,6 +38,13 @@ ZAVKM_ReturnCode ZAVKM_ListEntries(ZAVKM_KeyDbHandle handle, ZAVKM_Entry** entri
     }, [&](TokenStore&) -> Rc { return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT; });
 }
 
+ZAVKM_ReturnCode ZAVKM_GetPasswordExpiry(ZAVKM_KeyDbHandle handle, int64_t* expiresAt) noexcept {
+    return withKeyDb(__func__, handle, {expiresAt}, [&](KeyDb& kdb) -> Rc {
+        *expiresAt = kdb.passwordExpiry;
+        return ZAVKM_OK;
+    });
+}
+
 void ZAVKM_FreeEntries(ZAVKM_Entry* entries, uint32_t count) noexcept {
     if (entries == nullptr) return;
     for (uint32_t i = 0; i < count; ++i) std::free(entries[i].label);

@@ -339,6 +339,7 @@ Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSe
         }
         if (rc == ZAVKM_OK) rc = armRowMacs(kdb->db.get(), kdb->dataKey);
         kdb->kdf = m.kdf;
+        kdb->passwordExpiry = m.expireSeconds > 0 ? m.passwordTime + m.expireSeconds : 0;
         kdb->password =
             SecretBytes(reinterpret_cast<const uint8_t*>(password.data()), password.size());
         if (rc == ZAVKM_OK && fill) rc = fill(*kdb);
@@ -399,6 +400,7 @@ Rc openKeyDb(const char* fileName, std::string_view password, bool checkExpiry,
             return ZAVKM_ERR_PASSWORD_EXPIRATION_TIME;
         kdb->kdf = m.kdf;
         kdb->wrapped = m.wrapped;
+        kdb->passwordExpiry = m.expireSeconds > 0 ? m.passwordTime + m.expireSeconds : 0;
         kdb->password = std::move(secret.password);
         out = std::move(kdb);
         return ZAVKM_OK;

@@ -33,6 +33,7 @@ struct KeyDb {
     SecretBytes master;    // the PBES2 key of private keys leaving the library
     SecretBytes dataKey;   // seals the private keys inside the file
     SecretBytes password;  // for keys that arrive under the password with other parameters
+    int64_t passwordExpiry = 0;  // seconds since 1970 when the password expires; 0: never
 };
 
 // createKeyDb - creates fileName (mode 0600; ZAVKM_ERR_DATABASE_ALREADY_EXISTS when it exists)
