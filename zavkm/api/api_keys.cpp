@@ -228,12 +228,9 @@ ZAVKM_ReturnCode ZAVKM_InsertKey(ZAVKM_KeyDbHandle handle, const char* label, ui
         if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
         if (key == nullptr && keyLength != 0) return ZAVKM_ERR_NULL_PARAMETER;
         X509Ptr x509;
-        if (Rc rc = readCertificate(cert, certLength, x509); rc != ZAVKM_OK) return rc;
-        if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(x509.get())); rc != ZAVKM_OK)
+        EVP_PKEY* publicKey = nullptr;
+        if (Rc rc = readPolicyCertificate(cert, certLength, x509, publicKey); rc != ZAVKM_OK)
             return rc;
-        EVP_PKEY* publicKey = X509_get0_pubkey(x509.get());
-        if (publicKey == nullptr) return sslError(ZAVKM_ERR_ASN);
-        if (Rc rc = checkKeyPolicy(publicKey); rc != ZAVKM_OK) return rc;
         KeyRow row;
         row.label = label;
         row.cert = derOf(x509.get());

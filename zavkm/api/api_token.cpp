@@ -456,12 +456,8 @@ Rc tokenInsertKey(TokenStore& t, const char* label, const uint8_t* der, uint32_t
                   const EVP_PKEY* privateKey) {
     if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
     X509Ptr cert;
-    if (Rc rc = readCertificate(der, length, cert); rc != ZAVKM_OK) return rc;
-    if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(cert.get())); rc != ZAVKM_OK)
-        return rc;
-    EVP_PKEY* pub = X509_get0_pubkey(cert.get());
-    if (pub == nullptr) return sslError(ZAVKM_ERR_ASN);
-    if (Rc rc = checkKeyPolicy(pub); rc != ZAVKM_OK) return rc;
+    EVP_PKEY* pub = nullptr;
+    if (Rc rc = readPolicyCertificate(der, length, cert, pub); rc != ZAVKM_OK) return rc;
     bool used = false;
     if (Rc rc = labelInUse(t, label, used); rc != ZAVKM_OK) return rc;
     if (used) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;

@@ -226,6 +226,14 @@ Rc checkSignaturePolicy(int signatureNid) noexcept {
     return ZAVKM_OK;
 }
 
+Rc readPolicyCertificate(const uint8_t* p, size_t n, X509Ptr& out, EVP_PKEY*& publicKey) {
+    if (Rc rc = readCertificate(p, n, out); rc != ZAVKM_OK) return rc;
+    if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(out.get())); rc != ZAVKM_OK) return rc;
+    publicKey = X509_get0_pubkey(out.get());
+    if (publicKey == nullptr) return sslError(ZAVKM_ERR_ASN);
+    return checkKeyPolicy(publicKey);
+}
+
 Rc generateKey(int32_t keySize, PkeyPtr& out) noexcept {
     EVP_PKEY* key = nullptr;
     if (keySize >= 1024 && keySize <= 16384) {

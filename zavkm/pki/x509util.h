@@ -50,6 +50,10 @@ Rc checkKeyPolicy(const EVP_PKEY* key) noexcept;
 // SHA-1 signature algorithm (nid of the signature algorithm).
 Rc checkSignaturePolicy(int signatureNid) noexcept;
 
+// readPolicyCertificate - readCertificate of a certificate whose signature algorithm and key
+// pass checkSignaturePolicy and checkKeyPolicy; publicKey is its key, owned by out.
+Rc readPolicyCertificate(const uint8_t* p, size_t n, X509Ptr& out, EVP_PKEY*& publicKey);
+
 // signatureDigest - selector 1 gives SHA-256, 2 SHA-384, else ZAVKM_ERR_SIGNATURE_ALGORITHM.
 Rc signatureDigest(int32_t selector, const EVP_MD*& md) noexcept;
 
