@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # Builds everything in each build type (Debug, Release, RelWithDebInfo, MinSizeRel) with GCC and
 # with clang, warnings as errors, and prints one line per build: passed, or the first error.
-# Builds go to build-matrix/<compiler>-<type>. Arguments narrow the build types.
+# Builds go to build-matrix/<compiler>-<type>. Arguments narrow the build types, COMPILERS
+# (default "gcc clang") the compilers.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 mkdir -p build-matrix
 types=("$@")
 [ ${#types[@]} -gt 0 ] || types=(Debug Release RelWithDebInfo MinSizeRel)
-for cc in gcc clang; do
+for cc in ${COMPILERS:-gcc clang}; do
   cxx=g++
   [ "$cc" = clang ] && cxx=clang++
   for type in "${types[@]}"; do
