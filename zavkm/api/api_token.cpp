@@ -412,16 +412,11 @@ Rc tokenReqKeyItem(TokenStore& t, const char* label, ZAVKM_ReqKeyItem** key) {
     X509ReqPtr req = parseRequest(requests.front().data(), requests.front().size());
     EVP_PKEY* pub = req ? X509_REQ_get0_pubkey(req.get()) : nullptr;
     if (pub == nullptr) return ZAVKM_ERR_DATABASE_CORRUPTION;
-    ReqKeyItemPtr item(newRecord<ZAVKM_ReqKeyItem>());
-    KeyInfo info = keyInfo(pub);
-    item->shortValue1 = info.algorithm;
-    item->label = copyText(label);
-    item->keySize = info.bits;
-    copyBytes(spkiOf(pub), &item->keyBer, &item->keyBerLength);
-    item->hasKeyBer = 1;
-    CertReqItemPtr reqItem;
-    if (Rc rc = requestRecord(req.get(), reqItem); rc != ZAVKM_OK) return rc;
-    item->certReq = reqItem.release();
+    const KeyInfo info = keyInfo(pub);
+    ReqKeyItemPtr item;
+    if (Rc rc = reqKeyItemRecord(label, info.algorithm, info.bits, spkiOf(pub), req.get(), item);
+        rc != ZAVKM_OK)
+        return rc;
     *key = item.release();
     return ZAVKM_OK;
 }

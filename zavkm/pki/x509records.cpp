@@ -261,6 +261,21 @@ void requestParts(const Bytes& der, Bytes& info, Bytes& attributes) {
 
 }  // namespace
 
+Rc reqKeyItemRecord(const std::string& label, int32_t keyType, int32_t keyBits,
+                    const Bytes& spki, X509_REQ* req, ReqKeyItemPtr& out) {
+    ReqKeyItemPtr item(newRecord<ZAVKM_ReqKeyItem>());
+    item->shortValue1 = keyType;
+    item->label = copyText(label);
+    item->keySize = keyBits;
+    copyBytes(spki, &item->keyBer, &item->keyBerLength);
+    item->hasKeyBer = 1;
+    CertReqItemPtr reqItem;
+    if (Rc rc = requestRecord(req, reqItem); rc != ZAVKM_OK) return rc;
+    item->certReq = reqItem.release();
+    out = std::move(item);
+    return ZAVKM_OK;
+}
+
 Rc requestRecord(X509_REQ* req, CertReqItemPtr& out) {
     CertReqItemPtr item(newRecord<ZAVKM_CertReqItem>());
     Bytes der = derOf(req);

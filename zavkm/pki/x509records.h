@@ -1,6 +1,7 @@
 // x509records.h - ABI records made from decoded certificates, requests and names.
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "ossl.h"
@@ -23,6 +24,11 @@ Rc certListRecord(const std::vector<X509Ptr>& certs, CertItemListPtr& out);
 
 // requestRecord - a decoded PKCS#10 request with its information part.
 Rc requestRecord(X509_REQ* req, CertReqItemPtr& out);
+
+// reqKeyItemRecord - a request key's record without its private key: label, key type and bits
+// (as a key item's shortValue1 and keySize), SubjectPublicKeyInfo and the decoded request.
+Rc reqKeyItemRecord(const std::string& label, int32_t keyType, int32_t keyBits,
+                    const Bytes& spki, X509_REQ* req, ReqKeyItemPtr& out);
 
 // notAfterOf - the notAfter of a stored (well-formed) certificate's DER in seconds since 1970,
 // read without decoding the certificate; 0 when the bytes are not one.

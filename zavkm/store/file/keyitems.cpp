@@ -86,17 +86,12 @@ Rc keyItemOf(const KeyDb& kdb, const KeyRow& row, KeyItemPtr& out) {
 }
 
 Rc reqKeyItemOf(const KeyDb& kdb, const RequestRow& row, ReqKeyItemPtr& out) {
-    ReqKeyItemPtr item(newRecord<ZAVKM_ReqKeyItem>());
-    item->shortValue1 = row.keyType;
-    item->label = copyText(row.label);
-    item->keySize = row.keyBits;
-    copyBytes(row.spki, &item->keyBer, &item->keyBerLength);
-    item->hasKeyBer = 1;
     X509ReqPtr req = parseRequest(row.request.data(), row.request.size());
     if (!req) return ZAVKM_ERR_DATABASE_CORRUPTION;
-    CertReqItemPtr reqItem;
-    if (Rc rc = requestRecord(req.get(), reqItem); rc != ZAVKM_OK) return rc;
-    item->certReq = reqItem.release();
+    ReqKeyItemPtr item;
+    if (Rc rc = reqKeyItemRecord(row.label, row.keyType, row.keyBits, row.spki, req.get(), item);
+        rc != ZAVKM_OK)
+        return rc;
     EPKIPtr epki;
     if (Rc rc = epkiOf(kdb, row.privateKey, row.spki, epki); rc != ZAVKM_OK) return rc;
     item->epki = epki.release();
