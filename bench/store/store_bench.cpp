@@ -31,6 +31,7 @@
 
 namespace {
 
+using zavkm::Rc;
 constexpr const char* kPassword = "bench-Passw0rd";
 using Clock = std::chrono::steady_clock;
 
@@ -53,18 +54,20 @@ double timed(const std::function<void()>& f) {
 void fill(const std::string& file, long n, const std::vector<uint8_t>& cert) {
     std::unique_ptr<zavkm::KeyDb> kdb;
     if (zavkm::openKeyDb(file.c_str(), kPassword, false, kdb) != ZAVKM_OK) std::abort();
-    std::optional<zavkm::KeyRow> ca;
-    zavkm::findKey(kdb->db.get(), "ca", ca);
-    zavkm::WriteTransaction tx(kdb->db.get());
-    zavkm::KeyRow row = *ca;
-    row.privateKey.clear();
-    row.isDefault = false;
-    row.cert.assign(cert.begin(), cert.end());
-    for (long i = 0; i < n; ++i) {
-        row.label = "c" + std::to_string(i);
-        if (zavkm::insertKey(kdb->db.get(), row) != ZAVKM_OK) std::abort();
-    }
-    if (tx.commit() != SQLITE_OK) std::abort();
+    Rc rc = zavkm::writeView(*kdb, [&](zavkm::View& v) -> Rc {
+        std::optional<zavkm::KeyRow> ca;
+        zavkm::findKey(v, "ca", ca);
+        zavkm::KeyRow row = *ca;
+        row.privateKey.clear();
+        row.isDefault = false;
+        row.cert.assign(cert.begin(), cert.end());
+        for (long i = 0; i < n; ++i) {
+            row.label = "c" + std::to_string(i);
+            if (Rc added = zavkm::insertKey(v, row); added != ZAVKM_OK) return added;
+        }
+        return ZAVKM_OK;
+    });
+    if (rc != ZAVKM_OK) std::abort();
 }
 
 Spread adds(ZAVKM_KeyDbHandle h, const std::vector<uint8_t>& cert, const std::string& tag) {

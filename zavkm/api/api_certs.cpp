@@ -13,24 +13,17 @@ using namespace zavkm;
 
 namespace {
 
-Rc commitOr(sqlite3* db, WriteTransaction& tx, Rc rc) {
-    if (rc != ZAVKM_OK) return rc;
-    int code = tx.commit();
-    return code == SQLITE_OK ? ZAVKM_OK : sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
-}
-
-// withFileThenCommit - runs change(db) in a transaction, then writeOut() (may be null work),
+// withFileThenCommit - runs change(view) in a write view, then writeOut() (may be null work),
 // then commits; when the commit fails the written file is removed again, so the database and
 // the file agree.
 template <class Change, class Write>
 Rc withFileThenCommit(KeyDb& kdb, const char* fileName, Change&& change, Write&& writeOut) {
-    sqlite3* db = kdb.db.get();
-    WriteTransaction tx(db);
-    if (tx.beginCode() != SQLITE_OK) return sqlRc(db, tx.beginCode(), ZAVKM_ERR_DATABASE_WRITE);
-    if (Rc rc = change(db); rc != ZAVKM_OK) return rc;
+    View v(kdb, true);
+    if (v.status() != ZAVKM_OK) return v.status();
+    if (Rc rc = change(v); rc != ZAVKM_OK) return rc;
     if (fileName != nullptr)
         if (Rc rc = writeOut(); rc != ZAVKM_OK) return rc;
-    Rc rc = commitOr(db, tx, ZAVKM_OK);
+    Rc rc = commitChange(v);
     if (rc != ZAVKM_OK && fileName != nullptr) ::unlink(fileName);
     return rc;
 }
@@ -57,7 +50,8 @@ Rc selfSigned(KeyDb& kdb, const char* label, uint8_t makeDefault, int32_t versio
     ExtStackPtr extra;
     if (Rc rc = parseExtensions(extensions, extensionsLength, extra); rc != ZAVKM_OK) return rc;
     std::optional<KeyRow> existing;  // refuse before the costly key generation
-    if (Rc rc = findKey(kdb.db.get(), label, existing); rc != ZAVKM_OK) return rc;
+    if (Rc rc = readView(kdb, [&](View& v) { return findKey(v, label, existing); }); rc != ZAVKM_OK)
+        return rc;
     if (existing) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
     PkeyPtr key;
     if (Rc rc = generateKey(keySize, key); rc != ZAVKM_OK) return rc;
@@ -80,7 +74,7 @@ Rc selfSigned(KeyDb& kdb, const char* label, uint8_t makeDefault, int32_t versio
     row.isDefault = makeDefault != 0;
     row.trusted = true;  // a self-signed certificate made here is a trust anchor
     return withFileThenCommit(
-        kdb, certFileName, [&](sqlite3* db) { return insertKey(db, row); },
+        kdb, certFileName, [&](View& v) { return insertKey(v, row); },
         [&] { return writeCertificateFile(certFileName, cert.get(), isBase64 != 0); });
 }
 
@@ -94,7 +88,8 @@ Rc newRequest(KeyDb& kdb, const char* label, int32_t keySize, const ZAVKM_DNItem
     if (Rc rc = nameFromDN(subject, name); rc != ZAVKM_OK) return rc;
     ExtStackPtr exts;
     if (Rc rc = parseExtensions(extensions, extensionsLength, exts); rc != ZAVKM_OK) return rc;
-    if (Rc rc = checkRequestLabelFree(kdb.db.get(), label); rc != ZAVKM_OK) return rc;
+    if (Rc rc = readView(kdb, [&](View& v) { return checkRequestLabelFree(v, label); }); rc != ZAVKM_OK)
+        return rc;
     PkeyPtr key;
     if (Rc rc = generateKey(keySize, key); rc != ZAVKM_OK) return rc;
     X509ReqPtr req;
@@ -110,7 +105,11 @@ Rc newRequest(KeyDb& kdb, const char* label, int32_t keySize, const ZAVKM_DNItem
     if (row.request.empty() || pkcs8.empty()) return sslError(ZAVKM_ERR_ASN);
     if (Rc rc = sealPrivateKey(kdb, pkcs8, row.spki, row.privateKey); rc != ZAVKM_OK) return rc;
     return withFileThenCommit(
-        kdb, fileName, [&](sqlite3* db) { return insertRequest(db, row); },
+        kdb, fileName,
+        [&](View& v) -> Rc {
+            if (Rc rc = checkRequestLabelFree(v, label); rc != ZAVKM_OK) return rc;
+            return insertRequest(v, row);
+        },
         [&] { return writeRequestFile(fileName, req.get()); });
 }
 
@@ -138,9 +137,14 @@ Rc reRequest(KeyDb& kdb, const char* label, int32_t signatureAlgorithm, const ch
     const EVP_MD* md = nullptr;
     if (signatureAlgorithm != 0)
         if (Rc rc = signatureDigest(signatureAlgorithm, md); rc != ZAVKM_OK) return rc;
-    sqlite3* db = kdb.db.get();
     std::optional<RequestRow> request;
-    if (Rc rc = findRequest(db, label, request); rc != ZAVKM_OK) return rc;
+    std::optional<KeyRow> row;
+    if (Rc rc = readView(kdb, [&](View& v) -> Rc {
+            if (Rc found = findRequest(v, label, request); found != ZAVKM_OK || request) return found;
+            return findKey(v, label, row);
+        });
+        rc != ZAVKM_OK)
+        return rc;
     if (request) {
         X509ReqPtr req = parseRequest(request->request.data(), request->request.size());
         if (!req) return ZAVKM_ERR_DATABASE_CORRUPTION;
@@ -151,11 +155,15 @@ Rc reRequest(KeyDb& kdb, const char* label, int32_t signatureAlgorithm, const ch
         if (X509_REQ_sign(req.get(), key.get(), md) <= 0) return sslError(ZAVKM_ERR_CRYPTO_SIGN);
         Bytes der = derOf(req.get());
         return withFileThenCommit(
-            kdb, fileName, [&](sqlite3* d) { return updateRequest(d, request->id, der); },
+            kdb, fileName,
+            [&](View& v) -> Rc {
+                std::optional<RequestRow> now;  // read again under the write lock
+                if (Rc rc = findRequest(v, label, now); rc != ZAVKM_OK) return rc;
+                if (!now || now->id != request->id) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+                return updateRequest(v, *now, der);
+            },
             [&] { return writeRequestFile(fileName, req.get()); });
     }
-    std::optional<KeyRow> row;
-    if (Rc rc = findKey(db, label, row); rc != ZAVKM_OK) return rc;
     if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
     PkeyPtr key;
     if (Rc rc = privateKeyOf(kdb, row->privateKey, row->spki, key); rc != ZAVKM_OK) return rc;
@@ -214,7 +222,8 @@ Rc tokenReRequest(TokenStore& t, const char* label, int32_t signatureAlgorithm,
 // fileIssuer - the issuing certificate and private key under issuerLabel in a key database.
 Rc fileIssuer(KeyDb& kdb, const char* issuerLabel, Issuer& out) {
     std::optional<KeyRow> issuer;
-    if (Rc rc = findKey(kdb.db.get(), issuerLabel, issuer); rc != ZAVKM_OK) return rc;
+    if (Rc rc = readView(kdb, [&](View& v) { return findKey(v, issuerLabel, issuer); }); rc != ZAVKM_OK)
+        return rc;
     if (!issuer) return ZAVKM_ERR_KEY_GET_BY_LABEL;
     if (Rc rc = privateKeyOf(kdb, issuer->privateKey, issuer->spki, out.key); rc != ZAVKM_OK)
         return rc;
@@ -456,8 +465,7 @@ ZAVKM_ReturnCode ZAVKM_StoreCACert(ZAVKM_KeyDbHandle handle, const uint8_t* cert
         if (Rc rc = signerRowOf(x509.get(), row); rc != ZAVKM_OK) return rc;
         row.label = label;
         row.trusted = true;  // a stored signer certificate is a trust anchor
-        return withFileThenCommit(
-            kdb, nullptr, [&](sqlite3* db) { return insertKey(db, row); }, [] { return 0; });
+        return writeView(kdb, [&](View& v) { return insertKey(v, row); });
     }, [&](TokenStore& t) { return tokenStoreSigner(t, cert, certLength, label); });
 }
 
@@ -471,11 +479,9 @@ ZAVKM_ReturnCode ZAVKM_ReceiveCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert
         EVP_PKEY* key = X509_get0_pubkey(x509.get());
         if (key == nullptr) return sslError(ZAVKM_ERR_ASN);
         Bytes spki = spkiOf(key);
-        return withFileThenCommit(
-            kdb, nullptr,
-            [&](sqlite3* db) -> Rc {
+        return writeView(kdb, [&](View& v) -> Rc {
                 std::vector<RequestRow> requests;
-                if (Rc rc = findRequestsBySpki(db, spki, requests); rc != ZAVKM_OK) return rc;
+                if (Rc rc = findRequestsBySpki(v, spki, requests); rc != ZAVKM_OK) return rc;
                 if (requests.empty()) return ZAVKM_ERR_REQKEY_FOR_CERT_NULL;
                 const RequestRow& request = requests.front();
                 KeyRow row;
@@ -487,10 +493,9 @@ ZAVKM_ReturnCode ZAVKM_ReceiveCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert
                 row.keyBits = request.keyBits;
                 row.privateKey = request.privateKey;  // sealed to the public key: still valid
                 row.isDefault = makeDefault != 0;
-                if (Rc rc = deleteRequest(db, request.label); rc != ZAVKM_OK) return rc;
-                return insertKey(db, row);
-            },
-            [] { return 0; });
+                if (Rc rc = deleteRequest(v, request.label); rc != ZAVKM_OK) return rc;
+                return insertKey(v, row);
+            });
     }, [&](TokenStore& t) { return tokenReceive(t, cert, certLength); });
 }
 
@@ -498,7 +503,8 @@ ZAVKM_ReturnCode ZAVKM_ExportCert(ZAVKM_KeyDbHandle handle, const char* label,
                                   const char* certFileName, uint8_t isBase64) noexcept {
     return withStore(__func__, handle, {label, certFileName}, [&](KeyDb& kdb) -> Rc {
         std::optional<KeyRow> row;
-        if (Rc rc = findKey(kdb.db.get(), label, row); rc != ZAVKM_OK) return rc;
+        if (Rc rc = readView(kdb, [&](View& v) { return findKey(v, label, row); }); rc != ZAVKM_OK)
+            return rc;
         if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
         X509Ptr cert = parseCertificate(row->cert.data(), row->cert.size());
         if (!cert) return ZAVKM_ERR_DATABASE_CORRUPTION;

@@ -14,12 +14,12 @@ using namespace zavkm;
 namespace {
 
 // personalKeyFor - the first personal key (with private key) holding cert's public key.
-Rc personalKeyFor(sqlite3* db, X509* cert, std::optional<KeyRow>& out) {
+Rc personalKeyFor(View& v, X509* cert, std::optional<KeyRow>& out) {
     out.reset();
     EVP_PKEY* key = X509_get0_pubkey(cert);
     if (key == nullptr) return sslError(ZAVKM_ERR_ASN);
     std::vector<KeyRow> rows;
-    if (Rc rc = findKeysBySpki(db, spkiOf(key), rows); rc != ZAVKM_OK) return rc;
+    if (Rc rc = findKeysBySpki(v, spkiOf(key), rows); rc != ZAVKM_OK) return rc;
     for (KeyRow& r : rows)
         if (!r.privateKey.empty()) {
             out = std::move(r);
@@ -108,7 +108,9 @@ ZAVKM_ReturnCode ZAVKM_CheckCertAsRenewal(ZAVKM_KeyDbHandle handle, const uint8_
         X509Ptr x509;
         if (Rc rc = readCertificate(cert, certLength, x509); rc != ZAVKM_OK) return rc;
         std::optional<KeyRow> row;
-        if (Rc rc = personalKeyFor(kdb.db.get(), x509.get(), row); rc != ZAVKM_OK) return rc;
+        if (Rc rc = readView(kdb, [&](View& v) { return personalKeyFor(v, x509.get(), row); });
+            rc != ZAVKM_OK)
+            return rc;
         *isRenewal = row ? 1 : 0;
         return ZAVKM_OK;
     }, [&](TokenStore& t) { return tokenIsRenewal(t, cert, certLength, isRenewal); });
@@ -121,18 +123,13 @@ ZAVKM_ReturnCode ZAVKM_RenewCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
         if (Rc rc = readCertificate(cert, certLength, x509); rc != ZAVKM_OK) return rc;
         if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(x509.get())); rc != ZAVKM_OK)
             return rc;
-        sqlite3* db = kdb.db.get();
-        WriteTransaction tx(db);
-        if (tx.beginCode() != SQLITE_OK) return sqlRc(db, tx.beginCode(), ZAVKM_ERR_DATABASE_WRITE);
-        std::optional<KeyRow> row;
-        if (Rc rc = personalKeyFor(db, x509.get(), row); rc != ZAVKM_OK) return rc;
-        if (!row) return ZAVKM_ERR_REQKEY_FOR_CERT_NULL;
-        if (Rc rc = replaceCertificate(db, row->id, derOf(x509.get()),
-                                       derOf(X509_get_subject_name(x509.get())));
-            rc != ZAVKM_OK)
-            return rc;
-        int code = tx.commit();
-        return code == SQLITE_OK ? ZAVKM_OK : sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
+        return writeView(kdb, [&](View& v) -> Rc {
+            std::optional<KeyRow> row;
+            if (Rc rc = personalKeyFor(v, x509.get(), row); rc != ZAVKM_OK) return rc;
+            if (!row) return ZAVKM_ERR_REQKEY_FOR_CERT_NULL;
+            return replaceCertificate(v, *row, derOf(x509.get()),
+                                      derOf(X509_get_subject_name(x509.get())));
+        });
     }, [&](TokenStore& t) { return tokenRenew(t, cert, certLength); });
 }
 
@@ -142,8 +139,9 @@ ZAVKM_ReturnCode ZAVKM_ValidateCertChain(ZAVKM_KeyDbHandle handle, const uint8_t
         __func__, handle, {cert, isValid},
         [&](KeyDb& kdb) -> Rc {
             *isValid = 0;
-            std::vector<KeyRow> rows;
-            if (Rc rc = allKeys(kdb.db.get(), rows); rc != ZAVKM_OK) return rc;
+            std::vector<KeyRow> rows;  // every key, or 20: a damaged row may be the anchor
+            if (Rc rc = readView(kdb, [&](View& v) { return allKeys(v, rows); }); rc != ZAVKM_OK)
+                return rc;
             std::vector<ChainCandidate> pool;
             for (const KeyRow& r : rows)
                 if (X509Ptr c = parseCertificate(r.cert.data(), r.cert.size()))

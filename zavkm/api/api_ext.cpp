@@ -1,48 +1,86 @@
 // api_ext.cpp - the operations of zavkm_ext.h.
+#include <bit>
 #include <cstdlib>
 #include <cstring>
 
 #include <sys/stat.h>
 
 #include "entries.h"
+#include "pages.h"
 #include "files.h"
 #include "session.h"
 #include "zavkm_ext.h"
 
 using namespace zavkm;
 
+namespace {
+
+// entriesOut - rows as a malloc'd array of ZAVKM_Entry (texts and DER malloc'd too).
+Rc entriesOut(std::vector<EntryRow>& rows, ZAVKM_Entry** entries, uint32_t* count) {
+    auto* out = static_cast<ZAVKM_Entry*>(std::calloc(rows.empty() ? 1 : rows.size(), sizeof(ZAVKM_Entry)));
+    if (out == nullptr) return ZAVKM_ERR_MEMORY_ALLOCATE;
+    for (size_t i = 0; i < rows.size(); ++i) {
+        const EntryRow& r = rows[i];
+        ZAVKM_Entry& e = out[i];
+        e.label = strdup(r.label.c_str());
+        e.kind = r.kind;
+        e.keyType = r.keyType;
+        e.keyBits = r.keyBits;
+        e.isDefault = static_cast<uint8_t>(r.isDefault);
+        e.trusted = static_cast<uint8_t>(r.trusted);
+        e.notBefore = r.notBefore;
+        e.notAfter = r.notAfter;
+        e.rowId = r.rowId;
+        if (!r.der.empty()) {
+            e.der = static_cast<uint8_t*>(std::malloc(r.der.size()));
+            if (e.der != nullptr) std::memcpy(e.der, r.der.data(), r.der.size());
+            e.derLength = static_cast<uint32_t>(r.der.size());
+        }
+        if (e.label == nullptr || (!r.der.empty() && e.der == nullptr)) {
+            ZAVKM_FreeEntries(out, static_cast<uint32_t>(i + 1));
+            return ZAVKM_ERR_MEMORY_ALLOCATE;
+        }
+    }
+    *entries = out;
+    *count = static_cast<uint32_t>(rows.size());
+    return ZAVKM_OK;
+}
+
+// listed - the sound entries of a key database and how many rows are damaged.
+Rc listed(KeyDb& kdb, uint32_t flags, ZAVKM_Entry** entries, uint32_t* count, uint32_t& damaged) {
+    *entries = nullptr;
+    *count = 0;
+    std::vector<EntryRow> rows;
+    if (Rc rc = readView(kdb, [&](View& v) {
+            return listEntries(v, (flags & ZAVKM_LIST_DER) != 0, rows, damaged);
+        });
+        rc != ZAVKM_OK)
+        return rc;
+    return entriesOut(rows, entries, count);
+}
+
+}  // namespace
+
 extern "C" {
 
 ZAVKM_ReturnCode ZAVKM_ListEntries(ZAVKM_KeyDbHandle handle, ZAVKM_Entry** entries,
                                    uint32_t* count) noexcept {
     return withStore(__func__, handle, {entries, count}, [&](KeyDb& kdb) -> Rc {
+        uint32_t damaged = 0;
+        Rc rc = listed(kdb, 0, entries, count, damaged);
+        if (rc != ZAVKM_OK || damaged == 0) return rc;
+        ZAVKM_FreeEntries(*entries, *count);  // a partial list is no answer here
         *entries = nullptr;
         *count = 0;
-        std::vector<EntryRow> rows;
-        {
-            ReadTransaction tx(kdb.db.get());
-            if (Rc rc = listEntries(kdb.db.get(), rows); rc != ZAVKM_OK) return rc;
-        }
-        auto* out = static_cast<ZAVKM_Entry*>(std::calloc(rows.empty() ? 1 : rows.size(), sizeof(ZAVKM_Entry)));
-        if (out == nullptr) return ZAVKM_ERR_MEMORY_ALLOCATE;
-        for (size_t i = 0; i < rows.size(); ++i) {
-            const EntryRow& r = rows[i];
-            out[i] = ZAVKM_Entry{};
-            out[i].label = strdup(r.label.c_str());
-            out[i].kind = r.kind;
-            out[i].keyType = r.keyType;
-            out[i].keyBits = r.keyBits;
-            out[i].isDefault = static_cast<uint8_t>(r.isDefault);
-            out[i].trusted = static_cast<uint8_t>(r.trusted);
-            out[i].notAfter = r.notAfter;
-            if (out[i].label == nullptr) {
-                ZAVKM_FreeEntries(out, static_cast<uint32_t>(i));
-                return ZAVKM_ERR_MEMORY_ALLOCATE;
-            }
-        }
-        *entries = out;
-        *count = static_cast<uint32_t>(rows.size());
-        return ZAVKM_OK;
+        return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
+    }, [&](TokenStore&) -> Rc { return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT; });
+}
+
+ZAVKM_ReturnCode ZAVKM_ListEntriesX(ZAVKM_KeyDbHandle handle, uint32_t flags, ZAVKM_Entry** entries,
+                                    uint32_t* count, uint32_t* damaged) noexcept {
+    return withStore(__func__, handle, {entries, count, damaged}, [&](KeyDb& kdb) -> Rc {
+        *damaged = 0;
+        return listed(kdb, flags, entries, count, *damaged);
     }, [&](TokenStore&) -> Rc { return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT; });
 }
 
@@ -62,30 +100,46 @@ void ZAVKM_FreeEntries(ZAVKM_Entry* entries, uint32_t count) noexcept {
     std::free(entries);
 }
 
-// The operations below stand in until the key database's integrity index lands: they keep the
-// callers building against the final declarations.
-ZAVKM_ReturnCode ZAVKM_ListEntriesX(ZAVKM_KeyDbHandle handle, uint32_t flags, ZAVKM_Entry** entries,
-                                    uint32_t* count, uint32_t* damaged) noexcept {
-    (void)flags;
-    if (damaged == nullptr) return ZAVKM_ERR_NULL_PARAMETER;
-    *damaged = 0;
-    return ZAVKM_ListEntries(handle, entries, count);
-}
-
 ZAVKM_ReturnCode ZAVKM_GetKeyDbInfo(ZAVKM_KeyDbHandle handle, ZAVKM_KeyDbInfo* info) noexcept {
     return withKeyDb(__func__, handle, {info}, [&](KeyDb& kdb) -> Rc {
         *info = ZAVKM_KeyDbInfo{};
-        info->passwordExpiry = kdb.passwordExpiry;
-        info->kdfIterations = kdb.kdf.iterations;
-        return ZAVKM_OK;
+        return readView(kdb, [&](View& v) -> Rc {
+            PageBook book;
+            if (Rc rc = loadPages(v, book); rc != ZAVKM_OK) return rc;
+            uint32_t entries = 0;
+            for (const auto& [key, record] : book.records)
+                entries += static_cast<uint32_t>(std::popcount(record.bitmap));
+            info->generation = v.meta.generation;
+            info->passwordTime = v.meta.passwordTime;
+            info->passwordExpiry = kdb.passwordExpiry;
+            info->kdfIterations = v.meta.kdf.iterations;
+            info->entries = entries;
+            std::memcpy(info->fileId, v.meta.fileId.data(), sizeof info->fileId);
+            return ZAVKM_OK;
+        });
     });
 }
 
 ZAVKM_ReturnCode ZAVKM_VerifyKeyDb(ZAVKM_KeyDbHandle handle, ZAVKM_Damage** damage,
                                    uint32_t* count) noexcept {
-    return withKeyDb(__func__, handle, {damage, count}, [&](KeyDb&) -> Rc {
+    return withKeyDb(__func__, handle, {damage, count}, [&](KeyDb& kdb) -> Rc {
         *damage = nullptr;
         *count = 0;
+        std::vector<Damage> found;
+        if (Rc rc = readView(kdb, [&](View& v) { return verifyKeyDb(v, found); }); rc != ZAVKM_OK)
+            return rc;
+        if (found.empty()) return ZAVKM_OK;
+        auto* out = static_cast<ZAVKM_Damage*>(std::calloc(found.size(), sizeof(ZAVKM_Damage)));
+        if (out == nullptr) return ZAVKM_ERR_MEMORY_ALLOCATE;
+        for (size_t i = 0; i < found.size(); ++i) {
+            out[i] = ZAVKM_Damage{nullptr, found[i].kind, found[i].reason, found[i].rowId};
+            if (!found[i].label.empty() && (out[i].label = strdup(found[i].label.c_str())) == nullptr) {
+                ZAVKM_FreeDamage(out, static_cast<uint32_t>(i));
+                return ZAVKM_ERR_MEMORY_ALLOCATE;
+            }
+        }
+        *damage = out;
+        *count = static_cast<uint32_t>(found.size());
         return ZAVKM_OK;
     });
 }
@@ -97,16 +151,24 @@ void ZAVKM_FreeDamage(ZAVKM_Damage* damage, uint32_t count) noexcept {
 }
 
 ZAVKM_ReturnCode ZAVKM_RepairKeyDb(ZAVKM_KeyDbHandle handle, uint32_t* removed) noexcept {
-    return withKeyDb(__func__, handle, {removed}, [&](KeyDb&) -> Rc {
+    return withKeyDb(__func__, handle, {removed}, [&](KeyDb& kdb) -> Rc {
         *removed = 0;
+        View v(kdb, true);
+        if (v.status() != ZAVKM_OK) return v.status();
+        Rebuild plan;
+        plan.dropDamaged = true;
+        if (Rc rc = rebuild(v, plan); rc != ZAVKM_OK) return rc;
+        if (Rc rc = v.finish(); rc != ZAVKM_OK) return rc;
+        trace("repair removed %u rows", plan.removed);
+        *removed = plan.removed;
         return ZAVKM_OK;
     });
 }
 
 ZAVKM_ReturnCode ZAVKM_RenameEntry(ZAVKM_KeyDbHandle handle, const char* label,
                                    const char* newLabel) noexcept {
-    return withKeyDb(__func__, handle, {label, newLabel}, [&](KeyDb&) -> Rc {
-        return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
+    return withKeyDb(__func__, handle, {label, newLabel}, [&](KeyDb& kdb) -> Rc {
+        return writeView(kdb, [&](View& v) { return renameEntry(v, label, newLabel); });
     });
 }
 

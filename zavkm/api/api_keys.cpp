@@ -19,26 +19,18 @@ Rc labelList(const std::vector<std::string>& labels, ZAVKM_LabelList** list) {
     return ZAVKM_OK;
 }
 
-// commitOr - commits tx when rc is ZAVKM_OK; the commit's failure is the result.
-Rc commitOr(sqlite3* db, WriteTransaction& tx, Rc rc) {
-    if (rc != ZAVKM_OK) return rc;
-    int code = tx.commit();
-    return code == SQLITE_OK ? ZAVKM_OK : sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
-}
-
-// inWriteTransaction - runs fn(db) in one transaction, committed only when fn succeeds.
-template <class Fn>
-Rc inWriteTransaction(KeyDb& kdb, Fn&& fn) {
-    sqlite3* db = kdb.db.get();
-    WriteTransaction tx(db);
-    if (tx.beginCode() != SQLITE_OK) return sqlRc(db, tx.beginCode(), ZAVKM_ERR_DATABASE_WRITE);
-    return commitOr(db, tx, fn(db));
-}
-
 // keyItemsList - a list of key items for rows.
-Rc keyItemsList(const KeyDb& kdb, const std::vector<KeyRow>& rows, ZAVKM_KeyItemList** list) {
+Rc keyItemsList(View& v, const std::vector<KeyRow>& rows, ZAVKM_KeyItemList** list) {
     return keyItemListOf(
-        rows, [&](const KeyRow& row, KeyItemPtr& item) { return keyItemOf(kdb, row, item); }, list);
+        rows, [&](const KeyRow& row, KeyItemPtr& item) { return keyItemOf(v, row, item); }, list);
+}
+
+// keyItemByLabel - the key item of label in v.
+Rc keyItemByLabel(View& v, const char* label, KeyItemPtr& item) {
+    std::optional<KeyRow> row;
+    if (Rc rc = findKey(v, label, row); rc != ZAVKM_OK) return rc;
+    if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    return keyItemOf(v, *row, item);
 }
 
 // decodeKeyData - the private key of keyData, an EncryptedPrivateKeyInfo under password (the
@@ -77,7 +69,8 @@ ZAVKM_ReturnCode ZAVKM_GetKeyDbLabelList(ZAVKM_KeyDbHandle handle,
     return withStore(__func__, handle, {list}, [&](KeyDb& kdb) -> Rc {
         *list = nullptr;
         std::vector<std::string> labels;
-        if (Rc rc = keyLabels(kdb.db.get(), labels); rc != ZAVKM_OK) return rc;
+        if (Rc rc = readView(kdb, [&](View& v) { return keyLabels(v, labels); }); rc != ZAVKM_OK)
+            return rc;
         return labelList(labels, list);
     }, [&](TokenStore& t) { return tokenKeyLabels(t, list); });
 }
@@ -87,7 +80,8 @@ ZAVKM_ReturnCode ZAVKM_GetReqKeyDbLabelList(ZAVKM_KeyDbHandle handle,
     return withStore(__func__, handle, {list}, [&](KeyDb& kdb) -> Rc {
         *list = nullptr;
         std::vector<std::string> labels;
-        if (Rc rc = requestLabels(kdb.db.get(), labels); rc != ZAVKM_OK) return rc;
+        if (Rc rc = readView(kdb, [&](View& v) { return requestLabels(v, labels); }); rc != ZAVKM_OK)
+            return rc;
         return labelList(labels, list);
     }, [&](TokenStore& t) { return tokenRequestLabels(t, list); });
 }
@@ -96,12 +90,9 @@ ZAVKM_ReturnCode ZAVKM_GetKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char* l
                                          ZAVKM_KeyItem** key) noexcept {
     return withStore(__func__, handle, {label, key}, [&](KeyDb& kdb) -> Rc {
         *key = nullptr;
-        ReadTransaction tx(kdb.db.get());
-        std::optional<KeyRow> row;
-        if (Rc rc = findKey(kdb.db.get(), label, row); rc != ZAVKM_OK) return rc;
-        if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
         KeyItemPtr item;
-        if (Rc rc = keyItemOf(kdb, *row, item); rc != ZAVKM_OK) return rc;
+        if (Rc rc = readView(kdb, [&](View& v) { return keyItemByLabel(v, label, item); }); rc != ZAVKM_OK)
+            return rc;
         *key = item.release();
         return ZAVKM_OK;
     }, [&](TokenStore& t) { return tokenKeyItem(t, label, key); });
@@ -111,11 +102,14 @@ ZAVKM_ReturnCode ZAVKM_GetReqKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char
                                             ZAVKM_ReqKeyItem** key) noexcept {
     return withStore(__func__, handle, {label, key}, [&](KeyDb& kdb) -> Rc {
         *key = nullptr;
-        std::optional<RequestRow> row;
-        if (Rc rc = findRequest(kdb.db.get(), label, row); rc != ZAVKM_OK) return rc;
-        if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
         ReqKeyItemPtr item;
-        if (Rc rc = reqKeyItemOf(kdb, *row, item); rc != ZAVKM_OK) return rc;
+        Rc rc = readView(kdb, [&](View& v) -> Rc {
+            std::optional<RequestRow> row;
+            if (Rc found = findRequest(v, label, row); found != ZAVKM_OK) return found;
+            if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+            return reqKeyItemOf(kdb, *row, item);
+        });
+        if (rc != ZAVKM_OK) return rc;
         *key = item.release();
         return ZAVKM_OK;
     }, [&](TokenStore& t) { return tokenReqKeyItem(t, label, key); });
@@ -125,11 +119,12 @@ ZAVKM_ReturnCode ZAVKM_GetKeyItemListByLabel(ZAVKM_KeyDbHandle handle, const cha
                                              ZAVKM_KeyItemList** list) noexcept {
     return withStore(__func__, handle, {label, list}, [&](KeyDb& kdb) -> Rc {
         *list = nullptr;
-        ReadTransaction tx(kdb.db.get());
-        std::optional<KeyRow> row;
-        if (Rc rc = findKey(kdb.db.get(), label, row); rc != ZAVKM_OK) return rc;
-        if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
-        return keyItemsList(kdb, {*row}, list);
+        return readView(kdb, [&](View& v) -> Rc {
+            std::optional<KeyRow> row;
+            if (Rc rc = findKey(v, label, row); rc != ZAVKM_OK) return rc;
+            if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+            return keyItemsList(v, {*row}, list);
+        });
     }, [&](TokenStore& t) { return tokenKeyItemList(t, label, list); });
 }
 
@@ -137,29 +132,33 @@ ZAVKM_ReturnCode ZAVKM_IsPrivateKeyPresent(ZAVKM_KeyDbHandle handle, const char*
                                            uint8_t* present) noexcept {
     return withStore(__func__, handle, {label, present}, [&](KeyDb& kdb) -> Rc {
         *present = 0;
-        std::optional<KeyRow> row;
-        if (Rc rc = findKey(kdb.db.get(), label, row); rc != ZAVKM_OK) return rc;
-        if (row) {
-            *present = row->privateKey.empty() ? 0 : 1;
+        return readView(kdb, [&](View& v) -> Rc {
+            std::optional<KeyRow> row;
+            if (Rc rc = findKey(v, label, row); rc != ZAVKM_OK) return rc;
+            if (row) {
+                *present = row->privateKey.empty() ? 0 : 1;
+                return ZAVKM_OK;
+            }
+            std::optional<RequestRow> request;  // a request key always holds its private key
+            if (Rc rc = findRequest(v, label, request); rc != ZAVKM_OK) return rc;
+            if (!request) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+            *present = 1;
             return ZAVKM_OK;
-        }
-        std::optional<RequestRow> request;  // a request key always holds its private key
-        if (Rc rc = findRequest(kdb.db.get(), label, request); rc != ZAVKM_OK) return rc;
-        if (!request) return ZAVKM_ERR_KEY_GET_BY_LABEL;
-        *present = 1;
-        return ZAVKM_OK;
+        });
     }, [&](TokenStore& t) { return tokenPrivateKeyPresent(t, label, present); });
 }
 
 ZAVKM_ReturnCode ZAVKM_GetDefaultKeyItem(ZAVKM_KeyDbHandle handle, ZAVKM_KeyItem** key) noexcept {
     return withKeyDb(__func__, handle, {key}, [&](KeyDb& kdb) -> Rc {
         *key = nullptr;
-        ReadTransaction tx(kdb.db.get());
-        std::optional<KeyRow> row;
-        if (Rc rc = findDefaultKey(kdb.db.get(), row); rc != ZAVKM_OK) return rc;
-        if (!row) return ZAVKM_ERR_KEYDB_DEFAULT_KEY_NULL;
         KeyItemPtr item;
-        if (Rc rc = keyItemOf(kdb, *row, item); rc != ZAVKM_OK) return rc;
+        Rc rc = readView(kdb, [&](View& v) -> Rc {
+            std::optional<KeyRow> row;
+            if (Rc found = findDefaultKey(v, row); found != ZAVKM_OK) return found;
+            if (!row) return ZAVKM_ERR_KEYDB_DEFAULT_KEY_NULL;
+            return keyItemOf(v, *row, item);
+        });
+        if (rc != ZAVKM_OK) return rc;
         *key = item.release();
         return ZAVKM_OK;
     });
@@ -174,11 +173,11 @@ ZAVKM_ReturnCode ZAVKM_GetKeyItemsByPublicKey(ZAVKM_KeyDbHandle handle, uint32_t
         const unsigned char* p = publicKey;  // re-encoded, so any valid DER form matches
         PkeyPtr key(d2i_PUBKEY(nullptr, &p, static_cast<long>(publicKeyLength)));
         if (!key) return sslError(ZAVKM_ERR_ASN);
-        ReadTransaction tx(kdb.db.get());
-        std::vector<KeyRow> rows;
-        if (Rc rc = findKeysBySpki(kdb.db.get(), spkiOf(key.get()), rows); rc != ZAVKM_OK)
-            return rc;
-        return keyItemsList(kdb, rows, list);
+        return readView(kdb, [&](View& v) -> Rc {
+            std::vector<KeyRow> rows;
+            if (Rc rc = findKeysBySpki(v, spkiOf(key.get()), rows); rc != ZAVKM_OK) return rc;
+            return keyItemsList(v, rows, list);
+        });
     }, [&](TokenStore& t) -> Rc {
         *list = nullptr;
         if (publicKeyLength == 0 || publicKeyLength > kMaxItemBytes) return ZAVKM_ERR_PARAMETER;
@@ -191,24 +190,24 @@ ZAVKM_ReturnCode ZAVKM_GetKeyItemsByPublicKey(ZAVKM_KeyDbHandle handle, uint32_t
 
 ZAVKM_ReturnCode ZAVKM_DeleteKey(ZAVKM_KeyDbHandle handle, const char* label) noexcept {
     return withStore(__func__, handle, {label}, [&](KeyDb& kdb) {
-        return inWriteTransaction(kdb, [&](sqlite3* db) { return deleteKey(db, label); });
+        return writeView(kdb, [&](View& v) { return deleteKey(v, label); });
     }, [&](TokenStore& t) { return tokenDelete(t, label); });
 }
 
 ZAVKM_ReturnCode ZAVKM_DeleteRequestKeyPair(ZAVKM_KeyDbHandle handle, const char* label) noexcept {
     return withStore(__func__, handle, {label}, [&](KeyDb& kdb) {
-        return inWriteTransaction(kdb, [&](sqlite3* db) { return deleteRequest(db, label); });
+        return writeView(kdb, [&](View& v) { return deleteRequest(v, label); });
     }, [&](TokenStore& t) { return tokenDelete(t, label); });
 }
 
 ZAVKM_ReturnCode ZAVKM_SetDefaultKeyByLabel(ZAVKM_KeyDbHandle handle, const char* label) noexcept {
     return withKeyDb(__func__, handle, {label}, [&](KeyDb& kdb) {
-        return inWriteTransaction(kdb, [&](sqlite3* db) -> Rc {
+        return writeView(kdb, [&](View& v) -> Rc {
             std::optional<KeyRow> row;
-            if (Rc rc = findKey(db, label, row); rc != ZAVKM_OK) return rc;
+            if (Rc rc = findKey(v, label, row); rc != ZAVKM_OK) return rc;
             if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
             if (row->privateKey.empty()) return ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL;
-            return setDefaultKey(db, label);
+            return setDefaultKey(v, label);
         });
     });
 }
@@ -216,8 +215,7 @@ ZAVKM_ReturnCode ZAVKM_SetDefaultKeyByLabel(ZAVKM_KeyDbHandle handle, const char
 ZAVKM_ReturnCode ZAVKM_SetTrustStatus(ZAVKM_KeyDbHandle handle, const char* label,
                                       uint8_t trusted) noexcept {
     return withKeyDb(__func__, handle, {label}, [&](KeyDb& kdb) {
-        return inWriteTransaction(kdb,
-                                  [&](sqlite3* db) { return setTrusted(db, label, trusted != 0); });
+        return writeView(kdb, [&](View& v) { return setTrusted(v, label, trusted != 0); });
     });
 }
 
@@ -250,7 +248,7 @@ ZAVKM_ReturnCode ZAVKM_InsertKey(ZAVKM_KeyDbHandle handle, const char* label, ui
         } else if (makeDefault != 0) {
             return ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL;  // only a personal key can be the default
         }
-        return inWriteTransaction(kdb, [&](sqlite3* db) { return insertKey(db, row); });
+        return writeView(kdb, [&](View& v) { return insertKey(v, row); });
     }, [&](TokenStore& t) -> Rc {
         // A token keeps no default or trust marks: asking for one changes nothing.
         if (t.readOnly || makeDefault != 0 || trusted != 0)
@@ -269,7 +267,8 @@ ZAVKM_ReturnCode ZAVKM_InsertReqKey(ZAVKM_KeyDbHandle handle, const char* label,
                                     uint32_t keyLength, const uint8_t* key) noexcept {
     return withStore(__func__, handle, {label, request, key}, [&](KeyDb& kdb) -> Rc {
         if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
-        if (Rc rc = checkRequestLabelFree(kdb.db.get(), label); rc != ZAVKM_OK) return rc;
+        if (Rc rc = readView(kdb, [&](View& v) { return checkRequestLabelFree(v, label); }); rc != ZAVKM_OK)
+            return rc;
         X509ReqPtr req;
         if (Rc rc = readRequest(request, requestLength, req); rc != ZAVKM_OK) return rc;
         EVP_PKEY* publicKey = X509_REQ_get0_pubkey(req.get());
@@ -287,7 +286,10 @@ ZAVKM_ReturnCode ZAVKM_InsertReqKey(ZAVKM_KeyDbHandle handle, const char* label,
         row.keyBits = info.bits;
         if (Rc rc = sealKey(kdb, privateKey.get(), row.spki, row.privateKey); rc != ZAVKM_OK)
             return rc;
-        return inWriteTransaction(kdb, [&](sqlite3* db) { return insertRequest(db, row); });
+        return writeView(kdb, [&](View& v) -> Rc {
+            if (Rc rc = checkRequestLabelFree(v, label); rc != ZAVKM_OK) return rc;
+            return insertRequest(v, row);
+        });
     }, [&](TokenStore& t) -> Rc {
         if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
         PkeyPtr privateKey;

@@ -65,7 +65,7 @@ Rc secondaryCertificates(const TokenStore& t, std::vector<X509Ptr>& out) {
     if (!kdb) return ZAVKM_OK;
     std::lock_guard lock(kdb->mutex);
     std::vector<KeyRow> rows;
-    if (Rc rc = allKeys(kdb->db.get(), rows); rc != ZAVKM_OK) return rc;
+    if (Rc rc = readView(*kdb, [&](View& v) { return allKeys(v, rows); }); rc != ZAVKM_OK) return rc;
     for (const KeyRow& row : rows)
         if (X509Ptr cert = parseCertificate(row.cert.data(), row.cert.size())) out.push_back(std::move(cert));
     return ZAVKM_OK;
@@ -277,7 +277,7 @@ Rc tokenChainCandidates(TokenStore& t, std::vector<ChainCandidate>& out) {
     if (!kdb) return ZAVKM_OK;
     std::lock_guard lock(kdb->mutex);
     std::vector<KeyRow> rows;
-    if (Rc rc = allKeys(kdb->db.get(), rows); rc != ZAVKM_OK) return rc;
+    if (Rc rc = readView(*kdb, [&](View& v) { return allKeys(v, rows); }); rc != ZAVKM_OK) return rc;
     for (const KeyRow& r : rows)
         if (X509Ptr c = parseCertificate(r.cert.data(), r.cert.size()))
             out.push_back({std::move(c), r.trusted});
@@ -314,13 +314,13 @@ Rc requestFor(TokenStore& t, const std::vector<X509Ptr>& certs, std::string& lab
 
 // keepChain - adds the certificates of chain that the key database lacks as signer rows (not
 // trusted, labelled by their common name made unique), inside the caller's transaction.
-Rc keepChain(sqlite3* db, const std::vector<X509Ptr>& chain) {
+Rc keepChain(View& v, const std::vector<X509Ptr>& chain) {
     std::vector<KeyRow> rows;
-    if (Rc rc = allKeys(db, rows); rc != ZAVKM_OK) return rc;
+    if (Rc rc = allKeys(v, rows); rc != ZAVKM_OK) return rc;
     std::set<std::string> stored;  // the certificates it holds, as DER
     for (const KeyRow& r : rows) stored.emplace(r.cert.begin(), r.cert.end());
     std::vector<std::string> taken;
-    if (Rc rc = keyLabels(db, taken); rc != ZAVKM_OK) return rc;
+    if (Rc rc = keyLabels(v, taken); rc != ZAVKM_OK) return rc;
     std::set<std::string> labels(taken.begin(), taken.end());
     for (const X509Ptr& c : chain) {
         KeyRow row;
@@ -330,7 +330,7 @@ Rc keepChain(sqlite3* db, const std::vector<X509Ptr>& chain) {
         row.label = base;
         for (int n = 2; labels.count(row.label) != 0; ++n) row.label = base + " (" + std::to_string(n) + ")";
         labels.insert(row.label);
-        if (Rc rc = insertKey(db, row); rc != ZAVKM_OK) return rc;
+        if (Rc rc = insertKey(v, row); rc != ZAVKM_OK) return rc;
     }
     return ZAVKM_OK;
 }
@@ -354,13 +354,10 @@ Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length) {
     for (size_t i = 0; i < certs.size(); ++i)
         if (i != leaf) chain.push_back(std::move(certs[i]));
     std::lock_guard lock(kdb->mutex);
-    sqlite3* db = kdb->db.get();
-    WriteTransaction tx(db);
-    if (tx.beginCode() != SQLITE_OK) return sqlRc(db, tx.beginCode(), ZAVKM_ERR_DATABASE_WRITE);
-    if (Rc rc = keepChain(db, chain); rc != ZAVKM_OK) return rc;
-    if (Rc rc = toToken(); rc != ZAVKM_OK) return rc;
-    const int code = tx.commit();
-    return code == SQLITE_OK ? ZAVKM_OK : sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
+    return writeView(*kdb, [&](View& v) -> Rc {
+        if (Rc rc = keepChain(v, chain); rc != ZAVKM_OK) return rc;
+        return toToken();
+    });
 }
 
 Rc tokenStoreSigner(TokenStore& t, const uint8_t* der, uint32_t length, const char* label) {

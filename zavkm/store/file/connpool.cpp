@@ -15,7 +15,7 @@ namespace {
 constexpr size_t kMaxIdle = 8;
 
 struct Idle {
-    SqlitePtr db;
+    std::unique_ptr<Link> link;
     std::string path;
     struct stat st {};  // the file as it was when the connection was let go
 };
@@ -28,7 +28,10 @@ struct Pool {
     // A child process must not use, nor close, its parent's connections: they are dropped.
     void forgetAfterFork() {
         if (pid == ::getpid()) return;
-        for (Idle& i : idle) (void)i.db.release();
+        for (Idle& i : idle) {
+            for (auto& kept : i.link->statements) (void)kept.second.release();
+            (void)i.link->db.release();
+        }
         idle.clear();
         pid = ::getpid();
     }
@@ -48,20 +51,20 @@ bool sameFile(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// closeConnection - closes db, a connection to the file that had identity `was` at path. When
+// closeConnection - closes link, a connection to the file that had identity `was` at path. When
 // path now names another file (or none), the connection must not fold its log back nor delete
 // the log and index: those names belong to the other file now.
-void closeConnection(SqlitePtr& db, const std::string& path, const struct stat& was) {
-    if (!db) return;
+void closeConnection(std::unique_ptr<Link>& link, const std::string& path, const struct stat& was) {
+    if (!link) return;
     struct stat now {};
     if (::stat(path.c_str(), &now) != 0 || !sameFile(now, was))
-        sqlite3_db_config(db.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-    db.reset();
+        sqlite3_db_config(link->db.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    link.reset();
 }
 
 // retire - closes every connection of a list taken out of the pool (outside its lock).
 void retire(std::list<Idle>& entries) {
-    for (Idle& e : entries) closeConnection(e.db, e.path, e.st);
+    for (Idle& e : entries) closeConnection(e.link, e.path, e.st);
     entries.clear();
 }
 
@@ -70,24 +73,50 @@ bool unchanged(const struct stat& a, const struct stat& b) {
            a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
 }
 
-Rc openNew(const std::string& path, SqlitePtr& out) {
+// harden - the settings for a file that may come from someone else (see connpool.h).
+int harden(sqlite3* db) {
+    for (auto [option, value] : {std::pair{SQLITE_DBCONFIG_DEFENSIVE, 1},
+                                 std::pair{SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0},
+                                 std::pair{SQLITE_DBCONFIG_ENABLE_TRIGGER, 0},
+                                 std::pair{SQLITE_DBCONFIG_ENABLE_VIEW, 0},
+                                 std::pair{SQLITE_DBCONFIG_ENABLE_LOAD_EXTENSION, 0},
+                                 std::pair{SQLITE_DBCONFIG_DQS_DDL, 0},
+                                 std::pair{SQLITE_DBCONFIG_DQS_DML, 0}})
+        if (int code = sqlite3_db_config(db, option, value, nullptr); code != SQLITE_OK) return code;
+    for (auto [limit, value] : {std::pair{SQLITE_LIMIT_LENGTH, kMaxValueBytes},
+                                std::pair{SQLITE_LIMIT_SQL_LENGTH, 100000},
+                                std::pair{SQLITE_LIMIT_COLUMN, 100},
+                                std::pair{SQLITE_LIMIT_EXPR_DEPTH, 20},
+                                std::pair{SQLITE_LIMIT_COMPOUND_SELECT, 3},
+                                std::pair{SQLITE_LIMIT_VDBE_OP, 25000},
+                                std::pair{SQLITE_LIMIT_FUNCTION_ARG, 8},
+                                std::pair{SQLITE_LIMIT_ATTACHED, 0},
+                                std::pair{SQLITE_LIMIT_LIKE_PATTERN_LENGTH, 50},
+                                std::pair{SQLITE_LIMIT_VARIABLE_NUMBER, 32},
+                                std::pair{SQLITE_LIMIT_TRIGGER_DEPTH, 1}})
+        sqlite3_limit(db, limit, value);
+    return exec(db, "PRAGMA trusted_schema=OFF; PRAGMA cell_size_check=ON; PRAGMA mmap_size=0; "
+                    "PRAGMA synchronous=FULL;");
+}
+
+Rc openNew(const std::string& path, std::unique_ptr<Link>& out) {
     int flags = ::access(path.c_str(), W_OK) == 0 ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY;
+    auto link = std::make_unique<Link>();
     sqlite3* raw = nullptr;
     int code = sqlite3_open_v2(path.c_str(), &raw, flags | SQLITE_OPEN_NOMUTEX, nullptr);
-    SqlitePtr db(raw);
+    link->db.reset(raw);
     if (code != SQLITE_OK) return sqlRc(raw, code, ZAVKM_ERR_DATABASE_OPEN);
     sqlite3_extended_result_codes(raw, 1);
     sqlite3_busy_timeout(raw, kBusyTimeoutMs);
-    code = exec(raw, "PRAGMA synchronous=FULL; PRAGMA trusted_schema=OFF;");
-    if (code != SQLITE_OK) return sqlRc(raw, code, ZAVKM_ERR_DATABASE_OPEN);
-    out = std::move(db);
+    if ((code = harden(raw)) != SQLITE_OK) return sqlRc(raw, code, ZAVKM_ERR_DATABASE_OPEN);
+    out = std::move(link);
     return ZAVKM_OK;
 }
 
 }  // namespace
 
 Connection::Connection(Connection&& other) noexcept
-    : db_(std::move(other.db_)),
+    : link_(std::move(other.link_)),
       changesAtTake_(other.changesAtTake_),
       path_(std::move(other.path_)),
       dev_(other.dev_),
@@ -99,7 +128,7 @@ Connection::Connection(Connection&& other) noexcept
 Connection& Connection::operator=(Connection&& other) noexcept {
     if (this != &other) {
         giveBack();
-        db_ = std::move(other.db_);
+        link_ = std::move(other.link_);
         changesAtTake_ = other.changesAtTake_;
         path_ = std::move(other.path_);
         dev_ = other.dev_;
@@ -113,25 +142,25 @@ Connection& Connection::operator=(Connection&& other) noexcept {
 Connection::~Connection() { giveBack(); }
 
 void Connection::giveBack() noexcept {
-    if (!db_) return;
-    SqlitePtr db = std::move(db_);
+    if (!link_) return;
+    std::unique_ptr<Link> link = std::move(link_);
+    sqlite3* db = link->db.get();
     struct stat was {};
     was.st_dev = dev_;
     was.st_ino = ino_;
     try {
-        if (!reusable_ || sqlite3_get_autocommit(db.get()) == 0 ||
-            sqlite3_next_stmt(db.get(), nullptr) != nullptr) {
-            closeConnection(db, path_, was);
+        if (!reusable_ || sqlite3_get_autocommit(db) == 0 || !link->idle()) {
+            closeConnection(link, path_, was);
             return;
         }
-        if (sqlite3_total_changes64(db.get()) != changesAtTake_)
-            exec(db.get(), "PRAGMA wal_checkpoint(PASSIVE)");  // busy or not, the log is safe
+        if (sqlite3_total_changes64(db) != changesAtTake_)
+            exec(db, "PRAGMA wal_checkpoint(PASSIVE)");  // busy or not, the log is safe
         Idle entry;
         if (::stat(path_.c_str(), &entry.st) != 0 || !sameFile(entry.st, was)) {
-            closeConnection(db, path_, was);  // the file went away or was replaced
+            closeConnection(link, path_, was);  // the file went away or was replaced
             return;
         }
-        entry.db = std::move(db);
+        entry.link = std::move(link);
         entry.path = path_;
         std::list<Idle> evicted;
         {
@@ -144,7 +173,7 @@ void Connection::giveBack() noexcept {
         }
         retire(evicted);
     } catch (...) {
-        closeConnection(db, path_, was);
+        closeConnection(link, path_, was);
     }
 }
 
@@ -166,7 +195,7 @@ Rc takeConnection(const std::string& path, Connection& out) {
             }
             auto next = std::next(it);
             if (unchanged(it->st, now) && !c) {
-                c.db_ = std::move(it->db);
+                c.link_ = std::move(it->link);
                 p.idle.erase(it);
             } else {
                 stale.splice(stale.begin(), p.idle, it);
@@ -176,8 +205,8 @@ Rc takeConnection(const std::string& path, Connection& out) {
     }
     retire(stale);
     if (!c)
-        if (Rc rc = openNew(path, c.db_); rc != ZAVKM_OK) return rc;
-    c.changesAtTake_ = sqlite3_total_changes64(c.db_.get());
+        if (Rc rc = openNew(path, c.link_); rc != ZAVKM_OK) return rc;
+    c.changesAtTake_ = sqlite3_total_changes64(c.get());
     c.path_ = path;
     c.dev_ = now.st_dev;
     c.ino_ = now.st_ino;

@@ -7,10 +7,16 @@
 // An idle connection is used again only while the file is the same file (device and inode)
 // and has not been changed behind SQLite's back (size and modification time as when it was let
 // go); otherwise it is closed. ZAVKM_CleanAll and the end of the process close them all.
+//
+// Every connection is opened for a file that may have been written by someone else: SQLite's
+// defensive mode is on, the schema is not trusted (no function or virtual table runs from it),
+// triggers, views and extension loading are off, memory-mapped reads are off, cell sizes are
+// checked as pages are read, and the lengths SQLite accepts are bounded.
 #pragma once
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 
 #include "sql.h"
@@ -18,6 +24,7 @@
 namespace zavkm {
 
 inline constexpr int kBusyTimeoutMs = 60000;  // how long a writer waits for another
+inline constexpr int kMaxValueBytes = 64 << 20;  // the longest text or blob SQLite reads or writes
 
 // Connection - one connection to a key database file. Moved, never copied. On destruction it
 // goes back to the pool when it was marked reusable, is outside any transaction and the file is
@@ -32,8 +39,10 @@ class Connection {
     Connection& operator=(const Connection&) = delete;
     ~Connection();
 
-    sqlite3* get() const noexcept { return db_.get(); }
-    explicit operator bool() const noexcept { return static_cast<bool>(db_); }
+    sqlite3* get() const noexcept { return link_ ? link_->db.get() : nullptr; }
+    explicit operator bool() const noexcept { return static_cast<bool>(link_); }
+    // link - the connection with its kept statements; only on a connection that is there.
+    Link& link() const noexcept { return *link_; }
 
     // markReusable - the connection proved the file a sound key database; it may be pooled.
     void markReusable() noexcept { reusable_ = true; }
@@ -43,7 +52,7 @@ class Connection {
 
   private:
     friend Rc takeConnection(const std::string& path, Connection& out);
-    SqlitePtr db_;
+    std::unique_ptr<Link> link_;
     sqlite3_int64 changesAtTake_ = 0;  // to tell whether this use wrote to the file
     std::string path_;
     dev_t dev_ = 0;

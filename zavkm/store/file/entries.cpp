@@ -1,104 +1,168 @@
-// entries.cpp - reading and writing key database rows.
+// entries.cpp - reading and changing key database rows, each checked against the index.
 #include "entries.h"
 
+#include <algorithm>
+#include <bit>
 #include <cstring>
+#include <set>
 
-#include "rowmac.h"
-#include "x509records.h"
+#include "pages.h"
+#include "trace.h"
 
 namespace zavkm {
 namespace {
 
-// The columns of a row, then whether its MAC holds (column kKeySound / kRequestSound).
-std::string keyColumns() {
-    return "SELECT id, label, cert, spki, subject, key_type, key_bits, private_key, is_default, "
-           "trusted, " + keyRowMac() + " IS mac FROM keys ";
-}
-constexpr int kKeySound = 10;
-std::string requestColumns() {
-    return "SELECT id, label, request, spki, key_type, key_bits, private_key, " + requestRowMac() +
-           " IS mac FROM requests ";
-}
-constexpr int kRequestSound = 7;
+constexpr char kKeyHeadsAll[] =
+    "SELECT id, label, flags, key_type, key_bits, not_before, not_after, body_hash, mac FROM keys "
+    "INDEXED BY keys_heads ORDER BY id";
+constexpr char kRequestHeadsAll[] =
+    "SELECT id, label, key_type, key_bits, body_hash, mac FROM requests INDEXED BY "
+    "requests_heads ORDER BY id";
 
-KeyRow keyRow(const Stmt& s) {
-    KeyRow r;
-    r.id = s.integer(0);
-    r.label = s.text(1);
-    r.cert = s.blob(2);
-    r.spki = s.blob(3);
-    r.subject = s.blob(4);
-    r.keyType = static_cast<int32_t>(s.integer(5));
-    r.keyBits = static_cast<int32_t>(s.integer(6));
-    if (!s.isNull(7)) r.privateKey = s.blob(7);
-    r.isDefault = s.integer(8) != 0;
-    r.trusted = s.integer(9) != 0;
-    return r;
+Rc damage(const char* what, int64_t id) {
+    trace("key database row %lld: %s", static_cast<long long>(id), what);
+    return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
 }
 
-RequestRow requestRow(const Stmt& s) {
-    RequestRow r;
-    r.id = s.integer(0);
-    r.label = s.text(1);
-    r.request = s.blob(2);
-    r.spki = s.blob(3);
-    r.keyType = static_cast<int32_t>(s.integer(4));
-    r.keyBits = static_cast<int32_t>(s.integer(5));
-    r.privateKey = s.blob(6);
-    return r;
+// listedMac - whether mac is the one the index lists for row id of table.
+Rc listedMac(View& v, uint8_t table, int64_t id, const Mac& mac) {
+    std::optional<PageRecord> record;
+    if (Rc rc = findPage(v, table, pageOf(id), record); rc != ZAVKM_OK) return rc;
+    const Mac* listed = record ? record->macOf(id) : nullptr;
+    if (listed == nullptr) return damage("the index does not list it", id);
+    return sameMac(*listed, mac) ? ZAVKM_OK : damage("it is not the row the index lists", id);
 }
 
-// collect - steps s to its end, appending make(s) for each row; a row whose MAC fails (column
-// sound is 0) is left out, so it never serves as an issuer or trust anchor.
-template <class T, class Make>
-Rc collect(sqlite3* db, Stmt& s, std::vector<T>& out, Make make, int sound = -1) {
-    for (;;) {
-        int code = s.step();
-        if (code == SQLITE_DONE) return ZAVKM_OK;
-        if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_READ);
-        if (sound < 0 || s.integer(sound) != 0) out.push_back(make(s));
-    }
+// check - a stored row is the one the index lists: its large columns hold their hash and its
+// head the MAC listed for its id.
+template <class Stored>
+Rc check(View& v, uint8_t table, Stored& k) {
+    if (!bodyHolds(k)) return damage("its large columns do not match their hash", k.row.id);
+    Mac mac;
+    if (!rowMac(v.kdb.keys.row, headOf(k), mac.data())) return ZAVKM_ERR_CRYPTO;
+    return listedMac(v, table, k.row.id, mac);
 }
 
-// one - the first row of s; ZAVKM_ERR_DATABASE_KEY_INTEGRITY when its MAC fails.
-template <class T, class Make>
-Rc one(sqlite3* db, Stmt& s, std::optional<T>& out, Make make, int sound) {
+Rc keyById(View& v, int64_t id, std::optional<StoredKey>& out) {
     out.reset();
+    Stmt s(v.link, ZAVKM_KEY_COLUMNS "WHERE id = ?1");
+    s.bind(1, id);
     int code = s.step();
-    if (code == SQLITE_DONE) return ZAVKM_OK;
-    if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_READ);
-    if (s.integer(sound) == 0) return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
-    out = make(s);
+    if (code == SQLITE_ROW) out = storedKey(s);
+    return code == SQLITE_ROW || code == SQLITE_DONE ? ZAVKM_OK : sqlRc(v.db, code, ZAVKM_ERR_DATABASE_READ);
+}
+
+Rc requestById(View& v, int64_t id, std::optional<StoredRequest>& out) {
+    out.reset();
+    Stmt s(v.link, ZAVKM_REQUEST_COLUMNS "WHERE id = ?1");
+    s.bind(1, id);
+    int code = s.step();
+    if (code == SQLITE_ROW) out = storedRequest(s);
+    return code == SQLITE_ROW || code == SQLITE_DONE ? ZAVKM_OK : sqlRc(v.db, code, ZAVKM_ERR_DATABASE_READ);
+}
+
+Rc byId(View& v, int64_t id, std::optional<StoredKey>& out) { return keyById(v, id, out); }
+Rc byId(View& v, int64_t id, std::optional<StoredRequest>& out) { return requestById(v, id, out); }
+constexpr uint8_t tableOf(const StoredKey*) { return kKeysTable; }
+constexpr uint8_t tableOf(const StoredRequest*) { return kRequestsTable; }
+
+// fetchChecked - the rows of ids, each there and checked; keep(row) picks those wanted.
+template <class Stored, class Keep>
+Rc fetchChecked(View& v, const std::vector<int64_t>& ids, std::vector<Stored>& out, Keep keep) {
+    for (int64_t id : ids) {
+        std::optional<Stored> row;
+        if (Rc rc = byId(v, id, row); rc != ZAVKM_OK) return rc;
+        if (!row) return damage("listed by the index, but not there", id);
+        if (Rc rc = check(v, tableOf(&*row), *row); rc != ZAVKM_OK) return rc;
+        if (keep(row->row)) out.push_back(std::move(*row));
+    }
     return ZAVKM_OK;
 }
 
-Rc change(sqlite3* db, Stmt& s, bool mustHit) {
-    int code = s.step();
-    if ((code & 0xff) == SQLITE_CONSTRAINT) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
-    if (code != SQLITE_DONE) return sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
-    if (mustHit && sqlite3_changes(db) == 0) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+// byLabel - the checked row labelled label in one label space. Every row the index lists under
+// the label's tag must be there, and every row carrying the label must be listed.
+template <class Stored>
+Rc byLabel(View& v, Domain domain, const char* sql, const std::string& label, std::optional<Stored>& out) {
+    out.reset();
+    std::vector<int64_t> ids;
+    if (Rc rc = taggedIds(v, domain, label, ids); rc != ZAVKM_OK) return rc;
+    {
+        Stmt s(v.link, sql);
+        s.bind(1, label);
+        int code;
+        while ((code = s.step()) == SQLITE_ROW)
+            if (std::find(ids.begin(), ids.end(), s.integer(0)) == ids.end())
+                return damage("it carries a label the index does not list for it", s.integer(0));
+        if (code != SQLITE_DONE) return sqlRc(v.db, code, ZAVKM_ERR_DATABASE_READ);
+    }
+    std::vector<Stored> rows;
+    if (Rc rc = fetchChecked(v, ids, rows, [&](const auto& r) { return r.label == label; }); rc != ZAVKM_OK)
+        return rc;
+    if (rows.size() > 1) return damage("its label is listed twice", rows[1].row.id);
+    if (!rows.empty()) out = std::move(rows.front());
     return ZAVKM_OK;
 }
 
-Rc clearDefault(sqlite3* db) {
-    Stmt s(db, "UPDATE keys SET is_default = 0 WHERE is_default <> 0 AND " + keyRowMac() + " IS mac");
-    return change(db, s, false);
+KeyRow asKey(View& v, StoredKey&& k) {
+    k.row.isDefault = k.row.id == v.meta.defaultKey;
+    return std::move(k.row);
 }
 
-// changeSound - runs a change of one row that only touches rows whose MAC holds (a change would
-// seal a row anew); ZAVKM_ERR_DATABASE_KEY_INTEGRITY when the row is there but fails its MAC.
-Rc changeSound(sqlite3* db, Stmt& s, const char* table, const char* where, int64_t id,
-               const std::string& label) {
-    Rc rc = change(db, s, true);
-    if (rc != ZAVKM_ERR_KEY_GET_BY_LABEL) return rc;
-    Stmt there(db, std::string("SELECT count(*) FROM ") + table + " WHERE " + where);
-    if (id != 0)
-        there.bind(1, id);
-    else
-        there.bind(1, label);
-    int code = there.step();
-    if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_READ);
-    return there.integer(0) > 0 ? ZAVKM_ERR_DATABASE_KEY_INTEGRITY : rc;
+// touchPage - before the first change of a row in its page, the page's rows as they stand must
+// be what the index vouches for: the page is sealed anew at the commit, and must not vouch for
+// what someone else put there.
+Rc touchPage(View& v, uint8_t table, int64_t id) {
+    if (!v.write) return ZAVKM_ERR_DATABASE_WRITE;
+    const int64_t page = pageOf(id);
+    if (v.touchedPages.count({table, page}) != 0) return ZAVKM_OK;
+    std::optional<PageRecord> record;
+    if (Rc rc = findPage(v, table, page, record); rc != ZAVKM_OK) return rc;
+    PageRecord now;
+    if (Rc rc = sealPage(v, table, page, now); rc != ZAVKM_OK) return rc;
+    const bool same = record ? now.bitmap == record->bitmap && sameMac(now.digest, record->digest)
+                             : now.bitmap == 0;
+    if (!same) return damage("its page is not what the index vouches for", id);
+    v.touchedPages.insert({table, page});
+    return ZAVKM_OK;
+}
+
+// keyTags - the index entries of a key row: its label, public key and subject.
+Rc keyTags(View& v, const KeyRow& row, bool add) {
+    for (auto [domain, value] : {std::pair{kKeyLabel, std::string_view(row.label)},
+                                 std::pair{kKeySpki, asView(row.spki)},
+                                 std::pair{kKeySubject, asView(row.subject)}})
+        if (Rc rc = changeTag(v, domain, value, row.id, add); rc != ZAVKM_OK) return rc;
+    return ZAVKM_OK;
+}
+
+Rc requestTags(View& v, const RequestRow& row, bool add) {
+    if (Rc rc = changeTag(v, kRequestLabel, row.label, row.id, add); rc != ZAVKM_OK) return rc;
+    return changeTag(v, kRequestSpki, asView(row.spki), row.id, add);
+}
+
+Rc newId(View& v, int64_t& id) {
+    if (v.meta.nextId >= (int64_t{1} << 62)) return ZAVKM_ERR_DATABASE_WRITE;
+    id = v.meta.nextId++;
+    return ZAVKM_OK;
+}
+
+// labelsOf - the labels of one table, all of them sound.
+Rc labelsOf(View& v, uint8_t table, std::vector<std::string>& out) {
+    PageBook book;
+    if (Rc rc = loadPages(v, book); rc != ZAVKM_OK) return rc;
+    uint32_t damaged = 0;
+    Rc rc = scan<std::string>(
+        v, book, table, table == kKeysTable ? kKeyHeadsAll : kRequestHeadsAll,
+        [](const Stmt& s, PageRow&, std::string& label) { label = s.text(1); },
+        [&](std::string&& label, Verdict verdict, bool) {
+            if (verdict == Verdict::Sound) out.push_back(std::move(label));
+        },
+        [](int64_t) {}, damaged);
+    if (rc == ZAVKM_OK && damaged != 0) {
+        trace("%u damaged rows: the label list is refused", damaged);
+        return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
+    }
+    return rc;
 }
 
 }  // namespace
@@ -109,145 +173,286 @@ Rc checkLabel(const char* label) noexcept {
     return n >= 1 && n <= 255 ? ZAVKM_OK : ZAVKM_ERR_PARAMETER;
 }
 
-Rc checkRequestLabelFree(sqlite3* db, const std::string& label) {
-    Stmt s(db,
-           "SELECT (SELECT count(*) FROM keys WHERE label = ?1) + "
-           "(SELECT count(*) FROM requests WHERE label = ?1)");
-    s.bind(1, label);
-    int code = s.step();
-    if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_READ);
-    return s.integer(0) == 0 ? ZAVKM_OK : ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
+Rc findKey(View& v, const std::string& label, std::optional<KeyRow>& out) {
+    out.reset();
+    std::optional<StoredKey> k;
+    if (Rc rc = byLabel(v, kKeyLabel, ZAVKM_KEY_COLUMNS "WHERE label = ?1", label, k); rc != ZAVKM_OK)
+        return rc;
+    if (k) out = asKey(v, std::move(*k));
+    return ZAVKM_OK;
 }
 
-Rc findKey(sqlite3* db, const std::string& label, std::optional<KeyRow>& out) {
-    Stmt s(db, keyColumns() + "WHERE label = ?1");
-    s.bind(1, label);
-    return one(db, s, out, keyRow, kKeySound);
+Rc findRequest(View& v, const std::string& label, std::optional<RequestRow>& out) {
+    out.reset();
+    std::optional<StoredRequest> r;
+    if (Rc rc = byLabel(v, kRequestLabel, ZAVKM_REQUEST_COLUMNS "WHERE label = ?1", label, r);
+        rc != ZAVKM_OK)
+        return rc;
+    if (r) out = std::move(r->row);
+    return ZAVKM_OK;
 }
 
-Rc findDefaultKey(sqlite3* db, std::optional<KeyRow>& out) {
-    Stmt s(db, keyColumns() + "WHERE is_default <> 0 ORDER BY id LIMIT 1");
-    return one(db, s, out, keyRow, kKeySound);
+Rc findDefaultKey(View& v, std::optional<KeyRow>& out) {
+    out.reset();
+    if (v.meta.defaultKey == 0) return ZAVKM_OK;
+    std::vector<StoredKey> rows;
+    if (Rc rc = fetchChecked(v, {v.meta.defaultKey}, rows, [](const KeyRow&) { return true; });
+        rc != ZAVKM_OK)
+        return rc;
+    out = asKey(v, std::move(rows.front()));
+    return ZAVKM_OK;
 }
 
-Rc findKeysBySpki(sqlite3* db, const Bytes& spki, std::vector<KeyRow>& out) {
-    Stmt s(db, keyColumns() + "WHERE spki = ?1 ORDER BY id");
-    s.bind(1, spki);
-    return collect(db, s, out, keyRow, kKeySound);
+Rc findKeysBySpki(View& v, const Bytes& spki, std::vector<KeyRow>& out) {
+    out.clear();
+    std::vector<int64_t> ids;
+    if (Rc rc = taggedIds(v, kKeySpki, asView(spki), ids); rc != ZAVKM_OK) return rc;
+    std::vector<StoredKey> rows;
+    if (Rc rc = fetchChecked(v, ids, rows, [&](const KeyRow& r) { return r.spki == spki; }); rc != ZAVKM_OK)
+        return rc;
+    for (StoredKey& k : rows) out.push_back(asKey(v, std::move(k)));
+    return ZAVKM_OK;
 }
 
-Rc findKeysBySubject(sqlite3* db, const Bytes& subject, std::vector<KeyRow>& out) {
-    Stmt s(db, keyColumns() + "WHERE subject = ?1 ORDER BY id");
-    s.bind(1, subject);
-    return collect(db, s, out, keyRow, kKeySound);
+Rc findKeysBySubject(View& v, const Bytes& subject, std::vector<KeyRow>& out) {
+    out.clear();
+    std::vector<int64_t> ids;
+    if (Rc rc = taggedIds(v, kKeySubject, asView(subject), ids); rc != ZAVKM_OK) return rc;
+    std::vector<StoredKey> rows;
+    if (Rc rc = fetchChecked(v, ids, rows, [&](const KeyRow& r) { return r.subject == subject; });
+        rc != ZAVKM_OK)
+        return rc;
+    for (StoredKey& k : rows) out.push_back(asKey(v, std::move(k)));
+    return ZAVKM_OK;
 }
 
-Rc allKeys(sqlite3* db, std::vector<KeyRow>& out) {
-    Stmt s(db, keyColumns() + "ORDER BY id");
-    return collect(db, s, out, keyRow, kKeySound);
+Rc findRequestsBySpki(View& v, const Bytes& spki, std::vector<RequestRow>& out) {
+    out.clear();
+    std::vector<int64_t> ids;
+    if (Rc rc = taggedIds(v, kRequestSpki, asView(spki), ids); rc != ZAVKM_OK) return rc;
+    std::vector<StoredRequest> rows;
+    if (Rc rc = fetchChecked(v, ids, rows, [&](const RequestRow& r) { return r.spki == spki; });
+        rc != ZAVKM_OK)
+        return rc;
+    for (StoredRequest& r : rows) out.push_back(std::move(r.row));
+    return ZAVKM_OK;
 }
 
-Rc listEntries(sqlite3* db, std::vector<EntryRow>& out) {
-    Stmt keys(db, "SELECT label, private_key IS NULL, key_type, key_bits, is_default, trusted, cert "
-                  "FROM keys WHERE " + keyRowMac() + " IS mac ORDER BY id");
-    Rc rc = collect(db, keys, out, [](const Stmt& s) {
-        const auto* cert = static_cast<const uint8_t*>(sqlite3_column_blob(s.get(), 6));
-        const auto length = static_cast<size_t>(sqlite3_column_bytes(s.get(), 6));
-        return EntryRow{s.text(0), s.integer(1) != 0 ? 2 : 1, static_cast<int32_t>(s.integer(2)),
-                        static_cast<int32_t>(s.integer(3)), s.integer(4) != 0, s.integer(5) != 0,
-                        notAfterOf(cert, length)};
+Rc allKeys(View& v, std::vector<KeyRow>& out) {
+    out.clear();
+    PageBook book;
+    if (Rc rc = loadPages(v, book); rc != ZAVKM_OK) return rc;
+    uint32_t damaged = 0;
+    Rc rc = scan<StoredKey>(
+        v, book, kKeysTable, ZAVKM_KEY_COLUMNS "ORDER BY id",
+        [](const Stmt& s, PageRow& check, StoredKey& k) {
+            k = storedKey(s);
+            check.bodyOk = bodyHolds(k);
+        },
+        [&](StoredKey&& k, Verdict verdict, bool) {
+            if (verdict == Verdict::Sound) out.push_back(asKey(v, std::move(k)));
+        },
+        [](int64_t) {}, damaged);
+    if (rc == ZAVKM_OK && damaged != 0) {
+        trace("%u damaged key rows: every key is refused", damaged);
+        out.clear();
+        return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
+    }
+    return rc;
+}
+
+Rc listEntries(View& v, bool withDer, std::vector<EntryRow>& out, uint32_t& damaged) {
+    out.clear();
+    damaged = 0;
+    PageBook book;
+    if (Rc rc = loadPages(v, book); rc != ZAVKM_OK) return rc;
+    auto keep = [&](EntryRow&& e, Verdict verdict, bool) {
+        if (verdict == Verdict::Sound) out.push_back(std::move(e));
+    };
+    auto none = [](int64_t) {};
+    auto keyEntry = [&](const Stmt& s, EntryRow& e) {
+        e.rowId = s.integer(0);
+        e.label = s.text(1);
+        e.kind = (s.integer(2) & kPrivateKeyFlag) != 0 ? 1 : 2;
+        e.trusted = (s.integer(2) & kTrustedFlag) != 0;
+        e.isDefault = e.rowId == v.meta.defaultKey;
+        e.keyType = static_cast<int32_t>(s.integer(3));
+        e.keyBits = static_cast<int32_t>(s.integer(4));
+        e.notBefore = s.integer(5);
+        e.notAfter = s.integer(6);
+    };
+    auto requestEntry = [](const Stmt& s, EntryRow& e) {
+        e.rowId = s.integer(0);
+        e.label = s.text(1);
+        e.kind = 3;
+        e.keyType = static_cast<int32_t>(s.integer(2));
+        e.keyBits = static_cast<int32_t>(s.integer(3));
+    };
+    Rc rc;
+    if (withDer) {  // the large columns are read, so their hash is checked too
+        rc = scan<EntryRow>(v, book, kKeysTable, ZAVKM_KEY_COLUMNS "ORDER BY id",
+                            [&](const Stmt& s, PageRow& check, EntryRow& e) {
+                                keyEntry(s, e);
+                                const StoredKey k = storedKey(s);
+                                check.bodyOk = bodyHolds(k);
+                                e.der = k.row.cert;
+                            }, keep, none, damaged);
+        if (rc == ZAVKM_OK)
+            rc = scan<EntryRow>(v, book, kRequestsTable, ZAVKM_REQUEST_COLUMNS "ORDER BY id",
+                                [&](const Stmt& s, PageRow& check, EntryRow& e) {
+                                    requestEntry(s, e);
+                                    const StoredRequest r = storedRequest(s);
+                                    check.bodyOk = bodyHolds(r);
+                                    e.der = r.row.request;
+                                }, keep, none, damaged);
+    } else {
+        rc = scan<EntryRow>(v, book, kKeysTable, kKeyHeadsAll,
+                            [&](const Stmt& s, PageRow&, EntryRow& e) { keyEntry(s, e); }, keep, none, damaged);
+        if (rc == ZAVKM_OK)
+            rc = scan<EntryRow>(v, book, kRequestsTable, kRequestHeadsAll,
+                                [&](const Stmt& s, PageRow&, EntryRow& e) { requestEntry(s, e); }, keep,
+                                none, damaged);
+    }
+    if (damaged != 0) trace("listing: %u damaged rows left out", damaged);
+    return rc;
+}
+
+Rc keyLabels(View& v, std::vector<std::string>& out) {
+    out.clear();
+    return labelsOf(v, kKeysTable, out);
+}
+
+Rc requestLabels(View& v, std::vector<std::string>& out) {
+    out.clear();
+    return labelsOf(v, kRequestsTable, out);
+}
+
+Rc checkRequestLabelFree(View& v, const std::string& label) {
+    std::optional<KeyRow> key;
+    if (Rc rc = findKey(v, label, key); rc != ZAVKM_OK) return rc;
+    std::optional<RequestRow> request;
+    if (Rc rc = findRequest(v, label, request); rc != ZAVKM_OK) return rc;
+    return key || request ? ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL : ZAVKM_OK;
+}
+
+Rc insertKey(View& v, KeyRow& row) {
+    std::optional<KeyRow> taken;
+    if (Rc rc = findKey(v, row.label, taken); rc != ZAVKM_OK) return rc;
+    if (taken) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
+    if (Rc rc = validity(row.cert, row.notBefore, row.notAfter); rc != ZAVKM_OK) return rc;
+    if (Rc rc = newId(v, row.id); rc != ZAVKM_OK) return rc;
+    if (Rc rc = touchPage(v, kKeysTable, row.id); rc != ZAVKM_OK) return rc;
+    if (Rc rc = writeKey(v, v.kdb.keys.row, row, true); rc != ZAVKM_OK) return rc;
+    if (row.isDefault) v.meta.defaultKey = row.id;
+    return keyTags(v, row, true);
+}
+
+Rc insertRequest(View& v, RequestRow& row) {
+    std::optional<RequestRow> taken;
+    if (Rc rc = findRequest(v, row.label, taken); rc != ZAVKM_OK) return rc;
+    if (taken) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
+    if (Rc rc = newId(v, row.id); rc != ZAVKM_OK) return rc;
+    if (Rc rc = touchPage(v, kRequestsTable, row.id); rc != ZAVKM_OK) return rc;
+    if (Rc rc = writeRequest(v, v.kdb.keys.row, row, true); rc != ZAVKM_OK) return rc;
+    return requestTags(v, row, true);
+}
+
+Rc deleteKey(View& v, const std::string& label) {
+    std::optional<KeyRow> row;
+    if (Rc rc = findKey(v, label, row); rc != ZAVKM_OK) return rc;
+    if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    if (Rc rc = touchPage(v, kKeysTable, row->id); rc != ZAVKM_OK) return rc;
+    if (Rc rc = removeRow(v, kKeysTable, row->id); rc != ZAVKM_OK) return rc;
+    if (v.meta.defaultKey == row->id) v.meta.defaultKey = 0;
+    return keyTags(v, *row, false);
+}
+
+Rc deleteRequest(View& v, const std::string& label) {
+    std::optional<RequestRow> row;
+    if (Rc rc = findRequest(v, label, row); rc != ZAVKM_OK) return rc;
+    if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    if (Rc rc = touchPage(v, kRequestsTable, row->id); rc != ZAVKM_OK) return rc;
+    if (Rc rc = removeRow(v, kRequestsTable, row->id); rc != ZAVKM_OK) return rc;
+    return requestTags(v, *row, false);
+}
+
+Rc setDefaultKey(View& v, const std::string& label) {
+    std::optional<KeyRow> row;
+    if (Rc rc = findKey(v, label, row); rc != ZAVKM_OK) return rc;
+    if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    v.meta.defaultKey = row->id;
+    return ZAVKM_OK;
+}
+
+Rc setTrusted(View& v, const std::string& label, bool trusted) {
+    std::optional<KeyRow> row;
+    if (Rc rc = findKey(v, label, row); rc != ZAVKM_OK) return rc;
+    if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    if (Rc rc = touchPage(v, kKeysTable, row->id); rc != ZAVKM_OK) return rc;
+    row->trusted = trusted;
+    return writeKey(v, v.kdb.keys.row, *row, false);
+}
+
+Rc replaceCertificate(View& v, const KeyRow& old, const Bytes& cert, const Bytes& subject) {
+    if (Rc rc = touchPage(v, kKeysTable, old.id); rc != ZAVKM_OK) return rc;
+    KeyRow row = old;
+    row.cert = cert;
+    row.subject = subject;
+    if (Rc rc = validity(row.cert, row.notBefore, row.notAfter); rc != ZAVKM_OK) return rc;
+    if (Rc rc = writeKey(v, v.kdb.keys.row, row, false); rc != ZAVKM_OK) return rc;
+    if (subject == old.subject) return ZAVKM_OK;
+    if (Rc rc = changeTag(v, kKeySubject, asView(old.subject), row.id, false); rc != ZAVKM_OK) return rc;
+    return changeTag(v, kKeySubject, asView(row.subject), row.id, true);
+}
+
+Rc updateRequest(View& v, const RequestRow& old, const Bytes& request) {
+    if (Rc rc = touchPage(v, kRequestsTable, old.id); rc != ZAVKM_OK) return rc;
+    RequestRow row = old;
+    row.request = request;
+    return writeRequest(v, v.kdb.keys.row, row, false);
+}
+
+Rc renameEntry(View& v, const std::string& label, const std::string& newLabel) {
+    if (Rc rc = checkLabel(newLabel.c_str()); rc != ZAVKM_OK) return rc;
+    if (newLabel.size() != std::strlen(newLabel.c_str())) return ZAVKM_ERR_PARAMETER;
+    std::optional<KeyRow> key;
+    if (Rc rc = findKey(v, label, key); rc != ZAVKM_OK) return rc;
+    std::optional<RequestRow> request;
+    if (!key)
+        if (Rc rc = findRequest(v, label, request); rc != ZAVKM_OK) return rc;
+    if (!key && !request) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    if (newLabel == label) return ZAVKM_OK;
+    // Either space's new label must be free in both: a key under a request's label would keep
+    // the request from ever receiving its certificate.
+    if (Rc rc = checkRequestLabelFree(v, newLabel); rc != ZAVKM_OK) return rc;
+    const uint8_t table = key ? kKeysTable : kRequestsTable;
+    const int64_t id = key ? key->id : request->id;
+    const Domain domain = key ? kKeyLabel : kRequestLabel;
+    if (Rc rc = touchPage(v, table, id); rc != ZAVKM_OK) return rc;
+    Rc rc = ZAVKM_OK;
+    if (key) {
+        key->label = newLabel;
+        rc = writeKey(v, v.kdb.keys.row, *key, false);
+    } else {
+        request->label = newLabel;
+        rc = writeRequest(v, v.kdb.keys.row, *request, false);
+    }
+    if (rc == ZAVKM_OK) rc = changeTag(v, domain, label, id, false);
+    if (rc == ZAVKM_OK) rc = changeTag(v, domain, newLabel, id, true);
+    return rc;
+}
+
+Rc commitChange(View& v) {
+    return guarded([&]() -> Rc {
+        if (v.status() != ZAVKM_OK) return v.status();
+        for (auto [table, page] : v.touchedPages) {
+            PageRecord record;
+            if (Rc rc = sealPage(v, table, page, record); rc != ZAVKM_OK) return rc;
+            if (Rc rc = putPage(v, record); rc != ZAVKM_OK) return rc;
+        }
+        v.touchedPages.clear();
+        return v.finish();
     });
-    if (rc != ZAVKM_OK) return rc;
-    Stmt requests(db, "SELECT label, key_type, key_bits FROM requests WHERE " + requestRowMac() +
-                          " IS mac ORDER BY id");
-    return collect(db, requests, out, [](const Stmt& s) {
-        return EntryRow{s.text(0), 3, static_cast<int32_t>(s.integer(1)),
-                        static_cast<int32_t>(s.integer(2)), false, false, {}};
-    });
-}
-
-Rc findRequest(sqlite3* db, const std::string& label, std::optional<RequestRow>& out) {
-    Stmt s(db, requestColumns() + "WHERE label = ?1");
-    s.bind(1, label);
-    return one(db, s, out, requestRow, kRequestSound);
-}
-
-Rc findRequestsBySpki(sqlite3* db, const Bytes& spki, std::vector<RequestRow>& out) {
-    Stmt s(db, requestColumns() + "WHERE spki = ?1 ORDER BY id");
-    s.bind(1, spki);
-    return collect(db, s, out, requestRow, kRequestSound);
-}
-
-Rc keyLabels(sqlite3* db, std::vector<std::string>& out) {
-    Stmt s(db, "SELECT label FROM keys WHERE " + keyRowMac() + " IS mac ORDER BY id");
-    return collect(db, s, out, [](const Stmt& st) { return st.text(0); });
-}
-
-Rc requestLabels(sqlite3* db, std::vector<std::string>& out) {
-    Stmt s(db, "SELECT label FROM requests WHERE " + requestRowMac() + " IS mac ORDER BY id");
-    return collect(db, s, out, [](const Stmt& st) { return st.text(0); });
-}
-
-Rc insertKey(sqlite3* db, const KeyRow& row) {
-    if (row.isDefault)
-        if (Rc rc = clearDefault(db); rc != ZAVKM_OK) return rc;
-    Stmt s(db,
-           "INSERT INTO keys(label, cert, spki, subject, key_type, key_bits, private_key, "
-           "is_default, trusted) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)");
-    s.bind(1, row.label).bind(2, row.cert).bind(3, row.spki).bind(4, row.subject);
-    s.bind(5, int64_t{row.keyType}).bind(6, int64_t{row.keyBits});
-    if (row.privateKey.empty())
-        s.bindNull(7);
-    else
-        s.bind(7, row.privateKey);
-    s.bind(8, int64_t{row.isDefault ? 1 : 0}).bind(9, int64_t{row.trusted ? 1 : 0});
-    return change(db, s, false);
-}
-
-Rc insertRequest(sqlite3* db, const RequestRow& row) {
-    Stmt s(db,
-           "INSERT INTO requests(label, request, spki, key_type, key_bits, private_key) "
-           "VALUES(?1, ?2, ?3, ?4, ?5, ?6)");
-    s.bind(1, row.label).bind(2, row.request).bind(3, row.spki);
-    s.bind(4, int64_t{row.keyType}).bind(5, int64_t{row.keyBits}).bind(6, row.privateKey);
-    return change(db, s, false);
-}
-
-Rc deleteKey(sqlite3* db, const std::string& label) {
-    Stmt s(db, "DELETE FROM keys WHERE label = ?1");
-    s.bind(1, label);
-    return change(db, s, true);
-}
-
-Rc deleteRequest(sqlite3* db, const std::string& label) {
-    Stmt s(db, "DELETE FROM requests WHERE label = ?1");
-    s.bind(1, label);
-    return change(db, s, true);
-}
-
-Rc setDefaultKey(sqlite3* db, const std::string& label) {
-    if (Rc rc = clearDefault(db); rc != ZAVKM_OK) return rc;
-    Stmt s(db, "UPDATE keys SET is_default = 1 WHERE label = ?1 AND " + keyRowMac() + " IS mac");
-    s.bind(1, label);
-    return changeSound(db, s, "keys", "label = ?1", 0, label);
-}
-
-Rc setTrusted(sqlite3* db, const std::string& label, bool trusted) {
-    Stmt s(db, "UPDATE keys SET trusted = ?2 WHERE label = ?1 AND " + keyRowMac() + " IS mac");
-    s.bind(1, label).bind(2, int64_t{trusted ? 1 : 0});
-    return changeSound(db, s, "keys", "label = ?1", 0, label);
-}
-
-Rc replaceCertificate(sqlite3* db, int64_t id, const Bytes& cert, const Bytes& subject) {
-    Stmt s(db, "UPDATE keys SET cert = ?2, subject = ?3 WHERE id = ?1 AND " + keyRowMac() + " IS mac");
-    s.bind(1, id).bind(2, cert).bind(3, subject);
-    return changeSound(db, s, "keys", "id = ?1", id, {});
-}
-
-Rc updateRequest(sqlite3* db, int64_t id, const Bytes& request) {
-    Stmt s(db, "UPDATE requests SET request = ?2 WHERE id = ?1 AND " + requestRowMac() + " IS mac");
-    s.bind(1, id).bind(2, request);
-    return changeSound(db, s, "requests", "id = ?1", id, {});
 }
 
 }  // namespace zavkm

@@ -1,4 +1,4 @@
-// keydb.cpp - creating, opening and re-keying key database files.
+// keydb.cpp - creating, opening and re-keying key database files; their schema and meta row.
 #include "keydb.h"
 
 #include <fcntl.h>
@@ -6,12 +6,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <ctime>
 
+#include "entries.h"
 #include "files.h"
 #include "ossl.h"
-#include "rowmac.h"
 #include "stash.h"
 #include "trace.h"
 
@@ -19,73 +18,72 @@ namespace zavkm {
 namespace {
 
 constexpr char kKdfName[] = "pbkdf2-hmac-sha256";
-constexpr char kDataKeyAad[] = "zavkm/data-key/v1";
-constexpr char kPrivateKeyAad[] = "zavkm/private-key/v1:";
+constexpr char kDataKeyAad[] = "zavkm/data-key/v3:";
+constexpr char kPrivateKeyAad[] = "zavkm/private-key/v3:";
+constexpr uint32_t kMaxKdfIterations = 10000000;  // more would burn minutes at every open
 
-constexpr char kSchema[] = R"sql(
-CREATE TABLE meta(
-  id INTEGER PRIMARY KEY CHECK (id = 1),
-  kdf TEXT NOT NULL,
-  kdf_salt BLOB NOT NULL,
-  kdf_iterations INTEGER NOT NULL,
-  wrapped_data_key BLOB NOT NULL,
-  password_time INTEGER NOT NULL,
-  expire_seconds INTEGER NOT NULL,
-  meta_check BLOB NOT NULL);
-CREATE TABLE keys(
-  id INTEGER PRIMARY KEY,
-  label TEXT NOT NULL UNIQUE,
-  cert BLOB NOT NULL,
-  spki BLOB NOT NULL,
-  subject BLOB NOT NULL,
-  key_type INTEGER NOT NULL,
-  key_bits INTEGER NOT NULL,
-  private_key BLOB,
-  is_default INTEGER NOT NULL DEFAULT 0,
-  trusted INTEGER NOT NULL DEFAULT 0,
-  mac BLOB);
-CREATE INDEX keys_spki ON keys(spki);
-CREATE INDEX keys_labels ON keys(id, label);
-CREATE INDEX keys_subject ON keys(subject);
-CREATE TABLE requests(
-  id INTEGER PRIMARY KEY,
-  label TEXT NOT NULL UNIQUE,
-  request BLOB NOT NULL,
-  spki BLOB NOT NULL,
-  key_type INTEGER NOT NULL,
-  key_bits INTEGER NOT NULL,
-  private_key BLOB NOT NULL,
-  mac BLOB);
-CREATE INDEX requests_spki ON requests(spki);
-CREATE INDEX requests_labels ON requests(id, label);
-)sql";
-
-// Meta - the meta row.
-struct Meta {
-    KdfParams kdf;
-    Bytes wrapped;
-    int64_t passwordTime = 0;
-    int64_t expireSeconds = 0;
-    Bytes check;
+// The schema: each object's SQL text exactly as SQLite keeps it in sqlite_master.
+struct SchemaObject {
+    const char* type;
+    const char* name;
+    const char* table;
+    const char* sql;
 };
-
-void put64(Bytes& out, int64_t v) {
-    for (int i = 7; i >= 0; --i)
-        out.push_back(static_cast<uint8_t>(static_cast<uint64_t>(v) >> (8 * i)));
-}
-
-// metaCheck - SHA-256 over the meta fields, telling a damaged meta row from a wrong password.
-Bytes metaCheck(const Meta& m) {
-    Bytes in(kKdfName, kKdfName + sizeof kKdfName);
-    put64(in, m.kdf.iterations);
-    put64(in, static_cast<int64_t>(m.kdf.salt.size()));
-    in.insert(in.end(), m.kdf.salt.begin(), m.kdf.salt.end());
-    put64(in, static_cast<int64_t>(m.wrapped.size()));
-    in.insert(in.end(), m.wrapped.begin(), m.wrapped.end());
-    put64(in, m.passwordTime);
-    put64(in, m.expireSeconds);
-    return sha256(in.data(), in.size());
-}
+constexpr SchemaObject kSchema[] = {
+    {"table", "meta", "meta",
+     "CREATE TABLE meta(\n"
+     "  id INTEGER PRIMARY KEY CHECK (id = 1),\n"
+     "  file_id BLOB NOT NULL,\n"
+     "  generation INTEGER NOT NULL,\n"
+     "  kdf TEXT NOT NULL,\n"
+     "  kdf_salt BLOB NOT NULL,\n"
+     "  kdf_iterations INTEGER NOT NULL,\n"
+     "  wrapped_data_key BLOB NOT NULL,\n"
+     "  password_time INTEGER NOT NULL,\n"
+     "  expire_seconds INTEGER NOT NULL,\n"
+     "  default_key INTEGER NOT NULL,\n"
+     "  next_id INTEGER NOT NULL,\n"
+     "  tag_root BLOB NOT NULL,\n"
+     "  page_root BLOB NOT NULL,\n"
+     "  mac BLOB NOT NULL)"},
+    {"table", "keys", "keys",
+     "CREATE TABLE keys(\n"
+     "  id INTEGER PRIMARY KEY,\n"
+     "  label TEXT NOT NULL,\n"
+     "  flags INTEGER NOT NULL,\n"
+     "  key_type INTEGER NOT NULL,\n"
+     "  key_bits INTEGER NOT NULL,\n"
+     "  not_before INTEGER NOT NULL,\n"
+     "  not_after INTEGER NOT NULL,\n"
+     "  body_hash BLOB NOT NULL,\n"
+     "  mac BLOB NOT NULL,\n"
+     "  cert BLOB NOT NULL,\n"
+     "  spki BLOB NOT NULL,\n"
+     "  subject BLOB NOT NULL,\n"
+     "  private_key BLOB)"},
+    {"index", "keys_heads", "keys",
+     "CREATE INDEX keys_heads ON keys(id, label, flags, key_type, key_bits, not_before, "
+     "not_after, body_hash, mac)"},
+    {"index", "keys_label", "keys", "CREATE INDEX keys_label ON keys(label)"},
+    {"table", "requests", "requests",
+     "CREATE TABLE requests(\n"
+     "  id INTEGER PRIMARY KEY,\n"
+     "  label TEXT NOT NULL,\n"
+     "  key_type INTEGER NOT NULL,\n"
+     "  key_bits INTEGER NOT NULL,\n"
+     "  body_hash BLOB NOT NULL,\n"
+     "  mac BLOB NOT NULL,\n"
+     "  request BLOB NOT NULL,\n"
+     "  spki BLOB NOT NULL,\n"
+     "  private_key BLOB NOT NULL)"},
+    {"index", "requests_heads", "requests",
+     "CREATE INDEX requests_heads ON requests(id, label, key_type, key_bits, body_hash, mac)"},
+    {"index", "requests_label", "requests", "CREATE INDEX requests_label ON requests(label)"},
+    {"table", "nodes", "nodes",
+     "CREATE TABLE nodes(\n"
+     "  id INTEGER PRIMARY KEY,\n"
+     "  data BLOB NOT NULL)"},
+};
 
 int64_t now() { return static_cast<int64_t>(std::time(nullptr)); }
 
@@ -97,59 +95,32 @@ uint32_t be32(const uint8_t* p) {
     return (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
 }
 
-// openConnection - a configured connection to an existing file, pooled or new.
-Rc openConnection(const std::string& name, Connection& out) { return takeConnection(name, out); }
-
-Rc readMeta(sqlite3* db, Meta& m) {
-    Stmt s(db,
-           "SELECT kdf, kdf_salt, kdf_iterations, wrapped_data_key, password_time, "
-           "expire_seconds, meta_check FROM meta WHERE id = 1");
-    int code = s.step();
-    if (code == SQLITE_DONE) return ZAVKM_ERR_DATABASE_CORRUPTION;
-    if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_CORRUPTION);
-    if (s.text(0) != kKdfName) return ZAVKM_ERR_DATABASE_INVALID_VERSION;
-    m.kdf.salt = s.blob(1);
-    int64_t iterations = s.integer(2);
-    m.wrapped = s.blob(3);
-    m.passwordTime = s.integer(4);
-    m.expireSeconds = s.integer(5);
-    m.check = s.blob(6);
-    if (iterations <= 0 || iterations > 0x7fffffff) return ZAVKM_ERR_DATABASE_CORRUPTION;
-    m.kdf.iterations = static_cast<uint32_t>(iterations);
-    if (m.check != metaCheck(m)) return ZAVKM_ERR_DATABASE_CORRUPTION;
-    return ZAVKM_OK;
+std::string_view view(const SecretBytes& b) {
+    return {reinterpret_cast<const char*>(b.data()), b.size()};
 }
 
-Rc writeMeta(sqlite3* db, Meta& m, bool insert) {
-    m.check = metaCheck(m);
-    Stmt s(db, insert ? "INSERT INTO meta(kdf, kdf_salt, kdf_iterations, wrapped_data_key, "
-                        "password_time, expire_seconds, meta_check, id) "
-                        "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, 1)"
-                      : "UPDATE meta SET kdf = ?1, kdf_salt = ?2, kdf_iterations = ?3, "
-                        "wrapped_data_key = ?4, password_time = ?5, expire_seconds = ?6, "
-                        "meta_check = ?7 WHERE id = 1");
-    s.bind(1, std::string_view(kKdfName))
-        .bind(2, m.kdf.salt)
-        .bind(3, int64_t{m.kdf.iterations})
-        .bind(4, m.wrapped)
-        .bind(5, m.passwordTime)
-        .bind(6, m.expireSeconds)
-        .bind(7, m.check);
-    int code = s.step();
-    if (code != SQLITE_DONE) return sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
-    return sqlite3_changes(db) == 1 ? ZAVKM_OK : ZAVKM_ERR_DATABASE_CORRUPTION;
+// dataKeyAad - the additional data of the wrapped data key: the file and the KDF parameters, so
+// that changed parameters fail the unwrap.
+std::string dataKeyAad(const Meta& m) {
+    Bytes aad;
+    Encoder e{aad};
+    e.raw(kDataKeyAad, sizeof kDataKeyAad - 1).field(m.fileId).field(std::string_view(kKdfName));
+    e.u32(m.kdf.iterations).field(m.kdf.salt);
+    return std::string(aad.begin(), aad.end());
 }
 
 // unlockDataKey - derives (or finds in the cache) the master key for password and unwraps the
-// data key; a tag failure is a wrong password. A proven key enters the cache. A stashed key
-// for the file's salt and count is tried first, in place of the derivation.
+// data key; a tag failure is a wrong password, or KDF parameters changed behind the library. A
+// proven key enters the cache. A stashed key for the file's salt and count is tried first, in
+// place of the derivation.
 Rc unlockDataKey(const Meta& m, std::string_view password, SecretBytes& master,
                  SecretBytes& dataKey, const Stash* stash = nullptr) {
+    const std::string aad = dataKeyAad(m);
     if (stash != nullptr && stash->master.size() == kKeySize && stash->kdf.salt == m.kdf.salt &&
         stash->kdf.iterations == m.kdf.iterations) {
         SecretBytes kek;
         if (wrappingKey(stash->master, kek) == ZAVKM_OK &&
-            openGcm(kek, m.wrapped.data(), m.wrapped.size(), kDataKeyAad, dataKey) == ZAVKM_OK &&
+            openGcm(kek, m.wrapped.data(), m.wrapped.size(), aad, dataKey) == ZAVKM_OK &&
             dataKey.size() == kKeySize) {
             master = stash->master;
             cacheMaster(m.kdf, password, master);
@@ -162,8 +133,11 @@ Rc unlockDataKey(const Meta& m, std::string_view password, SecretBytes& master,
     if (Rc rc = deriveMaster(m.kdf, password, master, fromCache); rc != ZAVKM_OK) return rc;
     SecretBytes kek;
     if (Rc rc = wrappingKey(master, kek); rc != ZAVKM_OK) return rc;
-    Rc rc = openGcm(kek, m.wrapped.data(), m.wrapped.size(), kDataKeyAad, dataKey);
-    if (rc == ZAVKM_ERR_DATABASE_KEY_INTEGRITY) return ZAVKM_ERR_DATABASE_INVALID_PASSWORD;
+    Rc rc = openGcm(kek, m.wrapped.data(), m.wrapped.size(), aad, dataKey);
+    if (rc == ZAVKM_ERR_DATABASE_KEY_INTEGRITY) {
+        trace("the data key does not unwrap: a wrong password, or KDF parameters changed");
+        return ZAVKM_ERR_DATABASE_INVALID_PASSWORD;
+    }
     if (rc != ZAVKM_OK) return rc;
     if (dataKey.size() != kKeySize) return ZAVKM_ERR_DATABASE_CORRUPTION;
     if (!fromCache) cacheMaster(m.kdf, password, master);
@@ -171,7 +145,8 @@ Rc unlockDataKey(const Meta& m, std::string_view password, SecretBytes& master,
     return ZAVKM_OK;
 }
 
-// wrapDataKey - fills m.kdf (new salt) and m.wrapped for dataKey under password.
+// wrapDataKey - fills m.kdf (new salt) and m.wrapped for dataKey under password; m.fileId must
+// be set.
 Rc wrapDataKey(const SecretBytes& dataKey, std::string_view password, Meta& m,
                SecretBytes& master) {
     m.kdf.salt.assign(kKdfSaltSize, 0);
@@ -181,57 +156,39 @@ Rc wrapDataKey(const SecretBytes& dataKey, std::string_view password, Meta& m,
     if (Rc rc = deriveMaster(m.kdf, password, master, fromCache); rc != ZAVKM_OK) return rc;
     SecretBytes kek;
     if (Rc rc = wrappingKey(master, kek); rc != ZAVKM_OK) return rc;
-    return sealGcm(kek, dataKey.data(), dataKey.size(), kDataKeyAad, m.wrapped);
+    return sealGcm(kek, dataKey.data(), dataKey.size(), dataKeyAad(m), m.wrapped);
 }
 
-// addRowMacs - brings a database from before row MACs to the current schema in one
-// transaction: the mac columns, every row's MAC (it vouches for the rows as they are now), the
-// version. Another process may have done it first.
-Rc addRowMacs(sqlite3* db) {
-    WriteTransaction tx(db);
-    if (tx.beginCode() != SQLITE_OK) return sqlRc(db, tx.beginCode(), ZAVKM_ERR_DATABASE_WRITE);
-    Stmt ver(db, "PRAGMA user_version");
-    int code = ver.step();
-    if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_READ);
-    if (ver.integer(0) != 1) return ZAVKM_OK;
-    const std::string sql = "ALTER TABLE keys ADD COLUMN mac BLOB; "
-                            "ALTER TABLE requests ADD COLUMN mac BLOB; PRAGMA user_version=" +
-                            std::to_string(kSchemaVersion);
-    if ((code = exec(db, sql.c_str())) != SQLITE_OK) return sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
-    if (Rc rc = sealAllRows(db); rc != ZAVKM_OK) return rc;
-    if ((code = tx.commit()) != SQLITE_OK) return sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
-    trace("key database given row MACs");
+// unlock - makes the handle's keys those of m's data key, unwrapped with the handle's password
+// (or the stash's key).
+Rc unlock(KeyDb& kdb, const Meta& m, const Stash* stash) {
+    SecretBytes master, dataKey;
+    if (Rc rc = unlockDataKey(m, view(kdb.password), master, dataKey, stash); rc != ZAVKM_OK)
+        return rc;
+    RowKeys keys;
+    if (Rc rc = deriveRowKeys(dataKey, m.fileId, keys); rc != ZAVKM_OK) return rc;
+    kdb.master = std::move(master);
+    kdb.dataKey = std::move(dataKey);
+    kdb.keys = std::move(keys);
+    kdb.kdf = m.kdf;
+    kdb.wrapped = m.wrapped;
+    kdb.fileId = m.fileId;
+    kdb.passwordExpiry = m.expireSeconds > 0 ? m.passwordTime + m.expireSeconds : 0;
     return ZAVKM_OK;
 }
 
-// checkSchema - application id and schema version of an open connection; version receives the
-// version, which may be 1 (before row MACs, migrated by the open).
-Rc checkSchema(sqlite3* db, int64_t& version) {
-    Stmt app(db, "PRAGMA application_id");
-    int code = app.step();
-    if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_CORRUPTION);
-    if (app.integer(0) != kApplicationId) return ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE;
-    Stmt ver(db, "PRAGMA user_version");
-    code = ver.step();
-    if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_CORRUPTION);
-    version = ver.integer(0);
-    if (version == 0) return ZAVKM_ERR_DATABASE_CORRUPTION;
-    if (version != kSchemaVersion && version != 1) return ZAVKM_ERR_DATABASE_INVALID_VERSION;
-    return ZAVKM_OK;
+// metaMac - the MAC of m under the meta key.
+Rc metaMac(KeyDb& kdb, const Meta& m, Bytes& mac) {
+    mac.assign(kHashSize, 0);
+    const Bytes form = encodeMeta(m);
+    return kdb.keys.meta.add(form).finish(mac.data(), kHashSize) ? ZAVKM_OK : ZAVKM_ERR_CRYPTO;
 }
 
-// resolvePassword - the password given, else the stash's (with the key it holds, if any).
-Rc resolvePassword(const std::string& fileName, std::string_view password, Stash& out) {
-    if (!password.empty()) {
-        out = Stash{SecretBytes(reinterpret_cast<const uint8_t*>(password.data()), password.size()), {}, {}};
-        return ZAVKM_OK;
-    }
-    Rc rc = readStash(fileName, out);
-    return rc == ZAVKM_ERR_PWDFILE_NOT_EXIST ? ZAVKM_ERR_DATABASE_INVALID_PASSWORD : rc;
-}
-
-std::string_view view(const SecretBytes& b) {
-    return {reinterpret_cast<const char*>(b.data()), b.size()};
+// checkedForm - meta with its MAC, as the handle remembers the one that last held.
+Bytes checkedForm(const Meta& m) {
+    Bytes form = encodeMeta(m);
+    form.insert(form.end(), m.mac.begin(), m.mac.end());
+    return form;
 }
 
 // checkHeader - the file behind an open connection is a key database by its first 100 bytes
@@ -263,6 +220,36 @@ Rc checkHeader(sqlite3* db) {
     return ZAVKM_OK;
 }
 
+// checkVersion - the application id and format number of an open connection: a file of
+// another format than this library's, older or newer, is not read.
+Rc checkVersion(Link& link) {
+    Stmt app(link, "PRAGMA application_id");
+    int code = app.step();
+    if (code != SQLITE_ROW) return sqlRc(link.db.get(), code, ZAVKM_ERR_DATABASE_CORRUPTION);
+    if (app.integer(0) != kApplicationId) return ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE;
+    Stmt ver(link, "PRAGMA user_version");
+    code = ver.step();
+    if (code != SQLITE_ROW) return sqlRc(link.db.get(), code, ZAVKM_ERR_DATABASE_CORRUPTION);
+    const int64_t version = ver.integer(0);
+    if (version == 0) return ZAVKM_ERR_DATABASE_CORRUPTION;
+    if (version != kSchemaVersion) {
+        trace("key database format %lld is not read (this library reads %d)",
+              static_cast<long long>(version), kSchemaVersion);
+        return ZAVKM_ERR_DATABASE_INVALID_VERSION;
+    }
+    return ZAVKM_OK;
+}
+
+// resolvePassword - the password given, else the stash's (with the key it holds, if any).
+Rc resolvePassword(const std::string& fileName, std::string_view password, Stash& out) {
+    if (!password.empty()) {
+        out = Stash{SecretBytes(reinterpret_cast<const uint8_t*>(password.data()), password.size()), {}, {}};
+        return ZAVKM_OK;
+    }
+    Rc rc = readStash(fileName, out);
+    return rc == ZAVKM_ERR_PWDFILE_NOT_EXIST ? ZAVKM_ERR_DATABASE_INVALID_PASSWORD : rc;
+}
+
 // statKeyDbFile - ZAVKM_ERR_KEYDB_NOT_EXIST for a missing file, and no directories or devices.
 Rc statKeyDbFile(const char* fileName) {
     if (isEmpty(fileName)) return ZAVKM_ERR_FILENAME_NULL;
@@ -274,13 +261,181 @@ Rc statKeyDbFile(const char* fileName) {
     return ZAVKM_OK;
 }
 
+// insertMeta - the first meta row of a new file.
+Rc insertMeta(KeyDb& kdb, Link& link, Meta& m) {
+    Stmt s(link.db.get(),
+           "INSERT INTO meta(id, file_id, generation, kdf, kdf_salt, kdf_iterations, "
+           "wrapped_data_key, password_time, expire_seconds, default_key, next_id, tag_root, "
+           "page_root, mac) VALUES(1, ?1, 0, ?2, ?3, ?4, ?5, 0, 0, 0, 1, zeroblob(32), "
+           "zeroblob(32), zeroblob(32))");
+    s.bind(1, m.fileId).bind(2, std::string_view(kKdfName)).bind(3, m.kdf.salt);
+    s.bind(4, int64_t{m.kdf.iterations}).bind(5, m.wrapped);
+    if (int code = s.step(); code != SQLITE_DONE) return sqlRc(link.db.get(), code, ZAVKM_ERR_DATABASE_CREATE);
+    return writeMeta(kdb, link, m);
+}
+
+// createSchema - the tables, indexes and version numbers of a new file.
+int createSchema(sqlite3* db) {
+    for (const SchemaObject& o : kSchema)
+        if (int code = exec(db, o.sql); code != SQLITE_OK) return code;
+    const std::string pragmas = "PRAGMA application_id=" + std::to_string(kApplicationId) +
+                                "; PRAGMA user_version=" + std::to_string(kSchemaVersion);
+    return exec(db, pragmas.c_str());
+}
+
+// reseal - the change of a password: every row and the index rebuilt under the keys of
+// dataKey, the meta row rewrapped, all in the write view v.
+Rc reseal(KeyDb& kdb, View& v, const SecretBytes& dataKey, const Meta& fresh,
+          int32_t expireSeconds) {
+    RowKeys keys;
+    if (Rc rc = deriveRowKeys(dataKey, kdb.fileId, keys); rc != ZAVKM_OK) return rc;
+    KeyDb next;  // the handle's secrets once the change is made
+    next.dataKey = dataKey;
+    next.fileId = kdb.fileId;
+    next.keys = std::move(keys);
+    Rebuild plan;
+    plan.to = &next;
+    if (Rc rc = rebuild(v, plan); rc != ZAVKM_OK) return rc;
+    v.meta.kdf = fresh.kdf;
+    v.meta.wrapped = fresh.wrapped;
+    v.meta.passwordTime = now();
+    v.meta.expireSeconds = expireSeconds > 0 ? expireSeconds : 0;
+    kdb.dataKey = std::move(next.dataKey);
+    kdb.keys = std::move(next.keys);
+    kdb.kdf = fresh.kdf;
+    kdb.wrapped = fresh.wrapped;
+    return v.finish();
+}
+
 }  // namespace
+
+Bytes encodeMeta(const Meta& m) {
+    Bytes out;
+    Encoder e{out};
+    e.field(std::string_view("zavkm meta v3")).u32(kSchemaVersion).field(m.fileId);
+    e.u64(static_cast<uint64_t>(m.generation)).field(std::string_view(kKdfName));
+    e.field(m.kdf.salt).u32(m.kdf.iterations).field(m.wrapped);
+    e.u64(static_cast<uint64_t>(m.passwordTime)).u64(static_cast<uint64_t>(m.expireSeconds));
+    e.u64(static_cast<uint64_t>(m.defaultKey)).u64(static_cast<uint64_t>(m.nextId));
+    e.raw(m.tagRoot.data(), kHashSize).raw(m.pageRoot.data(), kHashSize);
+    return out;
+}
+
+Rc checkSchema(Link& link) noexcept {
+    return guarded([&]() -> Rc {
+        sqlite3* db = link.db.get();
+        Stmt cookie(link, "PRAGMA schema_version");
+        int code = cookie.step();
+        if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_CORRUPTION);
+        const int64_t now = cookie.integer(0);
+        if (now == link.checkedCookie) return ZAVKM_OK;
+        Stmt s(link, "SELECT type, name, tbl_name, sql FROM sqlite_master ORDER BY name");
+        size_t at = 0;
+        constexpr size_t count = sizeof kSchema / sizeof kSchema[0];
+        bool same = true;
+        while ((code = s.step()) == SQLITE_ROW) {
+            // kSchema is in the order of the names.
+            const SchemaObject* want = nullptr;
+            for (const SchemaObject& o : kSchema)
+                if (s.view(1) == o.name) want = &o;
+            same = same && want != nullptr && s.view(0) == want->type && s.view(2) == want->table &&
+                   !s.isNull(3) && s.view(3) == want->sql;
+            ++at;
+        }
+        if (code != SQLITE_DONE) return sqlRc(db, code, ZAVKM_ERR_DATABASE_CORRUPTION);
+        if (!same || at != count) {
+            trace("key database schema is not the library's: %zu objects", at);
+            return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
+        }
+        link.checkedCookie = now;
+        return ZAVKM_OK;
+    });
+}
+
+Rc readMeta(Link& link, Meta& m) noexcept {
+    return guarded([&]() -> Rc {
+        sqlite3* db = link.db.get();
+        Stmt s(link,
+               "SELECT file_id, generation, kdf, kdf_salt, kdf_iterations, wrapped_data_key, "
+               "password_time, expire_seconds, default_key, next_id, tag_root, page_root, mac "
+               "FROM meta WHERE id = 1");
+        int code = s.step();
+        if (code == SQLITE_DONE) return ZAVKM_ERR_DATABASE_CORRUPTION;
+        if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_CORRUPTION);
+        if (s.view(2) != kKdfName) return ZAVKM_ERR_DATABASE_INVALID_VERSION;
+        m.fileId = s.blob(0);
+        m.generation = s.integer(1);
+        m.kdf.salt = s.blob(3);
+        const int64_t iterations = s.integer(4);
+        m.wrapped = s.blob(5);
+        m.passwordTime = s.integer(6);
+        m.expireSeconds = s.integer(7);
+        m.defaultKey = s.integer(8);
+        m.nextId = s.integer(9);
+        const Bytes tagRoot = s.blob(10), pageRoot = s.blob(11);
+        m.mac = s.blob(12);
+        if (m.fileId.size() != kFileIdSize || m.kdf.salt.size() != kKdfSaltSize ||
+            iterations <= 0 || iterations > kMaxKdfIterations ||
+            m.wrapped.size() != kGcmNonceSize + kKeySize + kGcmTagSize ||
+            tagRoot.size() != kHashSize || pageRoot.size() != kHashSize ||
+            m.mac.size() != kHashSize || m.generation < 0 || m.nextId < 1 || m.defaultKey < 0 ||
+            m.expireSeconds < 0)
+            return ZAVKM_ERR_DATABASE_CORRUPTION;
+        m.kdf.iterations = static_cast<uint32_t>(iterations);
+        std::memcpy(m.tagRoot.data(), tagRoot.data(), kHashSize);
+        std::memcpy(m.pageRoot.data(), pageRoot.data(), kHashSize);
+        return ZAVKM_OK;
+    });
+}
+
+Rc acceptMeta(KeyDb& kdb, const Meta& m) noexcept {
+    return guarded([&]() -> Rc {
+        Bytes form = checkedForm(m);
+        if (form == kdb.checkedMeta) return ZAVKM_OK;
+        if (m.fileId != kdb.fileId || m.wrapped != kdb.wrapped || m.kdf.salt != kdb.kdf.salt ||
+            m.kdf.iterations != kdb.kdf.iterations) {
+            trace("key database re-keyed since the handle was opened");
+            if (Rc rc = unlock(kdb, m, nullptr); rc != ZAVKM_OK) return rc;
+        }
+        Bytes mac;
+        if (Rc rc = metaMac(kdb, m, mac); rc != ZAVKM_OK) return rc;
+        if (CRYPTO_memcmp(mac.data(), m.mac.data(), kHashSize) != 0) {
+            trace("key database meta fails its MAC");
+            return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
+        }
+        kdb.passwordExpiry = m.expireSeconds > 0 ? m.passwordTime + m.expireSeconds : 0;
+        kdb.checkedMeta = std::move(form);
+        return ZAVKM_OK;
+    });
+}
+
+Rc writeMeta(KeyDb& kdb, Link& link, Meta& m) noexcept {
+    return guarded([&]() -> Rc {
+        if (Rc rc = metaMac(kdb, m, m.mac); rc != ZAVKM_OK) return rc;
+        Stmt s(link,
+               "UPDATE meta SET file_id = ?1, generation = ?2, kdf = ?3, kdf_salt = ?4, "
+               "kdf_iterations = ?5, wrapped_data_key = ?6, password_time = ?7, "
+               "expire_seconds = ?8, default_key = ?9, next_id = ?10, tag_root = ?11, "
+               "page_root = ?12, mac = ?13 WHERE id = 1");
+        s.bind(1, m.fileId).bind(2, m.generation).bind(3, std::string_view(kKdfName));
+        s.bind(4, m.kdf.salt).bind(5, int64_t{m.kdf.iterations}).bind(6, m.wrapped);
+        s.bind(7, m.passwordTime).bind(8, m.expireSeconds).bind(9, m.defaultKey);
+        s.bind(10, m.nextId).bind(11, m.tagRoot.data(), kHashSize);
+        s.bind(12, m.pageRoot.data(), kHashSize).bind(13, m.mac);
+        sqlite3* db = link.db.get();
+        int code = s.step();
+        if (code != SQLITE_DONE) return sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
+        if (sqlite3_changes(db) != 1) return ZAVKM_ERR_DATABASE_CORRUPTION;
+        kdb.checkedMeta = checkedForm(m);  // true of these bytes whether or not they commit
+        return ZAVKM_OK;
+    });
+}
 
 Rc probeKeyDbFile(const char* fileName) noexcept {
     return guarded([&]() -> Rc {
         if (Rc rc = statKeyDbFile(fileName); rc != ZAVKM_OK) return rc;
         Connection db;
-        if (Rc rc = openConnection(fileName, db); rc != ZAVKM_OK) return rc;
+        if (Rc rc = takeConnection(fileName, db); rc != ZAVKM_OK) return rc;
         Rc rc = checkHeader(db.get());
         if (rc == ZAVKM_OK) db.markReusable();
         return rc;
@@ -308,40 +463,36 @@ Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSe
 
         auto kdb = std::make_unique<KeyDb>();
         kdb->fileName = name;
+        kdb->password = SecretBytes(reinterpret_cast<const uint8_t*>(password.data()), password.size());
         Rc rc = modeOk ? ZAVKM_OK : ZAVKM_ERR_DATABASE_CREATE;
         Meta m;
         if (rc == ZAVKM_OK) {
             kdb->dataKey = SecretBytes(kKeySize);
+            m.fileId.assign(kFileIdSize, 0);
             rc = randomBytes(kdb->dataKey.data(), kdb->dataKey.size());
+            if (rc == ZAVKM_OK) rc = randomBytes(m.fileId.data(), m.fileId.size());
         }
         if (rc == ZAVKM_OK) rc = wrapDataKey(kdb->dataKey, password, m, kdb->master);
-        if (rc == ZAVKM_OK) rc = openConnection(name, kdb->db);
+        if (rc == ZAVKM_OK) rc = deriveRowKeys(kdb->dataKey, m.fileId, kdb->keys);
+        if (rc == ZAVKM_OK) rc = takeConnection(name, kdb->db);
         if (rc == ZAVKM_OK) {
             sqlite3* db = kdb->db.get();
             int code = exec(db, "PRAGMA journal_mode=WAL");
             WriteTransaction tx(db);
             if (code == SQLITE_OK) code = tx.beginCode();
-            if (code == SQLITE_OK) code = exec(db, kSchema);
-            if (code == SQLITE_OK) {
-                std::string pragmas = "PRAGMA application_id=" + std::to_string(kApplicationId) +
-                                      "; PRAGMA user_version=" + std::to_string(kSchemaVersion);
-                code = exec(db, pragmas.c_str());
-            }
+            if (code == SQLITE_OK) code = createSchema(db);
             if (code != SQLITE_OK) rc = sqlRc(db, code, ZAVKM_ERR_DATABASE_CREATE);
-            if (rc == ZAVKM_OK) {
-                m.passwordTime = now();
-                m.expireSeconds = expireSeconds > 0 ? expireSeconds : 0;
-                rc = writeMeta(db, m, true);
-            }
+            m.passwordTime = now();
+            m.expireSeconds = expireSeconds > 0 ? expireSeconds : 0;
+            if (rc == ZAVKM_OK) rc = insertMeta(*kdb, kdb->db.link(), m);
             if (rc == ZAVKM_OK && (code = tx.commit()) != SQLITE_OK)
                 rc = sqlRc(db, code, ZAVKM_ERR_DATABASE_CREATE);
             // The new file holds its header, schema and password record by itself.
         }
-        if (rc == ZAVKM_OK) rc = armRowMacs(kdb->db.get(), kdb->dataKey);
         kdb->kdf = m.kdf;
+        kdb->wrapped = m.wrapped;
+        kdb->fileId = m.fileId;
         kdb->passwordExpiry = m.expireSeconds > 0 ? m.passwordTime + m.expireSeconds : 0;
-        kdb->password =
-            SecretBytes(reinterpret_cast<const uint8_t*>(password.data()), password.size());
         if (rc == ZAVKM_OK && fill) rc = fill(*kdb);
         if (rc == ZAVKM_OK) {
             sqlite3* db = kdb->db.get();
@@ -353,8 +504,7 @@ Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSe
         if (rc == ZAVKM_OK) rc = publishNewFile(name, final);
         if (rc == ZAVKM_OK) {
             kdb->fileName = final;
-            rc = openConnection(final, kdb->db);
-            if (rc == ZAVKM_OK) rc = armRowMacs(kdb->db.get(), kdb->dataKey);
+            rc = takeConnection(final, kdb->db);
             if (rc != ZAVKM_OK) removeFileSet(final);
         }
         if (rc != ZAVKM_OK) {
@@ -375,33 +525,26 @@ Rc openKeyDb(const char* fileName, std::string_view password, bool checkExpiry,
         if (Rc rc = statKeyDbFile(fileName); rc != ZAVKM_OK) return rc;
         auto kdb = std::make_unique<KeyDb>();
         kdb->fileName = fileName;
-        if (Rc rc = openConnection(kdb->fileName, kdb->db); rc != ZAVKM_OK) return rc;
-        sqlite3* db = kdb->db.get();
-        if (Rc rc = checkHeader(db); rc != ZAVKM_OK) return rc;
+        if (Rc rc = takeConnection(kdb->fileName, kdb->db); rc != ZAVKM_OK) return rc;
+        Link& link = kdb->db.link();
+        if (Rc rc = checkHeader(link.db.get()); rc != ZAVKM_OK) return rc;
         Stash secret;
         if (Rc rc = resolvePassword(kdb->fileName, password, secret); rc != ZAVKM_OK) return rc;
+        kdb->password = std::move(secret.password);
         Meta m;
-        int64_t version = 0;
         {
-            ReadTransaction tx(db);
+            ReadTransaction tx(link.db.get());
             if (tx.beginCode() != SQLITE_OK)
-                return sqlRc(db, tx.beginCode(), ZAVKM_ERR_DATABASE_OPEN);
-            if (Rc rc = checkSchema(db, version); rc != ZAVKM_OK) return rc;
-            if (Rc rc = readMeta(db, m); rc != ZAVKM_OK) return rc;
+                return sqlRc(link.db.get(), tx.beginCode(), ZAVKM_ERR_DATABASE_OPEN);
+            if (Rc rc = checkVersion(link); rc != ZAVKM_OK) return rc;
+            if (Rc rc = checkSchema(link); rc != ZAVKM_OK) return rc;
+            if (Rc rc = readMeta(link, m); rc != ZAVKM_OK) return rc;
         }
-        kdb->db.markReusable();  // a sound key database, whatever the password turns out
-        if (Rc rc = unlockDataKey(m, view(secret.password), kdb->master, kdb->dataKey, &secret);
-            rc != ZAVKM_OK)
-            return rc;
-        if (Rc rc = armRowMacs(db, kdb->dataKey); rc != ZAVKM_OK) return rc;
-        if (version == 1)
-            if (Rc rc = addRowMacs(db); rc != ZAVKM_OK) return rc;
+        kdb->db.markReusable();  // the key database's own schema, whatever the password turns out
+        if (Rc rc = unlock(*kdb, m, &secret); rc != ZAVKM_OK) return rc;
+        if (Rc rc = acceptMeta(*kdb, m); rc != ZAVKM_OK) return rc;
         if (checkExpiry && m.expireSeconds > 0 && now() >= m.passwordTime + m.expireSeconds)
             return ZAVKM_ERR_PASSWORD_EXPIRATION_TIME;
-        kdb->kdf = m.kdf;
-        kdb->wrapped = m.wrapped;
-        kdb->passwordExpiry = m.expireSeconds > 0 ? m.passwordTime + m.expireSeconds : 0;
-        kdb->password = std::move(secret.password);
         out = std::move(kdb);
         return ZAVKM_OK;
     });
@@ -414,32 +557,21 @@ Rc changeKeyDbPassword(const char* fileName, std::string_view oldPassword,
         if (newPassword == oldPassword) return ZAVKM_ERR_PASSWORD_CHANGE_MATCH;
         std::unique_ptr<KeyDb> kdb;
         if (Rc rc = openKeyDb(fileName, oldPassword, false, kdb); rc != ZAVKM_OK) return rc;
-        Stash old;
-        if (Rc rc = resolvePassword(kdb->fileName, oldPassword, old); rc != ZAVKM_OK) return rc;
-        oldPassword = view(old.password);
         // The new password's key derivation runs before the write lock is taken, so other
-        // writers do not wait for it; the data key it wraps never changes.
+        // writers do not wait for it.
         Meta fresh;
+        fresh.fileId = kdb->fileId;
         fresh.kdf.iterations = kdb->kdf.iterations;
-        SecretBytes master;
-        if (Rc rc = wrapDataKey(kdb->dataKey, newPassword, fresh, master); rc != ZAVKM_OK) return rc;
-        sqlite3* db = kdb->db.get();
-        WriteTransaction tx(db);
-        if (tx.beginCode() != SQLITE_OK) return sqlRc(db, tx.beginCode(), ZAVKM_ERR_DATABASE_WRITE);
-        Meta m;  // read again under the write lock: another writer may have re-keyed it
-        if (Rc rc = readMeta(db, m); rc != ZAVKM_OK) return rc;
-        if (m.kdf.salt != kdb->kdf.salt || m.wrapped != kdb->wrapped) {
-            SecretBytes oldMaster, dataKey;  // then the old password must still open it
-            if (Rc rc = unlockDataKey(m, oldPassword, oldMaster, dataKey); rc != ZAVKM_OK) return rc;
-        }
-        m.kdf = fresh.kdf;
-        m.wrapped = fresh.wrapped;
-        m.passwordTime = now();
-        m.expireSeconds = expireSeconds > 0 ? expireSeconds : 0;
-        if (Rc rc = writeMeta(db, m, false); rc != ZAVKM_OK) return rc;
-        if (int code = tx.commit(); code != SQLITE_OK)
-            return sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
-        cacheMaster(m.kdf, newPassword, master);
+        SecretBytes dataKey(kKeySize), master;
+        if (Rc rc = randomBytes(dataKey.data(), dataKey.size()); rc != ZAVKM_OK) return rc;
+        if (Rc rc = wrapDataKey(dataKey, newPassword, fresh, master); rc != ZAVKM_OK) return rc;
+        // Under the write lock the meta row is read again: another writer may have changed the
+        // file, or its password (then the old password must still open it).
+        View v(*kdb, true);
+        if (v.status() != ZAVKM_OK) return v.status();
+        if (Rc rc = reseal(*kdb, v, dataKey, fresh, expireSeconds); rc != ZAVKM_OK) return rc;
+        cacheMaster(fresh.kdf, newPassword, master);
+        trace("key database re-keyed under a new password");
         return ZAVKM_OK;
     });
 }
@@ -448,6 +580,7 @@ Rc sealPrivateKey(const KeyDb& kdb, const SecretBytes& pkcs8, const Bytes& spki,
                   Bytes& sealed) noexcept {
     return guarded([&]() -> Rc {
         std::string aad(kPrivateKeyAad);
+        aad.append(kdb.fileId.begin(), kdb.fileId.end());
         aad.append(reinterpret_cast<const char*>(spki.data()), spki.size());
         return sealGcm(kdb.dataKey, pkcs8.data(), pkcs8.size(), aad, sealed);
     });
@@ -457,6 +590,7 @@ Rc openPrivateKey(const KeyDb& kdb, const Bytes& sealed, const Bytes& spki,
                   SecretBytes& pkcs8) noexcept {
     return guarded([&]() -> Rc {
         std::string aad(kPrivateKeyAad);
+        aad.append(kdb.fileId.begin(), kdb.fileId.end());
         aad.append(reinterpret_cast<const char*>(spki.data()), spki.size());
         return openGcm(kdb.dataKey, sealed.data(), sealed.size(), aad, pkcs8);
     });

@@ -8,7 +8,7 @@
 
 namespace zavkm {
 
-Rc chainOf(sqlite3* db, X509Ptr cert, std::vector<X509Ptr>& chain) {
+Rc chainOf(View& v, X509Ptr cert, std::vector<X509Ptr>& chain) {
     chain.clear();
     chain.push_back(std::move(cert));
     while (chain.size() < 16) {
@@ -16,7 +16,7 @@ Rc chainOf(sqlite3* db, X509Ptr cert, std::vector<X509Ptr>& chain) {
         if (isSelfSigned(last)) break;
         std::vector<KeyRow> candidates;
         Bytes issuerName = derOf(X509_get_issuer_name(last));
-        if (Rc rc = findKeysBySubject(db, issuerName, candidates); rc != ZAVKM_OK) return rc;
+        if (Rc rc = findKeysBySubject(v, issuerName, candidates); rc != ZAVKM_OK) return rc;
         X509Ptr next;
         for (const KeyRow& row : candidates) {
             X509Ptr candidate = cachedCertificate(row.cert);
@@ -58,7 +58,8 @@ Rc epkiOf(const KeyDb& kdb, const Bytes& sealed, const Bytes& spki, EPKIPtr& out
 
 }  // namespace
 
-Rc keyItemOf(const KeyDb& kdb, const KeyRow& row, KeyItemPtr& out) {
+Rc keyItemOf(View& v, const KeyRow& row, KeyItemPtr& out) {
+    const KeyDb& kdb = v.kdb;
     KeyItemPtr item(newRecord<ZAVKM_KeyItem>());
     item->shortValue1 = row.keyType;
     item->label = copyText(row.label);
@@ -76,7 +77,7 @@ Rc keyItemOf(const KeyDb& kdb, const KeyRow& row, KeyItemPtr& out) {
     X509Ptr cert = cachedCertificate(row.cert);
     if (!cert) return ZAVKM_ERR_DATABASE_CORRUPTION;
     std::vector<X509Ptr> chain;
-    if (Rc rc = chainOf(kdb.db.get(), std::move(cert), chain); rc != ZAVKM_OK) return rc;
+    if (Rc rc = chainOf(v, std::move(cert), chain); rc != ZAVKM_OK) return rc;
     CertItemListPtr list;
     if (Rc rc = certListRecord(chain, list); rc != ZAVKM_OK) return rc;
     item->certList = list.release();

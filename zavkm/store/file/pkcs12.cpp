@@ -65,16 +65,15 @@ struct ExportEntry {
     std::vector<X509Ptr> chain;  // the certificate first
 };
 
-Rc collectEntries(const KeyDb& kdb, const std::vector<std::string>& labels,
-                  std::vector<ExportEntry>& out) {
-    sqlite3* db = kdb.db.get();
+Rc collectEntries(View& v, const std::vector<std::string>& labels, std::vector<ExportEntry>& out) {
+    const KeyDb& kdb = v.kdb;
     std::vector<KeyRow> rows;
-    if (labels.empty()) {
-        if (Rc rc = allKeys(db, rows); rc != ZAVKM_OK) return rc;
+    if (labels.empty()) {  // every key, or 20 when a row is damaged: no backup silently short
+        if (Rc rc = allKeys(v, rows); rc != ZAVKM_OK) return rc;
     } else {
         for (const std::string& label : labels) {
             std::optional<KeyRow> row;
-            if (Rc rc = findKey(db, label, row); rc != ZAVKM_OK) return rc;
+            if (Rc rc = findKey(v, label, row); rc != ZAVKM_OK) return rc;
             if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
             rows.push_back(std::move(*row));
         }
@@ -87,7 +86,7 @@ Rc collectEntries(const KeyDb& kdb, const std::vector<std::string>& labels,
         if (!row.privateKey.empty()) {
             if (Rc rc = privateKeyOf(kdb, row.privateKey, row.spki, e.key); rc != ZAVKM_OK)
                 return rc;
-            if (Rc rc = chainOf(db, std::move(cert), e.chain); rc != ZAVKM_OK) return rc;
+            if (Rc rc = chainOf(v, std::move(cert), e.chain); rc != ZAVKM_OK) return rc;
         } else {
             e.chain.push_back(std::move(cert));
         }
@@ -411,14 +410,14 @@ struct Planner {
     }
 };
 
-Rc plan(const KeyDb& kdb, Reader& in, Planner& out) {
-    sqlite3* db = kdb.db.get();
+Rc plan(View& v, Reader& in, Planner& out) {
+    const KeyDb& kdb = v.kdb;
     std::vector<std::string> existing;
-    if (Rc rc = keyLabels(db, existing); rc != ZAVKM_OK) return rc;
+    if (Rc rc = keyLabels(v, existing); rc != ZAVKM_OK) return rc;
     out.taken.insert(existing.begin(), existing.end());
     std::set<std::string> stored;  // certificates the database holds already (DER)
     std::vector<KeyRow> all;
-    if (Rc rc = allKeys(db, all); rc != ZAVKM_OK) return rc;
+    if (Rc rc = allKeys(v, all); rc != ZAVKM_OK) return rc;
     for (const KeyRow& r : all) stored.insert(asKey(r.cert));
 
     for (FoundKey& k : in.keys) {  // each key with its certificate
@@ -502,16 +501,15 @@ Rc pkcs12NeedsPassword(const char* fileName, bool& needed) noexcept {
     });
 }
 
-Rc exportPkcs12(const KeyDb& kdb, const std::vector<std::string>& labels, const char* fileName,
+Rc exportPkcs12(KeyDb& kdb, const std::vector<std::string>& labels, const char* fileName,
                 const char* password) noexcept {
     return guarded([&]() -> Rc {
         if (isEmpty(fileName)) return ZAVKM_ERR_FILENAME_NULL;
         if (isEmpty(password)) return ZAVKM_ERR_PWD_TOO_SHORT;
         std::vector<ExportEntry> entries;
-        {
-            ReadTransaction tx(kdb.db.get());
-            if (Rc rc = collectEntries(kdb, labels, entries); rc != ZAVKM_OK) return rc;
-        }
+        if (Rc rc = readView(kdb, [&](View& v) { return collectEntries(v, labels, entries); });
+            rc != ZAVKM_OK)
+            return rc;
         Bytes der;
         if (Rc rc = buildPkcs12(entries, password, der); rc != ZAVKM_OK) return rc;
         trace("PKCS#12 written: %zu entries", entries.size());
@@ -527,15 +525,15 @@ Rc importPkcs12(KeyDb& kdb, const char* fileName, const char* password) noexcept
         in.password = password;
         in.passwordLength = static_cast<int>(std::strlen(password));
         if (Rc rc = in.read(data); rc != ZAVKM_OK) return rc;
-        sqlite3* db = kdb.db.get();
-        WriteTransaction tx(db);
-        if (tx.beginCode() != SQLITE_OK) return sqlRc(db, tx.beginCode(), ZAVKM_ERR_DATABASE_WRITE);
         Planner out;
-        if (Rc rc = plan(kdb, in, out); rc != ZAVKM_OK) return rc;
-        for (const KeyRow& row : out.rows)
-            if (Rc rc = insertKey(db, row); rc != ZAVKM_OK) return rc;
-        if (int code = tx.commit(); code != SQLITE_OK)
-            return sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
+        if (Rc rc = writeView(kdb, [&](View& v) -> Rc {
+                if (Rc planned = plan(v, in, out); planned != ZAVKM_OK) return planned;
+                for (KeyRow& row : out.rows)
+                    if (Rc added = insertKey(v, row); added != ZAVKM_OK) return added;
+                return ZAVKM_OK;
+            });
+            rc != ZAVKM_OK)
+            return rc;
         trace("PKCS#12 imported: %zu entries", out.rows.size());
         return ZAVKM_OK;
     });

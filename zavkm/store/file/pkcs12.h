@@ -31,8 +31,9 @@ Rc pkcs12NeedsPassword(const char* fileName, bool& needed) noexcept;
 
 // exportPkcs12 - writes the entries named by labels (empty: every personal key and signer
 // certificate) to fileName (mode 0600, atomically). ZAVKM_ERR_KEY_GET_BY_LABEL for a label
-// that is not there.
-Rc exportPkcs12(const KeyDb& kdb, const std::vector<std::string>& labels, const char* fileName,
+// that is not there; ZAVKM_ERR_DATABASE_KEY_INTEGRITY when a row it would export (any key row,
+// for every entry) is damaged.
+Rc exportPkcs12(KeyDb& kdb, const std::vector<std::string>& labels, const char* fileName,
                 const char* password) noexcept;
 
 // importPkcs12 - adds every key (with its certificate) and every further certificate of the

@@ -43,54 +43,99 @@ Rc sqlRc(sqlite3* db, int code, Rc fallback) noexcept {
     return rc;
 }
 
+Link::~Link() {
+    statements.clear();  // finalized before the connection closes
+}
+
+sqlite3_stmt* Link::prepared(const char* sql, int* code) {
+    for (auto& [text, stmt] : statements)
+        if (text == sql) return stmt.get();
+    sqlite3_stmt* s = nullptr;
+    *code = sqlite3_prepare_v3(db.get(), sql, -1, SQLITE_PREPARE_PERSISTENT, &s, nullptr);
+    if (*code != SQLITE_OK) {
+        sqlite3_finalize(s);
+        return nullptr;
+    }
+    StmtPtr kept(s);
+    statements.emplace_back(sql, std::move(kept));
+    return s;
+}
+
+bool Link::idle() const noexcept {
+    for (sqlite3_stmt* s = sqlite3_next_stmt(db.get(), nullptr); s != nullptr;
+         s = sqlite3_next_stmt(db.get(), s))
+        if (sqlite3_stmt_busy(s) != 0) return false;
+    return true;
+}
+
 Stmt::Stmt(sqlite3* db, std::string_view sql) {
     sqlite3_stmt* s = nullptr;
     prepareCode_ = sqlite3_prepare_v2(db, sql.data(), static_cast<int>(sql.size()), &s, nullptr);
-    stmt_.reset(s);
+    owned_.reset(s);
+    stmt_ = s;
     if (prepareCode_ == SQLITE_NOMEM) throw std::bad_alloc();
 }
 
+Stmt::Stmt(Link& link, const char* sql) {
+    stmt_ = link.prepared(sql, &prepareCode_);
+    if (prepareCode_ == SQLITE_NOMEM) throw std::bad_alloc();
+}
+
+Stmt::~Stmt() {
+    if (stmt_ != nullptr && !owned_) {
+        sqlite3_reset(stmt_);
+        sqlite3_clear_bindings(stmt_);
+    }
+}
+
 Stmt& Stmt::bind(int i, int64_t v) {
-    sqlite3_bind_int64(stmt_.get(), i, v);
+    sqlite3_bind_int64(stmt_, i, v);
     return *this;
 }
 
 Stmt& Stmt::bind(int i, std::string_view text) {
-    sqlite3_bind_text(stmt_.get(), i, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+    sqlite3_bind_text(stmt_, i, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
     return *this;
 }
 
 Stmt& Stmt::bind(int i, const uint8_t* p, size_t n) {
     static const uint8_t empty = 0;
-    sqlite3_bind_blob(stmt_.get(), i, p != nullptr ? p : &empty, static_cast<int>(n),
+    sqlite3_bind_blob(stmt_, i, p != nullptr ? p : &empty, static_cast<int>(n),
                       SQLITE_TRANSIENT);
     return *this;
 }
 
 Stmt& Stmt::bindNull(int i) {
-    sqlite3_bind_null(stmt_.get(), i);
+    sqlite3_bind_null(stmt_, i);
     return *this;
 }
 
-int Stmt::step() noexcept { return stmt_ ? sqlite3_step(stmt_.get()) : prepareCode_; }
+int Stmt::step() noexcept { return stmt_ != nullptr ? sqlite3_step(stmt_) : prepareCode_; }
 
-int64_t Stmt::integer(int col) const noexcept { return sqlite3_column_int64(stmt_.get(), col); }
+int64_t Stmt::integer(int col) const noexcept { return sqlite3_column_int64(stmt_, col); }
+
+std::string_view Stmt::view(int col) const noexcept {
+    const void* p = sqlite3_column_blob(stmt_, col);
+    int n = sqlite3_column_bytes(stmt_, col);
+    return p != nullptr ? std::string_view(static_cast<const char*>(p), static_cast<size_t>(n))
+                        : std::string_view();
+}
 
 std::string Stmt::text(int col) const {
-    const unsigned char* p = sqlite3_column_text(stmt_.get(), col);
-    int n = sqlite3_column_bytes(stmt_.get(), col);
+    const unsigned char* p = sqlite3_column_text(stmt_, col);
+    int n = sqlite3_column_bytes(stmt_, col);
     return p != nullptr ? std::string(reinterpret_cast<const char*>(p), static_cast<size_t>(n))
                         : std::string();
 }
 
 Bytes Stmt::blob(int col) const {
-    const auto* p = static_cast<const uint8_t*>(sqlite3_column_blob(stmt_.get(), col));
-    int n = sqlite3_column_bytes(stmt_.get(), col);
+    const auto* p = static_cast<const uint8_t*>(sqlite3_column_blob(stmt_, col));
+    int n = sqlite3_column_bytes(stmt_, col);
     return p != nullptr ? Bytes(p, p + n) : Bytes();
 }
 
 bool Stmt::isNull(int col) const noexcept {
-    return sqlite3_column_type(stmt_.get(), col) == SQLITE_NULL;
+    return sqlite3_column_type(stmt_, col) == SQLITE_NULL;
 }
 
 int exec(sqlite3* db, const char* sql) noexcept {

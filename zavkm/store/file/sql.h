@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "common.h"
 
@@ -23,10 +25,31 @@ using StmtPtr = Owned<sqlite3_stmt, sqlite3_finalize>;
 // SQLite message.
 Rc sqlRc(sqlite3* db, int code, Rc fallback) noexcept;
 
-// Stmt - one prepared statement; bind by 1-based index, step, read columns.
+// Link - one SQLite connection with the statements prepared on it and the schema cookie at which
+// its schema was last found to be exactly the key database's. The statements are finalized
+// before the connection closes.
+struct Link {
+    SqlitePtr db;
+    std::vector<std::pair<const char*, StmtPtr>> statements;  // by the address of their text
+    int64_t checkedCookie = -1;  // -1: the schema was never checked on this connection
+    ~Link();
+    // prepared - the statement for sql (a text that lives as long as the program, such as a
+    // literal), prepared once and kept; null when it does not prepare (the code in *code).
+    sqlite3_stmt* prepared(const char* sql, int* code);
+    // idle - no statement of the connection is running.
+    bool idle() const noexcept;
+};
+
+// Stmt - one prepared statement; bind by 1-based index, step, read columns. Made on a Link from a
+// lasting text it borrows the kept statement and resets it when done; made from any text it owns
+// a statement of its own.
 class Stmt {
   public:
     Stmt(sqlite3* db, std::string_view sql);
+    Stmt(Link& link, const char* sql);
+    Stmt(const Stmt&) = delete;
+    Stmt& operator=(const Stmt&) = delete;
+    ~Stmt();
     Stmt& bind(int i, int64_t v);
     Stmt& bind(int i, std::string_view text);
     Stmt& bind(int i, const uint8_t* p, size_t n);
@@ -37,11 +60,14 @@ class Stmt {
     int64_t integer(int col) const noexcept;
     std::string text(int col) const;
     Bytes blob(int col) const;
+    // view - the bytes of a text or blob column, valid until the next step.
+    std::string_view view(int col) const noexcept;
     bool isNull(int col) const noexcept;
-    sqlite3_stmt* get() const noexcept { return stmt_.get(); }
+    sqlite3_stmt* get() const noexcept { return stmt_; }
 
   private:
-    StmtPtr stmt_;
+    StmtPtr owned_;
+    sqlite3_stmt* stmt_ = nullptr;
     int prepareCode_ = SQLITE_OK;
 };
 
@@ -54,6 +80,8 @@ class WriteTransaction {
   public:
     explicit WriteTransaction(sqlite3* db) noexcept;
     ~WriteTransaction();
+    WriteTransaction(const WriteTransaction&) = delete;
+    WriteTransaction& operator=(const WriteTransaction&) = delete;
     int beginCode() const noexcept { return begin_; }
     int commit() noexcept;
 
@@ -68,6 +96,8 @@ class ReadTransaction {
   public:
     explicit ReadTransaction(sqlite3* db) noexcept;
     ~ReadTransaction();
+    ReadTransaction(const ReadTransaction&) = delete;
+    ReadTransaction& operator=(const ReadTransaction&) = delete;
     int beginCode() const noexcept { return begin_; }
 
   private:
