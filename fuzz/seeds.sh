@@ -27,11 +27,17 @@ cp leaf.csr ../pkcs10/leaf.pem
 openssl pkcs12 -export -in leaf.pem -inkey leaf.key -certfile ca.pem -name leaf -iter 2048 -macalg sha256 \
   -passout pass:$pw -out ../pkcs12/leaf.p12
 openssl pkcs12 -export -nokeys -in ca.pem -name ca -iter 2048 -passout pass:$pw -out ../pkcs12/ca.p12
+openssl pkcs12 -export -in leaf.pem -inkey leaf.key -certfile ca.pem -name leaf -keypbe NONE -certpbe NONE \
+  -iter 1 -passout pass:$pw -out ../pkcs12/plain.p12
 cp ca.pem ../base64/
 openssl base64 -in ../certificate/ca.der -out ../base64/ca.b64
 PW=$pw "$tolvik" keydb create --db seed.kdb --password-env PW > /dev/null
 PW=$pw "$tolvik" cert selfsign root --db seed.kdb --subject "CN=Seed Root" --key-size 256 --password-env PW > /dev/null
 PW=$pw "$tolvik" cert request web --db seed.kdb --subject "CN=web.seed.test" --key-size 256 --out web.csr --password-env PW > /dev/null
 PW=$pw "$tolvik" cert add-ca other --db seed.kdb --in ca.pem --password-env PW > /dev/null
-cp seed.kdb ../keydb/
+# The key database target takes 'R' and a whole file, or a program of edits of its own database.
+{ printf R; cat seed.kdb; } > ../keydb/seed.kdb
+printf '\000\000\001\000\000' > ../keydb/label.edit
+printf '\005\000\000\002' > ../keydb/delete.edit
+printf '\011\000' > ../keydb/trigger.edit
 cd .. && rm -rf work && touch done

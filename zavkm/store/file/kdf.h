@@ -16,6 +16,10 @@
 namespace zavkm {
 
 inline constexpr uint32_t kKdfIterations = 600000;  // the floor for new and re-keyed files
+// newFileIterations - the count new and re-keyed files get: kKdfIterations, unless a program
+// linked with the library's objects lowered it (the fuzz targets do, so that inputs that change a
+// salt do not spend their time in the KDF). Not reachable through the C ABI.
+inline uint32_t newFileIterations = kKdfIterations;
 inline constexpr size_t kKdfSaltSize = 16;
 inline constexpr size_t kKeySize = 32;
 inline constexpr size_t kGcmNonceSize = 12;

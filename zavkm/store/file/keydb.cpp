@@ -151,7 +151,7 @@ Rc wrapDataKey(const SecretBytes& dataKey, std::string_view password, Meta& m,
                SecretBytes& master) {
     m.kdf.salt.assign(kKdfSaltSize, 0);
     if (Rc rc = randomBytes(m.kdf.salt.data(), m.kdf.salt.size()); rc != ZAVKM_OK) return rc;
-    if (m.kdf.iterations < kKdfIterations) m.kdf.iterations = kKdfIterations;
+    if (m.kdf.iterations < newFileIterations) m.kdf.iterations = newFileIterations;
     bool fromCache = false;
     if (Rc rc = deriveMaster(m.kdf, password, master, fromCache); rc != ZAVKM_OK) return rc;
     SecretBytes kek;
