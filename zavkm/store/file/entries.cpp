@@ -110,19 +110,20 @@ KeyRow asKey(View& v, StoredKey&& k) {
 
 // touchPage - before the first change of a row in its page, the page's rows as they stand must
 // be what the index vouches for: the page is sealed anew at the commit, and must not vouch for
-// what someone else put there.
+// what someone else put there. The row id is noted as changed.
 Rc touchPage(View& v, uint8_t table, int64_t id) {
     if (!v.write) return ZAVKM_ERR_DATABASE_WRITE;
     const int64_t page = pageOf(id);
-    if (v.touchedPages.count({table, page}) != 0) return ZAVKM_OK;
-    std::optional<PageRecord> record;
-    if (Rc rc = findPage(v, table, page, record); rc != ZAVKM_OK) return rc;
-    PageRecord now;
-    if (Rc rc = sealPage(v, table, page, now); rc != ZAVKM_OK) return rc;
-    const bool same = record ? now.bitmap == record->bitmap && sameMac(now.digest, record->digest)
-                             : now.bitmap == 0;
-    if (!same) return damage("its page is not what the index vouches for", id);
-    v.touchedPages.insert({table, page});
+    auto it = v.touchedPages.find({table, page});
+    if (it == v.touchedPages.end()) {
+        std::optional<PageRecord> record;
+        if (Rc rc = findPage(v, table, page, record); rc != ZAVKM_OK) return rc;
+        bool holds = false;
+        if (Rc rc = pageHolds(v, table, page, record ? &*record : nullptr, holds); rc != ZAVKM_OK) return rc;
+        if (!holds) return damage("its page is not what the index vouches for", id);
+        it = v.touchedPages.emplace(std::pair(table, page), std::set<int64_t>{}).first;
+    }
+    it->second.insert(id);
     return ZAVKM_OK;
 }
 
@@ -339,7 +340,7 @@ Rc insertKey(View& v, KeyRow& row) {
     std::optional<KeyRow> taken;
     if (Rc rc = findKey(v, row.label, taken); rc != ZAVKM_OK) return rc;
     if (taken) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
-    if (Rc rc = validity(row.cert, row.notBefore, row.notAfter); rc != ZAVKM_OK) return rc;
+    if (Rc rc = certificateFacts(row); rc != ZAVKM_OK) return rc;
     if (Rc rc = newId(v, row.id); rc != ZAVKM_OK) return rc;
     if (Rc rc = touchPage(v, kKeysTable, row.id); rc != ZAVKM_OK) return rc;
     if (Rc rc = writeKey(v, v.kdb.keys.row, row, true); rc != ZAVKM_OK) return rc;
@@ -398,7 +399,7 @@ Rc replaceCertificate(View& v, const KeyRow& old, const Bytes& cert, const Bytes
     KeyRow row = old;
     row.cert = cert;
     row.subject = subject;
-    if (Rc rc = validity(row.cert, row.notBefore, row.notAfter); rc != ZAVKM_OK) return rc;
+    if (Rc rc = certificateFacts(row); rc != ZAVKM_OK) return rc;
     if (Rc rc = writeKey(v, v.kdb.keys.row, row, false); rc != ZAVKM_OK) return rc;
     if (subject == old.subject) return ZAVKM_OK;
     if (Rc rc = changeTag(v, kKeySubject, asView(old.subject), row.id, false); rc != ZAVKM_OK) return rc;
@@ -445,9 +446,13 @@ Rc renameEntry(View& v, const std::string& label, const std::string& newLabel) {
 Rc commitChange(View& v) {
     return guarded([&]() -> Rc {
         if (v.status() != ZAVKM_OK) return v.status();
-        for (auto [table, page] : v.touchedPages) {
+        for (const auto& [key, changed] : v.touchedPages) {
+            std::optional<PageRecord> old;  // as checked when the page was touched
+            if (Rc rc = findPage(v, key.first, key.second, old); rc != ZAVKM_OK) return rc;
             PageRecord record;
-            if (Rc rc = sealPage(v, table, page, record); rc != ZAVKM_OK) return rc;
+            if (Rc rc = sealPage(v, key.first, key.second, record, old ? &*old : nullptr, &changed);
+                rc != ZAVKM_OK)
+                return rc;
             if (Rc rc = putPage(v, record); rc != ZAVKM_OK) return rc;
         }
         v.touchedPages.clear();

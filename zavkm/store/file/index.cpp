@@ -33,6 +33,13 @@ Hash childOf(const Bytes& node, unsigned slot) {
 
 uint32_t indexAt(uint32_t leaf, int level) { return leaf >> (4 * (kTreeDepth - level)); }
 
+// run - one statement of the transaction's own, prepared once per connection.
+int run(Link& link, const char* sql) {
+    Stmt s(link, sql);
+    int code = s.step();
+    return code == SQLITE_DONE ? SQLITE_OK : code;
+}
+
 }  // namespace
 
 int64_t nodeId(Tree tree, int level, uint32_t index) noexcept {
@@ -50,11 +57,11 @@ View::View(KeyDb& k, bool w) : kdb(k), link(k.db.link()), db(k.db.get()), write(
 }
 
 View::~View() {
-    if (open_) exec(db, "ROLLBACK");
+    if (open_) run(link, "ROLLBACK");
 }
 
 Rc View::start() {
-    int code = exec(db, write ? "BEGIN IMMEDIATE" : "BEGIN");
+    int code = run(link, write ? "BEGIN IMMEDIATE" : "BEGIN");
     if (code != SQLITE_OK) return sqlRc(db, code, write ? ZAVKM_ERR_DATABASE_WRITE : ZAVKM_ERR_DATABASE_READ);
     open_ = true;
     if (Rc rc = checkSchema(link); rc != ZAVKM_OK) return rc;
@@ -241,7 +248,7 @@ Rc View::finish() {
         dirty_.clear();
         ++meta.generation;
         if (Rc rc = writeMeta(kdb, link, meta); rc != ZAVKM_OK) return rc;
-        if (int code = exec(db, "COMMIT"); code != SQLITE_OK) return sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
+        if (int code = run(link, "COMMIT"); code != SQLITE_OK) return sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
         open_ = false;
         return ZAVKM_OK;
     });

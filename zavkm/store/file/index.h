@@ -69,9 +69,9 @@ class View {
     sqlite3* const db;
     const bool write;
     Meta meta;
-    // Pages (table, page) whose rows this write view changes: they are checked before the first
-    // change and sealed anew before the commit (entries.h).
-    std::set<std::pair<uint8_t, int64_t>> touchedPages;
+    // Pages (table, page) whose rows this write view changes, with the ids changed: each page is
+    // checked before its first change and sealed anew before the commit (entries.h).
+    std::map<std::pair<uint8_t, int64_t>, std::set<int64_t>> touchedPages;
 
   private:
     Rc status_ = ZAVKM_OK;

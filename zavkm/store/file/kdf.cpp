@@ -23,10 +23,16 @@ struct CacheEntry {
     SecretBytes master;
 };
 
+struct Remembered {
+    Bytes lookup;
+    SecretBytes secret;
+};
+
 struct KdfCache {
     std::mutex mutex;
     SecretBytes processKey;         // random per process, made on first use
     std::list<CacheEntry> entries;  // most recently used first
+    std::list<Remembered> secrets;  // most recently used first
     KdfCacheStats stats;
 };
 
@@ -108,9 +114,39 @@ void cacheMaster(const KdfParams& params, std::string_view password,
     });
 }
 
+void rememberSecret(const Bytes& lookup, const SecretBytes& secret) noexcept {
+    guardedVoid([&] {
+        KdfCache& c = cache();
+        std::lock_guard lock(c.mutex);
+        for (auto it = c.secrets.begin(); it != c.secrets.end(); ++it)
+            if (it->lookup == lookup) {
+                c.secrets.splice(c.secrets.begin(), c.secrets, it);
+                return;
+            }
+        c.secrets.push_front(Remembered{lookup, secret});
+        while (c.secrets.size() > 4 * kCacheCapacity) c.secrets.pop_back();
+    });
+}
+
+bool recallSecret(const Bytes& lookup, SecretBytes& secret) noexcept {
+    try {
+        KdfCache& c = cache();
+        std::lock_guard lock(c.mutex);
+        for (auto it = c.secrets.begin(); it != c.secrets.end(); ++it)
+            if (it->lookup == lookup) {
+                c.secrets.splice(c.secrets.begin(), c.secrets, it);
+                secret = c.secrets.front().secret;
+                return true;
+            }
+    } catch (...) {
+    }
+    return false;
+}
+
 void wipeKdfCache() noexcept {
     KdfCache& c = cache();
     std::lock_guard lock(c.mutex);
+    c.secrets.clear();
     c.entries.clear();  // SecretBytes wipe themselves
     c.processKey = SecretBytes();
     c.stats = KdfCacheStats{};

@@ -43,8 +43,17 @@ Rc deriveMaster(const KdfParams& params, std::string_view password, SecretBytes&
 void cacheMaster(const KdfParams& params, std::string_view password,
                  const SecretBytes& master) noexcept;
 
-// wipeKdfCache - forgets every cached key and the per-process HMAC key (ZAVKM_CleanAll).
+// wipeKdfCache - forgets every cached key, every remembered secret and the per-process HMAC key
+// (ZAVKM_CleanAll).
 void wipeKdfCache() noexcept;
+
+// rememberSecret / recallSecret - secrets the library derives again and again from the same
+// secret inputs (the data key unwrapped by a master key, the keys derived from a data key),
+// remembered under lookup, a SHA-256 over those inputs, so that an open of a file whose key this
+// process already proved costs no unwrapping nor key derivation. A handful are kept, the least
+// recently used forgotten first.
+void rememberSecret(const Bytes& lookup, const SecretBytes& secret) noexcept;
+bool recallSecret(const Bytes& lookup, SecretBytes& secret) noexcept;
 
 // kdfCacheStats - hits and misses since the last wipe (for tests and the trace).
 struct KdfCacheStats {

@@ -131,6 +131,13 @@ Rc unlockDataKey(const Meta& m, std::string_view password, SecretBytes& master,
     }
     bool fromCache = false;
     if (Rc rc = deriveMaster(m.kdf, password, master, fromCache); rc != ZAVKM_OK) return rc;
+    Digest d;  // a data key this master unwrapped before is remembered
+    d.add(master.data(), master.size()).add(m.wrapped.data(), m.wrapped.size()).add(aad);
+    Bytes lookup(kHashSize);
+    if (fromCache && d.finish(lookup.data()) && recallSecret(lookup, dataKey) && dataKey.size() == kKeySize) {
+        trace("key database unlocked (cached key)");
+        return ZAVKM_OK;
+    }
     SecretBytes kek;
     if (Rc rc = wrappingKey(master, kek); rc != ZAVKM_OK) return rc;
     Rc rc = openGcm(kek, m.wrapped.data(), m.wrapped.size(), aad, dataKey);
@@ -141,6 +148,7 @@ Rc unlockDataKey(const Meta& m, std::string_view password, SecretBytes& master,
     if (rc != ZAVKM_OK) return rc;
     if (dataKey.size() != kKeySize) return ZAVKM_ERR_DATABASE_CORRUPTION;
     if (!fromCache) cacheMaster(m.kdf, password, master);
+    if (fromCache) rememberSecret(lookup, dataKey);
     trace("key database unlocked (%s)", fromCache ? "cached key" : "KDF run");
     return ZAVKM_OK;
 }

@@ -5,6 +5,7 @@
 #include <bit>
 
 #include "certcache.h"
+#include "x509util.h"
 #include "trace.h"
 
 namespace zavkm {
@@ -195,6 +196,7 @@ StoredKey storedKey(const Stmt& s) {
     r.keyType = static_cast<int32_t>(k.keyType);
     r.keyBits = static_cast<int32_t>(k.keyBits);
     r.trusted = (k.flags & kTrustedFlag) != 0;
+    r.selfSigned = (k.flags & kSelfSignedFlag) != 0;
     return k;
 }
 
@@ -239,37 +241,42 @@ bool bodyHolds(const StoredRequest& r) {
     return r.body.size() == kHashSize && std::memcmp(h.data(), r.body.data(), kHashSize) == 0;
 }
 
+void startPage(Hmac& key, uint8_t table, int64_t page) {
+    uint8_t start[10] = {'P', table};
+    for (int i = 0; i < 8; ++i) start[2 + i] = static_cast<uint8_t>(static_cast<uint64_t>(page) >> (56 - 8 * i));
+    key.add(start, sizeof start);
+}
+
 bool pageDigest(Hmac& key, uint8_t table, int64_t page, const std::vector<const Bytes*>& heads,
                 Mac& out) {
-    Bytes start;
-    Encoder{start}.u8('P').u8(table).u64(static_cast<uint64_t>(page));
-    key.add(start);
+    startPage(key, table, page);
     for (const Bytes* h : heads) key.add(*h);
     return key.finish(out.data(), kMacSize);
 }
 
 void judgePage(Hmac& key, uint8_t table, int64_t page, const PageRecord* record, bool lost,
-               std::vector<PageRow>& rows, uint32_t& missing) {
+               PageRow* rows, size_t count, uint32_t& missing) {
     uint64_t present = 0;
     bool bodies = true;
-    for (const PageRow& r : rows) {
-        present |= bitOf(r.id);
-        bodies = bodies && r.bodyOk;
+    for (size_t i = 0; i < count; ++i) {
+        present |= bitOf(rows[i].id);
+        bodies = bodies && rows[i].bodyOk;
     }
     missing = 0;
     if (record != nullptr && !lost) {
         missing = static_cast<uint32_t>(std::popcount(record->bitmap & ~present));
         if (present == record->bitmap && bodies) {
-            std::vector<const Bytes*> heads;
-            for (const PageRow& r : rows) heads.push_back(&r.head);
+            startPage(key, table, page);
+            for (size_t i = 0; i < count; ++i) key.add(rows[i].head);
             Mac digest;
-            if (pageDigest(key, table, page, heads, digest) && sameMac(digest, record->digest)) {
-                for (PageRow& r : rows) r.verdict = Verdict::Sound;
+            if (key.finish(digest.data(), kMacSize) && sameMac(digest, record->digest)) {
+                for (size_t i = 0; i < count; ++i) rows[i].verdict = Verdict::Sound;
                 return;
             }
         }
     }
-    for (PageRow& r : rows) {  // the page as a whole does not hold: row by row
+    for (size_t i = 0; i < count; ++i) {  // the page as a whole does not hold: row by row
+        PageRow& r = rows[i];
         Mac mac{};
         const bool computed = rowMac(key, r.head, mac.data());
         const Mac* listed = record != nullptr && !lost ? record->macOf(r.id) : nullptr;
@@ -282,31 +289,61 @@ void judgePage(Hmac& key, uint8_t table, int64_t page, const PageRecord* record,
     }
 }
 
-Rc sealPage(View& v, uint8_t table, int64_t page, PageRecord& out) {
+Rc sealPage(View& v, uint8_t table, int64_t page, PageRecord& out, const PageRecord* old,
+            const std::set<int64_t>* changed) {
     out = PageRecord{};
     out.table = table;
     out.page = page;
     Stmt s(v.link, table == kKeysTable ? kKeyHeads : kRequestHeads);
     s.bind(1, page << kPageShift).bind(2, (page + 1) << kPageShift);
+    Hmac& key = v.kdb.keys.row;
     std::vector<Bytes> heads;
     int code;
     while ((code = s.step()) == SQLITE_ROW) {
+        const int64_t id = s.integer(0);
         heads.emplace_back();
         headAt(s, table, heads.back());
-        out.bitmap |= bitOf(s.integer(0));
+        out.bitmap |= bitOf(id);
+        const Mac* kept = old != nullptr && changed != nullptr && changed->count(id) == 0 ? old->macOf(id) : nullptr;
         Mac mac;
-        if (!rowMac(v.kdb.keys.row, heads.back(), mac.data())) return ZAVKM_ERR_CRYPTO;
+        if (kept != nullptr)
+            mac = *kept;
+        else if (!rowMac(key, heads.back(), mac.data()))
+            return ZAVKM_ERR_CRYPTO;
         out.macs.push_back(mac);
     }
     if (code != SQLITE_DONE) return sqlRc(v.db, code, ZAVKM_ERR_DATABASE_READ);
-    std::vector<const Bytes*> refs;
-    for (const Bytes& h : heads) refs.push_back(&h);
-    return pageDigest(v.kdb.keys.row, table, page, refs, out.digest) ? ZAVKM_OK : ZAVKM_ERR_CRYPTO;
+    startPage(key, table, page);
+    for (const Bytes& h : heads) key.add(h);
+    return key.finish(out.digest.data(), kMacSize) ? ZAVKM_OK : ZAVKM_ERR_CRYPTO;
 }
 
-Rc validity(const Bytes& cert, int64_t& notBefore, int64_t& notAfter) {
-    X509Ptr x509 = cachedCertificate(cert);
+Rc pageHolds(View& v, uint8_t table, int64_t page, const PageRecord* record, bool& holds) {
+    Stmt s(v.link, table == kKeysTable ? kKeyHeads : kRequestHeads);
+    s.bind(1, page << kPageShift).bind(2, (page + 1) << kPageShift);
+    Hmac& key = v.kdb.keys.row;
+    startPage(key, table, page);
+    uint64_t bitmap = 0;
+    Bytes head;
+    int code;
+    while ((code = s.step()) == SQLITE_ROW) {
+        bitmap |= bitOf(s.integer(0));
+        headAt(s, table, head);
+        key.add(head);
+    }
+    if (code != SQLITE_DONE) return sqlRc(v.db, code, ZAVKM_ERR_DATABASE_READ);
+    Mac digest;
+    if (!key.finish(digest.data(), kMacSize)) return ZAVKM_ERR_CRYPTO;
+    holds = record != nullptr ? bitmap == record->bitmap && sameMac(digest, record->digest) : bitmap == 0;
+    return ZAVKM_OK;
+}
+
+Rc certificateFacts(KeyRow& row) {
+    X509Ptr x509 = cachedCertificate(row.cert);
     if (!x509) return ZAVKM_ERR_ASN;
+    row.selfSigned = isSelfSigned(x509.get());
+    int64_t& notBefore = row.notBefore;
+    int64_t& notAfter = row.notAfter;
     Asn1TimePtr epoch(ASN1_TIME_set(nullptr, 0));
     if (!epoch) return ZAVKM_ERR_MEMORY_ALLOCATE;
     for (auto [time, out] : {std::pair{X509_get0_notBefore(x509.get()), &notBefore},
@@ -320,7 +357,8 @@ Rc validity(const Bytes& cert, int64_t& notBefore, int64_t& notAfter) {
 
 Rc writeKey(View& v, Hmac& rowKey, const KeyRow& row, bool insert) {
     const Hash body = keyBody(row);
-    const int64_t flags = (row.trusted ? kTrustedFlag : 0) | (row.privateKey.empty() ? 0 : kPrivateKeyFlag);
+    const int64_t flags = (row.trusted ? kTrustedFlag : 0) | (row.privateKey.empty() ? 0 : kPrivateKeyFlag) |
+                          (row.selfSigned ? kSelfSignedFlag : 0);
     Bytes head;
     appendHead(head, KeyHead{row.id, row.label, flags, row.keyType, row.keyBits, row.notBefore, row.notAfter},
                body.data());

@@ -125,17 +125,26 @@ void storedMacAt(const Stmt& s, uint8_t table, PageRow& row);
 // the index lists no row there; lost: the index cannot say); missing receives how many rows the
 // record lists that are not there.
 void judgePage(Hmac& key, uint8_t table, int64_t page, const PageRecord* record, bool lost,
-               std::vector<PageRow>& rows, uint32_t& missing);
+               PageRow* rows, size_t count, uint32_t& missing);
 
-// sealPage - the record of a page as its rows now stand (their heads read from the file).
-Rc sealPage(View& v, uint8_t table, int64_t page, PageRecord& out);
+// sealPage - the record of a page as its rows now stand (their heads read from the file). With
+// the record old, checked before changes, the MACs of rows other than changed are taken from it.
+Rc sealPage(View& v, uint8_t table, int64_t page, PageRecord& out, const PageRecord* old = nullptr,
+            const std::set<int64_t>* changed = nullptr);
+// pageHolds - whether the rows of a page stand as record (null: no row) vouches for them: the
+// same ids, and heads under its MAC.
+Rc pageHolds(View& v, uint8_t table, int64_t page, const PageRecord* record, bool& holds);
 
-// pageDigest - the MAC over the heads of a page's rows.
+// startPage - starts the MAC over the heads of a page's rows, which the caller then adds to key
+// in id order before finishing it (16 bytes); pageDigest does it all for heads.
+void startPage(Hmac& key, uint8_t table, int64_t page);
 bool pageDigest(Hmac& key, uint8_t table, int64_t page, const std::vector<const Bytes*>& heads,
                 Mac& out);
 
-// validity - the notBefore and notAfter of a certificate, in seconds since 1970.
-Rc validity(const Bytes& cert, int64_t& notBefore, int64_t& notAfter);
+// certificateFacts - what a key row records of its certificate (row.cert): its notBefore and
+// notAfter in seconds since 1970, and whether it is self-signed (its signature verified once,
+// here, so that reads build chains without verifying it again).
+Rc certificateFacts(KeyRow& row);
 
 // writeKey / writeRequest - a row as it is in memory, its hash and MAC (under rowKey) computed,
 // inserted or replacing the row of its id.
@@ -160,28 +169,28 @@ template <class Kept, class Read, class Emit, class Missed>
 Rc scan(View& v, const PageBook& book, uint8_t table, const char* sql, Read read, Emit emit,
         Missed missed, uint32_t& damaged) {
     Stmt s(v.link, sql);
-    std::vector<PageRow> checks;
+    std::vector<PageRow> checks;  // kept across pages, so their buffers are reused
     std::vector<Kept> kept;
+    size_t used = 0;
     std::set<int64_t> seen;
     int64_t page = -1;
     auto flush = [&] {
-        if (checks.empty()) return;
+        if (used == 0) return;
         auto it = book.records.find({table, page});
         const PageRecord* record = it != book.records.end() ? &it->second : nullptr;
         const bool lost = book.lost(page);
         uint32_t missing = 0;
-        judgePage(v.kdb.keys.row, table, page, record, lost, checks, missing);
+        judgePage(v.kdb.keys.row, table, page, record, lost, checks.data(), used, missing);
         damaged += missing;
         uint64_t present = 0;
-        for (size_t i = 0; i < checks.size(); ++i) {
+        for (size_t i = 0; i < used; ++i) {
             present |= uint64_t{1} << (checks[i].id & 63);
             if (checks[i].verdict != Verdict::Sound) ++damaged;
             emit(std::move(kept[i]), checks[i].verdict, lost);
         }
         if (record != nullptr && !lost) missedIn(record->bitmap & ~present, page, missed);
         seen.insert(page);
-        checks.clear();
-        kept.clear();
+        used = 0;
     };
     int code;
     while ((code = s.step()) == SQLITE_ROW) {
@@ -190,12 +199,18 @@ Rc scan(View& v, const PageBook& book, uint8_t table, const char* sql, Read read
             flush();
             page = pageOf(id);
         }
-        checks.emplace_back();
-        kept.emplace_back();
-        checks.back().id = id;
-        headAt(s, table, checks.back().head);
-        storedMacAt(s, table, checks.back());
-        read(s, checks.back(), kept.back());
+        if (used == checks.size()) {
+            checks.emplace_back();
+            kept.emplace_back();
+        }
+        PageRow& check = checks[used];
+        kept[used] = Kept{};
+        check.id = id;
+        check.bodyOk = true;
+        headAt(s, table, check.head);
+        storedMacAt(s, table, check);
+        read(s, check, kept[used]);
+        ++used;
     }
     if (code != SQLITE_DONE) return sqlRc(v.db, code, ZAVKM_ERR_DATABASE_READ);
     flush();

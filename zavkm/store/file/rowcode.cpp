@@ -22,13 +22,15 @@ EVP_MAC* hmacAlgorithm() {
 }  // namespace
 
 Encoder& Encoder::u32(uint32_t v) {
-    for (int i = 3; i >= 0; --i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
-    return *this;
+    const uint8_t b[4] = {static_cast<uint8_t>(v >> 24), static_cast<uint8_t>(v >> 16),
+                          static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
+    return raw(b, sizeof b);
 }
 
 Encoder& Encoder::u64(uint64_t v) {
-    for (int i = 7; i >= 0; --i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
-    return *this;
+    uint8_t b[8];
+    for (int i = 0; i < 8; ++i) b[i] = static_cast<uint8_t>(v >> (56 - 8 * i));
+    return raw(b, sizeof b);
 }
 
 Encoder& Encoder::raw(const void* p, size_t n) {
@@ -120,8 +122,16 @@ Rc deriveRowKeys(const SecretBytes& dataKey, const Bytes& fileId, RowKeys& out) 
         for (auto [info, mac] : {std::pair{"zavkm row mac v3:", &out.row},
                                  std::pair{"zavkm index tag v3:", &out.tag},
                                  std::pair{"zavkm meta mac v3:", &out.meta}}) {
+            const std::string purpose = std::string(info) + id;
+            Digest d;
+            d.add(dataKey.data(), dataKey.size()).add(purpose);
+            Bytes lookup(kHashSize);
             SecretBytes key;
-            if (Rc rc = hkdfKey(dataKey, std::string(info) + id, key); rc != ZAVKM_OK) return rc;
+            const bool known = d.finish(lookup.data()) && recallSecret(lookup, key);
+            if (!known) {
+                if (Rc rc = hkdfKey(dataKey, purpose, key); rc != ZAVKM_OK) return rc;
+                rememberSecret(lookup, key);
+            }
             if (Rc rc = mac->setKey(key); rc != ZAVKM_OK) return rc;
         }
         return ZAVKM_OK;
@@ -156,6 +166,7 @@ Hash requestBody(const RequestRow& row) {
 }
 
 void appendHead(Bytes& out, const KeyHead& h, const uint8_t* body) {
+    out.reserve(out.size() + 93 + h.label.size());
     Encoder e{out};
     e.u8(kKeysTable).u64(static_cast<uint64_t>(h.id)).field(h.label);
     e.u64(static_cast<uint64_t>(h.flags));
@@ -165,6 +176,7 @@ void appendHead(Bytes& out, const KeyHead& h, const uint8_t* body) {
 }
 
 void appendHead(Bytes& out, const RequestHead& h, const uint8_t* body) {
+    out.reserve(out.size() + 61 + h.label.size());
     Encoder e{out};
     e.u8(kRequestsTable).u64(static_cast<uint64_t>(h.id)).field(h.label);
     e.u64(static_cast<uint64_t>(h.keyType)).u64(static_cast<uint64_t>(h.keyBits));

@@ -49,6 +49,7 @@ struct KeyRow {
     Bytes privateKey;
     bool isDefault = false;  // the file's default key (kept in meta, not in the row)
     bool trusted = false;
+    bool selfSigned = false;  // the certificate verifies under its own key (checked when stored)
     int64_t notBefore = 0;  // of the certificate, seconds since 1970
     int64_t notAfter = 0;
 };
@@ -137,9 +138,10 @@ Hash keyBody(std::string_view cert, std::string_view spki, std::string_view subj
 Hash requestBody(std::string_view request, std::string_view spki, std::string_view privateKey);
 
 // KeyHead / RequestHead - the small columns of a row, as stored, that its head encodes. flags:
-// bit 0 trusted, bit 1 a private key is there.
+// bit 0 trusted, bit 1 a private key is there, bit 2 the certificate is self-signed.
 inline constexpr int64_t kTrustedFlag = 1;
 inline constexpr int64_t kPrivateKeyFlag = 2;
+inline constexpr int64_t kSelfSignedFlag = 4;
 struct KeyHead {
     int64_t id;
     std::string_view label;
