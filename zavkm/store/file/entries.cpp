@@ -103,9 +103,23 @@ Rc byLabel(View& v, Domain domain, const char* sql, const std::string& label, st
     return ZAVKM_OK;
 }
 
-KeyRow asKey(View& v, StoredKey&& k) {
+KeyRow rowOf(View& v, StoredKey&& k) {
     k.row.isDefault = k.row.id == v.meta.defaultKey;
     return std::move(k.row);
+}
+RequestRow rowOf(View&, StoredRequest&& r) { return std::move(r.row); }
+
+// byValue - the checked rows whose column is value, found through the index's tags of domain.
+template <class Stored, class Row>
+Rc byValue(View& v, Domain domain, const Bytes& value, Bytes Row::*column, std::vector<Row>& out) {
+    out.clear();
+    std::vector<int64_t> ids;
+    if (Rc rc = taggedIds(v, domain, asView(value), ids); rc != ZAVKM_OK) return rc;
+    std::vector<Stored> rows;
+    if (Rc rc = fetchChecked(v, ids, rows, [&](const Row& r) { return r.*column == value; }); rc != ZAVKM_OK)
+        return rc;
+    for (Stored& r : rows) out.push_back(rowOf(v, std::move(r)));
+    return ZAVKM_OK;
 }
 
 // touchPage - before the first change of a row in its page, the page's rows as they stand must
@@ -179,7 +193,7 @@ Rc findKey(View& v, const std::string& label, std::optional<KeyRow>& out) {
     std::optional<StoredKey> k;
     if (Rc rc = byLabel(v, kKeyLabel, ZAVKM_KEY_COLUMNS "WHERE label = ?1", label, k); rc != ZAVKM_OK)
         return rc;
-    if (k) out = asKey(v, std::move(*k));
+    if (k) out = rowOf(v, std::move(*k));
     return ZAVKM_OK;
 }
 
@@ -200,43 +214,20 @@ Rc findDefaultKey(View& v, std::optional<KeyRow>& out) {
     if (Rc rc = fetchChecked(v, {v.meta.defaultKey}, rows, [](const KeyRow&) { return true; });
         rc != ZAVKM_OK)
         return rc;
-    out = asKey(v, std::move(rows.front()));
+    out = rowOf(v, std::move(rows.front()));
     return ZAVKM_OK;
 }
 
 Rc findKeysBySpki(View& v, const Bytes& spki, std::vector<KeyRow>& out) {
-    out.clear();
-    std::vector<int64_t> ids;
-    if (Rc rc = taggedIds(v, kKeySpki, asView(spki), ids); rc != ZAVKM_OK) return rc;
-    std::vector<StoredKey> rows;
-    if (Rc rc = fetchChecked(v, ids, rows, [&](const KeyRow& r) { return r.spki == spki; }); rc != ZAVKM_OK)
-        return rc;
-    for (StoredKey& k : rows) out.push_back(asKey(v, std::move(k)));
-    return ZAVKM_OK;
+    return byValue<StoredKey>(v, kKeySpki, spki, &KeyRow::spki, out);
 }
 
 Rc findKeysBySubject(View& v, const Bytes& subject, std::vector<KeyRow>& out) {
-    out.clear();
-    std::vector<int64_t> ids;
-    if (Rc rc = taggedIds(v, kKeySubject, asView(subject), ids); rc != ZAVKM_OK) return rc;
-    std::vector<StoredKey> rows;
-    if (Rc rc = fetchChecked(v, ids, rows, [&](const KeyRow& r) { return r.subject == subject; });
-        rc != ZAVKM_OK)
-        return rc;
-    for (StoredKey& k : rows) out.push_back(asKey(v, std::move(k)));
-    return ZAVKM_OK;
+    return byValue<StoredKey>(v, kKeySubject, subject, &KeyRow::subject, out);
 }
 
 Rc findRequestsBySpki(View& v, const Bytes& spki, std::vector<RequestRow>& out) {
-    out.clear();
-    std::vector<int64_t> ids;
-    if (Rc rc = taggedIds(v, kRequestSpki, asView(spki), ids); rc != ZAVKM_OK) return rc;
-    std::vector<StoredRequest> rows;
-    if (Rc rc = fetchChecked(v, ids, rows, [&](const RequestRow& r) { return r.spki == spki; });
-        rc != ZAVKM_OK)
-        return rc;
-    for (StoredRequest& r : rows) out.push_back(std::move(r.row));
-    return ZAVKM_OK;
+    return byValue<StoredRequest>(v, kRequestSpki, spki, &RequestRow::spki, out);
 }
 
 Rc allKeys(View& v, std::vector<KeyRow>& out) {
@@ -251,7 +242,7 @@ Rc allKeys(View& v, std::vector<KeyRow>& out) {
             check.bodyOk = bodyHolds(k);
         },
         [&](StoredKey&& k, Verdict verdict, bool) {
-            if (verdict == Verdict::Sound) out.push_back(asKey(v, std::move(k)));
+            if (verdict == Verdict::Sound) out.push_back(rowOf(v, std::move(k)));
         },
         [](int64_t) {}, damaged);
     if (rc == ZAVKM_OK && damaged != 0) {
