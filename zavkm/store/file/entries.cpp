@@ -406,7 +406,6 @@ Rc updateRequest(View& v, const RequestRow& old, const Bytes& request) {
 
 Rc renameEntry(View& v, const std::string& label, const std::string& newLabel) {
     if (Rc rc = checkLabel(newLabel.c_str()); rc != ZAVKM_OK) return rc;
-    if (newLabel.size() != std::strlen(newLabel.c_str())) return ZAVKM_ERR_PARAMETER;
     std::optional<KeyRow> key;
     if (Rc rc = findKey(v, label, key); rc != ZAVKM_OK) return rc;
     std::optional<RequestRow> request;
