@@ -74,7 +74,7 @@ Rc selfSigned(KeyDb& kdb, const char* label, uint8_t makeDefault, int32_t versio
     row.isDefault = makeDefault != 0;
     row.trusted = true;  // a self-signed certificate made here is a trust anchor
     return withFileThenCommit(
-        kdb, certFileName, [&](View& v) { return insertKey(v, row); },
+        kdb, certFileName, [&](View& v) { return insertKey(v, row, cert.get()); },
         [&] { return writeCertificateFile(certFileName, cert.get(), isBase64 != 0); });
 }
 
@@ -465,7 +465,7 @@ ZAVKM_ReturnCode ZAVKM_StoreCACert(ZAVKM_KeyDbHandle handle, const uint8_t* cert
         if (Rc rc = signerRowOf(x509.get(), row); rc != ZAVKM_OK) return rc;
         row.label = label;
         row.trusted = true;  // a stored signer certificate is a trust anchor
-        return writeView(kdb, [&](View& v) { return insertKey(v, row); });
+        return writeView(kdb, [&](View& v) { return insertKey(v, row, x509.get()); });
     }, [&](TokenStore& t) { return tokenStoreSigner(t, cert, certLength, label); });
 }
 
@@ -494,7 +494,7 @@ ZAVKM_ReturnCode ZAVKM_ReceiveCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert
                 row.privateKey = request.privateKey;  // sealed to the public key: still valid
                 row.isDefault = makeDefault != 0;
                 if (Rc rc = deleteRequest(v, request.label); rc != ZAVKM_OK) return rc;
-                return insertKey(v, row);
+                return insertKey(v, row, x509.get());
             });
     }, [&](TokenStore& t) { return tokenReceive(t, cert, certLength); });
 }

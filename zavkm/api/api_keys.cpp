@@ -248,7 +248,7 @@ ZAVKM_ReturnCode ZAVKM_InsertKey(ZAVKM_KeyDbHandle handle, const char* label, ui
         } else if (makeDefault != 0) {
             return ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL;  // only a personal key can be the default
         }
-        return writeView(kdb, [&](View& v) { return insertKey(v, row); });
+        return writeView(kdb, [&](View& v) { return insertKey(v, row, x509.get()); });
     }, [&](TokenStore& t) -> Rc {
         // A token keeps no default or trust marks: asking for one changes nothing.
         if (t.readOnly || makeDefault != 0 || trusted != 0)

@@ -327,11 +327,11 @@ Rc checkRequestLabelFree(View& v, const std::string& label) {
     return key || request ? ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL : ZAVKM_OK;
 }
 
-Rc insertKey(View& v, KeyRow& row) {
+Rc insertKey(View& v, KeyRow& row, X509* cert) {
     std::optional<KeyRow> taken;
     if (Rc rc = findKey(v, row.label, taken); rc != ZAVKM_OK) return rc;
     if (taken) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
-    if (Rc rc = certificateFacts(row); rc != ZAVKM_OK) return rc;
+    if (Rc rc = certificateFacts(row, cert); rc != ZAVKM_OK) return rc;
     if (Rc rc = newId(v, row.id); rc != ZAVKM_OK) return rc;
     if (Rc rc = touchPage(v, kKeysTable, row.id); rc != ZAVKM_OK) return rc;
     if (Rc rc = writeKey(v, v.kdb.keys.row, row, true); rc != ZAVKM_OK) return rc;

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <openssl/x509.h>
+
 #include "index.h"
 #include "rowcode.h"
 
@@ -52,11 +54,12 @@ Rc keyLabels(View& v, std::vector<std::string>& out);
 Rc requestLabels(View& v, std::vector<std::string>& out);
 
 // The changes, in a write view; commitChange makes them the file's. insertKey / insertRequest
-// give the row its id; ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL when the label is taken. A default
+// give the row its id; ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL when the label is taken. cert,
+// when given, is row.cert decoded (spares decoding it again). A default
 // key becomes the file's only default. A change that would touch a damaged row or page answers
 // ZAVKM_ERR_DATABASE_KEY_INTEGRITY rather than seal it anew; ZAVKM_ERR_KEY_GET_BY_LABEL when the
 // label is not there.
-Rc insertKey(View& v, KeyRow& row);
+Rc insertKey(View& v, KeyRow& row, X509* cert = nullptr);
 Rc insertRequest(View& v, RequestRow& row);
 Rc deleteKey(View& v, const std::string& label);
 Rc deleteRequest(View& v, const std::string& label);

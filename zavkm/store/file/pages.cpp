@@ -338,16 +338,17 @@ Rc pageHolds(View& v, uint8_t table, int64_t page, const PageRecord* record, boo
     return ZAVKM_OK;
 }
 
-Rc certificateFacts(KeyRow& row) {
-    X509Ptr x509 = cachedCertificate(row.cert);
-    if (!x509) return ZAVKM_ERR_ASN;
-    row.selfSigned = isSelfSigned(x509.get());
+Rc certificateFacts(KeyRow& row, X509* known) {
+    X509Ptr decoded = known == nullptr ? cachedCertificate(row.cert) : nullptr;
+    X509* x509 = known != nullptr ? known : decoded.get();
+    if (x509 == nullptr) return ZAVKM_ERR_ASN;
+    row.selfSigned = isSelfSigned(x509);
     int64_t& notBefore = row.notBefore;
     int64_t& notAfter = row.notAfter;
     Asn1TimePtr epoch(ASN1_TIME_set(nullptr, 0));
     if (!epoch) return ZAVKM_ERR_MEMORY_ALLOCATE;
-    for (auto [time, out] : {std::pair{X509_get0_notBefore(x509.get()), &notBefore},
-                             std::pair{X509_get0_notAfter(x509.get()), &notAfter}}) {
+    for (auto [time, out] : {std::pair{X509_get0_notBefore(x509), &notBefore},
+                             std::pair{X509_get0_notAfter(x509), &notAfter}}) {
         int days = 0, seconds = 0;
         if (ASN1_TIME_diff(&days, &seconds, epoch.get(), time) != 1) return sslError(ZAVKM_ERR_ASN);
         *out = int64_t{days} * 86400 + seconds;

@@ -141,10 +141,10 @@ void startPage(Hmac& key, uint8_t table, int64_t page);
 bool pageDigest(Hmac& key, uint8_t table, int64_t page, const std::vector<const Bytes*>& heads,
                 Mac& out);
 
-// certificateFacts - what a key row records of its certificate (row.cert): its notBefore and
-// notAfter in seconds since 1970, and whether it is self-signed (its signature verified once,
-// here, so that reads build chains without verifying it again).
-Rc certificateFacts(KeyRow& row);
+// certificateFacts - what a key row records of its certificate (row.cert, decoded as known when
+// given): its notBefore and notAfter in seconds since 1970, and whether it is self-signed (its
+// signature verified once, here, so that reads build chains without verifying it again).
+Rc certificateFacts(KeyRow& row, X509* known = nullptr);
 
 // writeKey / writeRequest - a row as it is in memory, its hash and MAC (under rowKey) computed,
 // inserted or replacing the row of its id.
