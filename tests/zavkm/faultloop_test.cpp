@@ -15,6 +15,7 @@
 #include <memory>
 
 #include "certcache.h"
+#include "zavkm_ext.h"
 #include "connpool.h"
 #include "faults.h"
 #include "support.h"
@@ -94,11 +95,17 @@ const std::vector<Step> kLife = {
          ZAVKM_LabelList ca{const_cast<char*>("ca"), nullptr};
          return ZAVKM_ExportKeys(c.h, 1, c.path("ca.p12").c_str(), "p12 pw", &ca);
      }, {"ca.p12"}, 2},
+    {"rename", true, [](Ctx& c) { return ZAVKM_RenameEntry(c.h, "req", "received"); }, {}, 4},
+    {"repair (the index built anew)", true, [](Ctx& c) {
+         uint32_t removed = 0;
+         ZAVKM_ReturnCode rc = ZAVKM_RepairKeyDb(c.h, &removed);
+         return rc == ZAVKM_OK && removed != 0 ? ZAVKM_ERR_VALIDATION : rc;
+     }, {}, 4},
     {"delete", true, [](Ctx& c) { return ZAVKM_DeleteKey(c.h, "ca"); }, {}, 6},
     {"import PKCS#12", true,
      [](Ctx& c) { return ZAVKM_ImportKeysFromPFXFile(c.h, c.path("ca.p12").c_str(), "p12 pw"); }, {}, 2},
     {"export certificate", true,
-     [](Ctx& c) { return ZAVKM_ExportCert(c.h, "req", c.path("req.pem").c_str(), 1); }, {"req.pem"}, 6},
+     [](Ctx& c) { return ZAVKM_ExportCert(c.h, "received", c.path("req.pem").c_str(), 1); }, {"req.pem"}, 6},
     {"stash", false,
      [](Ctx& c) { return ZAVKM_StashKeyDbPwd(c.path("keys.kdb").c_str(), kPasswords[0]); }, {"keys.sth"}, 6},
     {"password change", false,

@@ -161,6 +161,35 @@ Rc newId(View& v, int64_t& id) {
     return ZAVKM_OK;
 }
 
+StoredKey stored(const Stmt& s, const StoredKey*) { return storedKey(s); }
+StoredRequest stored(const Stmt& s, const StoredRequest*) { return storedRequest(s); }
+
+// allRows - every row of a table through sql (whole rows in id order), or none and
+// ZAVKM_ERR_DATABASE_KEY_INTEGRITY when one is damaged or missing.
+template <class Stored, class Row>
+Rc allRows(View& v, uint8_t table, const char* sql, std::vector<Row>& out) {
+    out.clear();
+    PageBook book;
+    if (Rc rc = loadPages(v, book); rc != ZAVKM_OK) return rc;
+    uint32_t damaged = 0;
+    Rc rc = scan<Stored>(
+        v, book, table, sql,
+        [](const Stmt& s, PageRow& check, Stored& k) {
+            k = stored(s, &k);
+            check.bodyOk = bodyHolds(k);
+        },
+        [&](Stored&& k, Verdict verdict, bool) {
+            if (verdict == Verdict::Sound) out.push_back(rowOf(v, std::move(k)));
+        },
+        [](int64_t) {}, damaged);
+    if (rc == ZAVKM_OK && damaged != 0) {
+        trace("%u damaged rows: the whole table is refused", damaged);
+        out.clear();
+        return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
+    }
+    return rc;
+}
+
 // labelsOf - the labels of one table, all of them sound.
 Rc labelsOf(View& v, uint8_t table, std::vector<std::string>& out) {
     PageBook book;
@@ -231,26 +260,11 @@ Rc findRequestsBySpki(View& v, const Bytes& spki, std::vector<RequestRow>& out) 
 }
 
 Rc allKeys(View& v, std::vector<KeyRow>& out) {
-    out.clear();
-    PageBook book;
-    if (Rc rc = loadPages(v, book); rc != ZAVKM_OK) return rc;
-    uint32_t damaged = 0;
-    Rc rc = scan<StoredKey>(
-        v, book, kKeysTable, ZAVKM_KEY_COLUMNS "ORDER BY id",
-        [](const Stmt& s, PageRow& check, StoredKey& k) {
-            k = storedKey(s);
-            check.bodyOk = bodyHolds(k);
-        },
-        [&](StoredKey&& k, Verdict verdict, bool) {
-            if (verdict == Verdict::Sound) out.push_back(rowOf(v, std::move(k)));
-        },
-        [](int64_t) {}, damaged);
-    if (rc == ZAVKM_OK && damaged != 0) {
-        trace("%u damaged key rows: every key is refused", damaged);
-        out.clear();
-        return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
-    }
-    return rc;
+    return allRows<StoredKey>(v, kKeysTable, ZAVKM_KEY_COLUMNS "ORDER BY id", out);
+}
+
+Rc allRequests(View& v, std::vector<RequestRow>& out) {
+    return allRows<StoredRequest>(v, kRequestsTable, ZAVKM_REQUEST_COLUMNS "ORDER BY id", out);
 }
 
 Rc listEntries(View& v, bool withDer, std::vector<EntryRow>& out, uint32_t& damaged) {

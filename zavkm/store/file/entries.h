@@ -30,6 +30,8 @@ Rc findRequestsBySpki(View& v, const Bytes& spki, std::vector<RequestRow>& out);
 // allKeys - every key row in the order they were added; ZAVKM_ERR_DATABASE_KEY_INTEGRITY when any
 // key row is damaged or missing (a whole answer or none).
 Rc allKeys(View& v, std::vector<KeyRow>& out);
+// allRequests - every request row, the same way.
+Rc allRequests(View& v, std::vector<RequestRow>& out);
 
 // EntryRow - what a listing shows of an entry; kind 1 personal, 2 signer, 3 request.
 struct EntryRow {
