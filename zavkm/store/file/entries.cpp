@@ -171,6 +171,7 @@ Rc allRows(View& v, uint8_t table, const char* sql, std::vector<Row>& out) {
     out.clear();
     PageBook book;
     if (Rc rc = loadPages(v, book); rc != ZAVKM_OK) return rc;
+    out.reserve(book.rows(table));
     uint32_t damaged = 0;
     Rc rc = scan<Stored>(
         v, book, table, sql,
@@ -194,6 +195,7 @@ Rc allRows(View& v, uint8_t table, const char* sql, std::vector<Row>& out) {
 Rc labelsOf(View& v, uint8_t table, std::vector<std::string>& out) {
     PageBook book;
     if (Rc rc = loadPages(v, book); rc != ZAVKM_OK) return rc;
+    out.reserve(book.rows(table));
     uint32_t damaged = 0;
     Rc rc = scan<std::string>(
         v, book, table, table == kKeysTable ? kKeyHeadsAll : kRequestHeadsAll,
@@ -272,6 +274,7 @@ Rc listEntries(View& v, bool withDer, std::vector<EntryRow>& out, uint32_t& dama
     damaged = 0;
     PageBook book;
     if (Rc rc = loadPages(v, book); rc != ZAVKM_OK) return rc;
+    out.reserve(book.rows());
     auto keep = [&](EntryRow&& e, Verdict verdict, bool) {
         if (verdict == Verdict::Sound) out.push_back(std::move(e));
     };

@@ -118,6 +118,13 @@ Rc putPage(View& v, const PageRecord& record) {
     return v.setLeaf(Tree::Pages, leaf, encodePageLeaf(std::move(records)));
 }
 
+size_t PageBook::rows(uint8_t table) const noexcept {
+    size_t n = 0;
+    for (const auto& [key, record] : records)
+        if (table == 0 || key.first == table) n += static_cast<size_t>(std::popcount(record.bitmap));
+    return n;
+}
+
 Rc loadPages(View& v, PageBook& out) {
     if (Rc rc = v.allLeaves(Tree::Pages, out.leaves); rc != ZAVKM_OK) return rc;
     std::vector<PageRecord> records;

@@ -57,6 +57,8 @@ struct PageBook {
     std::map<std::pair<uint8_t, int64_t>, PageRecord> records;
     LeafSet leaves;
     bool lost(int64_t page) const noexcept { return leaves.isLost(pageLeaf(page)); }
+    // rows - how many rows the records list for table (0: both tables).
+    size_t rows(uint8_t table = 0) const noexcept;
 };
 Rc loadPages(View& v, PageBook& out);
 
