@@ -318,6 +318,8 @@ const Attack kForged{"a trusted CA inserted with a copied hash and MAC",
                      "INSERT INTO keys(" + kColumns + ") SELECT 900, 'evil', 1, e.key_type, e.key_bits, "
                      "e.not_before, e.not_after, o.body_hash, o.mac, e.cert, e.spki, e.subject, NULL "
                      "FROM evil.keys e, keys o WHERE e.label = 'evil' AND o.label = 'other'"};
+const Attack kCertSwap{"a certificate replaced",
+                       "UPDATE keys SET cert = (SELECT cert FROM evil.keys WHERE label = 'evil') WHERE label = 'other'"};
 const Attack kDeleted{"a signer deleted", "DELETE FROM keys WHERE label = 'other'"};
 const Attack kReplayed{"an older row put back (trusted, before the owner turned it off)", put("s3", "late")};
 const Attack kUndeleted{"a deleted row put back", put("s3", "temp")};
@@ -344,8 +346,9 @@ const std::vector<Row>& rows() {
         {kTrustEdit, "lookup", keyItem("off"), ZAVKM_ERR_DATABASE_KEY_INTEGRITY},
         {kTrustEdit, "validation of a leaf it issued", validate(&World::offLeaf), ZAVKM_ERR_DATABASE_KEY_INTEGRITY},
         {kTrustEdit, "a change of the row", setTrust("off"), ZAVKM_ERR_DATABASE_KEY_INTEGRITY},
-        {{"a certificate replaced", "UPDATE keys SET cert = (SELECT cert FROM evil.keys WHERE label = 'evil') WHERE label = 'other'"},
-         "lookup", keyItem("other"), ZAVKM_ERR_DATABASE_KEY_INTEGRITY},
+        {kCertSwap, "lookup", keyItem("other"), ZAVKM_ERR_DATABASE_KEY_INTEGRITY},
+        {kCertSwap, "validation of a leaf it would issue", validate(&World::evilLeaf), ZAVKM_ERR_DATABASE_KEY_INTEGRITY},
+        {kCertSwap, "partial listing with certificates", partialListing(1, true), ZAVKM_OK},
         {{"a certificate's subject changed", "UPDATE keys SET subject = X'3000' WHERE label = 'other'"},
          "lookup by public key", byPublicKey("other"), ZAVKM_ERR_DATABASE_KEY_INTEGRITY},
         {{"a sealed private key changed", "UPDATE keys SET private_key = substr(private_key, 1, 20) || zeroblob(length(private_key) - 20) WHERE label = 'ca'"},
