@@ -43,28 +43,23 @@ Rc check(View& v, uint8_t table, Stored& k) {
     return listedMac(v, table, k.row.id, mac);
 }
 
-Rc keyById(View& v, int64_t id, std::optional<StoredKey>& out) {
-    out.reset();
-    Stmt s(v.link, ZAVKM_KEY_COLUMNS "WHERE id = ?1");
-    s.bind(1, id);
-    int code = s.step();
-    if (code == SQLITE_ROW) out = storedKey(s);
-    return code == SQLITE_ROW || code == SQLITE_DONE ? ZAVKM_OK : sqlRc(v.db, code, ZAVKM_ERR_DATABASE_READ);
-}
-
-Rc requestById(View& v, int64_t id, std::optional<StoredRequest>& out) {
-    out.reset();
-    Stmt s(v.link, ZAVKM_REQUEST_COLUMNS "WHERE id = ?1");
-    s.bind(1, id);
-    int code = s.step();
-    if (code == SQLITE_ROW) out = storedRequest(s);
-    return code == SQLITE_ROW || code == SQLITE_DONE ? ZAVKM_OK : sqlRc(v.db, code, ZAVKM_ERR_DATABASE_READ);
-}
-
-Rc byId(View& v, int64_t id, std::optional<StoredKey>& out) { return keyById(v, id, out); }
-Rc byId(View& v, int64_t id, std::optional<StoredRequest>& out) { return requestById(v, id, out); }
 constexpr uint8_t tableOf(const StoredKey*) { return kKeysTable; }
 constexpr uint8_t tableOf(const StoredRequest*) { return kRequestsTable; }
+StoredKey stored(const Stmt& s, const StoredKey*) { return storedKey(s); }
+StoredRequest stored(const Stmt& s, const StoredRequest*) { return storedRequest(s); }
+
+// byId - the row of id as stored (nullopt when there is none).
+template <class Stored>
+Rc byId(View& v, int64_t id, std::optional<Stored>& out) {
+    out.reset();
+    constexpr const Stored* kind = nullptr;
+    Stmt s(v.link, tableOf(kind) == kKeysTable ? ZAVKM_KEY_COLUMNS "WHERE id = ?1"
+                                               : ZAVKM_REQUEST_COLUMNS "WHERE id = ?1");
+    s.bind(1, id);
+    int code = s.step();
+    if (code == SQLITE_ROW) out = stored(s, kind);
+    return code == SQLITE_ROW || code == SQLITE_DONE ? ZAVKM_OK : sqlRc(v.db, code, ZAVKM_ERR_DATABASE_READ);
+}
 
 // fetchChecked - the rows of ids, each there and checked; keep(row) picks those wanted.
 template <class Stored, class Keep>
@@ -80,7 +75,8 @@ Rc fetchChecked(View& v, const std::vector<int64_t>& ids, std::vector<Stored>& o
 }
 
 // byLabel - the checked row labelled label in one label space. Every row the index lists under
-// the label's tag must be there, and every row carrying the label must be listed.
+// the label's tag must be there, and every row carrying the label (the ids sql finds) must be
+// listed.
 template <class Stored>
 Rc byLabel(View& v, Domain domain, const char* sql, const std::string& label, std::optional<Stored>& out) {
     out.reset();
@@ -161,9 +157,6 @@ Rc newId(View& v, int64_t& id) {
     return ZAVKM_OK;
 }
 
-StoredKey stored(const Stmt& s, const StoredKey*) { return storedKey(s); }
-StoredRequest stored(const Stmt& s, const StoredRequest*) { return storedRequest(s); }
-
 // allRows - every row of a table through sql (whole rows in id order), or none and
 // ZAVKM_ERR_DATABASE_KEY_INTEGRITY when one is damaged or missing.
 template <class Stored, class Row>
@@ -222,7 +215,7 @@ Rc checkLabel(const char* label) noexcept {
 Rc findKey(View& v, const std::string& label, std::optional<KeyRow>& out) {
     out.reset();
     std::optional<StoredKey> k;
-    if (Rc rc = byLabel(v, kKeyLabel, ZAVKM_KEY_COLUMNS "WHERE label = ?1", label, k); rc != ZAVKM_OK)
+    if (Rc rc = byLabel(v, kKeyLabel, "SELECT id FROM keys WHERE label = ?1", label, k); rc != ZAVKM_OK)
         return rc;
     if (k) out = rowOf(v, std::move(*k));
     return ZAVKM_OK;
@@ -231,7 +224,7 @@ Rc findKey(View& v, const std::string& label, std::optional<KeyRow>& out) {
 Rc findRequest(View& v, const std::string& label, std::optional<RequestRow>& out) {
     out.reset();
     std::optional<StoredRequest> r;
-    if (Rc rc = byLabel(v, kRequestLabel, ZAVKM_REQUEST_COLUMNS "WHERE label = ?1", label, r);
+    if (Rc rc = byLabel(v, kRequestLabel, "SELECT id FROM requests WHERE label = ?1", label, r);
         rc != ZAVKM_OK)
         return rc;
     if (r) out = std::move(r->row);
