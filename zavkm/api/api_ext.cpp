@@ -2,14 +2,14 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <sys/stat.h>
-
 #include "entries.h"
 #include "files.h"
 #include "session.h"
 #include "zavkm_ext.h"
 
 using namespace zavkm;
+
+static_assert(kWritePrivate == ZAVKM_WRITE_PRIVATE && kWriteNoReplace == ZAVKM_WRITE_NO_REPLACE);
 
 extern "C" {
 
@@ -112,11 +112,10 @@ ZAVKM_ReturnCode ZAVKM_RenameEntry(ZAVKM_KeyDbHandle handle, const char* label,
 
 ZAVKM_ReturnCode ZAVKM_WriteFile(const char* fileName, const uint8_t* data, uint32_t length,
                                  uint32_t flags) noexcept {
-    return withLibrary(__func__, {fileName, length == 0 ? static_cast<const void*>(fileName) : data}, [&]() -> Rc {
-        struct stat st {};
-        if ((flags & ZAVKM_WRITE_NO_REPLACE) != 0 && ::lstat(fileName, &st) == 0)
-            return ZAVKM_ERR_DATABASE_ALREADY_EXISTS;
-        return writeFile(fileName, data, length, (flags & ZAVKM_WRITE_PRIVATE) != 0 ? 0600 : 0644);
+    const void* bytes = length == 0 ? static_cast<const void*>(fileName) : data;  // may be null
+    return withLibrary(__func__, {fileName, bytes}, [&]() -> Rc {
+        if ((flags & ~(kWritePrivate | kWriteNoReplace)) != 0) return ZAVKM_ERR_PARAMETER;
+        return writeOutput(fileName, data, length, flags);
     });
 }
 
