@@ -88,7 +88,9 @@ Rc resolveTarget(const char* fileName, Target& t) {
     for (int hop = 0; hop <= kMaxLinks; ++hop) {
         struct stat st {};
         if (::lstat(path.c_str(), &st) != 0) {
-            if (errno != ENOENT) return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED : ZAVKM_ERR_FILE_OPEN_TO_WRITE;
+            if (errno != ENOENT)
+                return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED
+                                       : ZAVKM_ERR_FILE_OPEN_TO_WRITE;
             t.path = path;
             return ZAVKM_OK;
         }
@@ -105,7 +107,8 @@ Rc resolveTarget(const char* fileName, Target& t) {
         std::string next(link, static_cast<size_t>(n));
         if (next[0] != '/') next = dirOf(path) + "/" + next;
         struct stat via {};
-        if (::lstat(next.c_str(), &via) != 0 && errno == ENOENT && ::stat(path.c_str(), &via) == 0) {
+        if (::lstat(next.c_str(), &via) != 0 && errno == ENOENT &&
+            ::stat(path.c_str(), &via) == 0) {
             t.path = path;  // "pipe:[123]": only the link itself opens it
             t.exists = t.viaProc = true;
             t.st = via;
@@ -131,13 +134,15 @@ bool writeAll(int fd, const uint8_t* p, size_t left) {
 // reader, the writes do.
 Rc writeThrough(const std::string& path, const uint8_t* data, size_t n) {
     const int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0) return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED : ZAVKM_ERR_FILE_OPEN_TO_WRITE;
+    if (fd < 0)
+        return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED : ZAVKM_ERR_FILE_OPEN_TO_WRITE;
     struct stat st {};
     Rc rc = ::fstat(fd, &st) == 0 && (S_ISFIFO(st.st_mode) || S_ISCHR(st.st_mode))
                 ? ZAVKM_OK
                 : ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED;
     const int fl = ::fcntl(fd, F_GETFL);
-    if (rc == ZAVKM_OK && (fl < 0 || ::fcntl(fd, F_SETFL, fl & ~O_NONBLOCK) != 0)) rc = ZAVKM_ERR_FILE_WRITE;
+    if (rc == ZAVKM_OK && (fl < 0 || ::fcntl(fd, F_SETFL, fl & ~O_NONBLOCK) != 0))
+        rc = ZAVKM_ERR_FILE_WRITE;
     if (rc == ZAVKM_OK && !writeAll(fd, data, n)) rc = ZAVKM_ERR_FILE_WRITE;
     ::close(fd);
     return rc;
@@ -162,11 +167,14 @@ Rc writeWhole(const Target& t, const uint8_t* data, size_t n, uint32_t flags) {
     const std::string temp = t.path + ".tmp" + std::to_string(::getpid());
     const bool isPrivate = (flags & kWritePrivate) != 0;
     const int fd = createTemporary(temp, isPrivate ? 0600 : 0644);
-    if (fd < 0) return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED : ZAVKM_ERR_FILE_OPEN_TO_WRITE;
+    if (fd < 0)
+        return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED : ZAVKM_ERR_FILE_OPEN_TO_WRITE;
     bool ok = true;
     if (t.exists) {  // the replaced file's owner (only root can give it), group and mode stay
-        if (::geteuid() == 0) ok = ::fchown(fd, t.st.st_uid, t.st.st_gid) == 0;
-        else (void)::fchown(fd, static_cast<uid_t>(-1), t.st.st_gid);
+        if (::geteuid() == 0)
+            ok = ::fchown(fd, t.st.st_uid, t.st.st_gid) == 0;
+        else
+            (void)::fchown(fd, static_cast<uid_t>(-1), t.st.st_gid);
         ok = ok && ::fchmod(fd, t.st.st_mode & 07777) == 0;
     } else if (isPrivate) {
         ok = ::fchmod(fd, 0600) == 0;
@@ -201,7 +209,8 @@ Rc readFile(const char* fileName, Bytes& out) noexcept {
         struct stat st {};
         Rc rc = ::fstat(fd, &st) == 0 ? ZAVKM_OK : ZAVKM_ERR_IO;
         const int fl = ::fcntl(fd, F_GETFL);  // a pipe's data is waited for once it is open
-        if (rc == ZAVKM_OK && !S_ISREG(st.st_mode) && (fl < 0 || ::fcntl(fd, F_SETFL, fl & ~O_NONBLOCK) != 0))
+        if (rc == ZAVKM_OK && !S_ISREG(st.st_mode) &&
+            (fl < 0 || ::fcntl(fd, F_SETFL, fl & ~O_NONBLOCK) != 0))
             rc = ZAVKM_ERR_IO;
         Bytes data;
         uint8_t chunk[65536];
@@ -258,7 +267,8 @@ Rc writeOutput(const char* fileName, const uint8_t* data, size_t n, uint32_t fla
         if (Rc rc = resolveTarget(fileName, t); rc != ZAVKM_OK) return rc;
         if (t.exists && (S_ISFIFO(t.st.st_mode) || S_ISCHR(t.st.st_mode)))
             return writeThrough(t.path, data, n);
-        if (t.exists && (!S_ISREG(t.st.st_mode) || t.viaProc)) return ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED;
+        if (t.exists && (!S_ISREG(t.st.st_mode) || t.viaProc))
+            return ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED;
         if (isOpenDatabaseOrCompanion(t.path, t.exists ? &t.st : nullptr))
             return ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED;
         if (t.exists && (flags & kWriteNoReplace) != 0) return ZAVKM_ERR_DATABASE_ALREADY_EXISTS;
@@ -340,8 +350,8 @@ void noteOpenDatabase(const std::string& path, dev_t dev, ino_t ino) noexcept {
         if (::stat(dirOf(path).c_str(), &dir) != 0) dir = {};
         std::lock_guard lock(openMutex);
         for (OpenDatabase& db : openDatabases())
-            if (db.dev == dev && db.ino == ino && db.dirDev == dir.st_dev && db.dirIno == dir.st_ino &&
-                db.name == baseOf(path)) {
+            if (db.dev == dev && db.ino == ino && db.dirDev == dir.st_dev &&
+                db.dirIno == dir.st_ino && db.name == baseOf(path)) {
                 ++db.count;
                 return;
             }
@@ -351,14 +361,14 @@ void noteOpenDatabase(const std::string& path, dev_t dev, ino_t ino) noexcept {
 
 void forgetOpenDatabase(const std::string& path, dev_t dev, ino_t ino) noexcept {
     guardedVoid([&] {
-    const std::string name = baseOf(path);
-    std::lock_guard lock(openMutex);
-    std::vector<OpenDatabase>& all = openDatabases();
-    for (auto it = all.begin(); it != all.end(); ++it)
-        if (it->dev == dev && it->ino == ino && it->name == name) {
-            if (--it->count == 0) all.erase(it);
-            return;
-        }
+        const std::string name = baseOf(path);
+        std::lock_guard lock(openMutex);
+        std::vector<OpenDatabase>& all = openDatabases();
+        for (auto it = all.begin(); it != all.end(); ++it)
+            if (it->dev == dev && it->ino == ino && it->name == name) {
+                if (--it->count == 0) all.erase(it);
+                return;
+            }
     });
 }
 

@@ -28,7 +28,8 @@ std::string databaseOf(const char* name, int flags) {
 // checkedOpen - xOpen: the companions of a write-ahead log or journal are made safe first, and
 // the log or journal SQLite opened must be the file that was checked.
 int checkedOpen(sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int flags, int* outFlags) {
-    const bool companion = name != nullptr && (flags & (SQLITE_OPEN_WAL | SQLITE_OPEN_MAIN_JOURNAL)) != 0;
+    const bool companion =
+        name != nullptr && (flags & (SQLITE_OPEN_WAL | SQLITE_OPEN_MAIN_JOURNAL)) != 0;
     const std::string db = companion ? databaseOf(name, flags) : std::string();
     if (db.empty()) return baseVfs->xOpen(baseVfs, name, file, flags, outFlags);
     struct stat dbStat {};
@@ -36,7 +37,8 @@ int checkedOpen(sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int fla
     dev_t dev = 0, shmDev = 0;
     ino_t ino = 0, shmIno = 0;
     if (prepareCompanion(name, owner, dev, ino) != ZAVKM_OK ||
-        ((flags & SQLITE_OPEN_WAL) != 0 && prepareCompanion(db + "-shm", owner, shmDev, shmIno) != ZAVKM_OK)) {
+        ((flags & SQLITE_OPEN_WAL) != 0 &&
+         prepareCompanion(db + "-shm", owner, shmDev, shmIno) != ZAVKM_OK)) {
         trace("refused a file planted beside %s", db.c_str());
         file->pMethods = nullptr;
         return SQLITE_CANTOPEN;
