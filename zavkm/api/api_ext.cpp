@@ -5,6 +5,7 @@
 #include "entries.h"
 #include "files.h"
 #include "session.h"
+#include "utf.h"
 #include "zavkm_ext.h"
 
 using namespace zavkm;
@@ -28,7 +29,7 @@ ZAVKM_ReturnCode ZAVKM_ListEntries(ZAVKM_KeyDbHandle handle, ZAVKM_Entry** entri
         for (size_t i = 0; i < rows.size(); ++i) {
             const EntryRow& r = rows[i];
             out[i] = ZAVKM_Entry{};
-            out[i].label = strdup(r.label.c_str());
+            out[i].label = strdup(utf8Text(r.label).c_str());
             out[i].kind = r.kind;
             out[i].keyType = r.keyType;
             out[i].keyBits = r.keyBits;

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "rowmac.h"
+#include "utf.h"
 #include "x509records.h"
 
 namespace zavkm {
@@ -103,11 +104,7 @@ Rc changeSound(sqlite3* db, Stmt& s, const char* table, const char* where, int64
 
 }  // namespace
 
-Rc checkLabel(const char* label) noexcept {
-    if (label == nullptr) return ZAVKM_ERR_NULL_PARAMETER;
-    size_t n = std::strlen(label);
-    return n >= 1 && n <= 255 ? ZAVKM_OK : ZAVKM_ERR_PARAMETER;
-}
+Rc checkLabel(const char* label) noexcept { return checkLabelText(label); }
 
 Rc checkRequestLabelFree(sqlite3* db, const std::string& label) {
     Stmt s(db,

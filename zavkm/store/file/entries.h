@@ -78,7 +78,8 @@ Rc updateRequest(sqlite3* db, int64_t id, const Bytes& request);
 // ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL otherwise.
 Rc checkRequestLabelFree(sqlite3* db, const std::string& label);
 
-// checkLabel - a label is 1 to 255 bytes without NUL: ZAVKM_ERR_PARAMETER otherwise.
+// checkLabel - a new label is canonical text of 1 to 255 bytes without control characters
+// (checkLabelText, utf.h): ZAVKM_ERR_PARAMETER otherwise.
 Rc checkLabel(const char* label) noexcept;
 
 }  // namespace zavkm
