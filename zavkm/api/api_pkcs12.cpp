@@ -18,7 +18,7 @@ ZAVKM_ReturnCode ZAVKM_ExportKeys(ZAVKM_KeyDbHandle handle, int32_t exportType,
         for (const ZAVKM_LabelList* node = labels; node != nullptr && node->label != nullptr;
              node = node->next)
             selected.push_back(canonicalLabel(node->label));
-        return exportPkcs12(kdb, selected, pfxFileName, pfxPassword);
+        return exportPkcs12(kdb, selected, pfxFileName, pfxPassword, false);
     });
 }
 
@@ -39,7 +39,7 @@ ZAVKM_ReturnCode ZAVKM_Kdb2Kyr(const char* keyDbFileName, const char* keyDbPassw
                 });
                 rc != ZAVKM_OK)
                 return rc;
-            return exportPkcs12(*kdb, {}, kyrFileName, kyrPassword);
+            return exportPkcs12(*kdb, {}, kyrFileName, kyrPassword, true);
         });
 }
 
