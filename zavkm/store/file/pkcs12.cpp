@@ -78,6 +78,8 @@ struct ExportEntry {
     bool trusted = false;
 };
 
+// collectKeys - the personal keys and signer certificates named by labels (all when empty),
+// read through the row functions: ZAVKM_ERR_KEY_GET_BY_LABEL for a label that is not there.
 Rc collectKeys(const KeyDb& kdb, const std::vector<std::string>& labels,
                std::vector<ExportEntry>& out) {
     sqlite3* db = kdb.db.get();
@@ -138,6 +140,8 @@ Rc addAttribute(PKCS12_SAFEBAG* bag, const char* oid, int type, const Bytes& val
     return ok == 1 ? ZAVKM_OK : sslError(ZAVKM_ERR_ASN);
 }
 
+// nameBag - label as the bag's friendlyName, keyId (when given) as its localKeyID, and the JDK's
+// trusted-certificate mark when javaTrust.
 Rc nameBag(PKCS12_SAFEBAG* bag, const std::string& label, const Bytes* keyId, bool javaTrust) {
     // BMPString written here: characters beyond U+FFFF as surrogate pairs, which keytool reads.
     std::optional<Bytes> name = utf8ToUtf16be(label);
@@ -238,6 +242,8 @@ Rc addRequest(Bags& bags, const ExportEntry& e) {
     return addAttribute(keyBag, kRequestOid, V_ASN1_OCTET_STRING, e.request);
 }
 
+// buildPkcs12 - the DER PKCS#12 file of entries under password: signers first, then personal
+// and request keys.
 Rc buildPkcs12(const std::vector<ExportEntry>& entries, const char* password, Bytes& der) {
     Bags bags;
     bags.password = password;
@@ -549,6 +555,7 @@ Rc pairCertificate(const FoundKey& k, std::vector<FoundCert>& certs,
     return ZAVKM_OK;
 }
 
+// sealed - key, under the key policy, sealed with the database's data key for spki into out.
 Rc sealed(const KeyDb& kdb, EVP_PKEY* key, const Bytes& spki, Bytes& out) {
     if (Rc rc = checkKeyPolicy(key); rc != ZAVKM_OK) return rc;
     SecretBytes pkcs8 = pkcs8Of(key);
@@ -556,6 +563,8 @@ Rc sealed(const KeyDb& kdb, EVP_PKEY* key, const Bytes& spki, Bytes& out) {
     return sealPrivateKey(kdb, pkcs8, spki, out);
 }
 
+// requestCandidate - the request key of a key bag carrying our request attribute: the request
+// must decode and hold the key's public half (ZAVKM_ERR_VALIDATION_KEY_PAIR otherwise).
 Rc requestCandidate(const KeyDb& kdb, FoundKey& k, Candidate& c) {
     c.kind = Candidate::Request;
     c.name = k.bag.name;
@@ -624,11 +633,13 @@ struct Snapshot {
     int64_t version = 0;
 };
 
+// dataVersion - SQLite's data_version: it changes when another connection commits.
 int64_t dataVersion(sqlite3* db) {
     Stmt s(db, "PRAGMA data_version");
     return s.step() == SQLITE_ROW ? s.integer(0) : -1;
 }
 
+// readSnapshot - the snapshot, read through the row functions.
 Rc readSnapshot(sqlite3* db, Snapshot& out) {
     out = Snapshot{};
     std::vector<std::string> keys, requests;
