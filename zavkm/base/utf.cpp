@@ -75,6 +75,20 @@ void putUnit(Bytes& out, uint32_t unit) {
 
 bool isControl(uint32_t c) { return c < 0x20 || (c >= 0x7f && c <= 0x9f); }
 
+// rewrite - stored character by character through put(out, c); a byte that starts no character
+// goes through as U+FFFD.
+template <class Put>
+std::string rewrite(std::string_view stored, Put put) {
+    std::string out;
+    out.reserve(stored.size());
+    for (size_t i = 0, n = 1; i < stored.size(); i += n) {
+        const uint32_t c = character(stored, i, n);
+        if (c == kNone) n = 1;
+        put(out, c == kNone ? kReplacement : c);
+    }
+    return out;
+}
+
 }  // namespace
 
 std::optional<std::string> canonicalText(std::string_view text) {
@@ -111,25 +125,13 @@ std::string labelFromName(std::string_view name) {
 }
 
 std::string javaText(std::string_view stored) {
-    std::string out;
-    out.reserve(stored.size());
-    for (size_t i = 0, n = 1; i < stored.size(); i += n) {
-        const uint32_t c = character(stored, i, n);
-        if (c == kNone) n = 1;
-        putJava(out, c == kNone ? kReplacement : c);
-    }
-    return out;
+    return rewrite(stored, [](std::string& out, uint32_t c) { putJava(out, c); });
 }
 
 std::string utf8Text(std::string_view stored) {
-    std::string out;
-    out.reserve(stored.size());
-    for (size_t i = 0, n = 1; i < stored.size(); i += n) {
-        const uint32_t c = character(stored, i, n);
-        if (c == kNone) n = 1;
-        putUtf8(out, c == kNone || c == 0 || isSurrogate(c) ? kReplacement : c);
-    }
-    return out;
+    return rewrite(stored, [](std::string& out, uint32_t c) {
+        putUtf8(out, c == 0 || isSurrogate(c) ? kReplacement : c);
+    });
 }
 
 Rc CanonicalTexts::take(std::initializer_list<TextArg> texts) {

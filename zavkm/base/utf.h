@@ -108,7 +108,8 @@ class SecretText {
 template <class Fn>
 Rc withPasswordForms(const char* password, Fn&& fn) {
     std::optional<std::string> canonical;
-    if (password != nullptr) canonical = canonicalText(std::string_view(password, std::strlen(password)));
+    if (password != nullptr)
+        canonical = canonicalText(std::string_view(password, std::strlen(password)));
     if (!canonical) return fn(password);
     const SecretText first(std::move(*canonical));
     const Rc rc = fn(first.c_str());
