@@ -38,7 +38,8 @@ enum class Plant {
     IntruderFile,  // a regular file of the intruder's, mode 0666
     OwnLoose,      // a regular file of ours, mode 0644, holding a copy of the stash
     Directory,
-    HardLink       // a second name of victim.txt (ours)
+    HardLink,      // a second name of victim.txt (ours)
+    IntruderDb     // k.kdb and the log beside it belong to the intruder (0600)
 };
 
 struct Row {
@@ -185,7 +186,23 @@ const Row kRows[] = {
          OpenDb db("k.kdb", kPw);
          return ZAVKM_ImportKeysFromPFXFile(db.h, "in.p12", "pw");
      }, ZAVKM_ERR_INVALID_PKCS12_DATA},
+    {"(an output to standard output that is a pipe)", "none", Plant::None, []() -> ZAVKM_ReturnCode {
+         int fds[2];
+         if (::pipe(fds) != 0 || ::dup2(fds[1], 1) < 0) return ZAVKM_ERR_PARAMETER;
+         ::close(fds[1]);
+         ZAVKM_ReturnCode rc = write("/dev/stdout", 0, "piped\n");
+         ::close(1);
+         char got[16] = {};
+         return ::read(fds[0], got, sizeof got - 1) == 6 && std::string(got) == "piped\n" ? rc : ZAVKM_ERR_PARAMETER;
+     }, ZAVKM_OK},
     // Root.
+    {"(root opens a user's database and the log that user left)", "none", Plant::IntruderDb, [] {
+         OpenDb db("k.kdb", kPw);
+         ZAVKM_KeyItem* key = nullptr;
+         ZAVKM_ReturnCode rc = db.rc == ZAVKM_OK ? ZAVKM_GetKeyItemByLabel(db.h, "ca", &key) : db.rc;
+         ZAVKM_FreeKeyItem(key);
+         return rc;
+     }, ZAVKM_OK, {}, true},
     {"(root follows a link of root's)", "out.pem", Plant::OwnLink, [] { return exportCa("out.pem"); }, ZAVKM_OK,
      [] { return text("victim.txt").find("CERTIFICATE") != std::string::npos; }, true},
     {"(root replacing another user's file keeps its owner)", "out.pem", Plant::IntruderFile, [] { return exportCa("out.pem"); }, ZAVKM_OK,
@@ -209,6 +226,10 @@ void plant(Plant kind, const std::string& name, uid_t user, const std::vector<ui
             break;
         case Plant::Directory: (void)::mkdir(name.c_str(), 0777); break;
         case Plant::HardLink: (void)::link("victim.txt", name.c_str()); break;
+        case Plant::IntruderDb:
+            (void)::mknod("k.kdb-wal", S_IFREG | 0600, 0);
+            for (const char* file : {"k.kdb", "k.kdb-wal"}) (void)::chown(file, kIntruder, kIntruder);
+            return;
     }
     (void)::lchown(name.c_str(), owner, owner);
 }
@@ -275,7 +296,8 @@ TEST(Files, PlantedThingsAreRefusedAndNothingGoesThroughThem) {
     const bool root = ::geteuid() == 0;
     for (const Row& row : kRows) {
         SCOPED_TRACE(row.what);
-        const bool needsIntruder = row.plant == Plant::IntruderLink || row.plant == Plant::IntruderFile;
+        const bool needsIntruder = row.plant == Plant::IntruderLink ||
+                                   row.plant == Plant::IntruderFile || row.plant == Plant::IntruderDb;
         if (!root && (needsIntruder || row.asRoot)) {
             std::printf("skipped (needs root to play another user): %s\n", row.what);
             continue;
