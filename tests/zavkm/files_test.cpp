@@ -17,6 +17,9 @@
 #include <functional>
 #include <thread>
 
+#include <sqlite3.h>
+
+#include "companions.h"
 #include "connpool.h"
 #include "files.h"
 #include "support.h"
@@ -107,6 +110,13 @@ const Row kRows[] = {
     {"a link of ours as the write-ahead log", "k.kdb-wal", Plant::OwnLink, [] { return openDb("k.kdb"); }, ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED},
     {"a FIFO as the shared-memory index", "k.kdb-shm", Plant::Fifo, [] { return openDb("k.kdb"); }, ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED},
     {"a second name of another file as the write-ahead log", "k.kdb-wal", Plant::HardLink, [] { return openDb("k.kdb"); }, ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED},
+    {"another user's log met by SQLite itself, through the library's VFS", "k.kdb-wal", Plant::IntruderFile, [] {
+         sqlite3* db = nullptr;
+         int code = sqlite3_open_v2("k.kdb", &db, SQLITE_OPEN_READWRITE, zavkm::checkedVfsName());
+         if (code == SQLITE_OK) code = sqlite3_exec(db, "SELECT count(*) FROM sqlite_master", nullptr, nullptr, nullptr);
+         sqlite3_close(db);
+         return (code & 0xff) == SQLITE_CANTOPEN ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED : ZAVKM_ReturnCode(code);
+     }, ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED},
     {"(a log of ours that others can read is tightened)", "k.kdb-wal", Plant::OwnLoose, [] {
          OpenDb db("k.kdb", kPw);
          ZAVKM_KeyItem* key = nullptr;
