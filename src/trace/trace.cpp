@@ -101,10 +101,18 @@ void openTraceFile() noexcept {
         traceFile = nullptr;
     }
     fileTraceOn.store(1, std::memory_order_relaxed);
-    // The file holds passwords: created for its owner only, and tightened if it existed.
-    int fd = open(traceFileName, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    // The file holds passwords: never reached through a link, never a FIFO or device, never
+    // another user's file nor one with a second name; created for its owner only, an existing
+    // one of ours tightened. Emptied only once it passed these checks.
+    int fd = open(traceFileName, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+                  S_IRUSR | S_IWUSR);
+    struct stat st = {};
+    if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid() ||
+                    st.st_nlink != 1 || fchmod(fd, S_IRUSR | S_IWUSR) != 0 || ftruncate(fd, 0) != 0)) {
+        close(fd);
+        fd = -1;
+    }
     if (fd >= 0) {
-        fchmod(fd, S_IRUSR | S_IWUSR);
         traceFile = fdopen(fd, "w+");
         if (traceFile == nullptr) close(fd);
     }

@@ -26,8 +26,9 @@ void traceBytesAsText(const char* format, const unsigned char* bytes, size_t len
 char* stampTraceFormat(const char* format) noexcept;
 
 // openTraceFile turns the file channel on with a fresh "tvkjdbg.log" (created owner-only, since
-// it holds passwords). A file that is already open is closed first. When the file cannot be
-// opened the channel stays off.
+// it holds passwords). A file that is already open is closed first. The name is never followed
+// as a link and must be a regular file of the effective user with one name; it is emptied only
+// after that check. When the file cannot be opened, or is refused, the channel stays off.
 void openTraceFile() noexcept;
 
 // closeTraceFile frees stampedFormat, closes the file and turns the file channel off.

@@ -325,7 +325,7 @@ ZAVKM_ReturnCode ZAVKM_CreateSelfSignedCert(ZAVKM_KeyDbHandle handle, const char
                                             uint8_t makeDefault, int32_t version, int32_t keySize,
                                             const ZAVKM_DNItem* subject, int32_t validityDays,
                                             const char* certFileName, uint8_t isBase64) noexcept {
-    return withStore(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
+    return withStore(__func__, handle, {label, subject}, {labelArg(label)}, [&](KeyDb& kdb) {
         return selfSigned(kdb, label, makeDefault, version, keySize, subject, validityDays, 1,
                           nullptr, 0, certFileName, isBase64);
     }, [&](TokenStore& t) { return tokenSelfSigned(t, {label, version, keySize, subject, validityDays, 1, nullptr, 0, certFileName, isBase64 != 0}); });
@@ -336,7 +336,7 @@ ZAVKM_ReturnCode ZAVKM_CreateSelfSignedCertSigExt(
     int32_t keySize, const ZAVKM_DNItem* subject, int32_t validityDays, int32_t signatureAlgorithm,
     const uint8_t* extensions, uint32_t extensionsLength, const char* certFileName,
     uint8_t isBase64) noexcept {
-    return withStore(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
+    return withStore(__func__, handle, {label, subject}, {labelArg(label)}, [&](KeyDb& kdb) {
         return selfSigned(kdb, label, makeDefault, version, keySize, subject, validityDays,
                           signatureAlgorithm, extensions, extensionsLength, certFileName, isBase64);
     }, [&](TokenStore& t) { return tokenSelfSigned(t, {label, version, keySize, subject, validityDays, signatureAlgorithm, extensions, extensionsLength, certFileName, isBase64 != 0}); });
@@ -346,7 +346,7 @@ ZAVKM_ReturnCode ZAVKM_CreateNewCertReq(ZAVKM_KeyDbHandle handle, const char* la
                                         int32_t keySize, const ZAVKM_DNItem* subject,
                                         const char* certReqFileName, const void*,
                                         const void*) noexcept {
-    return withStore(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
+    return withStore(__func__, handle, {label, subject}, {labelArg(label)}, [&](KeyDb& kdb) {
         return newRequest(kdb, label, keySize, subject, 1, nullptr, 0, certReqFileName);
     }, [&](TokenStore& t) { return tokenNewRequest(t, {label, keySize, subject, 1, nullptr, 0, certReqFileName}); });
 }
@@ -357,7 +357,7 @@ ZAVKM_ReturnCode ZAVKM_CreateNewCertReqSigExt(ZAVKM_KeyDbHandle handle, const ch
                                               uint32_t extensionsLength,
                                               const char* certReqFileName, const void*,
                                               const void*) noexcept {
-    return withStore(__func__, handle, {label, subject}, [&](KeyDb& kdb) {
+    return withStore(__func__, handle, {label, subject}, {labelArg(label)}, [&](KeyDb& kdb) {
         return newRequest(kdb, label, keySize, subject, signatureAlgorithm, extensions,
                           extensionsLength, certReqFileName);
     }, [&](TokenStore& t) { return tokenNewRequest(t, {label, keySize, subject, signatureAlgorithm, extensions, extensionsLength, certReqFileName}); });
@@ -367,7 +367,7 @@ ZAVKM_ReturnCode ZAVKM_ReCreateCertReq(ZAVKM_KeyDbHandle handle, const char* lab
                                        const char* certReqFileName, const void*,
                                        const void*) noexcept {
     return withStore(
-        __func__, handle, {label, certReqFileName},
+        __func__, handle, {label, certReqFileName}, {labelArg(label)},
         [&](KeyDb& kdb) { return reRequest(kdb, label, 0, certReqFileName); },
         [&](TokenStore& t) { return tokenReRequest(t, label, 0, certReqFileName); });
 }
@@ -375,7 +375,7 @@ ZAVKM_ReturnCode ZAVKM_ReCreateCertReq(ZAVKM_KeyDbHandle handle, const char* lab
 ZAVKM_ReturnCode ZAVKM_ReCreateCertReqSig(ZAVKM_KeyDbHandle handle, const char* label,
                                           int32_t signatureAlgorithm, const char* certReqFileName,
                                           const void*, const void*) noexcept {
-    return withStore(__func__, handle, {label}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {label}, {labelArg(label)}, [&](KeyDb& kdb) -> Rc {
         if (signatureAlgorithm != 1 && signatureAlgorithm != 2)
             return ZAVKM_ERR_SIGNATURE_ALGORITHM;
         return reRequest(kdb, label, signatureAlgorithm, certReqFileName);
@@ -392,7 +392,7 @@ ZAVKM_ReturnCode ZAVKM_IssueCert(ZAVKM_KeyDbHandle handle, const uint8_t* reques
                                  const char* certFileName, uint8_t isBase64, const void*,
                                  const void*) noexcept {
     return withStore(
-        __func__, handle, {request, issuerLabel, certFileName},
+        __func__, handle, {request, issuerLabel, certFileName}, {labelArg(issuerLabel)},
         [&](KeyDb& kdb) {
             return issue(request, requestLength, version, serialNumber, validityDays, 1,
                          certFileName, isBase64,
@@ -412,7 +412,7 @@ ZAVKM_ReturnCode ZAVKM_IssueCertSig(ZAVKM_KeyDbHandle handle, const uint8_t* req
                                     int32_t signatureAlgorithm, const char* certFileName,
                                     uint8_t isBase64, const void*, const void*) noexcept {
     return withStore(
-        __func__, handle, {request, issuerLabel, certFileName},
+        __func__, handle, {request, issuerLabel, certFileName}, {labelArg(issuerLabel)},
         [&](KeyDb& kdb) {
             return issue(request, requestLength, version, serialNumber, validityDays, signatureAlgorithm,
                          certFileName, isBase64,
@@ -457,7 +457,7 @@ ZAVKM_ReturnCode ZAVKM_GetUnsignedCertFromCert(const uint8_t* der, uint32_t derL
 
 ZAVKM_ReturnCode ZAVKM_StoreCACert(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
                                    uint32_t certLength, const char* label) noexcept {
-    return withStore(__func__, handle, {cert, label}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {cert, label}, {labelArg(label)}, [&](KeyDb& kdb) -> Rc {
         if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
         X509Ptr x509;
         if (Rc rc = readCertificate(cert, certLength, x509); rc != ZAVKM_OK) return rc;
@@ -501,7 +501,7 @@ ZAVKM_ReturnCode ZAVKM_ReceiveCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert
 
 ZAVKM_ReturnCode ZAVKM_ExportCert(ZAVKM_KeyDbHandle handle, const char* label,
                                   const char* certFileName, uint8_t isBase64) noexcept {
-    return withStore(__func__, handle, {label, certFileName}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {label, certFileName}, {labelArg(label)}, [&](KeyDb& kdb) -> Rc {
         std::optional<KeyRow> row;
         if (Rc rc = readView(kdb, [&](View& v) { return findKey(v, label, row); }); rc != ZAVKM_OK)
             return rc;

@@ -3,12 +3,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <sys/stat.h>
-
 #include "entries.h"
 #include "pages.h"
 #include "files.h"
 #include "session.h"
+#include "utf.h"
 #include "zavkm_ext.h"
 
 using namespace zavkm;
@@ -22,7 +21,7 @@ Rc entriesOut(std::vector<EntryRow>& rows, ZAVKM_Entry** entries, uint32_t* coun
     for (size_t i = 0; i < rows.size(); ++i) {
         const EntryRow& r = rows[i];
         ZAVKM_Entry& e = out[i];
-        e.label = strdup(r.label.c_str());
+        e.label = strdup(utf8Text(r.label).c_str());
         e.kind = r.kind;
         e.keyType = r.keyType;
         e.keyBits = r.keyBits;
@@ -60,6 +59,8 @@ Rc listed(KeyDb& kdb, uint32_t flags, ZAVKM_Entry** entries, uint32_t* count, ui
 }
 
 }  // namespace
+
+static_assert(kWritePrivate == ZAVKM_WRITE_PRIVATE && kWriteNoReplace == ZAVKM_WRITE_NO_REPLACE);
 
 extern "C" {
 
@@ -133,7 +134,7 @@ ZAVKM_ReturnCode ZAVKM_VerifyKeyDb(ZAVKM_KeyDbHandle handle, ZAVKM_Damage** dama
         if (out == nullptr) return ZAVKM_ERR_MEMORY_ALLOCATE;
         for (size_t i = 0; i < found.size(); ++i) {
             out[i] = ZAVKM_Damage{nullptr, found[i].kind, found[i].reason, found[i].rowId};
-            if (!found[i].label.empty() && (out[i].label = strdup(found[i].label.c_str())) == nullptr) {
+            if (!found[i].label.empty() && (out[i].label = strdup(utf8Text(found[i].label).c_str())) == nullptr) {
                 ZAVKM_FreeDamage(out, static_cast<uint32_t>(i));
                 return ZAVKM_ERR_MEMORY_ALLOCATE;
             }
@@ -167,18 +168,17 @@ ZAVKM_ReturnCode ZAVKM_RepairKeyDb(ZAVKM_KeyDbHandle handle, uint32_t* removed) 
 
 ZAVKM_ReturnCode ZAVKM_RenameEntry(ZAVKM_KeyDbHandle handle, const char* label,
                                    const char* newLabel) noexcept {
-    return withKeyDb(__func__, handle, {label, newLabel}, [&](KeyDb& kdb) -> Rc {
+    return withKeyDb(__func__, handle, {label, newLabel}, {labelArg(label), labelArg(newLabel)}, [&](KeyDb& kdb) -> Rc {
         return writeView(kdb, [&](View& v) { return renameEntry(v, label, newLabel); });
     });
 }
 
 ZAVKM_ReturnCode ZAVKM_WriteFile(const char* fileName, const uint8_t* data, uint32_t length,
                                  uint32_t flags) noexcept {
-    return withLibrary(__func__, {fileName, length == 0 ? static_cast<const void*>(fileName) : data}, [&]() -> Rc {
-        struct stat st {};
-        if ((flags & ZAVKM_WRITE_NO_REPLACE) != 0 && ::lstat(fileName, &st) == 0)
-            return ZAVKM_ERR_DATABASE_ALREADY_EXISTS;
-        return writeFile(fileName, data, length, (flags & ZAVKM_WRITE_PRIVATE) != 0 ? 0600 : 0644);
+    const void* bytes = length == 0 ? static_cast<const void*>(fileName) : data;  // may be null
+    return withLibrary(__func__, {fileName, bytes}, [&]() -> Rc {
+        if ((flags & ~(kWritePrivate | kWriteNoReplace)) != 0) return ZAVKM_ERR_PARAMETER;
+        return writeOutput(fileName, data, length, flags);
     });
 }
 

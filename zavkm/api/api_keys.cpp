@@ -88,7 +88,7 @@ ZAVKM_ReturnCode ZAVKM_GetReqKeyDbLabelList(ZAVKM_KeyDbHandle handle,
 
 ZAVKM_ReturnCode ZAVKM_GetKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char* label,
                                          ZAVKM_KeyItem** key) noexcept {
-    return withStore(__func__, handle, {label, key}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {label, key}, {labelArg(label)}, [&](KeyDb& kdb) -> Rc {
         *key = nullptr;
         KeyItemPtr item;
         if (Rc rc = readView(kdb, [&](View& v) { return keyItemByLabel(v, label, item); }); rc != ZAVKM_OK)
@@ -100,7 +100,7 @@ ZAVKM_ReturnCode ZAVKM_GetKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char* l
 
 ZAVKM_ReturnCode ZAVKM_GetReqKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char* label,
                                             ZAVKM_ReqKeyItem** key) noexcept {
-    return withStore(__func__, handle, {label, key}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {label, key}, {labelArg(label)}, [&](KeyDb& kdb) -> Rc {
         *key = nullptr;
         ReqKeyItemPtr item;
         Rc rc = readView(kdb, [&](View& v) -> Rc {
@@ -117,7 +117,7 @@ ZAVKM_ReturnCode ZAVKM_GetReqKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char
 
 ZAVKM_ReturnCode ZAVKM_GetKeyItemListByLabel(ZAVKM_KeyDbHandle handle, const char* label,
                                              ZAVKM_KeyItemList** list) noexcept {
-    return withStore(__func__, handle, {label, list}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {label, list}, {labelArg(label)}, [&](KeyDb& kdb) -> Rc {
         *list = nullptr;
         return readView(kdb, [&](View& v) -> Rc {
             std::optional<KeyRow> row;
@@ -130,7 +130,7 @@ ZAVKM_ReturnCode ZAVKM_GetKeyItemListByLabel(ZAVKM_KeyDbHandle handle, const cha
 
 ZAVKM_ReturnCode ZAVKM_IsPrivateKeyPresent(ZAVKM_KeyDbHandle handle, const char* label,
                                            uint8_t* present) noexcept {
-    return withStore(__func__, handle, {label, present}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {label, present}, {labelArg(label)}, [&](KeyDb& kdb) -> Rc {
         *present = 0;
         return readView(kdb, [&](View& v) -> Rc {
             std::optional<KeyRow> row;
@@ -189,19 +189,19 @@ ZAVKM_ReturnCode ZAVKM_GetKeyItemsByPublicKey(ZAVKM_KeyDbHandle handle, uint32_t
 }
 
 ZAVKM_ReturnCode ZAVKM_DeleteKey(ZAVKM_KeyDbHandle handle, const char* label) noexcept {
-    return withStore(__func__, handle, {label}, [&](KeyDb& kdb) {
+    return withStore(__func__, handle, {label}, {labelArg(label)}, [&](KeyDb& kdb) {
         return writeView(kdb, [&](View& v) { return deleteKey(v, label); });
     }, [&](TokenStore& t) { return tokenDelete(t, label); });
 }
 
 ZAVKM_ReturnCode ZAVKM_DeleteRequestKeyPair(ZAVKM_KeyDbHandle handle, const char* label) noexcept {
-    return withStore(__func__, handle, {label}, [&](KeyDb& kdb) {
+    return withStore(__func__, handle, {label}, {labelArg(label)}, [&](KeyDb& kdb) {
         return writeView(kdb, [&](View& v) { return deleteRequest(v, label); });
     }, [&](TokenStore& t) { return tokenDelete(t, label); });
 }
 
 ZAVKM_ReturnCode ZAVKM_SetDefaultKeyByLabel(ZAVKM_KeyDbHandle handle, const char* label) noexcept {
-    return withKeyDb(__func__, handle, {label}, [&](KeyDb& kdb) {
+    return withKeyDb(__func__, handle, {label}, {labelArg(label)}, [&](KeyDb& kdb) {
         return writeView(kdb, [&](View& v) -> Rc {
             std::optional<KeyRow> row;
             if (Rc rc = findKey(v, label, row); rc != ZAVKM_OK) return rc;
@@ -214,7 +214,7 @@ ZAVKM_ReturnCode ZAVKM_SetDefaultKeyByLabel(ZAVKM_KeyDbHandle handle, const char
 
 ZAVKM_ReturnCode ZAVKM_SetTrustStatus(ZAVKM_KeyDbHandle handle, const char* label,
                                       uint8_t trusted) noexcept {
-    return withKeyDb(__func__, handle, {label}, [&](KeyDb& kdb) {
+    return withKeyDb(__func__, handle, {label}, {labelArg(label)}, [&](KeyDb& kdb) {
         return writeView(kdb, [&](View& v) { return setTrusted(v, label, trusted != 0); });
     });
 }
@@ -222,7 +222,7 @@ ZAVKM_ReturnCode ZAVKM_SetTrustStatus(ZAVKM_KeyDbHandle handle, const char* labe
 ZAVKM_ReturnCode ZAVKM_InsertKey(ZAVKM_KeyDbHandle handle, const char* label, uint32_t certLength,
                                  const uint8_t* cert, uint32_t keyLength, const uint8_t* key,
                                  uint8_t makeDefault, uint8_t trusted) noexcept {
-    return withStore(__func__, handle, {label, cert}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {label, cert}, {labelArg(label)}, [&](KeyDb& kdb) -> Rc {
         if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
         if (key == nullptr && keyLength != 0) return ZAVKM_ERR_NULL_PARAMETER;
         X509Ptr x509;
@@ -265,7 +265,7 @@ ZAVKM_ReturnCode ZAVKM_InsertKey(ZAVKM_KeyDbHandle handle, const char* label, ui
 ZAVKM_ReturnCode ZAVKM_InsertReqKey(ZAVKM_KeyDbHandle handle, const char* label,
                                     uint32_t requestLength, const uint8_t* request,
                                     uint32_t keyLength, const uint8_t* key) noexcept {
-    return withStore(__func__, handle, {label, request, key}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {label, request, key}, {labelArg(label)}, [&](KeyDb& kdb) -> Rc {
         if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
         if (Rc rc = readView(kdb, [&](View& v) { return checkRequestLabelFree(v, label); }); rc != ZAVKM_OK)
             return rc;
@@ -302,7 +302,7 @@ ZAVKM_ReturnCode ZAVKM_InsertReqKey(ZAVKM_KeyDbHandle handle, const char* label,
 ZAVKM_ReturnCode ZAVKM_GetEPKIItemFromPrivateKey(const uint8_t* privateKey,
                                                  uint32_t privateKeyLength, const char* password,
                                                  ZAVKM_EPKIItem** epki) noexcept {
-    return withLibrary(__func__, {privateKey, password, epki}, [&]() -> Rc {
+    return withLibrary(__func__, {privateKey, password, epki}, {passwordArg(password)}, [&]() -> Rc {
         *epki = nullptr;
         if (isEmpty(password)) return ZAVKM_ERR_PWD_TOO_SHORT;
         PkeyPtr key = parsePrivateKey(privateKey, privateKeyLength);
@@ -321,11 +321,13 @@ ZAVKM_ReturnCode ZAVKM_GetEPKIItemFromPrivateKey(const uint8_t* privateKey,
 ZAVKM_ReturnCode ZAVKM_GetPrivKeyInfoItemFromEPKIItem(const ZAVKM_EPKIItem* epki,
                                                       const char* password,
                                                       ZAVKM_PrivKeyInfoItem** pki) noexcept {
-    return withLibrary(__func__, {epki, password, pki}, [&]() -> Rc {
+    return withLibrary(__func__, {epki, password, pki}, {passwordArg(password)}, [&]() -> Rc {
         *pki = nullptr;
         if (epki->der == nullptr) return ZAVKM_ERR_NULL_PARAMETER;
         SecretBytes pkcs8;
-        if (Rc rc = decryptEpki(epki->der, epki->derLength, password, nullptr, pkcs8);
+        if (Rc rc = withPasswordForms(password, [&](const char* pw) {
+                return decryptEpki(epki->der, epki->derLength, pw, nullptr, pkcs8);
+            });
             rc != ZAVKM_OK)
             return rc;
         PrivKeyInfoPtr item(newRecord<ZAVKM_PrivKeyInfoItem>());

@@ -23,7 +23,11 @@ Rc openFile(const char* fileName, const char* password, ZAVKM_KeyDbHandle* handl
     *handle = 0;
     std::unique_ptr<KeyDb> kdb;
     trace("opening %s", fileName != nullptr ? fileName : "(null)");
-    if (Rc rc = openKeyDb(fileName, password, true, kdb); rc != ZAVKM_OK) return rc;
+    if (Rc rc = withPasswordForms(password, [&](const char* pw) {
+            return openKeyDb(fileName, pw, true, kdb);
+        });
+        rc != ZAVKM_OK)
+        return rc;
     return registerOpen(std::move(kdb), handle);
 }
 
@@ -62,7 +66,7 @@ extern "C" {
 
 ZAVKM_ReturnCode ZAVKM_CreateNewKeyDb(const char* fileName, const char* password,
                                       int32_t expireSeconds, ZAVKM_KeyDbHandle* handle) noexcept {
-    return withLibrary(__func__, {fileName, password, handle}, [&]() -> Rc {
+    return withLibrary(__func__, {fileName, password, handle}, {passwordArg(password)}, [&]() -> Rc {
         *handle = 0;
         trace("creating %s", fileName);
         std::unique_ptr<KeyDb> kdb;
@@ -73,14 +77,16 @@ ZAVKM_ReturnCode ZAVKM_CreateNewKeyDb(const char* fileName, const char* password
 
 ZAVKM_ReturnCode ZAVKM_OpenKeyDb(const char* fileName, const char* password,
                                  ZAVKM_KeyDbHandle* handle) noexcept {
-    return withLibrary(__func__, {fileName, password, handle},
+    return withLibrary(__func__, {fileName, password, handle}, {passwordArg(password)},
                        [&] { return openFile(fileName, password, handle); });
 }
 
 ZAVKM_ReturnCode ZAVKM_OpenKeyDbX(const KeyStoreDescriptor* descriptor,
                                   ZAVKM_KeyDbHandle* handle) noexcept {
-    return withLibrary(__func__, {descriptor, handle}, [&]() -> Rc {
+    KeyStoreDescriptor texts = descriptor != nullptr ? *descriptor : KeyStoreDescriptor{};
+    return withLibrary(__func__, {descriptor, handle}, {passwordArg(texts.password)}, [&]() -> Rc {
         *handle = 0;
+        descriptor = &texts;
         switch (descriptor->storeType) {
             case KeyDbFile:
                 if (descriptor->keyDbFileName == nullptr) return ZAVKM_ERR_NULL_PARAMETER;
@@ -108,21 +114,29 @@ ZAVKM_ReturnCode ZAVKM_CloseKeyDb(ZAVKM_KeyDbHandle handle) noexcept {
 
 ZAVKM_ReturnCode ZAVKM_ChangeKeyDbPwd(const char* fileName, const char* oldPassword,
                                       const char* newPassword, int32_t expireSeconds) noexcept {
-    return withLibrary(__func__, {fileName, oldPassword, newPassword}, [&] {
+    return withLibrary(__func__, {fileName, oldPassword, newPassword},
+                       {passwordArg(oldPassword), passwordArg(newPassword)}, [&] {
         trace("changing the password of %s", fileName);
-        return changeKeyDbPassword(fileName, oldPassword, newPassword, expireSeconds);
+        return withPasswordForms(oldPassword, [&](const char* old) {
+            return changeKeyDbPassword(fileName, old, newPassword, expireSeconds);
+        });
     });
 }
 
 ZAVKM_ReturnCode ZAVKM_ChangeKeyDbPwdX(const KeyStoreDescriptor* descriptor) noexcept {
-    return withLibrary(__func__, {descriptor}, [&]() -> Rc {
+    KeyStoreDescriptor texts = descriptor != nullptr ? *descriptor : KeyStoreDescriptor{};
+    return withLibrary(__func__, {descriptor}, {passwordArg(texts.password), passwordArg(texts.newPassword)},
+                       [&]() -> Rc {
+        descriptor = &texts;
         switch (descriptor->storeType) {
             case KeyDbFile:
                 if (anyNull(
                         {descriptor->keyDbFileName, descriptor->password, descriptor->newPassword}))
                     return ZAVKM_ERR_NULL_PARAMETER;
-                return changeKeyDbPassword(descriptor->keyDbFileName, descriptor->password,
-                                           descriptor->newPassword, 0);
+                return withPasswordForms(descriptor->password, [&](const char* old) {
+                    return changeKeyDbPassword(descriptor->keyDbFileName, old,
+                                               descriptor->newPassword, 0);
+                });
             case CryptoToken: {
                 TokenSpec spec;
                 if (Rc rc = tokenSpec(descriptor, spec); rc != ZAVKM_OK) return rc;
@@ -140,10 +154,14 @@ ZAVKM_ReturnCode ZAVKM_ChangeKeyDbPwdX(const KeyStoreDescriptor* descriptor) noe
 }
 
 ZAVKM_ReturnCode ZAVKM_StashKeyDbPwd(const char* fileName, const char* password) noexcept {
-    return withLibrary(__func__, {fileName, password}, [&]() -> Rc {
+    return withLibrary(__func__, {fileName, password}, {passwordArg(password)}, [&]() -> Rc {
         if (isEmpty(password)) return ZAVKM_ERR_PWD_TOO_SHORT;
         std::unique_ptr<KeyDb> kdb;  // the password must open the file
-        if (Rc rc = openKeyDb(fileName, password, false, kdb); rc != ZAVKM_OK) return rc;
+        if (Rc rc = withPasswordForms(password, [&](const char* pw) {
+                return openKeyDb(fileName, pw, false, kdb);
+            });
+            rc != ZAVKM_OK)
+            return rc;
         return writeStash(fileName, Stash{kdb->password, kdb->kdf, kdb->master});
     });
 }

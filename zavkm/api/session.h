@@ -6,6 +6,7 @@
 #include "handles.h"
 #include "state.h"
 #include "trace.h"
+#include "utf.h"
 
 namespace zavkm {
 
@@ -54,6 +55,47 @@ Rc withLibrary(const char* name, std::initializer_list<const void*> required, Fn
     if (anyNull(required)) return traceResult(name, ZAVKM_ERR_NULL_PARAMETER);
     if (!isInitialized()) return traceResult(name, ZAVKM_ERR_NOT_INITIALIZED);
     return traceResult(name, guarded(fn));
+}
+
+// withKeyDb, withStore, withLibrary with texts: the same frames, with the label and password
+// arguments named in texts made canonical (utf.h) once the frame's own checks passed and
+// before the operation runs; a password that is not text gives ZAVKM_ERR_PARAMETER.
+template <class Fn>
+Rc withKeyDb(const char* name, ZAVKM_KeyDbHandle handle,
+             std::initializer_list<const void*> required, std::initializer_list<TextArg> texts,
+             Fn&& fn) noexcept {
+    CanonicalTexts held;
+    return withKeyDb(name, handle, required, [&](KeyDb& kdb) -> Rc {
+        if (Rc rc = held.take(texts); rc != ZAVKM_OK) return rc;
+        return fn(kdb);
+    });
+}
+
+template <class FileFn, class TokenFn>
+Rc withStore(const char* name, ZAVKM_KeyDbHandle handle,
+             std::initializer_list<const void*> required, std::initializer_list<TextArg> texts,
+             FileFn&& fileFn, TokenFn&& tokenFn) noexcept {
+    CanonicalTexts held;
+    return withStore(
+        name, handle, required,
+        [&](KeyDb& kdb) -> Rc {
+            if (Rc rc = held.take(texts); rc != ZAVKM_OK) return rc;
+            return fileFn(kdb);
+        },
+        [&](TokenStore& token) -> Rc {
+            if (Rc rc = held.take(texts); rc != ZAVKM_OK) return rc;
+            return tokenFn(token);
+        });
+}
+
+template <class Fn>
+Rc withLibrary(const char* name, std::initializer_list<const void*> required,
+               std::initializer_list<TextArg> texts, Fn&& fn) noexcept {
+    CanonicalTexts held;
+    return withLibrary(name, required, [&]() -> Rc {
+        if (Rc rc = held.take(texts); rc != ZAVKM_OK) return rc;
+        return fn();
+    });
 }
 
 }  // namespace zavkm

@@ -7,8 +7,11 @@
 namespace zavkm {
 
 // startTrace - opens (appends to) fileName as the trace file; level 0 traces operations and
-// results, higher levels add details. A second call replaces the previous file. Returns
-// ZAVKM_ERR_FILE_OPEN_TO_WRITE when the file cannot be opened (tracing then stays off).
+// results, higher levels add details. A second call replaces the previous file. The file is
+// never reached through a link: ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED for a link, a FIFO, a device,
+// another user's file or one with a second name; an existing file of the user's is made
+// readable by its owner only, a new one is created so. ZAVKM_ERR_FILE_OPEN_TO_WRITE when it
+// cannot be opened. Tracing stays off after a failure.
 Rc startTrace(const char* tag, const char* fileName, int32_t level) noexcept;
 
 // stopTrace - closes the trace file; tracing is off afterwards.

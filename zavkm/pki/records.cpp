@@ -2,6 +2,7 @@
 #include "records.h"
 
 #include "record_fields.h"
+#include "utf.h"
 
 namespace zavkm {
 
@@ -34,7 +35,8 @@ void freeKeyItem(ZAVKM_KeyItem* key) noexcept { freeAll(key); }
 void freeReqKeyItem(ZAVKM_ReqKeyItem* key) noexcept { freeAll(key); }
 void freeKeyItemList(ZAVKM_KeyItemList* list) noexcept { freeAll(list); }
 
-char* copyText(std::string_view text) {
+char* copyText(std::string_view stored) {
+    const std::string text = javaText(stored);  // what Java reads through NewStringUTF
     char* p = static_cast<char*>(std::malloc(text.size() + 1));
     if (p == nullptr) throw std::bad_alloc();
     std::memcpy(p, text.data(), text.size());

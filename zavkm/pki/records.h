@@ -66,8 +66,10 @@ Rc keyItemListOf(const std::vector<Source>& sources, Make&& make, ZAVKM_KeyItemL
     return ZAVKM_OK;
 }
 
-// copyText - a malloc'd copy of text; throws std::bad_alloc.
-char* copyText(std::string_view text);
+// copyText - a malloc'd copy of a stored text as the records of zavkm.h carry texts: Java's
+// modified UTF-8 (javaText, utf.h), which the JNI bridge hands to NewStringUTF; throws
+// std::bad_alloc.
+char* copyText(std::string_view stored);
 
 // copyBytes - a malloc'd copy of n bytes into *out and n into *outLength (a zero length still
 // gives a non-null one-byte block); throws std::bad_alloc.

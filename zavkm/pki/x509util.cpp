@@ -12,6 +12,7 @@
 #include "files.h"
 #include "sizes.h"
 #include "state.h"
+#include "utf.h"
 
 namespace zavkm {
 namespace {
@@ -143,7 +144,7 @@ std::string commonNameOf(X509* cert) {
     }
     std::string s(reinterpret_cast<char*>(text), static_cast<size_t>(n));
     OPENSSL_free(text);
-    return s.empty() || s.size() > 200 ? "certificate" : s;
+    return labelFromName(s);
 }
 
 bool wellFormed(const X509* cert) {

@@ -19,7 +19,8 @@ Rc readRequest(const uint8_t* p, size_t n, X509ReqPtr& out);
 // ZAVKM_ERR_PARAMETER over kMaxBundleBytes or kMaxBundleCertificates.
 Rc readCertificates(const uint8_t* data, size_t length, std::vector<X509Ptr>& out);
 
-// commonNameOf - the subject's common name as UTF-8 ("certificate" when there is none usable).
+// commonNameOf - the subject's common name as a label (labelFromName, utf.h: control characters
+// replaced; "certificate" when there is none usable).
 std::string commonNameOf(X509* cert);
 
 // wellFormed - whether a decoded certificate's validity times are DER times naming real moments

@@ -9,6 +9,9 @@
 #include <list>
 #include <mutex>
 
+#include "companions.h"
+#include "files.h"
+
 namespace zavkm {
 namespace {
 
@@ -103,7 +106,8 @@ Rc openNew(const std::string& path, std::unique_ptr<Link>& out) {
     int flags = ::access(path.c_str(), W_OK) == 0 ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY;
     auto link = std::make_unique<Link>();
     sqlite3* raw = nullptr;
-    int code = sqlite3_open_v2(path.c_str(), &raw, flags | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (Rc rc = checkCompanions(path); rc != ZAVKM_OK) return rc;
+    int code = sqlite3_open_v2(path.c_str(), &raw, flags | SQLITE_OPEN_NOMUTEX, checkedVfsName());
     link->db.reset(raw);
     if (code != SQLITE_OK) return sqlRc(raw, code, ZAVKM_ERR_DATABASE_OPEN);
     sqlite3_extended_result_codes(raw, 1);
@@ -143,6 +147,7 @@ Connection::~Connection() { giveBack(); }
 
 void Connection::giveBack() noexcept {
     if (!link_) return;
+    forgetOpenDatabase(path_, dev_, ino_);
     std::unique_ptr<Link> link = std::move(link_);
     sqlite3* db = link->db.get();
     struct stat was {};
@@ -210,6 +215,7 @@ Rc takeConnection(const std::string& path, Connection& out) {
     c.path_ = path;
     c.dev_ = now.st_dev;
     c.ino_ = now.st_ino;
+    noteOpenDatabase(path, now.st_dev, now.st_ino);
     out = std::move(c);
     return ZAVKM_OK;
 }

@@ -8,6 +8,7 @@
 
 #include "pages.h"
 #include "trace.h"
+#include "utf.h"
 
 namespace zavkm {
 namespace {
@@ -206,11 +207,7 @@ Rc labelsOf(View& v, uint8_t table, std::vector<std::string>& out) {
 
 }  // namespace
 
-Rc checkLabel(const char* label) noexcept {
-    if (label == nullptr) return ZAVKM_ERR_NULL_PARAMETER;
-    size_t n = std::strlen(label);
-    return n >= 1 && n <= 255 ? ZAVKM_OK : ZAVKM_ERR_PARAMETER;
-}
+Rc checkLabel(const char* label) noexcept { return checkLabelText(label); }
 
 Rc findKey(View& v, const std::string& label, std::optional<KeyRow>& out) {
     out.reset();

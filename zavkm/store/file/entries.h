@@ -98,7 +98,8 @@ Rc writeView(KeyDb& kdb, Fn&& fn) {
 // ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL otherwise.
 Rc checkRequestLabelFree(View& v, const std::string& label);
 
-// checkLabel - a label is 1 to 255 bytes without NUL: ZAVKM_ERR_PARAMETER otherwise.
+// checkLabel - a new label is canonical text of 1 to 255 bytes without control characters
+// (checkLabelText, utf.h): ZAVKM_ERR_PARAMETER otherwise.
 Rc checkLabel(const char* label) noexcept;
 
 // Damage - one damaged row (ZAVKM_DAMAGE_... of zavkm_ext.h as reason).

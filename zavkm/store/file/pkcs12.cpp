@@ -7,6 +7,8 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "entries.h"
 #include "epki.h"
@@ -57,15 +59,28 @@ void loadLegacyAlgorithms() {
 // asKey - bytes as a set key.
 std::string asKey(const Bytes& b) { return std::string(b.begin(), b.end()); }
 
+// Bag attributes of our own, under the arc 2.25.<a UUID of ours, as a decimal number>. Other
+// readers keep them as unknown attributes (keytool) or print them (openssl pkcs12 -info).
+constexpr char kDefaultOid[] = "2.25.22339739339984387550878158063804827310.1";  // BOOLEAN TRUE
+constexpr char kTrustedOid[] = "2.25.22339739339984387550878158063804827310.2";  // BOOLEAN TRUE
+constexpr char kRequestOid[] = "2.25.22339739339984387550878158063804827310.3";  // OCTET STRING
+
 // ---- export -------------------------------------------------------------------------------
 
+// ExportEntry - one entry as it goes into the file: a personal key (key and chain), a signer
+// certificate (chain of one, no key) or a request key (key and request, no chain).
 struct ExportEntry {
     std::string label;
-    PkeyPtr key;                 // null for a signer certificate
+    PkeyPtr key;
     std::vector<X509Ptr> chain;  // the certificate first
+    Bytes request;
+    bool isDefault = false;
+    bool trusted = false;
 };
 
-Rc collectEntries(View& v, const std::vector<std::string>& labels, std::vector<ExportEntry>& out) {
+// collectKeys - the personal keys and signer certificates named by labels (all when empty),
+// read through the row functions: ZAVKM_ERR_KEY_GET_BY_LABEL for a label that is not there.
+Rc collectKeys(View& v, const std::vector<std::string>& labels, std::vector<ExportEntry>& out) {
     const KeyDb& kdb = v.kdb;
     std::vector<KeyRow> rows;
     if (labels.empty()) {  // every key, or 20 when a row is damaged: no backup silently short
@@ -81,6 +96,8 @@ Rc collectEntries(View& v, const std::vector<std::string>& labels, std::vector<E
     for (const KeyRow& row : rows) {
         ExportEntry e;
         e.label = row.label;
+        e.isDefault = row.isDefault;
+        e.trusted = row.trusted;
         X509Ptr cert = parseCertificate(row.cert.data(), row.cert.size());
         if (!cert) return ZAVKM_ERR_DATABASE_CORRUPTION;
         if (!row.privateKey.empty()) {
@@ -95,7 +112,36 @@ Rc collectEntries(View& v, const std::vector<std::string>& labels, std::vector<E
     return ZAVKM_OK;
 }
 
-Rc nameBag(PKCS12_SAFEBAG* bag, const std::string& label, const Bytes* keyId, bool trusted) {
+// collectRequests - every request key, read through the row functions (checked rows only).
+Rc collectRequests(View& v, std::vector<ExportEntry>& out) {
+    const KeyDb& kdb = v.kdb;
+    std::vector<std::string> labels;
+    if (Rc rc = requestLabels(v, labels); rc != ZAVKM_OK) return rc;
+    for (const std::string& label : labels) {
+        std::optional<RequestRow> row;
+        if (Rc rc = findRequest(v, label, row); rc != ZAVKM_OK) return rc;
+        if (!row) return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;  // listed, then gone: not whole
+        ExportEntry e;
+        e.label = row->label;
+        e.request = row->request;
+        if (Rc rc = privateKeyOf(kdb, row->privateKey, row->spki, e.key); rc != ZAVKM_OK) return rc;
+        out.push_back(std::move(e));
+    }
+    return ZAVKM_OK;
+}
+
+// addAttribute - an attribute of type type (V_ASN1_BOOLEAN: TRUE) with oid on bag.
+Rc addAttribute(PKCS12_SAFEBAG* bag, const char* oid, int type, const Bytes& value = {}) {
+    static const unsigned char kTrue = 0xff;
+    const int ok = type == V_ASN1_BOOLEAN
+                       ? PKCS12_add1_attr_by_txt(bag, oid, type, &kTrue, -1)
+                       : PKCS12_add1_attr_by_txt(bag, oid, type, value.data(), static_cast<int>(value.size()));
+    return ok == 1 ? ZAVKM_OK : sslError(ZAVKM_ERR_ASN);
+}
+
+// nameBag - label as the bag's friendlyName, keyId (when given) as its localKeyID, and the JDK's
+// trusted-certificate mark when javaTrust.
+Rc nameBag(PKCS12_SAFEBAG* bag, const std::string& label, const Bytes* keyId, bool javaTrust) {
     // BMPString written here: characters beyond U+FFFF as surrogate pairs, which keytool reads.
     std::optional<Bytes> name = utf8ToUtf16be(label);
     if (!name) return ZAVKM_ERR_PARAMETER;
@@ -104,7 +150,7 @@ Rc nameBag(PKCS12_SAFEBAG* bag, const std::string& label, const Bytes* keyId, bo
     if (keyId != nullptr && PKCS12_add_localkeyid(bag, const_cast<uint8_t*>(keyId->data()),
                                                   static_cast<int>(keyId->size())) != 1)
         return sslError(ZAVKM_ERR_ASN);
-    if (trusted) {
+    if (javaTrust) {
         Asn1ObjPtr anyEku(OBJ_txt2obj("2.5.29.37.0", 1));
         if (!anyEku ||
             PKCS12_add1_attr_by_txt(bag, kJavaTrustOid, V_ASN1_OBJECT,
@@ -112,6 +158,17 @@ Rc nameBag(PKCS12_SAFEBAG* bag, const std::string& label, const Bytes* keyId, bo
             return sslError(ZAVKM_ERR_ASN);
     }
     return ZAVKM_OK;
+}
+
+// keyIdOf - a localKeyID for one entry: 20 bytes of SHA-256 over its label and certificate (or
+// request), so no two entries share one even when they share a certificate.
+Bytes keyIdOf(const std::string& label, const Bytes& der) {
+    Bytes in(label.begin(), label.end());
+    in.push_back(0);
+    in.insert(in.end(), der.begin(), der.end());
+    Bytes id = sha256(in.data(), in.size());
+    id.resize(20);
+    return id;
 }
 
 // keyIterations - the iterations of each shrouded key of a file holding keys keys: the usual
@@ -122,58 +179,97 @@ int keyIterations(size_t keys) {
     return static_cast<int>(std::clamp<long>(each, 1, kPkcs12Iterations));
 }
 
+// Bags - the certificate bags and the key bags of a file being built.
+struct Bags {
+    BagsPtr certs, keys;
+    int keyIterations = kPkcs12Iterations;
+    const char* password = nullptr;
+
+    PKCS12_SAFEBAG* addCert(X509* cert) {
+        STACK_OF(PKCS12_SAFEBAG)* raw = certs.release();
+        PKCS12_SAFEBAG* bag = PKCS12_add_cert(&raw, cert);
+        certs.reset(raw);
+        return bag;
+    }
+    PKCS12_SAFEBAG* addKey(EVP_PKEY* key) {
+        STACK_OF(PKCS12_SAFEBAG)* raw = keys.release();
+        PKCS12_SAFEBAG* bag = PKCS12_add_key_ex(&raw, key, 0, keyIterations, NID_aes_256_cbc,
+                                                password, nullptr, nullptr);
+        keys.reset(raw);
+        return bag;
+    }
+};
+
+// addSigner - a signer certificate: its bag named, marked trusted for Java when it is.
+Rc addSigner(Bags& bags, const ExportEntry& e) {
+    PKCS12_SAFEBAG* bag = bags.addCert(e.chain.front().get());
+    if (bag == nullptr) return sslError(ZAVKM_ERR_ASN);
+    return nameBag(bag, e.label, nullptr, e.trusted);
+}
+
+// addPersonal - a personal key: its certificate bag and shrouded key bag named and paired by a
+// localKeyID, its default and trust flags on the key bag (where keytool does not read them as a
+// trusted certificate), then the chain certificates not in the file yet.
+Rc addPersonal(Bags& bags, const ExportEntry& e, std::set<std::string>& written) {
+    const Bytes certDer = derOf(e.chain.front().get());
+    const Bytes keyId = keyIdOf(e.label, certDer);
+    PKCS12_SAFEBAG* certBag = bags.addCert(e.chain.front().get());
+    if (certBag == nullptr) return sslError(ZAVKM_ERR_ASN);
+    if (Rc rc = nameBag(certBag, e.label, &keyId, false); rc != ZAVKM_OK) return rc;
+    written.insert(asKey(certDer));
+    for (size_t i = 1; i < e.chain.size(); ++i) {
+        if (!written.insert(asKey(derOf(e.chain[i].get()))).second) continue;
+        if (bags.addCert(e.chain[i].get()) == nullptr) return sslError(ZAVKM_ERR_ASN);
+    }
+    PKCS12_SAFEBAG* keyBag = bags.addKey(e.key.get());
+    if (keyBag == nullptr) return sslError(ZAVKM_ERR_CRYPTO);
+    if (Rc rc = nameBag(keyBag, e.label, &keyId, false); rc != ZAVKM_OK) return rc;
+    if (e.isDefault)
+        if (Rc rc = addAttribute(keyBag, kDefaultOid, V_ASN1_BOOLEAN); rc != ZAVKM_OK) return rc;
+    if (e.trusted)
+        if (Rc rc = addAttribute(keyBag, kTrustedOid, V_ASN1_BOOLEAN); rc != ZAVKM_OK) return rc;
+    return ZAVKM_OK;
+}
+
+// addRequest - a request key: a shrouded key bag named, with its request in our attribute and a
+// localKeyID that no certificate carries.
+Rc addRequest(Bags& bags, const ExportEntry& e) {
+    const Bytes keyId = keyIdOf(e.label, e.request);
+    PKCS12_SAFEBAG* keyBag = bags.addKey(e.key.get());
+    if (keyBag == nullptr) return sslError(ZAVKM_ERR_CRYPTO);
+    if (Rc rc = nameBag(keyBag, e.label, &keyId, false); rc != ZAVKM_OK) return rc;
+    return addAttribute(keyBag, kRequestOid, V_ASN1_OCTET_STRING, e.request);
+}
+
+// buildPkcs12 - the DER PKCS#12 file of entries under password: signers first, then personal
+// and request keys.
 Rc buildPkcs12(const std::vector<ExportEntry>& entries, const char* password, Bytes& der) {
-    Owned<STACK_OF(PKCS12_SAFEBAG), freeBags> certBags, keyBags;
-    const int perKey = keyIterations(static_cast<size_t>(
+    Bags bags;
+    bags.password = password;
+    bags.keyIterations = keyIterations(static_cast<size_t>(
         std::count_if(entries.begin(), entries.end(), [](const ExportEntry& e) { return e.key != nullptr; })));
     std::set<std::string> written;  // certificates already in the file (DER)
     // Signer certificates first, so a chain certificate that is also exported on its own is
     // written once, with its label and trust mark.
     for (const ExportEntry& e : entries) {
         if (e.key) continue;
-        PKCS12_SAFEBAG* raw = nullptr;
-        STACK_OF(PKCS12_SAFEBAG)* bags = certBags.release();
-        raw = PKCS12_add_cert(&bags, e.chain.front().get());
-        certBags.reset(bags);
-        if (raw == nullptr) return sslError(ZAVKM_ERR_ASN);
-        if (Rc rc = nameBag(raw, e.label, nullptr, true); rc != ZAVKM_OK) return rc;
+        if (Rc rc = addSigner(bags, e); rc != ZAVKM_OK) return rc;
         written.insert(asKey(derOf(e.chain.front().get())));
     }
     for (const ExportEntry& e : entries) {
         if (!e.key) continue;
-        Bytes certDer = derOf(e.chain.front().get());
-        Bytes keyId = sha256(certDer.data(), certDer.size());
-        keyId.resize(20);
-        STACK_OF(PKCS12_SAFEBAG)* bags = certBags.release();
-        PKCS12_SAFEBAG* certBag = PKCS12_add_cert(&bags, e.chain.front().get());
-        certBags.reset(bags);
-        if (certBag == nullptr) return sslError(ZAVKM_ERR_ASN);
-        if (Rc rc = nameBag(certBag, e.label, &keyId, false); rc != ZAVKM_OK) return rc;
-        written.insert(asKey(certDer));
-        for (size_t i = 1; i < e.chain.size(); ++i) {
-            Bytes d = derOf(e.chain[i].get());
-            if (!written.insert(asKey(d)).second) continue;
-            bags = certBags.release();
-            PKCS12_SAFEBAG* chainBag = PKCS12_add_cert(&bags, e.chain[i].get());
-            certBags.reset(bags);
-            if (chainBag == nullptr) return sslError(ZAVKM_ERR_ASN);
-        }
-        bags = keyBags.release();
-        PKCS12_SAFEBAG* keyBag = PKCS12_add_key_ex(&bags, e.key.get(), 0, perKey,
-                                                   NID_aes_256_cbc, password, nullptr, nullptr);
-        keyBags.reset(bags);
-        if (keyBag == nullptr) return sslError(ZAVKM_ERR_CRYPTO);
-        if (Rc rc = nameBag(keyBag, e.label, &keyId, false); rc != ZAVKM_OK) return rc;
+        Rc rc = e.chain.empty() ? addRequest(bags, e) : addPersonal(bags, e, written);
+        if (rc != ZAVKM_OK) return rc;
     }
     Owned<STACK_OF(PKCS7), freeAuthSafes> safes;
     STACK_OF(PKCS7)* rawSafes = nullptr;
-    if (certBags && PKCS12_add_safe_ex(&rawSafes, certBags.get(), NID_aes_256_cbc,
-                                       kPkcs12Iterations, password, nullptr, nullptr) != 1) {
+    if (bags.certs && PKCS12_add_safe_ex(&rawSafes, bags.certs.get(), NID_aes_256_cbc,
+                                         kPkcs12Iterations, password, nullptr, nullptr) != 1) {
         safes.reset(rawSafes);
         return sslError(ZAVKM_ERR_CRYPTO);
     }
-    if (keyBags &&
-        PKCS12_add_safe_ex(&rawSafes, keyBags.get(), -1, 0, nullptr, nullptr, nullptr) != 1) {
+    if (bags.keys &&
+        PKCS12_add_safe_ex(&rawSafes, bags.keys.get(), -1, 0, nullptr, nullptr, nullptr) != 1) {
         safes.reset(rawSafes);
         return sslError(ZAVKM_ERR_CRYPTO);
     }
@@ -192,10 +288,15 @@ Rc buildPkcs12(const std::vector<ExportEntry>& entries, const char* password, By
 
 // ---- import -------------------------------------------------------------------------------
 
+// Found - what a bag says of itself in its attributes.
 struct Found {
-    std::string name;  // friendlyName, may be empty
-    Bytes keyId;       // localKeyID, may be empty
-    bool trusted = false;
+    std::string name;          // friendlyName, canonical; may be empty
+    Rc nameRc = ZAVKM_OK;      // ZAVKM_ERR_PARAMETER for a friendlyName that is no text
+    Bytes keyId;               // localKeyID, may be empty
+    bool javaTrusted = false;  // the JDK's trusted-certificate attribute
+    bool isDefault = false;    // ours: the default key
+    bool trusted = false;      // ours: a trusted personal key
+    Bytes request;             // ours: the request of a request key
 };
 struct FoundKey {
     Found bag;
@@ -277,18 +378,36 @@ struct Reader {
         return ZAVKM_OK;
     }
 
+    // friendlyName - the bag's friendlyName as canonical text; nameRc tells one that is none.
+    static void friendlyName(const ASN1_TYPE* name, Found& f) {
+        std::optional<std::string> text;
+        if (name == nullptr) return;
+        const ASN1_STRING* s = name->type == V_ASN1_BMPSTRING     ? name->value.bmpstring
+                               : name->type == V_ASN1_UTF8STRING ? name->value.utf8string
+                                                                 : nullptr;
+        if (s == nullptr) return;  // another type: as if there were none
+        const uint8_t* p = ASN1_STRING_get0_data(s);
+        const auto n = static_cast<size_t>(ASN1_STRING_length(s));
+        text = name->type == V_ASN1_BMPSTRING
+                   ? utf16beToUtf8(p, n)
+                   : canonicalText(std::string_view(reinterpret_cast<const char*>(p), n));
+        if (text) {
+            f.name = std::move(*text);
+        } else {
+            f.nameRc = ZAVKM_ERR_PARAMETER;
+        }
+    }
+
+    // flag - whether the bag carries the attribute oid with the value BOOLEAN TRUE.
+    static bool flag(const STACK_OF(X509_ATTRIBUTE) * attrs, const ASN1_OBJECT* oid) {
+        const int at = X509at_get_attr_by_OBJ(attrs, oid, -1);
+        const ASN1_TYPE* v = at < 0 ? nullptr : X509_ATTRIBUTE_get0_type(X509at_get_attr(attrs, at), 0);
+        return v != nullptr && v->type == V_ASN1_BOOLEAN && v->value.boolean != 0;
+    }
+
     static Found describe(PKCS12_SAFEBAG* bag) {
         Found f;
-        const ASN1_TYPE* name = PKCS12_SAFEBAG_get0_attr(bag, NID_friendlyName);
-        if (name != nullptr && name->type == V_ASN1_BMPSTRING) {
-            const ASN1_STRING* s = name->value.bmpstring;
-            f.name = utf16beToUtf8(ASN1_STRING_get0_data(s), static_cast<size_t>(ASN1_STRING_length(s))).value_or("");
-        } else if (name != nullptr && name->type == V_ASN1_UTF8STRING) {
-            const ASN1_STRING* s = name->value.utf8string;
-            std::string_view text(reinterpret_cast<const char*>(ASN1_STRING_get0_data(s)),
-                                  static_cast<size_t>(ASN1_STRING_length(s)));
-            if (utf8ToUtf16be(text)) f.name = text;  // sound UTF-8 without NUL only
-        }
+        friendlyName(PKCS12_SAFEBAG_get0_attr(bag, NID_friendlyName), f);
         const ASN1_TYPE* id = PKCS12_SAFEBAG_get0_attr(bag, NID_localKeyID);
         if (id != nullptr && id->type == V_ASN1_OCTET_STRING) {
             const ASN1_OCTET_STRING* s = id->value.octet_string;
@@ -296,11 +415,19 @@ struct Reader {
                            ASN1_STRING_get0_data(s) + ASN1_STRING_length(s));
         }
         const STACK_OF(X509_ATTRIBUTE)* attrs = PKCS12_SAFEBAG_get0_attrs(bag);
-        Asn1ObjPtr trust(OBJ_txt2obj(kJavaTrustOid, 1));
-        for (int i = 0; trust && i < sk_X509_ATTRIBUTE_num(attrs); ++i)
-            if (OBJ_cmp(X509_ATTRIBUTE_get0_object(sk_X509_ATTRIBUTE_value(attrs, i)),
-                        trust.get()) == 0)
-                f.trusted = true;
+        Asn1ObjPtr java(OBJ_txt2obj(kJavaTrustOid, 1)), isDefault(OBJ_txt2obj(kDefaultOid, 1)),
+            trusted(OBJ_txt2obj(kTrustedOid, 1)), request(OBJ_txt2obj(kRequestOid, 1));
+        if (java && request && isDefault && trusted) {
+            f.javaTrusted = X509at_get_attr_by_OBJ(attrs, java.get(), -1) >= 0;
+            f.isDefault = flag(attrs, isDefault.get());
+            f.trusted = flag(attrs, trusted.get());
+            const int at = X509at_get_attr_by_OBJ(attrs, request.get(), -1);
+            const ASN1_TYPE* v = at < 0 ? nullptr : X509_ATTRIBUTE_get0_type(X509at_get_attr(attrs, at), 0);
+            if (v != nullptr && v->type == V_ASN1_OCTET_STRING) {
+                const ASN1_OCTET_STRING* s = v->value.octet_string;
+                f.request.assign(ASN1_STRING_get0_data(s), ASN1_STRING_get0_data(s) + ASN1_STRING_length(s));
+            }
+        }
         clearSslErrors();
         return f;
     }
@@ -391,75 +518,202 @@ struct Reader {
     }
 };
 
-// Planner - turns what the file holds into rows, choosing and checking labels.
-struct Planner {
-    std::set<std::string> taken;  // labels in the database and planned
-    std::vector<KeyRow> rows;
+// ---- planning an import ----------------------------------------------------------------------
 
-    Rc claim(const std::string& label) {
-        if (checkLabel(label.c_str()) != ZAVKM_OK) return ZAVKM_ERR_PARAMETER;
-        if (!taken.insert(label).second) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
+// Candidate - a row an import may add, prepared before its label is chosen.
+struct Candidate {
+    enum Kind { Personal, Signer, Request };
+    Kind kind = Signer;
+    KeyRow key;          // a personal key or signer certificate
+    RequestRow request;  // a request key
+    std::string name;    // the label the file gives; empty: made from the common name
+    std::string base;    // the common name, for a label made unique
+    bool skip = false;   // the database (or the file, before) holds the certificate already
+};
+
+// Prepared - every candidate of a file, in the order labels are chosen: personal keys, named
+// certificates, unnamed certificates, request keys.
+using Prepared = std::vector<Candidate>;
+
+// pairCertificate - the certificate bag of key: the unused one with its localKeyID, else one
+// with its public key; ZAVKM_ERR_KEYREC_CERTIFICATE_NULL when there is none.
+Rc pairCertificate(const FoundKey& k, std::vector<FoundCert>& certs,
+                   const std::unordered_multimap<std::string, size_t>& byKeyId, FoundCert*& out) {
+    out = nullptr;
+    if (!k.bag.keyId.empty()) {
+        auto [from, to] = byKeyId.equal_range(asKey(k.bag.keyId));
+        for (auto it = from; it != to && out == nullptr; ++it)
+            if (!certs[it->second].used) out = &certs[it->second];
+    }
+    for (size_t i = 0; i < certs.size() && out == nullptr; ++i)
+        if (!certs[i].used && sameKey(X509_get0_pubkey(certs[i].cert.get()), k.key.get()))
+            out = &certs[i];
+    if (out == nullptr) return ZAVKM_ERR_KEYREC_CERTIFICATE_NULL;
+    if (!sameKey(X509_get0_pubkey(out->cert.get()), k.key.get())) return ZAVKM_ERR_VALIDATION_KEY_PAIR;
+    out->used = true;
+    return ZAVKM_OK;
+}
+
+// sealed - key, under the key policy, sealed with the database's data key for spki into out.
+Rc sealed(const KeyDb& kdb, EVP_PKEY* key, const Bytes& spki, Bytes& out) {
+    if (Rc rc = checkKeyPolicy(key); rc != ZAVKM_OK) return rc;
+    SecretBytes pkcs8 = pkcs8Of(key);
+    if (pkcs8.empty()) return sslError(ZAVKM_ERR_ASN);
+    return sealPrivateKey(kdb, pkcs8, spki, out);
+}
+
+// requestCandidate - the request key of a key bag carrying our request attribute: the request
+// must decode and hold the key's public half (ZAVKM_ERR_VALIDATION_KEY_PAIR otherwise).
+Rc requestCandidate(const KeyDb& kdb, FoundKey& k, Candidate& c) {
+    c.kind = Candidate::Request;
+    c.name = k.bag.name;
+    c.base = "request";
+    X509ReqPtr req = parseRequest(k.bag.request.data(), k.bag.request.size());
+    EVP_PKEY* publicKey = req ? X509_REQ_get0_pubkey(req.get()) : nullptr;
+    if (publicKey == nullptr) return sslError(ZAVKM_ERR_INVALID_PKCS12_DATA);
+    if (!sameKey(publicKey, k.key.get())) return ZAVKM_ERR_VALIDATION_KEY_PAIR;
+    RequestRow& row = c.request;
+    row.request = derOf(req.get());
+    row.spki = spkiOf(publicKey);
+    const KeyInfo info = keyInfo(publicKey);
+    row.keyType = info.algorithm;
+    row.keyBits = info.bits;
+    return sealed(kdb, k.key.get(), row.spki, row.privateKey);
+}
+
+// prepare - every row the file could add, private keys sealed and certificates checked: the
+// work an import does before it looks at the database, so no lock is held for it.
+Rc prepare(const KeyDb& kdb, Reader& in, Prepared& out) {
+    for (const FoundKey& k : in.keys)
+        if (k.bag.nameRc != ZAVKM_OK) return k.bag.nameRc;
+    for (const FoundCert& c : in.certs)
+        if (c.bag.nameRc != ZAVKM_OK) return c.bag.nameRc;
+    std::unordered_multimap<std::string, size_t> byKeyId;
+    for (size_t i = 0; i < in.certs.size(); ++i)
+        if (!in.certs[i].bag.keyId.empty()) byKeyId.emplace(asKey(in.certs[i].bag.keyId), i);
+    Prepared requests;
+    for (FoundKey& k : in.keys) {
+        Candidate c;
+        if (!k.bag.request.empty()) {
+            if (Rc rc = requestCandidate(kdb, k, c); rc != ZAVKM_OK) return rc;
+            requests.push_back(std::move(c));
+            continue;
+        }
+        FoundCert* match = nullptr;
+        if (Rc rc = pairCertificate(k, in.certs, byKeyId, match); rc != ZAVKM_OK) return rc;
+        c.kind = Candidate::Personal;
+        if (Rc rc = signerRowOf(match->cert.get(), c.key); rc != ZAVKM_OK) return rc;
+        c.name = !k.bag.name.empty() ? k.bag.name : match->bag.name;  // the key bag's first
+        c.base = commonNameOf(match->cert.get());
+        c.key.trusted = match->bag.javaTrusted || k.bag.trusted;
+        c.key.isDefault = k.bag.isDefault;
+        if (Rc rc = sealed(kdb, k.key.get(), c.key.spki, c.key.privateKey); rc != ZAVKM_OK) return rc;
+        out.push_back(std::move(c));
+    }
+    for (bool named : {true, false}) {  // the rest are signer certificates, named ones first
+        for (FoundCert& f : in.certs) {
+            if (f.used || f.bag.name.empty() != !named) continue;
+            Candidate c;
+            if (Rc rc = signerRowOf(f.cert.get(), c.key); rc != ZAVKM_OK) return rc;
+            c.name = f.bag.name;
+            c.base = commonNameOf(f.cert.get());
+            c.key.trusted = f.bag.javaTrusted;  // only what the file marks trusted
+            out.push_back(std::move(c));
+        }
+    }
+    for (Candidate& c : requests) out.push_back(std::move(c));
+    return ZAVKM_OK;
+}
+
+// Snapshot - what labels and duplicates depend on: the labels of both spaces and the
+// certificates the database holds, and the file's generation when they were read.
+struct Snapshot {
+    std::unordered_set<std::string> keyLabels, requestLabels, certs;
+    int64_t generation = 0;
+};
+
+// readSnapshot - the snapshot, read through the row functions.
+Rc readSnapshot(View& v, Snapshot& out) {
+    out = Snapshot{};
+    std::vector<std::string> keys, requests;
+    std::vector<KeyRow> rows;
+    if (Rc rc = keyLabels(v, keys); rc != ZAVKM_OK) return rc;
+    if (Rc rc = requestLabels(v, requests); rc != ZAVKM_OK) return rc;
+    if (Rc rc = allKeys(v, rows); rc != ZAVKM_OK) return rc;
+    out.keyLabels.insert(keys.begin(), keys.end());
+    out.requestLabels.insert(requests.begin(), requests.end());
+    for (const KeyRow& r : rows) out.certs.insert(asKey(r.cert));
+    out.generation = v.meta.generation;
+    return ZAVKM_OK;
+}
+
+// Labels - the labels of one import, chosen in one pass: a label the file gives is claimed
+// (ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL when taken, ZAVKM_ERR_PARAMETER when it is no label); a
+// label made from a common name gets the first free " (n)", the search for each name resuming
+// where it last stopped.
+class Labels {
+  public:
+    explicit Labels(std::unordered_set<std::string> taken) : taken_(std::move(taken)) {}
+
+    Rc claim(const std::string& label, const std::unordered_set<std::string>* also = nullptr) {
+        if (Rc rc = checkLabel(label.c_str()); rc != ZAVKM_OK) return rc;
+        if ((also != nullptr && also->count(label) != 0) || !taken_.insert(label).second)
+            return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
         return ZAVKM_OK;
     }
 
-    std::string unique(const std::string& base) {
+    std::string unique(const std::string& base, const std::unordered_set<std::string>* also = nullptr) {
+        auto free = [&](const std::string& l) { return taken_.count(l) == 0 && (also == nullptr || also->count(l) == 0); };
         std::string label = base;
-        for (int n = 2; taken.count(label) != 0; ++n) label = base + " (" + std::to_string(n) + ")";
-        taken.insert(label);
+        int& n = next_.try_emplace(base, 2).first->second;
+        while (!free(label)) label = base + " (" + std::to_string(n++) + ")";
+        taken_.insert(label);
         return label;
     }
+
+    const std::unordered_set<std::string>& taken() const { return taken_; }
+
+  private:
+    std::unordered_set<std::string> taken_;
+    std::unordered_map<std::string, int> next_;
 };
 
-Rc plan(View& v, Reader& in, Planner& out) {
-    const KeyDb& kdb = v.kdb;
-    std::vector<std::string> existing;
-    if (Rc rc = keyLabels(v, existing); rc != ZAVKM_OK) return rc;
-    out.taken.insert(existing.begin(), existing.end());
-    std::set<std::string> stored;  // certificates the database holds already (DER)
-    std::vector<KeyRow> all;
-    if (Rc rc = allKeys(v, all); rc != ZAVKM_OK) return rc;
-    for (const KeyRow& r : all) stored.insert(asKey(r.cert));
-
-    for (FoundKey& k : in.keys) {  // each key with its certificate
-        FoundCert* match = nullptr;
-        for (FoundCert& c : in.certs)
-            if (!c.used && !k.bag.keyId.empty() && c.bag.keyId == k.bag.keyId) match = &c;
-        for (FoundCert& c : in.certs)
-            if (match == nullptr && !c.used && sameKey(X509_get0_pubkey(c.cert.get()), k.key.get()))
-                match = &c;
-        if (match == nullptr) return ZAVKM_ERR_KEYREC_CERTIFICATE_NULL;
-        if (!sameKey(X509_get0_pubkey(match->cert.get()), k.key.get()))
-            return ZAVKM_ERR_VALIDATION_KEY_PAIR;
-        match->used = true;
-        KeyRow row;
-        if (Rc rc = signerRowOf(match->cert.get(), row); rc != ZAVKM_OK) return rc;
-        std::string name = !k.bag.name.empty() ? k.bag.name : match->bag.name;
-        if (!name.empty()) {
-            if (Rc rc = out.claim(name); rc != ZAVKM_OK) return rc;
-            row.label = name;
-        } else {
-            row.label = out.unique(commonNameOf(match->cert.get()));
+// assign - the label of every candidate against the snapshot, and which are skipped: a
+// certificate the database holds already, or one the file named the same way before (an unnamed
+// one: held in any way before). Linear in the candidates.
+Rc assign(const Snapshot& snap, Prepared& all) {
+    Labels keys(snap.keyLabels);
+    std::unordered_set<std::string> planned;  // unnamed: DER; named: DER and label
+    for (Candidate& c : all) {
+        if (c.kind == Candidate::Request) {
+            c.request.label = c.name.empty() ? keys.unique(c.base, &snap.requestLabels) : c.name;
+            if (!c.name.empty())
+                if (Rc rc = keys.claim(c.name, &snap.requestLabels); rc != ZAVKM_OK) return rc;
+            continue;
         }
-        row.trusted = match->bag.trusted;
-        SecretBytes pkcs8 = pkcs8Of(k.key.get());
-        if (pkcs8.empty()) return sslError(ZAVKM_ERR_ASN);
-        if (Rc rc = checkKeyPolicy(k.key.get()); rc != ZAVKM_OK) return rc;
-        if (Rc rc = sealPrivateKey(kdb, pkcs8, row.spki, row.privateKey); rc != ZAVKM_OK) return rc;
-        out.rows.push_back(std::move(row));
+        const std::string der = asKey(c.key.cert);
+        c.skip = c.kind == Candidate::Signer &&
+                 (snap.certs.count(der) != 0 || planned.count(c.name + '\0' + der) != 0 ||
+                  (c.name.empty() && planned.count(der) != 0));
+        if (c.skip) continue;
+        planned.insert(der);
+        if (!c.name.empty()) planned.insert(c.name + '\0' + der);
+        if (c.name.empty()) {
+            c.key.label = keys.unique(c.base);
+        } else {
+            if (Rc rc = keys.claim(c.name); rc != ZAVKM_OK) return rc;
+            c.key.label = c.name;
+        }
     }
-    for (FoundCert& c : in.certs) {  // the rest are signer certificates
-        if (c.used) continue;
-        KeyRow row;
-        if (Rc rc = signerRowOf(c.cert.get(), row); rc != ZAVKM_OK) return rc;
-        if (!stored.insert(asKey(row.cert)).second) continue;  // held already, or twice in the file
-        if (!c.bag.name.empty()) {
-            if (Rc rc = out.claim(c.bag.name); rc != ZAVKM_OK) return rc;
-            row.label = c.bag.name;
-        } else {
-            row.label = out.unique(commonNameOf(c.cert.get()));
-        }
-        row.trusted = true;
-        out.rows.push_back(std::move(row));
+    return ZAVKM_OK;
+}
+
+// insertAll - the candidates not skipped, in a write view.
+Rc insertAll(View& v, Prepared& all) {
+    for (Candidate& c : all) {
+        if (c.skip) continue;
+        Rc rc = c.kind == Candidate::Request ? insertRequest(v, c.request) : insertKey(v, c.key);
+        if (rc != ZAVKM_OK) return rc;
     }
     return ZAVKM_OK;
 }
@@ -502,12 +756,16 @@ Rc pkcs12NeedsPassword(const char* fileName, bool& needed) noexcept {
 }
 
 Rc exportPkcs12(KeyDb& kdb, const std::vector<std::string>& labels, const char* fileName,
-                const char* password) noexcept {
+                const char* password, bool withRequests) noexcept {
     return guarded([&]() -> Rc {
         if (isEmpty(fileName)) return ZAVKM_ERR_FILENAME_NULL;
         if (isEmpty(password)) return ZAVKM_ERR_PWD_TOO_SHORT;
         std::vector<ExportEntry> entries;
-        if (Rc rc = readView(kdb, [&](View& v) { return collectEntries(v, labels, entries); });
+        if (Rc rc = readView(kdb, [&](View& v) -> Rc {
+                if (Rc collected = collectKeys(v, labels, entries); collected != ZAVKM_OK)
+                    return collected;
+                return withRequests ? collectRequests(v, entries) : ZAVKM_OK;
+            });
             rc != ZAVKM_OK)
             return rc;
         Bytes der;
@@ -525,16 +783,22 @@ Rc importPkcs12(KeyDb& kdb, const char* fileName, const char* password) noexcept
         in.password = password;
         in.passwordLength = static_cast<int>(std::strlen(password));
         if (Rc rc = in.read(data); rc != ZAVKM_OK) return rc;
-        Planner out;
+        Prepared all;
+        if (Rc rc = prepare(kdb, in, all); rc != ZAVKM_OK) return rc;
+        Snapshot snap;
+        if (Rc rc = readView(kdb, [&](View& v) { return readSnapshot(v, snap); }); rc != ZAVKM_OK)
+            return rc;
+        if (Rc rc = assign(snap, all); rc != ZAVKM_OK) return rc;
         if (Rc rc = writeView(kdb, [&](View& v) -> Rc {
-                if (Rc planned = plan(v, in, out); planned != ZAVKM_OK) return planned;
-                for (KeyRow& row : out.rows)
-                    if (Rc added = insertKey(v, row); added != ZAVKM_OK) return added;
-                return ZAVKM_OK;
+                if (v.meta.generation != snap.generation) {  // another writer came first: choose again
+                    if (Rc read = readSnapshot(v, snap); read != ZAVKM_OK) return read;
+                    if (Rc chosen = assign(snap, all); chosen != ZAVKM_OK) return chosen;
+                }
+                return insertAll(v, all);
             });
             rc != ZAVKM_OK)
             return rc;
-        trace("PKCS#12 imported: %zu entries", out.rows.size());
+        trace("PKCS#12 imported: %zu candidates", all.size());
         return ZAVKM_OK;
     });
 }

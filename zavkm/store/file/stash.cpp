@@ -62,12 +62,19 @@ Rc writeStash(const std::string& keyDbFileName, const Stash& stash) noexcept {
 Rc readStash(const std::string& keyDbFileName, Stash& stash) noexcept {
     return guarded([&]() -> Rc {
         std::string name = stashFileName(keyDbFileName);
-        int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+        // Never through a link, never waiting on a FIFO; only a private regular file of ours.
+        int fd = ::open(name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
         if (fd < 0)
-            return errno == ENOENT ? ZAVKM_ERR_PWDFILE_NOT_EXIST : ZAVKM_ERR_FILE_OPEN_TO_READ;
+            return errno == ENOENT ? ZAVKM_ERR_PWDFILE_NOT_EXIST
+                   : errno == ELOOP || errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED
+                                                       : ZAVKM_ERR_FILE_OPEN_TO_READ;
+        struct stat st {};
         SecretBytes block(kHeader + kMaxPassword + kKdfPart + 1);
+        Rc rc = checkPrivateFile(fd, ::geteuid(), false, st);
+        if (rc == ZAVKM_OK && static_cast<size_t>(st.st_size) >= block.size())
+            rc = ZAVKM_ERR_DATABASE_PASSWORD_CORRUPTION;
         size_t got = 0;
-        for (;;) {
+        while (rc == ZAVKM_OK) {
             ssize_t r = ::read(fd, block.data() + got, block.size() - got);
             if (r < 0 && errno == EINTR) continue;
             if (r <= 0) break;
@@ -75,6 +82,7 @@ Rc readStash(const std::string& keyDbFileName, Stash& stash) noexcept {
             if (got == block.size()) break;
         }
         ::close(fd);
+        if (rc != ZAVKM_OK) return rc;
         uint8_t* b = block.data();
         if (got < kHeader || std::memcmp(b, kMagic, sizeof kMagic) != 0 ||
             (b[8] != 1 && b[8] != kVersion))

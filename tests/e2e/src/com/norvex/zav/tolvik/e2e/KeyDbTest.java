@@ -272,15 +272,11 @@ class KeyDbTest {
                         (db, f, der) -> db.c_AddCaCert(f, PW, huge, ca, true), 65),
                 hostile("a password of a million characters",
                         (db, f, der) -> db.c_OpenKeyDb(f, huge), 16),
-                hostile("a label holding NUL, read back whole",
-                        (db, f, der) -> db.c_AddCaCert(f, PW, "a\u0000b", ca, true) == 0
-                                && new Kdb(Path.of(f), PW).labels().contains("a\u0000b"), true),
+                hostile("a label holding NUL", (db, f, der) -> db.c_AddCaCert(f, PW, "a\u0000b", ca, true), 65),
                 hostile("a label beyond the BMP, read back whole",
                         (db, f, der) -> db.c_AddCaCert(f, PW, "\uD83D\uDE00 \u263A", ca, true) == 0
                                 && new Kdb(Path.of(f), PW).labels().contains("\uD83D\uDE00 \u263A"), true),
-                hostile("a lone surrogate in a label",
-                        (db, f, der) -> db.c_AddCaCert(f, PW, "\uD800", ca, true) == 0
-                                && new Kdb(Path.of(f), PW).labels().contains("\uD800"), true),
+                hostile("a lone surrogate in a label", (db, f, der) -> db.c_AddCaCert(f, PW, "\uD800", ca, true), 65),
                 hostile("a length longer than the array",
                         (db, f, der) -> db.c_EncryptPrivateKey(100, new byte[10], PW), null),
                 hostile("a negative length",
