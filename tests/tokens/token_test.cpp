@@ -96,6 +96,22 @@ class TokenTest : public ::testing::Test {
         return run("pkcs11-tool --module " + kModule + " --token-label tok --login --pin " + pin +
                    " " + args);
     }
+    // fields - what pkcs11-tool --list-objects shows of each object, by "<kind> <label> <field>"
+    // ("Private ec Usage:" -> "Usage:      sign").
+    std::map<std::string, std::string> fields() {
+        std::map<std::string, std::string> seen;
+        std::string current;
+        std::istringstream lines(tool("--list-objects").text);
+        for (std::string line; std::getline(lines, line);) {
+            if (line.find(" Object;") != std::string::npos) current = line.substr(0, line.find(' '));
+            if (line.find("label:") != std::string::npos)
+                current += " " + line.substr(line.find_last_of(' ') + 1);
+            for (const char* field : {"ID:", "Access:", "Usage:", "EC_PARAMS:"})
+                if (line.find(field) != std::string::npos)
+                    seen[current + " " + field] = line.substr(line.find(field));
+        }
+        return seen;
+    }
     std::vector<std::string> keyLabels() {
         ZAVKM_LabelList* list = nullptr;
         EXPECT_EQ(ZAVKM_GetKeyDbLabelList(handle, &list), ZAVKM_OK);
@@ -340,17 +356,7 @@ TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
     EXPECT_EQ(count("Private Key Object"), 2u) << all.text;
     EXPECT_EQ(count("Public Key Object"), 2u) << all.text;
     EXPECT_EQ(count("Certificate Object"), 3u) << all.text;
-    std::map<std::string, std::string> seen;  // "Private rsa ID" -> "ID: ...", "... Access" too
-    std::string current;
-    std::istringstream lines(all.text);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.find(" Object;") != std::string::npos) current = line.substr(0, line.find(' '));
-        if (line.find("label:") != std::string::npos)
-            current += " " + line.substr(line.find_last_of(' ') + 1);
-        for (const char* field : {"ID:", "Access:"})
-            if (line.find(field) != std::string::npos)
-                seen[current + " " + field] = line.substr(line.find(field));
-    }
+    std::map<std::string, std::string> seen = fields();
     for (const std::string label : {"rsa", "ec"}) {
         EXPECT_EQ(seen["Private " + label + " Access:"], "Access:     sensitive") << all.text;
         EXPECT_FALSE(seen["Certificate " + label + " ID:"].empty()) << all.text;
@@ -404,6 +410,105 @@ TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
     EXPECT_EQ(ZAVKM_ReCreateCertReq(handle, "nothing", out.c_str(), nullptr, nullptr), ZAVKM_ERR_KEY_GET_BY_LABEL);
     ASSERT_EQ(ZAVKM_GetReqKeyDbLabelList(handle, &list), ZAVKM_OK);
     EXPECT_EQ(labels(list), std::vector<std::string>{"req"});
+}
+
+// A key pair made on the token or brought onto it is for signing only: its private half may not
+// decrypt, unwrap or derive, its public half may not encrypt, wrap or derive, whatever the
+// module's defaults are.
+TEST_F(TokenTest, KeysOnTheTokenSignAndVerifyOnly) {
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    ASSERT_EQ(run("cd " + dir + " && openssl req -x509 -nodes -days 2 -subj /CN=in -newkey rsa:2048 "
+                  "-keyout in-rsa.key -out in-rsa.pem && openssl req -x509 -nodes -days 2 -subj "
+                  "/CN=in -newkey ec -pkeyopt ec_paramgen_curve:P-256 -keyout in-ec.key -out in-ec.pem")
+                  .status, 0);
+    for (auto [label, bits] : {std::pair{"gen-rsa", 2048}, std::pair{"gen-ec", 384}})
+        ASSERT_EQ(selfSigned(label, bits), ZAVKM_OK) << label;
+    for (const std::string label : {"in-rsa", "in-ec"}) {
+        std::vector<uint8_t> cert = readFile(dir + "/" + label + ".pem");
+        std::vector<uint8_t> key = readFile(dir + "/" + label + ".key");
+        ASSERT_EQ(ZAVKM_InsertKey(handle, label.c_str(), static_cast<uint32_t>(cert.size()),
+                                  cert.data(), static_cast<uint32_t>(key.size()), key.data(), 0, 0),
+                  ZAVKM_OK) << label;
+    }
+    std::map<std::string, std::string> seen = fields();
+    for (const std::string label : {"gen-rsa", "gen-ec", "in-rsa", "in-ec"}) {
+        EXPECT_EQ(seen["Private " + label + " Usage:"], "Usage:      sign") << label;
+        EXPECT_EQ(seen["Public " + label + " Usage:"], "Usage:      verify") << label;
+    }
+}
+
+// A PKCS#11 login belongs to the process: while one handle holds it, the module takes any PIN
+// from any session. Each row opens a second handle while the first one holds the login and
+// says what it may do with the key of "ca".
+TEST_F(TokenTest, EveryOpenProvesItsPinWhileAnotherHandleIsLoggedIn) {
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    ASSERT_EQ(selfSigned("ca", 256), ZAVKM_OK);
+    ASSERT_EQ(run("cd " + dir + " && openssl req -new -nodes -subj /CN=leaf -newkey ec -pkeyopt "
+                  "ec_paramgen_curve:P-256 -keyout leaf.key -out leaf.csr").status, 0);
+    const std::vector<uint8_t> csr = readFile(dir + "/leaf.csr");
+    const std::string registry = dir + "/registry";
+    std::filesystem::create_directory(registry);
+    std::ofstream(registry + "/softhsm2.module") << "module: " << kModule << "\n";
+    setenv("ZAVKM_P11_REGISTRY", registry.c_str(), 1);
+    struct Row {
+        const char* name;
+        uint32_t type;
+        const char* pin;
+        ZAVKM_ReturnCode opens, issues, makes;
+        uint8_t present;
+    } rows[] = {
+        {"the PIN", CryptoToken, "1234", ZAVKM_OK, ZAVKM_OK, ZAVKM_OK, 1},
+        {"a wrong PIN", CryptoToken, "0000", ZAVKM_ERR_DATABASE_INVALID_PASSWORD},
+        {"a part of the PIN", CryptoToken, "123", ZAVKM_ERR_DATABASE_INVALID_PASSWORD},
+        {"an empty PIN", CryptoToken, "", ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED},
+        {"the store, a wrong PIN", MSCertStore, "0000", ZAVKM_ERR_DATABASE_INVALID_PASSWORD},
+        {"the store without PIN", MSCertStore, nullptr, ZAVKM_OK, ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL,
+         ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED, 0},
+        {"the store with the PIN", MSCertStore, "1234", ZAVKM_OK, ZAVKM_OK, ZAVKM_OK, 1},
+    };
+    int n = 0;
+    for (const Row& r : rows) {
+        KeyStoreDescriptor d = token("tok", r.pin);
+        d.storeType = r.type;
+        if (r.type == MSCertStore) d.tokenLabel = "softhsm2/tok";
+        ZAVKM_KeyDbHandle second = 0;
+        ASSERT_EQ(ZAVKM_OpenKeyDbX(&d, &second), r.opens) << r.name;
+        if (second == 0) continue;
+        uint8_t present = 9;
+        EXPECT_EQ(ZAVKM_IsPrivateKeyPresent(second, "ca", &present), ZAVKM_OK) << r.name;
+        EXPECT_EQ(present, r.present) << r.name;
+        const std::string out = dir + "/leaf" + std::to_string(++n) + ".pem";
+        EXPECT_EQ(ZAVKM_IssueCert(second, csr.data(), static_cast<uint32_t>(csr.size()), "ca", 3,
+                                  nullptr, 30, out.c_str(), 1, nullptr, nullptr),
+                  r.issues) << r.name;
+        ZAVKM_DNItem dn = subject("mine");
+        EXPECT_EQ(ZAVKM_CreateSelfSignedCert(second, ("mine" + std::to_string(n)).c_str(), 0, 3,
+                                             256, &dn, 30, nullptr, 0),
+                  r.makes) << r.name;
+        ZAVKM_CloseKeyDb(second);
+    }
+    // The first handle kept its login through all of it.
+    EXPECT_EQ(selfSigned("still", 256), ZAVKM_OK);
+    // A PIN changed while the token is logged in: from then on only the new PIN opens.
+    KeyStoreDescriptor change = token("tok", "1234", "4321");
+    ASSERT_EQ(ZAVKM_ChangeKeyDbPwdX(&change), ZAVKM_OK);
+    for (auto [pin, rc] : {std::pair{"1234", ZAVKM_ERR_DATABASE_INVALID_PASSWORD},
+                           std::pair{"4321", ZAVKM_OK}}) {
+        KeyStoreDescriptor d = token("tok", pin);
+        ZAVKM_KeyDbHandle second = 0;
+        EXPECT_EQ(ZAVKM_OpenKeyDbX(&d, &second), rc) << pin;
+        if (second != 0) ZAVKM_CloseKeyDb(second);
+    }
+    // The last handle to close logs the token out: a store opened without PIN then sees no key.
+    ZAVKM_CloseKeyDb(handle);
+    handle = 0;
+    KeyStoreDescriptor store = token("softhsm2/tok", nullptr);
+    store.storeType = MSCertStore;
+    ASSERT_EQ(open(store), ZAVKM_OK);
+    uint8_t present = 9;
+    EXPECT_EQ(ZAVKM_IsPrivateKeyPresent(handle, "ca", &present), ZAVKM_OK);
+    EXPECT_EQ(present, 0);
+    unsetenv("ZAVKM_P11_REGISTRY");
 }
 
 }  // namespace

@@ -316,6 +316,38 @@ class TokensTest {
         }
     }
 
+    /**
+     * A login belongs to the process: while one thread's calls keep the token logged in, every
+     * call with a wrong PIN must still fail, and the right PIN keep working.
+     */
+    @Test
+    void aWrongPinFailsWhileAnotherThreadIsLoggedIn() throws Exception {
+        ok(selfSigned(T, TOK, PIN, "busy", 256));
+        java.util.concurrent.atomic.AtomicBoolean done = new java.util.concurrent.atomic.AtomicBoolean();
+        Map<Integer, Integer> worker = new TreeMap<>();
+        Thread busy = new Thread(() -> {
+            CryptographicToken t = new CryptographicToken();
+            while (!done.get()) {
+                worker.merge(t.c_GetKeyItemByLabel(MODULE, TOK, PIN, "busy", false) == null ? -1
+                        : t.c_BuildKeyLabelList(MODULE, TOK, PIN), 1, Integer::sum);
+            }
+        });
+        busy.start();
+        Map<Integer, Integer> wrong = new TreeMap<>();
+        try {
+            for (int i = 0; i < 300; ++i) {
+                CryptographicToken t = new CryptographicToken();
+                wrong.merge(t.c_BuildKeyLabelList(MODULE, TOK, i % 2 == 0 ? "0000" : "12345"), 1,
+                        Integer::sum);
+            }
+        } finally {
+            done.set(true);
+            busy.join();
+        }
+        assertEquals(Map.of(16, 300), wrong);
+        assertEquals(Set.of(0), worker.keySet(), worker.toString());
+    }
+
     @Test
     void platformStoreListsProvidersAndTheSystemCertificates() throws Exception {
         MSCertificateStore.clearCSPNames();

@@ -37,7 +37,26 @@ std::vector<CK_ATTRIBUTE> kindTemplate(TokenObject kind) {
     return t;
 }
 
+// signingOnly - the usage attributes of a key pair's halves: the private key signs, the public
+// key verifies, and nothing else, whatever the module's defaults.
+std::vector<CK_ATTRIBUTE> signingOnly(bool privateHalf) {
+    if (privateHalf)
+        return {flag(CKA_SIGN, true), flag(CKA_DECRYPT, false), flag(CKA_UNWRAP, false),
+                flag(CKA_DERIVE, false)};
+    return {flag(CKA_VERIFY, true), flag(CKA_ENCRYPT, false), flag(CKA_WRAP, false),
+            flag(CKA_DERIVE, false)};
+}
+
+// needsLogin - ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED unless the handle proved the PIN:
+// the module would take a private object from any session while another one holds the login.
+Rc needsLogin(const TokenStore& t) {
+    return t.session.loggedIn ? ZAVKM_OK : ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED;
+}
+
+// findObjects - the objects matching tmpl; a handle that did not log in sees public objects
+// only, even while the process holds the token's login through another handle.
 Rc findObjects(TokenStore& t, std::vector<CK_ATTRIBUTE> tmpl, std::vector<CK_OBJECT_HANDLE>& out) {
+    if (!t.session.loggedIn) tmpl.push_back(flag(CKA_PRIVATE, false));
     CK_FUNCTION_LIST* f = t.session.f;
     CK_SESSION_HANDLE h = t.session.handle;
     std::shared_lock reading(objectLock());
@@ -281,11 +300,8 @@ Rc changeTokenPin(const TokenSpec& spec, const char* oldPin, const char* newPin)
     CK_TOKEN_INFO info{};
     if (Rc rc = sessionOn(spec, true, s, info); rc != ZAVKM_OK) return rc;
     if (Rc rc = s.login(oldPin); rc != ZAVKM_OK) return rc;
-    auto* o = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(oldPin));
-    auto* n = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(newPin));
     std::unique_lock writing(objectLock());
-    CK_RV rv = s.f->C_SetPIN(s.handle, o, std::strlen(oldPin), n, std::strlen(newPin));
-    return rv == CKR_OK ? ZAVKM_OK : p11Error(rv, "C_SetPIN");
+    return s.changePin(oldPin, newPin);
 }
 
 Rc objectLabels(TokenStore& t, TokenObject kind, std::vector<std::string>& out) {
@@ -388,17 +404,19 @@ Rc generateTokenKey(TokenStore& t, int32_t keySize, const std::string& label, To
     t.snapshot.valid = false;
     CK_ULONG bits = static_cast<CK_ULONG>(keySize);
     const CK_BYTE exponent[] = {1, 0, 1};
-    std::vector<CK_ATTRIBUTE> pub{flag(CKA_TOKEN, true), flag(CKA_VERIFY, true),
-                                  attr(CKA_LABEL, label)};
+    if (Rc rc = needsLogin(t); rc != ZAVKM_OK) return rc;
+    std::vector<CK_ATTRIBUTE> pub = signingOnly(false);
+    pub.insert(pub.end(), {flag(CKA_TOKEN, true), attr(CKA_LABEL, label)});
     if (ec) {
         pub.push_back(attr(CKA_EC_PARAMS, curve.oid));
     } else {
         pub.push_back(attr(CKA_MODULUS_BITS, &bits, sizeof bits));
         pub.push_back(attr(CKA_PUBLIC_EXPONENT, exponent, sizeof exponent));
     }
-    std::vector<CK_ATTRIBUTE> priv{flag(CKA_TOKEN, true),       flag(CKA_PRIVATE, true),
-                                   flag(CKA_SENSITIVE, true),   flag(CKA_EXTRACTABLE, false),
-                                   flag(CKA_SIGN, true),        attr(CKA_LABEL, label)};
+    std::vector<CK_ATTRIBUTE> priv = signingOnly(true);
+    priv.insert(priv.end(), {flag(CKA_TOKEN, true), flag(CKA_PRIVATE, true),
+                             flag(CKA_SENSITIVE, true), flag(CKA_EXTRACTABLE, false),
+                             attr(CKA_LABEL, label)});
     CK_MECHANISM mech{ec ? CKM_EC_KEY_PAIR_GEN : CKM_RSA_PKCS_KEY_PAIR_GEN, nullptr, 0};
     std::unique_lock writing(objectLock());
     CK_RV rv = t.session.f->C_GenerateKeyPair(t.session.handle, &mech, pub.data(), pub.size(),
@@ -582,6 +600,8 @@ Rc ecMaterial(const EVP_PKEY* key, KeyMaterial& m, Bytes& params) {
 }  // namespace
 
 Rc importKeyPair(TokenStore& t, const EVP_PKEY* key, const std::string& label, TokenKey& out) {
+    if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
+    if (Rc rc = needsLogin(t); rc != ZAVKM_OK) return rc;
     KeyMaterial m;
     Bytes params;
     const int type = EVP_PKEY_get_base_id(key);
@@ -595,11 +615,11 @@ Rc importKeyPair(TokenStore& t, const EVP_PKEY* key, const std::string& label, T
     std::vector<CK_ATTRIBUTE> common{attr(CKA_KEY_TYPE, &m.type, sizeof m.type),
                                      flag(CKA_TOKEN, true), attr(CKA_LABEL, label),
                                      attr(CKA_ID, out.id)};
-    std::vector<CK_ATTRIBUTE> priv{attr(CKA_CLASS, &privateClass, sizeof privateClass),
-                                   flag(CKA_PRIVATE, true), flag(CKA_SENSITIVE, true),
-                                   flag(CKA_EXTRACTABLE, false), flag(CKA_SIGN, true)};
-    std::vector<CK_ATTRIBUTE> pub{attr(CKA_CLASS, &publicClass, sizeof publicClass),
-                                  flag(CKA_VERIFY, true)};
+    std::vector<CK_ATTRIBUTE> priv = signingOnly(true), pub = signingOnly(false);
+    priv.insert(priv.end(), {attr(CKA_CLASS, &privateClass, sizeof privateClass),
+                             flag(CKA_PRIVATE, true), flag(CKA_SENSITIVE, true),
+                             flag(CKA_EXTRACTABLE, false)});
+    pub.push_back(attr(CKA_CLASS, &publicClass, sizeof publicClass));
     for (auto* part : {&priv, &pub}) part->insert(part->end(), common.begin(), common.end());
     priv.insert(priv.end(), m.privatePart.begin(), m.privatePart.end());
     pub.insert(pub.end(), m.publicPart.begin(), m.publicPart.end());
