@@ -12,6 +12,7 @@ namespace zavkm {
 namespace {
 
 constexpr char kApplication[] = "zav7km certificate request";
+constexpr char kReplacing[] = "zav7km certificate request, replacing";
 CK_BBOOL kYes = CK_TRUE;
 CK_BBOOL kNo = CK_FALSE;
 
@@ -26,7 +27,8 @@ CK_ATTRIBUTE flag(CK_ATTRIBUTE_TYPE type, bool on) {
     return attr(type, on ? &kYes : &kNo, sizeof(CK_BBOOL));
 }
 
-const CK_OBJECT_CLASS kClasses[] = {CKO_CERTIFICATE, CKO_DATA, CKO_PRIVATE_KEY, CKO_PUBLIC_KEY};
+const CK_OBJECT_CLASS kClasses[] = {CKO_CERTIFICATE, CKO_DATA, CKO_PRIVATE_KEY, CKO_PUBLIC_KEY,
+                                    CKO_DATA};
 
 // kindTemplate - the attributes that select objects of a kind.
 std::vector<CK_ATTRIBUTE> kindTemplate(TokenObject kind) {
@@ -34,6 +36,8 @@ std::vector<CK_ATTRIBUTE> kindTemplate(TokenObject kind) {
                                      sizeof(CK_OBJECT_CLASS))};
     if (kind == TokenObject::Request)
         t.push_back(attr(CKA_APPLICATION, kApplication, sizeof kApplication - 1));
+    if (kind == TokenObject::Replacement)
+        t.push_back(attr(CKA_APPLICATION, kReplacing, sizeof kReplacing - 1));
     return t;
 }
 
@@ -283,6 +287,8 @@ Rc openToken(const TokenSpec& spec, const char* pin, bool publicOnly,
     } else if ((info.flags & CKF_LOGIN_REQUIRED) != 0 && !publicOnly) {
         return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED;
     }
+    if (Rc rc = recoverReplacements(*t); rc != ZAVKM_OK)  // the token stays usable as it is
+        trace("a request replacement left half-way was not finished: %d", rc);
     out = std::move(t);
     return ZAVKM_OK;
 }
@@ -504,29 +510,92 @@ Rc storeCertificate(TokenStore& t, const std::string& label, const Bytes& id, X5
     return createObject(t, tmpl, "C_CreateObject (certificate)");
 }
 
-Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der,
-                CK_OBJECT_HANDLE* created) {
+Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der) {
     std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(TokenObject::Request);
     (void)id;  // data objects carry no CKA_ID: the request's own public key names its pair
     tmpl.insert(tmpl.end(), {flag(CKA_TOKEN, true), flag(CKA_PRIVATE, false),
                              attr(CKA_LABEL, label), attr(CKA_VALUE, der)});
-    return createObject(t, tmpl, "C_CreateObject (request)", created);
+    return createObject(t, tmpl, "C_CreateObject (request)");
 }
 
+namespace {
+
+// replacementLock - held across a request's replacement and across the recovery of one, so that
+// two handles of the process never finish the same replacement at once.
+std::mutex& replacementLock() {
+    static std::mutex lock;
+    return lock;
+}
+
+// destroyObject - C_DestroyObject; an object another session destroyed meanwhile is gone too.
+Rc destroyObject(TokenStore& t, CK_OBJECT_HANDLE obj, const char* what) {
+    t.snapshot.valid = false;
+    std::unique_lock writing(objectLock());
+    CK_RV rv = t.session.f->C_DestroyObject(t.session.handle, obj);
+    return rv == CKR_OK || rv == CKR_OBJECT_HANDLE_INVALID ? ZAVKM_OK : p11Error(rv, what);
+}
+
+// finishReplacement - the last steps of replacing label's request by der, whose replacement
+// object is replacing: every request object under label that holds something else goes, one
+// holding der stays (made when there is none), then the replacement object goes. Each step
+// leaves a state from which a later call finishes the same way.
+Rc finishReplacement(TokenStore& t, CK_OBJECT_HANDLE replacing, const std::string& label,
+                     const Bytes& der) {
+    std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(TokenObject::Request);
+    tmpl.push_back(attr(CKA_LABEL, label));
+    std::vector<CK_OBJECT_HANDLE> requests;
+    if (Rc rc = findObjects(t, tmpl, requests); rc != ZAVKM_OK) return rc;
+    bool kept = false;
+    for (CK_OBJECT_HANDLE obj : requests) {
+        Bytes value;
+        if (Rc rc = attribute(t, obj, CKA_VALUE, value); rc != ZAVKM_OK) return rc;
+        if (!kept && value == der) {
+            kept = true;
+            continue;
+        }
+        if (Rc rc = destroyObject(t, obj, "C_DestroyObject (request)"); rc != ZAVKM_OK) return rc;
+    }
+    if (!kept)
+        if (Rc rc = storeRequest(t, label, {}, der); rc != ZAVKM_OK) return rc;
+    return destroyObject(t, replacing, "C_DestroyObject (replacement)");
+}
+
+}  // namespace
+
 Rc replaceRequest(TokenStore& t, const std::string& label, const Bytes& der) {
+    std::lock_guard replacing(replacementLock());
     std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(TokenObject::Request);
     tmpl.push_back(attr(CKA_LABEL, label));
     std::vector<CK_OBJECT_HANDLE> old;
     if (Rc rc = findObjects(t, tmpl, old); rc != ZAVKM_OK) return rc;
     if (old.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
-    CK_OBJECT_HANDLE fresh = CK_INVALID_HANDLE;
-    if (Rc rc = storeRequest(t, label, {}, der, &fresh); rc != ZAVKM_OK) return rc;
-    std::unique_lock writing(objectLock());
-    for (CK_OBJECT_HANDLE obj : old) {
-        if (CK_RV rv = t.session.f->C_DestroyObject(t.session.handle, obj); rv != CKR_OK) {
-            t.session.f->C_DestroyObject(t.session.handle, fresh);
-            return p11Error(rv, "C_DestroyObject (request)");
-        }
+    // The new request is first kept in an object of its own kind, which no lookup of requests
+    // sees: whenever the process stops, the token holds the old request, or this object from
+    // which the next open finishes the replacement.
+    std::vector<CK_ATTRIBUTE> record = kindTemplate(TokenObject::Replacement);
+    record.insert(record.end(), {flag(CKA_TOKEN, true), flag(CKA_PRIVATE, false),
+                                 attr(CKA_LABEL, label), attr(CKA_VALUE, der)});
+    CK_OBJECT_HANDLE obj = CK_INVALID_HANDLE;
+    if (Rc rc = createObject(t, record, "C_CreateObject (replacement)", &obj); rc != ZAVKM_OK)
+        return rc;
+    return finishReplacement(t, obj, label, der);
+}
+
+Rc recoverReplacements(TokenStore& t) {
+    if (t.readOnly) return ZAVKM_OK;
+    std::lock_guard replacing(replacementLock());
+    std::vector<CK_OBJECT_HANDLE> left;
+    if (Rc rc = findObjects(t, kindTemplate(TokenObject::Replacement), left); rc != ZAVKM_OK)
+        return rc;
+    std::vector<Bytes> values;
+    bool gone = false;
+    for (CK_OBJECT_HANDLE obj : left) {
+        if (Rc rc = attributes(t, obj, {CKA_LABEL, CKA_VALUE}, values, gone); rc != ZAVKM_OK)
+            return rc;
+        if (gone) continue;
+        trace("finishing the replacement of a request left half-way");
+        const std::string label(values[0].begin(), values[0].end());
+        if (Rc rc = finishReplacement(t, obj, label, values[1]); rc != ZAVKM_OK) return rc;
     }
     return ZAVKM_OK;
 }

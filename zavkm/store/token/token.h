@@ -59,8 +59,9 @@ Rc tokenLoginRequired(const TokenSpec& spec, bool& required);
 // changeTokenPin - C_SetPIN after a user login with oldPin.
 Rc changeTokenPin(const TokenSpec& spec, const char* oldPin, const char* newPin);
 
-// The objects of one kind: a certificate, a request key's data object, a private key.
-enum class TokenObject { Certificate, Request, PrivateKey, PublicKey };
+// The objects of one kind: a certificate, a request key's data object, a private key, a public
+// key, the data object that carries a request while it replaces another (replaceRequest).
+enum class TokenObject { Certificate, Request, PrivateKey, PublicKey, Replacement };
 
 // objectLabels - the label of every object of a kind, in token order.
 Rc objectLabels(TokenStore& t, TokenObject kind, std::vector<std::string>& out);
@@ -125,13 +126,19 @@ Rc storeCertificate(TokenStore& t, const std::string& label, const Bytes& id, X5
 
 // storeRequest - a CKO_DATA object of this library's application with label holding the
 // request's DER (data objects have no CKA_ID; the request's public key leads to its pair).
-Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der,
-                CK_OBJECT_HANDLE* created = nullptr);
+Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der);
 
-// replaceRequest - the request object(s) with label replaced by one holding der: the new object
-// is made first and the old ones destroyed after, so the token holds one or the other;
+// replaceRequest - the request with label replaced by der (a module need not let a data object's
+// value change): der is first stored in a replacement object, then the old request object goes
+// and one holding der is made, then the replacement object goes. Stopped at any point, the
+// token holds the old request, or a replacement object from which recoverReplacements finishes.
 // ZAVKM_ERR_KEY_GET_BY_LABEL when there is no request with label.
 Rc replaceRequest(TokenStore& t, const std::string& label, const Bytes& der);
+
+// recoverReplacements - finishes every replacement of a request that stopped half-way, so that
+// each label has one request object again; openToken runs it on every writable token (one
+// search, which finds nothing unless a process stopped during a replacement).
+Rc recoverReplacements(TokenStore& t);
 
 // keyIdOf - the CKA_ID of a public key: SHA-1 of its encoded key bits (of a certificate's key).
 Bytes keyIdOf(const EVP_PKEY* key);
