@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "zavkm.h"
+#include "zavkm_ext.h"
 
 namespace {
 
@@ -435,6 +436,70 @@ TEST_F(TokenTest, KeysOnTheTokenSignAndVerifyOnly) {
         EXPECT_EQ(seen["Private " + label + " Usage:"], "Usage:      sign") << label;
         EXPECT_EQ(seen["Public " + label + " Usage:"], "Usage:      verify") << label;
     }
+}
+
+// notAfterByOpenssl - the notAfter of a DER certificate in seconds since 1970, as openssl and
+// date read it.
+int64_t notAfterByOpenssl(const std::string& dir, const uint8_t* der, uint32_t n) {
+    std::ofstream(dir + "/entry.der", std::ios::binary).write(reinterpret_cast<const char*>(der), n);
+    return std::stoll(run("date -u -d \"$(openssl x509 -inform DER -noout -enddate -in " + dir +
+                          "/entry.der | cut -d= -f2)\" +%s").text);
+}
+
+// Listings of a token and of the platform store carry each certificate's exact notAfter, past
+// 2038 too, with its kind and key.
+TEST_F(TokenTest, ListingsShowExactTimesPast2038) {
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    ASSERT_EQ(run("cd " + dir + " && openssl req -x509 -nodes -days 9500 -subj /CN=late -newkey ec "
+                  "-pkeyopt ec_paramgen_curve:P-256 -keyout late.key -out late.pem").status, 0);
+    std::vector<uint8_t> late = readFile(dir + "/late.pem");
+    ASSERT_EQ(ZAVKM_InsertKey(handle, "late", static_cast<uint32_t>(late.size()), late.data(), 0,
+                              nullptr, 0, 0), ZAVKM_OK);
+    ZAVKM_DNItem dn = subject("long");
+    ASSERT_EQ(ZAVKM_CreateSelfSignedCert(handle, "long", 0, 3, 384, &dn, 9999, nullptr, 0), ZAVKM_OK);
+    ASSERT_EQ(ZAVKM_CreateNewCertReq(handle, "req", 2048, &dn, nullptr, nullptr, nullptr), ZAVKM_OK);
+    ZAVKM_Entry* entries = nullptr;
+    uint32_t count = 0, damaged = 9;
+    ASSERT_EQ(ZAVKM_ListEntriesX(handle, ZAVKM_LIST_DER, &entries, &count, &damaged), ZAVKM_OK);
+    EXPECT_EQ(damaged, 0u);
+    std::vector<std::string> seen;
+    for (uint32_t i = 0; i < count; ++i) {
+        const ZAVKM_Entry& e = entries[i];
+        seen.push_back(std::string(e.label) + " " + std::to_string(e.kind) + " " +
+                       std::to_string(e.keyType) + "/" + std::to_string(e.keyBits));
+        ASSERT_NE(e.der, nullptr) << e.label;
+        if (e.kind == ZAVKM_ENTRY_REQUEST) {
+            EXPECT_EQ(e.notAfter, 0) << e.label;
+            continue;
+        }
+        EXPECT_GT(e.notAfter, int64_t{INT32_MAX}) << e.label;
+        EXPECT_EQ(e.notAfter, notAfterByOpenssl(dir, e.der, e.derLength)) << e.label;
+        EXPECT_LT(e.notBefore, e.notAfter) << e.label;
+    }
+    ZAVKM_FreeEntries(entries, count);
+    EXPECT_EQ(seen, (std::vector<std::string>{"late 2 2/256", "long 1 2/384", "req 3 1/2048"}));
+    ZAVKM_CloseKeyDb(handle);
+    handle = 0;
+
+    // The system's trust anchors, among them some valid past 2038.
+    KeyStoreDescriptor store{};
+    store.storeType = MSCertStore;
+    ASSERT_EQ(open(store), ZAVKM_OK);
+    ASSERT_EQ(ZAVKM_ListEntriesX(handle, ZAVKM_LIST_DER, &entries, &count, &damaged), ZAVKM_OK);
+    const Output anchors = run("trust list --filter=certificates | grep -c 'trust: anchor'");
+    uint32_t trusted = 0, late2038 = 0;
+    for (uint32_t i = 0; i < count; ++i) {
+        trusted += entries[i].trusted;
+        if (entries[i].notAfter <= INT32_MAX) continue;
+        ++late2038;
+        EXPECT_EQ(entries[i].notAfter, notAfterByOpenssl(dir, entries[i].der, entries[i].derLength))
+            << entries[i].label;
+    }
+    ZAVKM_FreeEntries(entries, count);
+    EXPECT_EQ(std::to_string(trusted) + "\n", anchors.text);
+    EXPECT_GT(late2038, 0u);
+    ZAVKM_Entry* none = nullptr;
+    EXPECT_EQ(ZAVKM_ListEntriesX(handle, 0, &none, &count, nullptr), ZAVKM_ERR_NULL_PARAMETER);
 }
 
 // A PKCS#11 login belongs to the process: while one handle holds it, the module takes any PIN

@@ -7,6 +7,7 @@
 #include "entries.h"
 #include "files.h"
 #include "session.h"
+#include "tokenops.h"
 #include "zavkm_ext.h"
 
 using namespace zavkm;
@@ -69,6 +70,9 @@ ZAVKM_ReturnCode ZAVKM_ListEntriesX(ZAVKM_KeyDbHandle handle, uint32_t flags, ZA
     (void)flags;
     if (damaged == nullptr) return ZAVKM_ERR_NULL_PARAMETER;
     *damaged = 0;
+    if (findTokenHandle(handle))
+        return withStore(__func__, handle, {entries, count}, [](KeyDb&) { return ZAVKM_OK; },
+                         [&](TokenStore& t) { return tokenListEntries(t, flags, entries, count); });
     return ZAVKM_ListEntries(handle, entries, count);
 }
 

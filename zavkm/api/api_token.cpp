@@ -16,6 +16,7 @@
 #include "trace.h"
 #include "x509records.h"
 #include "x509util.h"
+#include "zavkm_ext.h"
 
 namespace zavkm {
 namespace {
@@ -419,6 +420,78 @@ Rc tokenReqKeyItem(TokenStore& t, const char* label, ZAVKM_ReqKeyItem** key) {
         return rc;
     *key = item.release();
     return ZAVKM_OK;
+}
+
+namespace {
+
+// TokenEntry - one line of a token's listing before it becomes a ZAVKM_Entry.
+struct TokenEntry {
+    std::string label;
+    int32_t kind = 0;
+    KeyInfo key;
+    bool trusted = false;
+    int64_t notBefore = 0, notAfter = 0;
+    const Bytes* der = nullptr;
+};
+
+// entryRecords - the listing as the malloc'd array ZAVKM_FreeEntries releases.
+Rc entryRecords(const std::vector<TokenEntry>& rows, bool withDer, ZAVKM_Entry** entries,
+                uint32_t* count) {
+    const uint32_t n = static_cast<uint32_t>(rows.size());
+    auto release = [n](ZAVKM_Entry* p) { ZAVKM_FreeEntries(p, n); };
+    std::unique_ptr<ZAVKM_Entry, decltype(release)> out(
+        static_cast<ZAVKM_Entry*>(std::calloc(n == 0 ? 1 : n, sizeof(ZAVKM_Entry))), release);
+    if (!out) return ZAVKM_ERR_MEMORY_ALLOCATE;
+    for (uint32_t i = 0; i < n; ++i) {  // calloc'd: a failure frees what is filled so far
+        const TokenEntry& r = rows[i];
+        ZAVKM_Entry& e = out.get()[i];
+        e.kind = r.kind;
+        e.keyType = r.key.algorithm;
+        e.keyBits = r.key.bits;
+        e.trusted = r.trusted ? 1 : 0;
+        e.notBefore = r.notBefore;
+        e.notAfter = r.notAfter;
+        e.label = copyText(r.label);
+        if (withDer) copyBytes(*r.der, &e.der, &e.derLength);
+    }
+    *entries = out.release();
+    *count = n;
+    return ZAVKM_OK;
+}
+
+}  // namespace
+
+Rc tokenListEntries(TokenStore& t, uint32_t flags, ZAVKM_Entry** entries, uint32_t* count) {
+    *entries = nullptr;
+    *count = 0;
+    const TokenSnapshot* snap = nullptr;
+    if (Rc rc = snapshotOf(t, snap); rc != ZAVKM_OK) return rc;
+    std::vector<TokenEntry> rows;
+    for (const CertObject& c : snap->certs) {
+        X509Ptr cert = cachedCertificate(c.value);
+        if (!cert) continue;  // not a certificate this library reads: no entry of its own
+        TokenEntry row;
+        row.label = c.label;
+        row.kind = hasPrivateKey(*snap, c.id) ? ZAVKM_ENTRY_PERSONAL : ZAVKM_ENTRY_SIGNER;
+        row.key = keyInfo(X509_get0_pubkey(cert.get()));
+        row.trusted = c.trusted;
+        row.notBefore = exactTime(X509_get0_notBefore(cert.get()));
+        row.notAfter = exactTime(X509_get0_notAfter(cert.get()));
+        row.der = &c.value;
+        rows.push_back(std::move(row));
+    }
+    std::vector<std::pair<std::string, Bytes>> requests;
+    if (Rc rc = requestObjects(t, requests); rc != ZAVKM_OK) return rc;
+    for (const auto& [label, der] : requests) {
+        X509ReqPtr req = parseRequest(der.data(), der.size());
+        TokenEntry row;
+        row.label = label;
+        row.kind = ZAVKM_ENTRY_REQUEST;
+        row.key = keyInfo(req ? X509_REQ_get0_pubkey(req.get()) : nullptr);
+        row.der = &der;
+        rows.push_back(std::move(row));
+    }
+    return entryRecords(rows, (flags & ZAVKM_LIST_DER) != 0, entries, count);
 }
 
 Rc tokenKeyFor(TokenStore& t, EVP_PKEY* pub, TokenKey& out) {

@@ -120,12 +120,13 @@ Rc readSnapshot(TokenStore& t, TokenSnapshot& out) {
     std::vector<Bytes> values;
     bool gone = false;
     for (CK_OBJECT_HANDLE obj : certs) {
-        if (Rc rc = attributes(t, obj, {CKA_LABEL, CKA_ID, CKA_VALUE}, values, gone);
+        if (Rc rc = attributes(t, obj, {CKA_LABEL, CKA_ID, CKA_VALUE, CKA_TRUSTED}, values, gone);
             rc != ZAVKM_OK)
             return rc;
         if (!gone)
             out.certs.push_back({std::string(values[0].begin(), values[0].end()),
-                                 std::move(values[1]), std::move(values[2])});
+                                 std::move(values[1]), std::move(values[2]),
+                                 values[3].size() == 1 && values[3][0] == CK_TRUE});
     }
     if (Rc rc = findObjects(t, kindTemplate(TokenObject::PrivateKey), keys); rc != ZAVKM_OK)
         return rc;
@@ -344,6 +345,19 @@ Rc objectValues(TokenStore& t, TokenObject kind, const std::string& label,
         Bytes value;
         if (Rc rc = attribute(t, obj, CKA_VALUE, value); rc != ZAVKM_OK) return rc;
         out.push_back(std::move(value));
+    }
+    return ZAVKM_OK;
+}
+
+Rc requestObjects(TokenStore& t, std::vector<std::pair<std::string, Bytes>>& out) {
+    std::vector<CK_OBJECT_HANDLE> objs;
+    if (Rc rc = findObjects(t, kindTemplate(TokenObject::Request), objs); rc != ZAVKM_OK) return rc;
+    std::vector<Bytes> values;
+    bool gone = false;
+    for (CK_OBJECT_HANDLE obj : objs) {
+        if (Rc rc = attributes(t, obj, {CKA_LABEL, CKA_VALUE}, values, gone); rc != ZAVKM_OK)
+            return rc;
+        if (!gone) out.emplace_back(std::string(values[0].begin(), values[0].end()), std::move(values[1]));
     }
     return ZAVKM_OK;
 }

@@ -19,6 +19,7 @@ struct CertObject {
     std::string label;
     Bytes id;
     Bytes value;
+    bool trusted = false;  // CKA_TRUSTED: a trust anchor of the token (the system's CAs)
 };
 
 // TokenSnapshot - the token's certificates and private key ids, read in two searches at the first
@@ -69,6 +70,9 @@ Rc objectLabels(TokenStore& t, TokenObject kind, std::vector<std::string>& out);
 // objectValues - CKA_VALUE of every object of a kind with label (certificates, requests).
 Rc objectValues(TokenStore& t, TokenObject kind, const std::string& label,
                 std::vector<Bytes>& out);
+
+// requestObjects - the label and request of every request object, in token order, in one search.
+Rc requestObjects(TokenStore& t, std::vector<std::pair<std::string, Bytes>>& out);
 
 // privateKeyPresent - whether the token holds a private key with id.
 Rc privateKeyPresent(TokenStore& t, const Bytes& id, bool& present);
