@@ -53,7 +53,7 @@ enum {
 typedef struct ZAVKM_Entry {
     char* label;      /* UTF-8 */
     int32_t kind;     /* ZAVKM_ENTRY_... */
-    int32_t keyType;  /* as a key item's shortValue1: 1 RSA, 2 EC */
+    int32_t keyType;  /* as a key item's shortValue1: 1 RSA, 2 EC, 3 Ed25519, 4 Ed448 */
     int32_t keyBits;
     uint8_t isDefault;
     uint8_t trusted;

@@ -8,6 +8,7 @@
 #include <array>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -101,16 +102,26 @@ class TokenTest : public ::testing::Test {
     // ("Private ec Usage:" -> "Usage:      sign").
     std::map<std::string, std::string> fields() {
         std::map<std::string, std::string> seen;
-        std::string current;
+        std::string kind, label;
+        std::vector<std::string> block;  // the field lines of one object, its label comes later
+        auto flush = [&] {
+            for (const std::string& line : block)
+                for (const char* field : {"ID:", "Access:", "Usage:", "EC_PARAMS:"})
+                    if (line.find(field) != std::string::npos)
+                        seen[kind + " " + label + " " + field] = line.substr(line.find(field));
+            block.clear();
+        };
         std::istringstream lines(tool("--list-objects").text);
         for (std::string line; std::getline(lines, line);) {
-            if (line.find(" Object;") != std::string::npos) current = line.substr(0, line.find(' '));
+            if (line.find(" Object;") != std::string::npos) {
+                flush();
+                kind = line.substr(0, line.find(' '));
+            }
             if (line.find("label:") != std::string::npos)
-                current += " " + line.substr(line.find_last_of(' ') + 1);
-            for (const char* field : {"ID:", "Access:", "Usage:", "EC_PARAMS:"})
-                if (line.find(field) != std::string::npos)
-                    seen[current + " " + field] = line.substr(line.find(field));
+                label = line.substr(line.find_last_of(' ') + 1);
+            block.push_back(line);
         }
+        flush();
         return seen;
     }
     std::vector<std::string> keyLabels() {
@@ -164,21 +175,35 @@ TEST_F(TokenTest, OpeningGivesOneCodeForEachMistake) {
 
 TEST_F(TokenTest, SelfSignedCertificateIsMadeOnTheToken) {
     ASSERT_EQ(open(token()), ZAVKM_OK);
-    for (auto [label, bits] : {std::pair{"rsa", 2048}, std::pair{"ec", 256}}) {
+    struct Row {
+        const char* label;
+        int32_t size, type, bits;
+        const char* signature;
+    } rows[] = {
+        {"rsa", 2048, 1, 2048, "sha256WithRSAEncryption"},
+        {"ec", 256, 2, 256, "ecdsa-with-SHA256"},
+        {"ed25519", 25519, 3, 256, "Signature Algorithm: ED25519"},
+        {"ed448", 448, 4, 456, "Signature Algorithm: ED448"},
+    };
+    for (const Row& r : rows) {
+        const char* label = r.label;
         const std::string pem = dir + "/" + label + ".pem";
-        ASSERT_EQ(selfSigned(label, bits, pem), ZAVKM_OK) << label;
+        ASSERT_EQ(selfSigned(label, r.size, pem), ZAVKM_OK) << label;
         Output verify = run("openssl verify -CAfile " + pem + " " + pem);
         EXPECT_EQ(verify.status, 0) << verify.text;
+        EXPECT_NE(run("openssl x509 -noout -text -in " + pem).text.find(r.signature), std::string::npos)
+            << label;
         ZAVKM_KeyItem* key = nullptr;
         ASSERT_EQ(ZAVKM_GetKeyItemByLabel(handle, label, &key), ZAVKM_OK);
-        EXPECT_EQ(key->keySize, bits);
+        EXPECT_EQ(key->shortValue1, r.type);
+        EXPECT_EQ(key->keySize, r.bits);
         EXPECT_EQ(key->hasPrivateKey, 1);
         EXPECT_EQ(key->epki, nullptr);
         ASSERT_NE(key->certList, nullptr);
         EXPECT_EQ(key->certList->next, nullptr);  // self-signed: the chain is the certificate
         ZAVKM_FreeKeyItem(key);
     }
-    EXPECT_EQ(keyLabels(), (std::vector<std::string>{"rsa", "ec"}));
+    EXPECT_EQ(keyLabels(), (std::vector<std::string>{"rsa", "ec", "ed25519", "ed448"}));
     // Lookups by label and by public key, and the certificate written out again.
     ZAVKM_KeyItemList* items = nullptr;
     ASSERT_EQ(ZAVKM_GetKeyItemListByLabel(handle, "ec", &items), ZAVKM_OK);
@@ -202,7 +227,7 @@ TEST_F(TokenTest, SelfSignedCertificateIsMadeOnTheToken) {
               ZAVKM_OK);
     ZAVKM_CloseKeyDb(db);
     std::vector<uint8_t> request = readFile(req);
-    for (const char* ca : {"rsa", "ec"}) {
+    for (const char* ca : {"rsa", "ec", "ed25519", "ed448"}) {
         ASSERT_EQ(ZAVKM_IssueCert(handle, request.data(), static_cast<uint32_t>(request.size()),
                                   ca, 3, nullptr, 30, srv.c_str(), 1, nullptr, nullptr),
                   ZAVKM_OK);
@@ -298,6 +323,150 @@ TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
     EXPECT_EQ(keyLabels(), std::vector<std::string>{"ca"});
     EXPECT_EQ(tool("--list-objects --type privkey").text.find("srv"), std::string::npos);
     EXPECT_EQ(ZAVKM_DeleteKey(handle, "srv"), ZAVKM_ERR_KEY_GET_BY_LABEL);
+}
+
+// EdDSA request keys on the token: each request signed on the token, signed anew, issued by an
+// Ed448 CA of a key database, received, and its chain validated through the paired database.
+TEST_F(TokenTest, EdDsaRequestKeysAreSignedIssuedAndReceived) {
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    ZAVKM_KeyDbHandle ca = 0;
+    ASSERT_EQ(ZAVKM_CreateNewKeyDb((dir + "/ca.kdb").c_str(), "Ca-Passw0rd-123", 0, &ca), ZAVKM_OK);
+    ZAVKM_DNItem caName = subject("ed448 ca");
+    ASSERT_EQ(ZAVKM_CreateSelfSignedCert(ca, "ca", 0, 3, 448, &caName, 30, nullptr, 0), ZAVKM_OK);
+    ASSERT_EQ(ZAVKM_SetSecondaryKeyDb(handle, ca), ZAVKM_OK);
+    struct Row {
+        const char* label;
+        int32_t size, type;
+        const char* shows;
+    } rows[] = {{"ed25519", 25519, 3, "ED25519"}, {"ed448", 448, 4, "ED448"}};
+    for (const Row& r : rows) {
+        const std::string csr = dir + "/" + r.label + ".csr", again = dir + "/" + r.label + ".again";
+        ZAVKM_DNItem dn = subject(r.label);
+        ASSERT_EQ(ZAVKM_CreateNewCertReqSigExt(handle, r.label, r.size, &dn, 2, nullptr, 0,
+                                               csr.c_str(), nullptr, nullptr), ZAVKM_OK) << r.label;
+        ASSERT_EQ(ZAVKM_ReCreateCertReqSig(handle, r.label, 1, again.c_str(), nullptr, nullptr),
+                  ZAVKM_OK) << r.label;
+        for (const std::string& file : {csr, again}) {
+            Output shown = run("openssl req -verify -noout -text -in " + file);
+            EXPECT_EQ(shown.status, 0) << shown.text;
+            EXPECT_NE(shown.text.find(std::string("Signature Algorithm: ") + r.shows), std::string::npos)
+                << shown.text;
+        }
+        std::vector<uint8_t> request = readFile(again), cert;
+        const std::string pem = dir + "/" + r.label + ".pem";
+        ASSERT_EQ(ZAVKM_IssueCert(ca, request.data(), static_cast<uint32_t>(request.size()), "ca", 3,
+                                  nullptr, 30, pem.c_str(), 1, nullptr, nullptr), ZAVKM_OK);
+        cert = readFile(pem);
+        ASSERT_EQ(ZAVKM_ReceiveCert(handle, cert.data(), static_cast<uint32_t>(cert.size()), 0),
+                  ZAVKM_OK) << r.label;
+        ZAVKM_KeyItem* key = nullptr;
+        ASSERT_EQ(ZAVKM_GetKeyItemByLabel(handle, r.label, &key), ZAVKM_OK);
+        EXPECT_EQ(key->shortValue1, r.type);
+        EXPECT_EQ(key->hasPrivateKey, 1);
+        ZAVKM_FreeKeyItem(key);
+        uint8_t valid = 0;
+        EXPECT_EQ(ZAVKM_ValidateCertChain(handle, cert.data(), static_cast<uint32_t>(cert.size()), &valid),
+                  ZAVKM_OK) << r.label;
+        EXPECT_EQ(valid, 1) << r.label;
+    }
+    ZAVKM_UnsetSecondaryKeyDb(handle);
+    ZAVKM_CloseKeyDb(ca);
+}
+
+// An Ed25519 key pair made by pkcs11-tool, which names the curve by a PrintableString
+// ("edwards25519") instead of the OID, signs for the library once its certificate is on the
+// token under the key's CKA_ID.
+TEST_F(TokenTest, AnEdDsaKeyMadeByAnotherToolSigns) {
+    // The key pair, then its public key as a SubjectPublicKeyInfo, its id the SHA-1 of the key.
+    ASSERT_EQ(tool("--keypairgen --key-type EC:edwards25519 --label made --id 01").status, 0);
+    std::string point;
+    {
+        std::istringstream lines(tool("--list-objects --type pubkey").text);
+        for (std::string line; std::getline(lines, line);)
+            if (line.find("EC_POINT:") != std::string::npos) point = line.substr(line.find("0420") + 4);
+        ASSERT_NE(tool("--list-objects --type pubkey").text.find("EC_PARAMS:  130c6564"), std::string::npos);
+    }
+    ASSERT_EQ(point.size(), 64u);
+    std::ofstream(dir + "/made.ext") << "basicConstraints=critical,CA:TRUE\nsubjectKeyIdentifier=hash\n";
+    ASSERT_EQ(run("cd " + dir + " && echo 302a300506032b6570032100" + point + " | xxd -r -p > made.spki"
+                  " && openssl pkey -pubin -inform DER -in made.spki -out made.pub"
+                  " && openssl req -x509 -nodes -newkey ec -pkeyopt ec_paramgen_curve:P-256 -subj "
+                  "/CN=other -keyout other.key -out other.pem && openssl req -new -key other.key "
+                  "-subj /CN=made -out other.csr && openssl x509 -req -in other.csr -force_pubkey "
+                  "made.pub -CA other.pem -CAkey other.key -days 30 -extfile made.ext -out made.pem")
+                  .status, 0);
+    const std::string id = run("cd " + dir + " && echo " + point +
+                               " | xxd -r -p | openssl dgst -sha1 -r | cut -c1-40").text.substr(0, 40);
+    ASSERT_EQ(tool("--set-id " + id + " --id 01 --type privkey").status, 0);
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    std::vector<uint8_t> cert = readFile(dir + "/made.pem");
+    ASSERT_EQ(ZAVKM_InsertKey(handle, "made", static_cast<uint32_t>(cert.size()), cert.data(), 0,
+                              nullptr, 0, 0), ZAVKM_OK);
+    uint8_t present = 0;
+    ASSERT_EQ(ZAVKM_IsPrivateKeyPresent(handle, "made", &present), ZAVKM_OK);
+    ASSERT_EQ(present, 1);
+    ASSERT_EQ(run("cd " + dir + " && openssl req -new -nodes -subj /CN=leaf -newkey ed25519 "
+                  "-keyout leaf.key -out leaf.csr").status, 0);
+    std::vector<uint8_t> csr = readFile(dir + "/leaf.csr");
+    const std::string leaf = dir + "/leaf.pem";
+    ASSERT_EQ(ZAVKM_IssueCert(handle, csr.data(), static_cast<uint32_t>(csr.size()), "made", 3,
+                              nullptr, 30, leaf.c_str(), 1, nullptr, nullptr), ZAVKM_OK);
+    Output verify = run("openssl verify -partial_chain -CAfile " + dir + "/made.pem " + leaf);
+    EXPECT_EQ(verify.status, 0) << verify.text;
+}
+
+// FIPS mode refuses MD5 and SHA-1 signatures on what comes onto a token, and takes EdDSA.
+TEST_F(TokenTest, FipsModeRefusesWeakSignaturesComingOntoTheToken) {
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    ZAVKM_DNItem dn = subject("req");
+    ASSERT_EQ(ZAVKM_CreateNewCertReq(handle, "req", 256, &dn, (dir + "/req.csr").c_str(), nullptr,
+                                     nullptr), ZAVKM_OK);
+    ASSERT_EQ(run("cd " + dir + " && openssl req -x509 -nodes -newkey rsa:2048 -keyout ca.key -subj "
+                  "/CN=ca -days 30 -out ca.pem && openssl req -x509 -nodes -newkey rsa:2048 -sha1 "
+                  "-keyout sha1.key -subj /CN=sha1 -days 30 -out sha1.pem && openssl req -new -key "
+                  "sha1.key -sha1 -subj /CN=r -out sha1.csr && openssl x509 -req -in req.csr -CA "
+                  "ca.pem -CAkey ca.key -days 30 -sha1 -out got-sha1.pem && openssl x509 -req -in "
+                  "req.csr -CA ca.pem -CAkey ca.key -days 30 -sha256 -set_serial 9 -out got.pem && "
+                  "openssl x509 -req -in req.csr -CA ca.pem -CAkey ca.key -days 30 -md5 -set_serial 10 "
+                  "-out renew-md5.pem && openssl req -x509 -nodes -newkey ed25519 -keyout ed.key -subj "
+                  "/CN=ed -days 30 -out ed.pem").status, 0);
+    auto bytes = [&](const char* file) { return readFile(dir + "/" + file); };
+    auto* info = static_cast<uint8_t*>(std::calloc(1, 16));  // the library keeps the block
+    info[0] = 1;
+    ASSERT_EQ(ZAVKM_SetCryptoInfo(info), ZAVKM_OK);
+    struct Row {
+        const char* name;
+        std::function<ZAVKM_ReturnCode()> call;
+        ZAVKM_ReturnCode rc;
+    } rows[] = {
+        {"a SHA-1 signer", [&] { auto c = bytes("sha1.pem");
+             return ZAVKM_StoreCACert(handle, c.data(), static_cast<uint32_t>(c.size()), "s1"); },
+         ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM},
+        {"a SHA-1 key", [&] { auto c = bytes("sha1.pem"), k = bytes("sha1.key");
+             return ZAVKM_InsertKey(handle, "k1", static_cast<uint32_t>(c.size()), c.data(),
+                                    static_cast<uint32_t>(k.size()), k.data(), 0, 0); },
+         ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM},
+        {"a SHA-1 request key", [&] { auto c = bytes("sha1.csr"), k = bytes("sha1.key");
+             return ZAVKM_InsertReqKey(handle, "r1", static_cast<uint32_t>(c.size()), c.data(),
+                                       static_cast<uint32_t>(k.size()), k.data()); },
+         ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM},
+        {"a SHA-1 certificate received", [&] { auto c = bytes("got-sha1.pem");
+             return ZAVKM_ReceiveCert(handle, c.data(), static_cast<uint32_t>(c.size()), 0); },
+         ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM},
+        {"a SHA-256 certificate received", [&] { auto c = bytes("got.pem");
+             return ZAVKM_ReceiveCert(handle, c.data(), static_cast<uint32_t>(c.size()), 0); },
+         ZAVKM_OK},
+        {"an MD5 renewal", [&] { auto c = bytes("renew-md5.pem");
+             return ZAVKM_RenewCert(handle, c.data(), static_cast<uint32_t>(c.size())); },
+         ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM},
+        {"an Ed25519 signer", [&] { auto c = bytes("ed.pem");
+             return ZAVKM_StoreCACert(handle, c.data(), static_cast<uint32_t>(c.size()), "ed"); },
+         ZAVKM_OK},
+        {"a new Ed448 key", [&] { return ZAVKM_CreateSelfSignedCert(handle, "new", 0, 3, 448, &dn, 30, nullptr, 0); },
+         ZAVKM_OK},
+    };
+    for (const Row& r : rows) EXPECT_EQ(r.call(), r.rc) << r.name;
+    EXPECT_EQ(keyLabels(), (std::vector<std::string>{"req", "ed", "new"}));
 }
 
 // Keys made elsewhere are brought onto the token: each row inserts a certificate (and a key,
@@ -420,11 +589,14 @@ TEST_F(TokenTest, KeysOnTheTokenSignAndVerifyOnly) {
     ASSERT_EQ(open(token()), ZAVKM_OK);
     ASSERT_EQ(run("cd " + dir + " && openssl req -x509 -nodes -days 2 -subj /CN=in -newkey rsa:2048 "
                   "-keyout in-rsa.key -out in-rsa.pem && openssl req -x509 -nodes -days 2 -subj "
-                  "/CN=in -newkey ec -pkeyopt ec_paramgen_curve:P-256 -keyout in-ec.key -out in-ec.pem")
-                  .status, 0);
-    for (auto [label, bits] : {std::pair{"gen-rsa", 2048}, std::pair{"gen-ec", 384}})
+                  "/CN=in -newkey ec -pkeyopt ec_paramgen_curve:P-256 -keyout in-ec.key -out in-ec.pem"
+                  " && openssl req -x509 -nodes -days 2 -subj /CN=in -newkey ed25519 -keyout "
+                  "in-ed25519.key -out in-ed25519.pem && openssl req -x509 -nodes -days 2 -subj "
+                  "/CN=in -newkey ed448 -keyout in-ed448.key -out in-ed448.pem").status, 0);
+    for (auto [label, bits] : {std::pair{"gen-rsa", 2048}, std::pair{"gen-ec", 384},
+                               std::pair{"gen-ed25519", 25519}, std::pair{"gen-ed448", 448}})
         ASSERT_EQ(selfSigned(label, bits), ZAVKM_OK) << label;
-    for (const std::string label : {"in-rsa", "in-ec"}) {
+    for (const std::string label : {"in-rsa", "in-ec", "in-ed25519", "in-ed448"}) {
         std::vector<uint8_t> cert = readFile(dir + "/" + label + ".pem");
         std::vector<uint8_t> key = readFile(dir + "/" + label + ".key");
         ASSERT_EQ(ZAVKM_InsertKey(handle, label.c_str(), static_cast<uint32_t>(cert.size()),
@@ -432,9 +604,27 @@ TEST_F(TokenTest, KeysOnTheTokenSignAndVerifyOnly) {
                   ZAVKM_OK) << label;
     }
     std::map<std::string, std::string> seen = fields();
-    for (const std::string label : {"gen-rsa", "gen-ec", "in-rsa", "in-ec"}) {
+    for (const std::string label : {"gen-rsa", "gen-ec", "gen-ed25519", "gen-ed448", "in-rsa",
+                                    "in-ec", "in-ed25519", "in-ed448"}) {
         EXPECT_EQ(seen["Private " + label + " Usage:"], "Usage:      sign") << label;
         EXPECT_EQ(seen["Public " + label + " Usage:"], "Usage:      verify") << label;
+    }
+    // EdDSA keys name their curve by its OID, as their certificates do.
+    for (const std::string label : {"gen-ed25519", "in-ed25519"})
+        EXPECT_EQ(seen["Public " + label + " EC_PARAMS:"].substr(0, 26), "EC_PARAMS:  06032b6570 (OI") << label;
+    for (const std::string label : {"gen-ed448", "in-ed448"})
+        EXPECT_EQ(seen["Public " + label + " EC_PARAMS:"].substr(0, 26), "EC_PARAMS:  06032b6571 (OI") << label;
+    // Every key signs, checked by openssl: a certificate for a key database's request.
+    ASSERT_EQ(run("cd " + dir + " && openssl req -new -nodes -subj /CN=leaf -newkey ec -pkeyopt "
+                  "ec_paramgen_curve:P-256 -keyout leaf.key -out leaf.csr").status, 0);
+    const std::vector<uint8_t> csr = readFile(dir + "/leaf.csr");
+    for (const std::string label : {"in-rsa", "in-ec", "in-ed25519", "in-ed448"}) {
+        const std::string out = dir + "/" + label + ".leaf";
+        ASSERT_EQ(ZAVKM_IssueCert(handle, csr.data(), static_cast<uint32_t>(csr.size()),
+                                  label.c_str(), 3, nullptr, 30, out.c_str(), 1, nullptr, nullptr),
+                  ZAVKM_OK) << label;
+        Output verify = run("openssl verify -CAfile " + dir + "/" + label + ".pem " + out);
+        EXPECT_EQ(verify.status, 0) << label << verify.text;
     }
 }
 
@@ -457,7 +647,7 @@ TEST_F(TokenTest, ListingsShowExactTimesPast2038) {
                               nullptr, 0, 0), ZAVKM_OK);
     ZAVKM_DNItem dn = subject("long");
     ASSERT_EQ(ZAVKM_CreateSelfSignedCert(handle, "long", 0, 3, 384, &dn, 9999, nullptr, 0), ZAVKM_OK);
-    ASSERT_EQ(ZAVKM_CreateNewCertReq(handle, "req", 2048, &dn, nullptr, nullptr, nullptr), ZAVKM_OK);
+    ASSERT_EQ(ZAVKM_CreateNewCertReq(handle, "req", 25519, &dn, nullptr, nullptr, nullptr), ZAVKM_OK);
     ZAVKM_Entry* entries = nullptr;
     uint32_t count = 0, damaged = 9;
     ASSERT_EQ(ZAVKM_ListEntriesX(handle, ZAVKM_LIST_DER, &entries, &count, &damaged), ZAVKM_OK);
@@ -477,7 +667,7 @@ TEST_F(TokenTest, ListingsShowExactTimesPast2038) {
         EXPECT_LT(e.notBefore, e.notAfter) << e.label;
     }
     ZAVKM_FreeEntries(entries, count);
-    EXPECT_EQ(seen, (std::vector<std::string>{"late 2 2/256", "long 1 2/384", "req 3 1/2048"}));
+    EXPECT_EQ(seen, (std::vector<std::string>{"late 2 2/256", "long 1 2/384", "req 3 3/256"}));
     ZAVKM_CloseKeyDb(handle);
     handle = 0;
 

@@ -343,6 +343,7 @@ Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length) {
     size_t leaf = 0;
     if (Rc rc = requestFor(t, certs, label, leaf); rc != ZAVKM_OK) return rc;
     X509* cert = certs[leaf].get();
+    if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(cert)); rc != ZAVKM_OK) return rc;
     auto toToken = [&]() -> Rc {
         if (Rc rc = storeCertificate(t, label, keyIdOf(cert), cert); rc != ZAVKM_OK) return rc;
         return destroyObjects(t, TokenObject::Request, label);
@@ -367,7 +368,8 @@ Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length) {
 Rc tokenStoreSigner(TokenStore& t, const uint8_t* der, uint32_t length, const char* label) {
     if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
     X509Ptr cert;
-    if (Rc rc = readCertificate(der, length, cert); rc != ZAVKM_OK) return rc;
+    EVP_PKEY* pub = nullptr;
+    if (Rc rc = readPolicyCertificate(der, length, cert, pub); rc != ZAVKM_OK) return rc;
     bool used = false;
     if (Rc rc = labelInUse(t, label, used); rc != ZAVKM_OK) return rc;
     if (used) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
@@ -397,6 +399,7 @@ Rc tokenIsRenewal(TokenStore& t, const uint8_t* der, uint32_t length, uint8_t* i
 Rc tokenRenew(TokenStore& t, const uint8_t* der, uint32_t length) {
     X509Ptr cert;
     if (Rc rc = readCertificate(der, length, cert); rc != ZAVKM_OK) return rc;
+    if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(cert.get())); rc != ZAVKM_OK) return rc;
     std::string label;
     if (Rc rc = renewedLabel(t, cert.get(), label); rc != ZAVKM_OK) return rc;
     if (label.empty()) return ZAVKM_ERR_REQKEY_FOR_CERT_NULL;
@@ -539,10 +542,8 @@ Rc tokenInsertReqKey(TokenStore& t, const char* label, const uint8_t* der, uint3
                      const EVP_PKEY* privateKey) {
     if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
     X509ReqPtr req;
-    if (Rc rc = readRequest(der, length, req); rc != ZAVKM_OK) return rc;
-    EVP_PKEY* pub = X509_REQ_get0_pubkey(req.get());
-    if (pub == nullptr) return sslError(ZAVKM_ERR_ASN);
-    if (Rc rc = checkKeyPolicy(pub); rc != ZAVKM_OK) return rc;
+    EVP_PKEY* pub = nullptr;
+    if (Rc rc = readPolicyRequest(der, length, req, pub); rc != ZAVKM_OK) return rc;
     bool used = false;
     if (Rc rc = labelInUse(t, label, used); rc != ZAVKM_OK) return rc;
     if (used) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;

@@ -180,22 +180,59 @@ Rc sessionOn(const TokenSpec& spec, bool readWrite, Session& s, CK_TOKEN_INFO& i
     return s.open(f, slot, readWrite);
 }
 
-// curveOf - the DER OID and OpenSSL name of the curve of an EC key size; empty for RSA sizes.
+// Curve - a curve of EC or EdDSA keys: its CKA_EC_PARAMS (the DER OID, which the certificate's
+// key names too), its OpenSSL name, and how long its public point is as raw bytes (an EC point
+// uncompressed).
 struct Curve {
     Bytes oid;
     const char* name = nullptr;
+    size_t pointBytes = 0;
+    bool edwards = false;
 };
+
+// kCurves - the curves a key size asks for (256, 384, 521 EC; 25519, 448 EdDSA).
+const std::pair<int32_t, Curve> kCurves[] = {
+    {256, {{0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07}, "prime256v1", 65, false}},
+    {384, {{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22}, "secp384r1", 97, false}},
+    {521, {{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23}, "secp521r1", 133, false}},
+    {kSizeEd25519, {{0x06, 0x03, 0x2B, 0x65, 0x70}, "ED25519", 32, true}},
+    {kSizeEd448, {{0x06, 0x03, 0x2B, 0x65, 0x71}, "ED448", 57, true}},
+};
+
+// curveOf - the curve of a key size; no name for RSA sizes.
 Curve curveOf(int32_t keySize) {
-    switch (keySize) {
-        case 256:
-            return {{0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07}, "prime256v1"};
-        case 384:
-            return {{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22}, "secp384r1"};
-        case 521:
-            return {{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23}, "secp521r1"};
-        default:
-            return {};
-    }
+    for (const auto& [size, curve] : kCurves)
+        if (size == keySize) return curve;
+    return {};
+}
+
+// curveNamed - the curve OpenSSL calls name (a group name, or ED25519 / ED448); no name when
+// this library makes no keys on it.
+Curve curveNamed(const char* name) {
+    for (const auto& [size, curve] : kCurves)
+        if (std::strcmp(curve.name, name) == 0) return curve;
+    return {};
+}
+
+// pointOf - the raw public point in CKA_EC_POINT, which holds it as a DER OCTET STRING or, with
+// some modules, bare; empty when it is neither for a point of n bytes.
+Bytes pointOf(const Bytes& value, size_t n) {
+    if (value.size() == n) return value;  // bare: a DER form is always longer
+    const unsigned char* p = value.data();
+    Asn1OctetPtr octets(d2i_ASN1_OCTET_STRING(nullptr, &p, static_cast<long>(value.size())));
+    clearSslErrors();
+    if (!octets || p != value.data() + value.size() ||
+        static_cast<size_t>(ASN1_STRING_length(octets.get())) != n)
+        return {};
+    const uint8_t* data = ASN1_STRING_get0_data(octets.get());
+    return Bytes(data, data + n);
+}
+
+// pointAttribute - CKA_EC_POINT for a raw point: its DER OCTET STRING.
+Bytes pointAttribute(const uint8_t* point, size_t n) {
+    Asn1OctetPtr octets(ASN1_OCTET_STRING_new());
+    if (!octets || ASN1_OCTET_STRING_set(octets.get(), point, static_cast<int>(n)) != 1) return {};
+    return toDer(octets.get(), i2d_ASN1_OCTET_STRING);
 }
 
 Rc keyFromParams(const char* type, OSSL_PARAM* params, PkeyPtr& out) {
@@ -226,17 +263,19 @@ Rc rsaPublicKey(TokenStore& t, CK_OBJECT_HANDLE obj, PkeyPtr& out) {
     return keyFromParams("RSA", params.get(), out);
 }
 
-Rc ecPublicKey(TokenStore& t, CK_OBJECT_HANDLE obj, const char* curve, PkeyPtr& out) {
-    Bytes point;
-    if (Rc rc = attribute(t, obj, CKA_EC_POINT, point); rc != ZAVKM_OK) return rc;
-    const unsigned char* p = point.data();  // a DER OCTET STRING around the point
-    Asn1OctetPtr octets(d2i_ASN1_OCTET_STRING(nullptr, &p, static_cast<long>(point.size())));
-    clearSslErrors();
-    if (octets)
-        point.assign(ASN1_STRING_get0_data(octets.get()),
-                     ASN1_STRING_get0_data(octets.get()) + ASN1_STRING_length(octets.get()));
+// curvePublicKey - the public key of an EC or EdDSA key object on curve.
+Rc curvePublicKey(TokenStore& t, CK_OBJECT_HANDLE obj, const Curve& curve, PkeyPtr& out) {
+    Bytes value;
+    if (Rc rc = attribute(t, obj, CKA_EC_POINT, value); rc != ZAVKM_OK) return rc;
+    Bytes point = pointOf(value, curve.pointBytes);
+    if (point.empty()) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_FUNCTION_FAILED;
+    if (curve.edwards) {
+        out.reset(EVP_PKEY_new_raw_public_key_ex(nullptr, curve.name, nullptr, point.data(),
+                                                 point.size()));
+        return out ? ZAVKM_OK : sslError(ZAVKM_ERR_CRYPTO);
+    }
     OSSL_PARAM params[] = {
-        OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, const_cast<char*>(curve), 0),
+        OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, const_cast<char*>(curve.name), 0),
         OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY, point.data(), point.size()),
         OSSL_PARAM_construct_end()};
     return keyFromParams("EC", params, out);
@@ -259,10 +298,17 @@ Rc rawEcdsaToDer(const Bytes& raw, Bytes& out) {
 }  // namespace
 
 Bytes keyIdOf(const EVP_PKEY* key) {
-    Bytes bits = toDer(key, i2d_PublicKey);
+    // The key's bits as its SubjectPublicKeyInfo carries them, as keyIdOf(X509*) digests them.
+    Owned<X509_PUBKEY, X509_PUBKEY_free> spki;
+    X509_PUBKEY* made = nullptr;
+    if (X509_PUBKEY_set(&made, const_cast<EVP_PKEY*>(key)) != 1) return {};
+    spki.reset(made);
+    const unsigned char* bits = nullptr;
+    int length = 0;
     Bytes id(EVP_MAX_MD_SIZE);
     unsigned int n = 0;
-    if (bits.empty() || EVP_Digest(bits.data(), bits.size(), id.data(), &n, EVP_sha1(), nullptr) != 1)
+    if (X509_PUBKEY_get0_param(nullptr, &bits, &length, nullptr, spki.get()) != 1 ||
+        EVP_Digest(bits, static_cast<size_t>(length), id.data(), &n, EVP_sha1(), nullptr) != 1)
         return {};
     id.resize(n);
     return id;
@@ -417,7 +463,7 @@ Rc destroyObjects(TokenStore& t, TokenObject kind, const std::string& label) {
 
 Rc generateTokenKey(TokenStore& t, int32_t keySize, const std::string& label, TokenKey& out) {
     const Curve curve = curveOf(keySize);
-    const bool ec = curve.name != nullptr;
+    const bool ec = curve.name != nullptr;  // EC or EdDSA
     if (!ec && (keySize < 1024 || keySize > 16384))
         return ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE;
     if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
@@ -437,14 +483,17 @@ Rc generateTokenKey(TokenStore& t, int32_t keySize, const std::string& label, To
     priv.insert(priv.end(), {flag(CKA_TOKEN, true), flag(CKA_PRIVATE, true),
                              flag(CKA_SENSITIVE, true), flag(CKA_EXTRACTABLE, false),
                              attr(CKA_LABEL, label)});
-    CK_MECHANISM mech{ec ? CKM_EC_KEY_PAIR_GEN : CKM_RSA_PKCS_KEY_PAIR_GEN, nullptr, 0};
+    CK_MECHANISM mech{curve.edwards ? CKM_EC_EDWARDS_KEY_PAIR_GEN
+                      : ec          ? CKM_EC_KEY_PAIR_GEN
+                                    : CKM_RSA_PKCS_KEY_PAIR_GEN,
+                      nullptr, 0};
     std::unique_lock writing(objectLock());
     CK_RV rv = t.session.f->C_GenerateKeyPair(t.session.handle, &mech, pub.data(), pub.size(),
                                               priv.data(), priv.size(), &out.publicHandle,
                                               &out.privateKey);
     writing.unlock();
     if (rv != CKR_OK) return p11Error(rv, "C_GenerateKeyPair");
-    Rc rc = ec ? ecPublicKey(t, out.publicHandle, curve.name, out.publicKey)
+    Rc rc = ec ? curvePublicKey(t, out.publicHandle, curve, out.publicKey)
                : rsaPublicKey(t, out.publicHandle, out.publicKey);
     if (rc == ZAVKM_OK) out.id = keyIdOf(out.publicKey.get());
     if (rc == ZAVKM_OK && out.id.empty()) rc = sslError(ZAVKM_ERR_CRYPTO);
@@ -481,7 +530,9 @@ Rc TokenSigner::sign(const Bytes& tbs, const EVP_MD* md, Bytes& signature) {
     const bool ec = EVP_PKEY_get_base_id(key_.publicKey.get()) == EVP_PKEY_EC;
     Bytes input = tbs;
     CK_MECHANISM mech{CKM_ECDSA, nullptr, 0};
-    if (ec) {  // the token signs the digest
+    if (isEdDsa(key_.publicKey.get())) {  // the message itself; the signature is the raw one
+        mech.mechanism = CKM_EDDSA;
+    } else if (ec) {  // the token signs the digest
         input.resize(EVP_MAX_MD_SIZE);
         unsigned int n = 0;
         if (EVP_Digest(tbs.data(), tbs.size(), input.data(), &n, md, nullptr) != 1)
@@ -660,21 +711,43 @@ Rc ecMaterial(const EVP_PKEY* key, KeyMaterial& m, Bytes& params) {
     size_t n = 0;
     if (EVP_PKEY_get_utf8_string_param(key, OSSL_PKEY_PARAM_GROUP_NAME, group, sizeof group, &n) != 1)
         return sslError(ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM);
-    for (int32_t size : {256, 384, 521})
-        if (std::strcmp(curveOf(size).name, group) == 0) params = curveOf(size).oid;
-    if (params.empty()) return ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
+    const Curve curve = curveNamed(group);
+    if (curve.name == nullptr || curve.edwards) return ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
+    params = curve.oid;
     m.type = CKK_EC;
     m.values.resize(2);
-    Bytes point(256);
+    Bytes point(curve.pointBytes);
     if (EVP_PKEY_get_octet_string_param(key, OSSL_PKEY_PARAM_ENCODED_PUBLIC_KEY, point.data(),
                                         point.size(), &n) != 1 ||
-        !bigParam(key, OSSL_PKEY_PARAM_PRIV_KEY, m.values[1]))
+        n != point.size() || !bigParam(key, OSSL_PKEY_PARAM_PRIV_KEY, m.values[1]))
         return sslError(ZAVKM_ERR_CRYPTO);
-    Asn1OctetPtr octets(ASN1_OCTET_STRING_new());  // CKA_EC_POINT is the DER OCTET STRING
-    if (!octets || ASN1_OCTET_STRING_set(octets.get(), point.data(), static_cast<int>(n)) != 1)
-        return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
-    Bytes der = toDer(octets.get(), i2d_ASN1_OCTET_STRING);
+    Bytes der = pointAttribute(point.data(), point.size());
+    if (der.empty()) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
     m.values[0] = SecretBytes(der.data(), der.size());
+    m.publicPart = {attr(CKA_EC_PARAMS, params), attr(CKA_EC_POINT, m.values[0].data(), m.values[0].size())};
+    m.privatePart = {attr(CKA_EC_PARAMS, params), attr(CKA_VALUE, m.values[1].data(), m.values[1].size())};
+    return ZAVKM_OK;
+}
+
+// edwardsMaterial - an Ed25519 or Ed448 key: CKA_VALUE is the raw private key, CKA_EC_POINT the
+// DER OCTET STRING of the raw public key, CKA_EC_PARAMS the curve's OID.
+Rc edwardsMaterial(const EVP_PKEY* key, KeyMaterial& m, Bytes& params) {
+    const Curve curve = curveNamed(EVP_PKEY_get0_type_name(key));
+    if (curve.name == nullptr || !curve.edwards) return ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
+    params = curve.oid;
+    m.type = CKK_EC_EDWARDS;
+    SecretBytes secret(curve.pointBytes);  // a private key is as long as its public point
+    Bytes point(curve.pointBytes);
+    size_t secretLength = secret.size(), pointLength = point.size();
+    if (EVP_PKEY_get_raw_private_key(key, secret.data(), &secretLength) != 1 ||
+        EVP_PKEY_get_raw_public_key(key, point.data(), &pointLength) != 1 ||
+        secretLength != secret.size() || pointLength != point.size())
+        return sslError(ZAVKM_ERR_CRYPTO);
+    Bytes der = pointAttribute(point.data(), point.size());
+    if (der.empty()) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
+    m.values.resize(2);
+    m.values[0] = SecretBytes(der.data(), der.size());
+    m.values[1] = std::move(secret);
     m.publicPart = {attr(CKA_EC_PARAMS, params), attr(CKA_EC_POINT, m.values[0].data(), m.values[0].size())};
     m.privatePart = {attr(CKA_EC_PARAMS, params), attr(CKA_VALUE, m.values[1].data(), m.values[1].size())};
     return ZAVKM_OK;
@@ -688,10 +761,11 @@ Rc importKeyPair(TokenStore& t, const EVP_PKEY* key, const std::string& label, T
     KeyMaterial m;
     Bytes params;
     const int type = EVP_PKEY_get_base_id(key);
-    if (type != EVP_PKEY_RSA && type != EVP_PKEY_EC) return ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
-    if (Rc rc = type == EVP_PKEY_RSA ? rsaMaterial(key, m) : ecMaterial(key, m, params);
-        rc != ZAVKM_OK)
-        return rc;
+    Rc rc = type == EVP_PKEY_RSA ? rsaMaterial(key, m)
+            : type == EVP_PKEY_EC ? ecMaterial(key, m, params)
+            : isEdDsa(key)        ? edwardsMaterial(key, m, params)
+                                  : ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
+    if (rc != ZAVKM_OK) return rc;
     out.id = keyIdOf(key);
     if (out.id.empty()) return sslError(ZAVKM_ERR_CRYPTO);
     static const CK_OBJECT_CLASS privateClass = CKO_PRIVATE_KEY, publicClass = CKO_PUBLIC_KEY;
@@ -706,7 +780,7 @@ Rc importKeyPair(TokenStore& t, const EVP_PKEY* key, const std::string& label, T
     for (auto* part : {&priv, &pub}) part->insert(part->end(), common.begin(), common.end());
     priv.insert(priv.end(), m.privatePart.begin(), m.privatePart.end());
     pub.insert(pub.end(), m.publicPart.begin(), m.publicPart.end());
-    Rc rc = createObject(t, priv, "C_CreateObject (private key)", &out.privateKey);
+    rc = createObject(t, priv, "C_CreateObject (private key)", &out.privateKey);
     if (rc == ZAVKM_OK) rc = createObject(t, pub, "C_CreateObject (public key)", &out.publicHandle);
     if (rc != ZAVKM_OK) destroyKey(t, out);
     return rc;

@@ -98,14 +98,16 @@ struct TokenKey {
     CK_OBJECT_HANDLE publicHandle = CK_INVALID_HANDLE;
 };
 
-// generateTokenKey - a new key pair with label: keySize 1024-16384 RSA, 256/384/521 EC;
-// anything else ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE before the token is touched.
+// generateTokenKey - a new key pair with label: keySize 1024-16384 RSA, 256/384/521 EC, 25519
+// Ed25519 and 448 Ed448 (CKA_EC_PARAMS the curve's OID); anything else
+// ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE before the token is touched.
 Rc generateTokenKey(TokenStore& t, int32_t keySize, const std::string& label, TokenKey& out);
 
 // importKeyPair - a private key made the token's own: its private half as a sensitive, never
 // extractable signing key and its public half, both with label and the id keyIdOf the key
-// (out gets the handles and the id). RSA and EC P-256/P-384/P-521; other keys give
-// ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM before the token is touched. On failure nothing stays.
+// (out gets the handles and the id). RSA, EC P-256/P-384/P-521, Ed25519 and Ed448; other keys
+// give ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM before the token is touched. On failure nothing
+// stays.
 Rc importKeyPair(TokenStore& t, const EVP_PKEY* key, const std::string& label, TokenKey& out);
 
 // privateKeyWithId - the private key object with id; CK_INVALID_HANDLE when there is none.
@@ -114,7 +116,8 @@ Rc privateKeyWithId(TokenStore& t, const Bytes& id, CK_OBJECT_HANDLE& out);
 // destroyKey - removes both halves of a key pair (undoing a failed creation).
 void destroyKey(TokenStore& t, const TokenKey& key) noexcept;
 
-// TokenSigner - signs with a key pair's private half on the token.
+// TokenSigner - signs with a key pair's private half on the token: RSA PKCS#1 v1.5 with the
+// digest md names, ECDSA over the digest, EdDSA (CKM_EDDSA) over the message itself.
 class TokenSigner final : public RemoteSigner {
   public:
     TokenSigner(TokenStore& t, const TokenKey& key) : t_(t), key_(key) {}
@@ -144,7 +147,8 @@ Rc replaceRequest(TokenStore& t, const std::string& label, const Bytes& der);
 // search, which finds nothing unless a process stopped during a replacement).
 Rc recoverReplacements(TokenStore& t);
 
-// keyIdOf - the CKA_ID of a public key: SHA-1 of its encoded key bits (of a certificate's key).
+// keyIdOf - the CKA_ID of a public key: SHA-1 of the key bits its SubjectPublicKeyInfo carries
+// (of a certificate's key), the certificate's subject key identifier.
 Bytes keyIdOf(const EVP_PKEY* key);
 Bytes keyIdOf(const X509* cert);
 
