@@ -127,20 +127,22 @@ class TokensTest {
         assertEquals(rc, new CryptographicToken().c_BuildKeyLabelList(MODULE, label, pin));
     }
 
+    /** The key size asked for (25519 Ed25519, 448 Ed448), the algorithm and size shown. */
     @ParameterizedTest(name = "{0} {1} bits, PEM {2}")
-    @CsvSource({"java ca, 2048, true", "java ec, 256, false"})
-    void selfSignedCertificateIsMadeOnTheToken(String label, int bits, boolean pem)
-            throws Exception {
-        ok(selfSigned(T, TOK, PIN, label, bits));
-        assertEquals(23, selfSigned(T, TOK, PIN, label, bits));
+    @CsvSource({"java ca, 2048, true, 1, 2048", "java ec, 256, false, 2, 256",
+            "java ed25519, 25519, true, 3, 256", "java ed448, 448, false, 4, 456"})
+    void selfSignedCertificateIsMadeOnTheToken(String label, int size, boolean pem, int algorithm,
+            int bits) throws Exception {
+        ok(selfSigned(T, TOK, PIN, label, size));
+        assertEquals(23, selfSigned(T, TOK, PIN, label, size));
         String file = at(label + (pem ? ".pem" : ".der"));
         ok(T.c_ExtractCertificate(MODULE, TOK, PIN, label, file, pem));
         run("openssl", "x509", "-inform", pem ? "PEM" : "DER", "-in", file, "-out", file + ".crt");
         run("openssl", "verify", "-CAfile", file + ".crt", file + ".crt");
         KeyItem key = key(label, false);
-        assertEquals(List.of(label, bits, true, false, 1), List.of(key.getLabel(),
-                (int) key.getKeySize(), key.hasPrivateKey(), key.isRequestKey(),
-                key.getCertificateChain().length));
+        assertEquals(List.of(label, algorithm, bits, true, false, 1), List.of(key.getLabel(),
+                (int) key.getKeyAlgorithm(), (int) key.getKeySize(), key.hasPrivateKey(),
+                key.isRequestKey(), key.getCertificateChain().length));
         assertNull(key.getEncryptedPrivateKeyInfo());
         assertArrayEquals(der(file), key.getCertificate().getDer());
         assertTrue(listed().getPersonalKeyLabels().contains(label));
@@ -182,15 +184,23 @@ class TokensTest {
                 ids.containsKey("Private/the ca")), ids.toString());
     }
 
-    /** Made by openssl: a certificate with its key, one alone, a request with its key. */
+    /**
+     * Made by openssl: a certificate with its key, one alone, a request with its key, on P-256
+     * or Ed25519.
+     */
     @ParameterizedTest(name = "{0}")
-    @CsvSource({"in key, true, false", "in signer, false, false", "in request, true, true"})
-    void keysMadeElsewhereComeOntoTheToken(String label, boolean withKey, boolean isReq)
-            throws Exception {
+    @CsvSource({"in key, true, false, ec", "in signer, false, false, ec",
+            "in request, true, true, ec", "in ed key, true, false, ed25519",
+            "in ed request, true, true, ed25519"})
+    void keysMadeElsewhereComeOntoTheToken(String label, boolean withKey, boolean isReq,
+            String keyType) throws Exception {
         String in = at(label + (isReq ? ".csr" : ".pem"));
-        run("openssl", "req", isReq ? "-new" : "-x509", "-newkey", "ec", "-pkeyopt",
-                "ec_paramgen_curve:P-256", "-noenc", "-keyout", at(label + ".key"), "-subj",
-                "/CN=" + label, "-days", "30", "-out", in);
+        List<String> newKey = keyType.equals("ec")
+                ? List.of("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256")
+                : List.of("-newkey", keyType);
+        run(Stream.of(List.of("openssl", "req", isReq ? "-new" : "-x509"), newKey,
+                List.of("-noenc", "-keyout", at(label + ".key"), "-subj", "/CN=" + label, "-days",
+                        "30", "-out", in)).flatMap(List::stream).toArray(String[]::new));
         byte[] data = der(in), key = withKey ? der(at(label + ".key")) : null;
         int keyLength = withKey ? key.length : 0;
         ok(isReq ? T.c_ImportPersonalCertificateRequest(MODULE, TOK, PIN, label, data.length, data,
