@@ -56,8 +56,8 @@ constexpr char kPassword[] = "Keys-Passw0rd-1";
 class KeysTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/zavkeys-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        std::string tmpl = (std::filesystem::temp_directory_path() / "zavkeys-XXXXXX").string();
+        ASSERT_NE(mkdtemp(tmpl.data()), nullptr);  // under TMPDIR
         dir = tmpl;
         ASSERT_EQ(ZAVKM_Init(), ZAVKM_OK);
         ASSERT_EQ(ZAVKM_CreateNewKeyDb(at("keys.kdb").c_str(), kPassword, 0, &h), ZAVKM_OK);

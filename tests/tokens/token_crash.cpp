@@ -40,7 +40,8 @@
 
 namespace {
 
-const char* const kModule = SOFTHSM_MODULE;
+const char* const kModule = SOFTHSM_MODULE;       // the library's
+const char* const kToolModule = TOOL_MODULE;      // pkcs11-tool's: the host's, on the same tokens
 const char* const kStopModule = STOP_MODULE;
 std::string dir;
 std::string self;
@@ -138,7 +139,7 @@ void check(const std::string& when, const std::string& key, int digest, bool obj
     ZAVKM_CloseKeyDb(h);
     if (!objects) return;
     // Once opened, the token holds the one request object and nothing else of the replacement.
-    const std::string listed = run(std::string("pkcs11-tool --module ") + kModule +
+    const std::string listed = run(std::string("pkcs11-tool --module ") + kToolModule +
                                    " --token-label crash --list-objects --type data");
     size_t data = 0;
     for (size_t at = listed.find("Data object"); at != std::string::npos;

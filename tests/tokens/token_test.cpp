@@ -21,7 +21,8 @@
 
 namespace {
 
-const std::string kModule = SOFTHSM_MODULE;
+const std::string kModule = SOFTHSM_MODULE;    // the library's
+const std::string kToolModule = TOOL_MODULE;   // pkcs11-tool's: the host's, on the same tokens
 const std::string kOtherLibrary = NOT_A_MODULE;
 
 struct Output { int status; std::string text; };
@@ -61,8 +62,8 @@ ZAVKM_DNItem subject(const char* cn) {
 class TokenTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/zavtok-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        std::string tmpl = (std::filesystem::temp_directory_path() / "zavtok-XXXXXX").string();
+        ASSERT_NE(mkdtemp(tmpl.data()), nullptr);  // under TMPDIR
         dir = tmpl;
         std::filesystem::create_directory(dir + "/tokens");
         std::ofstream(dir + "/softhsm2.conf")
@@ -95,7 +96,7 @@ class TokenTest : public ::testing::Test {
                                           file.empty() ? nullptr : file.c_str(), 1);
     }
     Output tool(const std::string& args, const char* pin = "1234") {
-        return run("pkcs11-tool --module " + kModule + " --token-label tok --login --pin " + pin +
+        return run("pkcs11-tool --module " + kToolModule + " --token-label tok --login --pin " + pin +
                    " " + args);
     }
     // fields - what pkcs11-tool --list-objects shows of each object, by "<kind> <label> <field>"
@@ -162,7 +163,7 @@ TEST_F(TokenTest, OpeningGivesOneCodeForEachMistake) {
         {"other", "1234", ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LABEL_NOT_EXIST},
         {"nopin", "1234", ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED},  // no user PIN set
     };
-    ASSERT_EQ(run("pkcs11-tool --module " + kModule +
+    ASSERT_EQ(run("pkcs11-tool --module " + kToolModule +
                   " --init-token --slot-index 1 --label nopin --so-pin 5678").status, 0);
     for (const Row& r : rows) {
         ZAVKM_KeyDbHandle h = 0;

@@ -17,6 +17,8 @@ import org.junit.jupiter.params.provider.CsvSource;
  */
 class TokensTest {
     static final String MODULE = System.getProperty("zav.softhsm");
+    /** TOOL - the module pkcs11-tool loads: the host's, on the same token files. */
+    static final String TOOL = System.getProperty("zav.softhsm.tool");
     static final Path WORK = Path.of(System.getenv("SOFTHSM2_CONF")).getParent();
     static final String TOK = "jtok", PIN = "1234", CA_PW = "Ca-Passw0rd-123";
     static final CMSKeyDatabase KDB = new CMSKeyDatabase();
@@ -38,7 +40,7 @@ class TokensTest {
     static Map<String, String> objects() throws Exception {
         Map<String, String> ids = new TreeMap<>();  // "" for objects without ID (data)
         String current = "";
-        for (String line : run("pkcs11-tool", "--module", MODULE, "--token-label", TOK, "--login",
+        for (String line : run("pkcs11-tool", "--module", TOOL, "--token-label", TOK, "--login",
                 "--pin", PIN, "--list-objects").lines().toList()) {
             if (!line.startsWith(" ")) current = line.substring(0, line.indexOf(' ')) + "/";
             if (line.contains("label:")) {
@@ -236,7 +238,7 @@ class TokensTest {
         assertTrue(renewed.hasPrivateKey());
         ok(T.c_ExtractCertificate(MODULE, TOK, PIN, "renew", at("renew.out"), false));
         assertArrayEquals(renewal, der(at("renew.out")));
-        String certs = run("pkcs11-tool", "--module", MODULE, "--token-label", TOK,
+        String certs = run("pkcs11-tool", "--module", TOOL, "--token-label", TOK,
                 "--list-objects", "--type", "cert");
         assertEquals(1, certs.lines().filter(l -> l.trim().equals("label:      renew")).count());
     }
@@ -296,7 +298,7 @@ class TokensTest {
         assertEquals(16, T.c_ChangeKeyDbPwd(MODULE, "pin", PIN, "5555"));
         assertEquals(16, new CryptographicToken().c_BuildKeyLabelList(MODULE, "pin", PIN));
         ok(selfSigned(T, "pin", "4321", "after", 256));
-        List<String> tool = List.of("pkcs11-tool", "--module", MODULE, "--token-label", "pin",
+        List<String> tool = List.of("pkcs11-tool", "--module", TOOL, "--token-label", "pin",
                 "--login", "--list-objects", "--pin");
         assertTrue(run(Stream.concat(tool.stream(), Stream.of("4321")).toArray(String[]::new))
                 .contains("after"));
