@@ -1,8 +1,7 @@
 // p11stop.cpp - a PKCS#11 module in front of another one (ZAV_P11STOP_MODULE) that ends the
-// process with _exit(9) instead of making the n-th call that changes the token
-// (ZAV_P11STOP_AT=n; C_CreateObject, C_DestroyObject, C_SetAttributeValue,
-// C_GenerateKeyPair), as a crash at that moment would. Without ZAV_P11STOP_AT it only passes the
-// calls on. The crash test (token_crash.cpp) stops a writer at every such step in turn.
+// process with _exit(9) instead of making the n-th call that creates or destroys an object
+// (ZAV_P11STOP_AT=n), as a crash at that moment would. Without ZAV_P11STOP_AT it only passes
+// the calls on. The crash test (token_crash.cpp) stops a writer at every such step in turn.
 #include <dlfcn.h>
 #include <p11-kit/pkcs11.h>
 #include <unistd.h>
@@ -31,18 +30,6 @@ CK_RV destroyObject(CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o) {
     return real->C_DestroyObject(s, o);
 }
 
-CK_RV setAttributeValue(CK_SESSION_HANDLE s, CK_OBJECT_HANDLE o, CK_ATTRIBUTE_PTR t, CK_ULONG n) {
-    beforeChange();
-    return real->C_SetAttributeValue(s, o, t, n);
-}
-
-CK_RV generateKeyPair(CK_SESSION_HANDLE s, CK_MECHANISM_PTR m, CK_ATTRIBUTE_PTR pub,
-                      CK_ULONG npub, CK_ATTRIBUTE_PTR priv, CK_ULONG npriv,
-                      CK_OBJECT_HANDLE_PTR hpub, CK_OBJECT_HANDLE_PTR hpriv) {
-    beforeChange();
-    return real->C_GenerateKeyPair(s, m, pub, npub, priv, npriv, hpub, hpriv);
-}
-
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(
@@ -58,8 +45,6 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(
         shown.C_GetFunctionList = C_GetFunctionList;
         shown.C_CreateObject = createObject;
         shown.C_DestroyObject = destroyObject;
-        shown.C_SetAttributeValue = setAttributeValue;
-        shown.C_GenerateKeyPair = generateKeyPair;
     }
     *list = &shown;
     return CKR_OK;

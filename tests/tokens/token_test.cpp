@@ -5,17 +5,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "shell.h"
 #include "zavkm.h"
 #include "zavkm_ext.h"
 
@@ -25,23 +23,10 @@ const std::string kModule = SOFTHSM_MODULE;    // the library's
 const std::string kToolModule = TOOL_MODULE;   // pkcs11-tool's: the host's, on the same tokens
 const std::string kOtherLibrary = NOT_A_MODULE;
 
-struct Output { int status; std::string text; };
-
-Output run(const std::string& command) {
-    Output out{-1, {}};
-    FILE* p = popen((command + " 2>&1").c_str(), "r");
-    if (p == nullptr) return out;
-    std::array<char, 4096> buf{};
-    size_t n = 0;
-    while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) out.text.append(buf.data(), n);
-    out.status = pclose(p);
-    return out;
-}
-
-std::vector<uint8_t> readFile(const std::string& name) {
-    std::ifstream in(name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
+using zavkm_test::Output;
+using zavkm_test::readFile;
+using zavkm_test::run;
+using zavkm_test::size;
 
 std::vector<std::string> labels(ZAVKM_LabelList* list) {
     std::vector<std::string> out;
@@ -229,7 +214,7 @@ TEST_F(TokenTest, SelfSignedCertificateIsMadeOnTheToken) {
     ZAVKM_CloseKeyDb(db);
     std::vector<uint8_t> request = readFile(req);
     for (const char* ca : {"rsa", "ec", "ed25519", "ed448"}) {
-        ASSERT_EQ(ZAVKM_IssueCert(handle, request.data(), static_cast<uint32_t>(request.size()),
+        ASSERT_EQ(ZAVKM_IssueCert(handle, request.data(), size(request),
                                   ca, 3, nullptr, 30, srv.c_str(), 1, nullptr, nullptr),
                   ZAVKM_OK);
         Output verify = run("openssl verify -CAfile " + dir + "/" + ca + ".pem " + srv);
@@ -263,9 +248,11 @@ TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
               ZAVKM_OK);
     Output verify = run("openssl req -verify -noout -in " + req);
     EXPECT_EQ(verify.status, 0) << verify.text;
-    ZAVKM_DNItem spare = subject("spare");
-    ASSERT_EQ(ZAVKM_CreateNewCertReq(handle, "spare", 256, &spare, nullptr, nullptr, nullptr),
-              ZAVKM_OK);
+    ZAVKM_DNItem spare = subject("spare");  // Ed448, signed on the token
+    ASSERT_EQ(ZAVKM_CreateNewCertReq(handle, "spare", 448, &spare, (dir + "/spare.csr").c_str(),
+                                     nullptr, nullptr), ZAVKM_OK);
+    verify = run("openssl req -verify -noout -in " + dir + "/spare.csr");
+    EXPECT_EQ(verify.status, 0) << verify.text;
     ZAVKM_LabelList* list = nullptr;
     ASSERT_EQ(ZAVKM_GetReqKeyDbLabelList(handle, &list), ZAVKM_OK);
     std::vector<std::string> requests = labels(list);
@@ -279,11 +266,11 @@ TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
     ASSERT_EQ(ZAVKM_CreateSelfSignedCert(ca, "ca", 0, 3, 2048, &caName, 30, caPem.c_str(), 1),
               ZAVKM_OK);
     std::vector<uint8_t> request = readFile(req);
-    ASSERT_EQ(ZAVKM_IssueCert(ca, request.data(), static_cast<uint32_t>(request.size()), "ca", 3,
+    ASSERT_EQ(ZAVKM_IssueCert(ca, request.data(), size(request), "ca", 3,
                               nullptr, 30, cert.c_str(), 0, nullptr, nullptr),
               ZAVKM_OK);
     std::vector<uint8_t> caDer = readFile(caPem), der = readFile(cert);
-    ASSERT_EQ(ZAVKM_ReceiveCert(handle, der.data(), static_cast<uint32_t>(der.size()), 0),
+    ASSERT_EQ(ZAVKM_ReceiveCert(handle, der.data(), size(der), 0),
               ZAVKM_OK);
     ASSERT_EQ(ZAVKM_GetReqKeyDbLabelList(handle, &list), ZAVKM_OK);
     EXPECT_EQ(labels(list), std::vector<std::string>{"spare"});
@@ -301,7 +288,7 @@ TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
     };
     auto valid = [&] {
         uint8_t ok = 0;
-        ZAVKM_ValidateCertChain(handle, der.data(), static_cast<uint32_t>(der.size()), &ok);
+        ZAVKM_ValidateCertChain(handle, der.data(), size(der), &ok);
         return ok;
     };
     EXPECT_EQ(chainLength(), 1);
@@ -311,7 +298,7 @@ TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
     EXPECT_EQ(valid(), 1);
     ASSERT_EQ(ZAVKM_UnsetSecondaryKeyDb(handle), ZAVKM_OK);
     EXPECT_EQ(chainLength(), 1);
-    ASSERT_EQ(ZAVKM_StoreCACert(handle, caDer.data(), static_cast<uint32_t>(caDer.size()), "ca"),
+    ASSERT_EQ(ZAVKM_StoreCACert(handle, caDer.data(), size(caDer), "ca"),
               ZAVKM_OK);
     EXPECT_EQ(chainLength(), 2);
 
@@ -324,54 +311,6 @@ TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
     EXPECT_EQ(keyLabels(), std::vector<std::string>{"ca"});
     EXPECT_EQ(tool("--list-objects --type privkey").text.find("srv"), std::string::npos);
     EXPECT_EQ(ZAVKM_DeleteKey(handle, "srv"), ZAVKM_ERR_KEY_GET_BY_LABEL);
-}
-
-// EdDSA request keys on the token: each request signed on the token, signed anew, issued by an
-// Ed448 CA of a key database, received, and its chain validated through the paired database.
-TEST_F(TokenTest, EdDsaRequestKeysAreSignedIssuedAndReceived) {
-    ASSERT_EQ(open(token()), ZAVKM_OK);
-    ZAVKM_KeyDbHandle ca = 0;
-    ASSERT_EQ(ZAVKM_CreateNewKeyDb((dir + "/ca.kdb").c_str(), "Ca-Passw0rd-123", 0, &ca), ZAVKM_OK);
-    ZAVKM_DNItem caName = subject("ed448 ca");
-    ASSERT_EQ(ZAVKM_CreateSelfSignedCert(ca, "ca", 0, 3, 448, &caName, 30, nullptr, 0), ZAVKM_OK);
-    ASSERT_EQ(ZAVKM_SetSecondaryKeyDb(handle, ca), ZAVKM_OK);
-    struct Row {
-        const char* label;
-        int32_t size, type;
-        const char* shows;
-    } rows[] = {{"ed25519", 25519, 3, "ED25519"}, {"ed448", 448, 4, "ED448"}};
-    for (const Row& r : rows) {
-        const std::string csr = dir + "/" + r.label + ".csr", again = dir + "/" + r.label + ".again";
-        ZAVKM_DNItem dn = subject(r.label);
-        ASSERT_EQ(ZAVKM_CreateNewCertReqSigExt(handle, r.label, r.size, &dn, 2, nullptr, 0,
-                                               csr.c_str(), nullptr, nullptr), ZAVKM_OK) << r.label;
-        ASSERT_EQ(ZAVKM_ReCreateCertReqSig(handle, r.label, 1, again.c_str(), nullptr, nullptr),
-                  ZAVKM_OK) << r.label;
-        for (const std::string& file : {csr, again}) {
-            Output shown = run("openssl req -verify -noout -text -in " + file);
-            EXPECT_EQ(shown.status, 0) << shown.text;
-            EXPECT_NE(shown.text.find(std::string("Signature Algorithm: ") + r.shows), std::string::npos)
-                << shown.text;
-        }
-        std::vector<uint8_t> request = readFile(again), cert;
-        const std::string pem = dir + "/" + r.label + ".pem";
-        ASSERT_EQ(ZAVKM_IssueCert(ca, request.data(), static_cast<uint32_t>(request.size()), "ca", 3,
-                                  nullptr, 30, pem.c_str(), 1, nullptr, nullptr), ZAVKM_OK);
-        cert = readFile(pem);
-        ASSERT_EQ(ZAVKM_ReceiveCert(handle, cert.data(), static_cast<uint32_t>(cert.size()), 0),
-                  ZAVKM_OK) << r.label;
-        ZAVKM_KeyItem* key = nullptr;
-        ASSERT_EQ(ZAVKM_GetKeyItemByLabel(handle, r.label, &key), ZAVKM_OK);
-        EXPECT_EQ(key->shortValue1, r.type);
-        EXPECT_EQ(key->hasPrivateKey, 1);
-        ZAVKM_FreeKeyItem(key);
-        uint8_t valid = 0;
-        EXPECT_EQ(ZAVKM_ValidateCertChain(handle, cert.data(), static_cast<uint32_t>(cert.size()), &valid),
-                  ZAVKM_OK) << r.label;
-        EXPECT_EQ(valid, 1) << r.label;
-    }
-    ZAVKM_UnsetSecondaryKeyDb(handle);
-    ZAVKM_CloseKeyDb(ca);
 }
 
 // An Ed25519 key pair made by pkcs11-tool, which names the curve by a PrintableString
@@ -401,7 +340,7 @@ TEST_F(TokenTest, AnEdDsaKeyMadeByAnotherToolSigns) {
     ASSERT_EQ(tool("--set-id " + id + " --id 01 --type privkey").status, 0);
     ASSERT_EQ(open(token()), ZAVKM_OK);
     std::vector<uint8_t> cert = readFile(dir + "/made.pem");
-    ASSERT_EQ(ZAVKM_InsertKey(handle, "made", static_cast<uint32_t>(cert.size()), cert.data(), 0,
+    ASSERT_EQ(ZAVKM_InsertKey(handle, "made", size(cert), cert.data(), 0,
                               nullptr, 0, 0), ZAVKM_OK);
     uint8_t present = 0;
     ASSERT_EQ(ZAVKM_IsPrivateKeyPresent(handle, "made", &present), ZAVKM_OK);
@@ -410,64 +349,79 @@ TEST_F(TokenTest, AnEdDsaKeyMadeByAnotherToolSigns) {
                   "-keyout leaf.key -out leaf.csr").status, 0);
     std::vector<uint8_t> csr = readFile(dir + "/leaf.csr");
     const std::string leaf = dir + "/leaf.pem";
-    ASSERT_EQ(ZAVKM_IssueCert(handle, csr.data(), static_cast<uint32_t>(csr.size()), "made", 3,
+    ASSERT_EQ(ZAVKM_IssueCert(handle, csr.data(), size(csr), "made", 3,
                               nullptr, 30, leaf.c_str(), 1, nullptr, nullptr), ZAVKM_OK);
     Output verify = run("openssl verify -partial_chain -CAfile " + dir + "/made.pem " + leaf);
     EXPECT_EQ(verify.status, 0) << verify.text;
 }
 
-// FIPS mode refuses MD5 and SHA-1 signatures on what comes onto a token, and takes EdDSA.
-TEST_F(TokenTest, FipsModeRefusesWeakSignaturesComingOntoTheToken) {
+// FIPS mode refuses MD5 and SHA-1 signatures and RSA keys below 2048 bits on what comes in, on
+// key databases and tokens alike, and nothing else. Each row: what comes in, and what FIPS mode
+// answers (outside it every row is taken).
+TEST_F(TokenTest, FipsModeRefusesWeakSignaturesComingIn) {
+    ASSERT_EQ(run("cd " + dir + " && for w in sha1 md5; do openssl req -x509 -nodes -newkey "
+                  "rsa:2048 -$w -keyout $w.key -subj /CN=$w -days 30 -out $w.pem || exit 1; done && "
+                  "openssl req -x509 -nodes -newkey rsa:1024 -keyout small.key -subj /CN=small -out "
+                  "small.pem && openssl req -new -key sha1.key -sha1 -subj /CN=r -out sha1.csr && "
+                  "openssl req -x509 -nodes -newkey ed448 -keyout ed.key -subj /CN=ed -out ed.pem")
+                  .status, 0);
     ASSERT_EQ(open(token()), ZAVKM_OK);
-    ZAVKM_DNItem dn = subject("req");
-    ASSERT_EQ(ZAVKM_CreateNewCertReq(handle, "req", 256, &dn, (dir + "/req.csr").c_str(), nullptr,
-                                     nullptr), ZAVKM_OK);
-    ASSERT_EQ(run("cd " + dir + " && openssl req -x509 -nodes -newkey rsa:2048 -keyout ca.key -subj "
-                  "/CN=ca -days 30 -out ca.pem && openssl req -x509 -nodes -newkey rsa:2048 -sha1 "
-                  "-keyout sha1.key -subj /CN=sha1 -days 30 -out sha1.pem && openssl req -new -key "
-                  "sha1.key -sha1 -subj /CN=r -out sha1.csr && openssl x509 -req -in req.csr -CA "
-                  "ca.pem -CAkey ca.key -days 30 -sha1 -out got-sha1.pem && openssl x509 -req -in "
-                  "req.csr -CA ca.pem -CAkey ca.key -days 30 -sha256 -set_serial 9 -out got.pem && "
-                  "openssl x509 -req -in req.csr -CA ca.pem -CAkey ca.key -days 30 -md5 -set_serial 10 "
-                  "-out renew-md5.pem && openssl req -x509 -nodes -newkey ed25519 -keyout ed.key -subj "
-                  "/CN=ed -days 30 -out ed.pem").status, 0);
-    auto bytes = [&](const char* file) { return readFile(dir + "/" + file); };
-    auto* info = static_cast<uint8_t*>(std::calloc(1, 16));  // the library keeps the block
-    info[0] = 1;
-    ASSERT_EQ(ZAVKM_SetCryptoInfo(info), ZAVKM_OK);
-    struct Row {
-        const char* name;
-        std::function<ZAVKM_ReturnCode()> call;
-        ZAVKM_ReturnCode rc;
-    } rows[] = {
-        {"a SHA-1 signer", [&] { auto c = bytes("sha1.pem");
-             return ZAVKM_StoreCACert(handle, c.data(), static_cast<uint32_t>(c.size()), "s1"); },
-         ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM},
-        {"a SHA-1 key", [&] { auto c = bytes("sha1.pem"), k = bytes("sha1.key");
-             return ZAVKM_InsertKey(handle, "k1", static_cast<uint32_t>(c.size()), c.data(),
-                                    static_cast<uint32_t>(k.size()), k.data(), 0, 0); },
-         ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM},
-        {"a SHA-1 request key", [&] { auto c = bytes("sha1.csr"), k = bytes("sha1.key");
-             return ZAVKM_InsertReqKey(handle, "r1", static_cast<uint32_t>(c.size()), c.data(),
-                                       static_cast<uint32_t>(k.size()), k.data()); },
-         ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM},
-        {"a SHA-1 certificate received", [&] { auto c = bytes("got-sha1.pem");
-             return ZAVKM_ReceiveCert(handle, c.data(), static_cast<uint32_t>(c.size()), 0); },
-         ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM},
-        {"a SHA-256 certificate received", [&] { auto c = bytes("got.pem");
-             return ZAVKM_ReceiveCert(handle, c.data(), static_cast<uint32_t>(c.size()), 0); },
-         ZAVKM_OK},
-        {"an MD5 renewal", [&] { auto c = bytes("renew-md5.pem");
-             return ZAVKM_RenewCert(handle, c.data(), static_cast<uint32_t>(c.size())); },
-         ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM},
-        {"an Ed25519 signer", [&] { auto c = bytes("ed.pem");
-             return ZAVKM_StoreCACert(handle, c.data(), static_cast<uint32_t>(c.size()), "ed"); },
-         ZAVKM_OK},
-        {"a new Ed448 key", [&] { return ZAVKM_CreateSelfSignedCert(handle, "new", 0, 3, 448, &dn, 30, nullptr, 0); },
-         ZAVKM_OK},
-    };
-    for (const Row& r : rows) EXPECT_EQ(r.call(), r.rc) << r.name;
-    EXPECT_EQ(keyLabels(), (std::vector<std::string>{"req", "ed", "new"}));
+    ZAVKM_KeyDbHandle db = 0;
+    ASSERT_EQ(ZAVKM_CreateNewKeyDb((dir + "/f.kdb").c_str(), "Fips-Passw0rd-1", 0, &db), ZAVKM_OK);
+    const ZAVKM_ReturnCode weak = ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
+    for (ZAVKM_KeyDbHandle h : {db, handle}) {
+        // A CA of the store's own, and two requests of its own that openssl's CA signs.
+        ZAVKM_DNItem dn = subject("fips");
+        ASSERT_EQ(ZAVKM_CreateSelfSignedCert(h, "issuer", 0, 3, 256, &dn, 30, nullptr, 0), ZAVKM_OK);
+        for (const char* label : {"renewed", "waiting"})
+            ASSERT_EQ(ZAVKM_CreateNewCertReq(h, label, 256, &dn, (dir + "/" + label + ".csr").c_str(),
+                                             nullptr, nullptr), ZAVKM_OK);
+        const std::string sign = " -CA md5.pem -CAkey md5.key -days 30 -in ";
+        ASSERT_EQ(run("cd " + dir + " && openssl x509 -req -sha256" + sign + "renewed.csr -out "
+                      "renewed.pem && openssl x509 -req -sha1 -set_serial 7" + sign + "renewed.csr "
+                      "-out renewed-sha1.pem && openssl x509 -req -sha1" + sign + "waiting.csr -out "
+                      "waiting-sha1.pem").status, 0);
+        auto in = [&](const char* file) { return readFile(dir + "/" + file); };
+        std::vector<uint8_t> renewed = in("renewed.pem"), key = in("sha1.key");
+        ASSERT_EQ(ZAVKM_ReceiveCert(h, renewed.data(), size(renewed), 0), ZAVKM_OK);
+        std::string pass;  // each pass stores under labels of its own
+        auto signer = [&](const char* file) {
+            auto c = in(file);
+            return ZAVKM_StoreCACert(h, c.data(), size(c), (pass + file).c_str());
+        };
+        struct Row {
+            const char* name;
+            std::function<ZAVKM_ReturnCode()> call;
+            ZAVKM_ReturnCode fips;
+        } rows[] = {
+            {"a SHA-1 signer", [&] { return signer("sha1.pem"); }, weak},
+            {"an MD5 signer", [&] { return signer("md5.pem"); }, weak},
+            {"an RSA-1024 signer", [&] { return signer("small.pem"); },
+             ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE},
+            {"an Ed448 signer", [&] { return signer("ed.pem"); }, ZAVKM_OK},
+            {"a SHA-1 key", [&] { auto c = in("sha1.pem");
+                 return ZAVKM_InsertKey(h, (pass + "k").c_str(), size(c), c.data(), size(key), key.data(), 0, 0); }, weak},
+            {"a SHA-1 request key", [&] { auto c = in("sha1.csr");
+                 return ZAVKM_InsertReqKey(h, (pass + "r").c_str(), size(c), c.data(), size(key), key.data()); }, weak},
+            {"a SHA-1 request to issue", [&] { auto c = in("sha1.csr");
+                 return ZAVKM_IssueCert(h, c.data(), size(c), "issuer", 3, nullptr, 30,
+                                        (dir + "/out.pem").c_str(), 1, nullptr, nullptr); }, weak},
+            {"a SHA-1 certificate received", [&] { auto c = in("waiting-sha1.pem");
+                 return ZAVKM_ReceiveCert(h, c.data(), size(c), 0); }, weak},
+            {"a SHA-1 renewal", [&] { auto c = in("renewed-sha1.pem"); return ZAVKM_RenewCert(h, c.data(), size(c)); }, weak},
+            {"a SHA-256 renewal", [&] { return ZAVKM_RenewCert(h, renewed.data(), size(renewed)); }, ZAVKM_OK},
+        };
+        for (bool fips : {true, false}) {
+            pass = fips ? "fips " : "";
+            auto* info = static_cast<uint8_t*>(std::calloc(1, 16));  // the library keeps the block
+            info[0] = fips ? 1 : 0;
+            ASSERT_EQ(ZAVKM_SetCryptoInfo(info), ZAVKM_OK);
+            for (const Row& r : rows)
+                EXPECT_EQ(r.call(), fips ? r.fips : ZAVKM_OK) << r.name << (fips ? " in FIPS mode" : "")
+                                                              << (h == db ? " (key database)" : " (token)");
+        }
+    }
+    ZAVKM_CloseKeyDb(db);
 }
 
 // Keys made elsewhere are brought onto the token: each row inserts a certificate (and a key,
@@ -480,6 +434,7 @@ TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
     };
     make("rsa", "-x509 -days 2 -newkey rsa:2048 -out rsa.pem");
     make("ec", "-x509 -days 2 -newkey ec -pkeyopt ec_paramgen_curve:P-384 -out ec.pem");
+    make("ed", "-x509 -days 2 -newkey ed25519 -out ed.pem");
     make("req", "-new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -out req.csr");
     ASSERT_EQ(run("cd " + dir + " && openssl rsa -traditional -in rsa.key -out rsa1.key && "
                   "openssl pkcs8 -topk8 -in ec.key -outform DER -passout pass:1234 -out ec.epki && "
@@ -499,13 +454,14 @@ TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
         {"marked", "rsa.pem", "rsa.key", 1, ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT, -1},
         {"rsa", "rsa.pem", "rsa1.key", 0, ZAVKM_OK, 1},  // PKCS#1
         {"ec", "ec.pem", "ec.epki", 0, ZAVKM_OK, 1},     // encrypted under the PIN
+        {"ed", "ed.pem", "ed.key", 0, ZAVKM_OK, 1},      // Ed25519, PKCS#8
         {"again", "ec.pem", "", 0, ZAVKM_OK, 1},         // its key is on the token now
         {"rsa", "ec.pem", "", 0, ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL, 1},
     };
     for (const Row& r : rows) {
         std::vector<uint8_t> cert = data(r.cert), key = data(r.key);
-        EXPECT_EQ(ZAVKM_InsertKey(handle, r.label, static_cast<uint32_t>(cert.size()), cert.data(),
-                                  static_cast<uint32_t>(key.size()),
+        EXPECT_EQ(ZAVKM_InsertKey(handle, r.label, size(cert), cert.data(),
+                                  size(key),
                                   key.empty() ? nullptr : key.data(), r.flag, 0),
                   r.rc)
             << r.label;
@@ -514,7 +470,7 @@ TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
                   r.present < 0 ? ZAVKM_ERR_KEY_GET_BY_LABEL : ZAVKM_OK) << r.label;
         EXPECT_EQ(present, r.present > 0 ? 1 : 0) << r.label;
     }
-    // Two key pairs ("again" shares ec's), each private key sensitive, not extractable, with the
+    // Three key pairs ("again" shares ec's), each private key sensitive, not extractable, with the
     // id of its certificate; the refused rows left nothing behind.
     Output all = tool("--list-objects");
     auto count = [&](const std::string& what) {
@@ -524,11 +480,11 @@ TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
             ++n;
         return n;
     };
-    EXPECT_EQ(count("Private Key Object"), 2u) << all.text;
-    EXPECT_EQ(count("Public Key Object"), 2u) << all.text;
-    EXPECT_EQ(count("Certificate Object"), 3u) << all.text;
+    EXPECT_EQ(count("Private Key Object"), 3u) << all.text;
+    EXPECT_EQ(count("Public Key Object"), 3u) << all.text;
+    EXPECT_EQ(count("Certificate Object"), 4u) << all.text;
     std::map<std::string, std::string> seen = fields();
-    for (const std::string label : {"rsa", "ec"}) {
+    for (const std::string label : {"rsa", "ec", "ed"}) {
         EXPECT_EQ(seen["Private " + label + " Access:"], "Access:     sensitive") << all.text;
         EXPECT_FALSE(seen["Certificate " + label + " ID:"].empty()) << all.text;
         for (const char* kind : {"Private ", "Public "})
@@ -538,8 +494,8 @@ TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
     // A request key: its request written again as stored, then signed anew with SHA-384.
     std::vector<uint8_t> csr = data("req.csr"), reqKey = data("req.key"), wrongKey = data("rsa.key");
     auto insertRequest = [&](const char* label, const std::vector<uint8_t>& k) {
-        return ZAVKM_InsertReqKey(handle, label, static_cast<uint32_t>(csr.size()), csr.data(),
-                                  static_cast<uint32_t>(k.size()), k.data());
+        return ZAVKM_InsertReqKey(handle, label, size(csr), csr.data(),
+                                  size(k), k.data());
     };
     EXPECT_EQ(insertRequest("mismatch", wrongKey), ZAVKM_ERR_VALIDATION_KEY_PAIR);
     ASSERT_EQ(insertRequest("req", reqKey), ZAVKM_OK);
@@ -562,6 +518,7 @@ TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
         {"req", 2, ZAVKM_OK, "ecdsa-with-SHA384"},   // the request key signs on the token
         {"rsa", 1, ZAVKM_OK, "sha256WithRSA"},       // an imported personal key renews
         {"ec", 2, ZAVKM_OK, "ecdsa-with-SHA384"},
+        {"ed", 2, ZAVKM_OK, "Signature Algorithm: ED25519"},
         {"nothing", 1, ZAVKM_ERR_KEY_GET_BY_LABEL, nullptr},
         {"req", 3, ZAVKM_ERR_SIGNATURE_ALGORITHM, nullptr},
     };
@@ -600,8 +557,8 @@ TEST_F(TokenTest, KeysOnTheTokenSignAndVerifyOnly) {
     for (const std::string label : {"in-rsa", "in-ec", "in-ed25519", "in-ed448"}) {
         std::vector<uint8_t> cert = readFile(dir + "/" + label + ".pem");
         std::vector<uint8_t> key = readFile(dir + "/" + label + ".key");
-        ASSERT_EQ(ZAVKM_InsertKey(handle, label.c_str(), static_cast<uint32_t>(cert.size()),
-                                  cert.data(), static_cast<uint32_t>(key.size()), key.data(), 0, 0),
+        ASSERT_EQ(ZAVKM_InsertKey(handle, label.c_str(), size(cert),
+                                  cert.data(), size(key), key.data(), 0, 0),
                   ZAVKM_OK) << label;
     }
     std::map<std::string, std::string> seen = fields();
@@ -621,7 +578,7 @@ TEST_F(TokenTest, KeysOnTheTokenSignAndVerifyOnly) {
     const std::vector<uint8_t> csr = readFile(dir + "/leaf.csr");
     for (const std::string label : {"in-rsa", "in-ec", "in-ed25519", "in-ed448"}) {
         const std::string out = dir + "/" + label + ".leaf";
-        ASSERT_EQ(ZAVKM_IssueCert(handle, csr.data(), static_cast<uint32_t>(csr.size()),
+        ASSERT_EQ(ZAVKM_IssueCert(handle, csr.data(), size(csr),
                                   label.c_str(), 3, nullptr, 30, out.c_str(), 1, nullptr, nullptr),
                   ZAVKM_OK) << label;
         Output verify = run("openssl verify -CAfile " + dir + "/" + label + ".pem " + out);
@@ -644,7 +601,7 @@ TEST_F(TokenTest, ListingsShowExactTimesPast2038) {
     ASSERT_EQ(run("cd " + dir + " && openssl req -x509 -nodes -days 9500 -subj /CN=late -newkey ec "
                   "-pkeyopt ec_paramgen_curve:P-256 -keyout late.key -out late.pem").status, 0);
     std::vector<uint8_t> late = readFile(dir + "/late.pem");
-    ASSERT_EQ(ZAVKM_InsertKey(handle, "late", static_cast<uint32_t>(late.size()), late.data(), 0,
+    ASSERT_EQ(ZAVKM_InsertKey(handle, "late", size(late), late.data(), 0,
                               nullptr, 0, 0), ZAVKM_OK);
     ZAVKM_DNItem dn = subject("long");
     ASSERT_EQ(ZAVKM_CreateSelfSignedCert(handle, "long", 0, 3, 384, &dn, 9999, nullptr, 0), ZAVKM_OK);
@@ -689,8 +646,6 @@ TEST_F(TokenTest, ListingsShowExactTimesPast2038) {
     ZAVKM_FreeEntries(entries, count);
     EXPECT_EQ(std::to_string(trusted) + "\n", anchors.text);
     EXPECT_GT(late2038, 0u);
-    ZAVKM_Entry* none = nullptr;
-    EXPECT_EQ(ZAVKM_ListEntriesX(handle, 0, &none, &count, nullptr), ZAVKM_ERR_NULL_PARAMETER);
 }
 
 // A PKCS#11 login belongs to the process: while one handle holds it, the module takes any PIN
@@ -715,12 +670,9 @@ TEST_F(TokenTest, EveryOpenProvesItsPinWhileAnotherHandleIsLoggedIn) {
     } rows[] = {
         {"the PIN", CryptoToken, "1234", ZAVKM_OK, ZAVKM_OK, ZAVKM_OK, 1},
         {"a wrong PIN", CryptoToken, "0000", ZAVKM_ERR_DATABASE_INVALID_PASSWORD},
-        {"a part of the PIN", CryptoToken, "123", ZAVKM_ERR_DATABASE_INVALID_PASSWORD},
         {"an empty PIN", CryptoToken, "", ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED},
-        {"the store, a wrong PIN", MSCertStore, "0000", ZAVKM_ERR_DATABASE_INVALID_PASSWORD},
         {"the store without PIN", MSCertStore, nullptr, ZAVKM_OK, ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL,
          ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED, 0},
-        {"the store with the PIN", MSCertStore, "1234", ZAVKM_OK, ZAVKM_OK, ZAVKM_OK, 1},
     };
     int n = 0;
     for (const Row& r : rows) {
@@ -734,7 +686,7 @@ TEST_F(TokenTest, EveryOpenProvesItsPinWhileAnotherHandleIsLoggedIn) {
         EXPECT_EQ(ZAVKM_IsPrivateKeyPresent(second, "ca", &present), ZAVKM_OK) << r.name;
         EXPECT_EQ(present, r.present) << r.name;
         const std::string out = dir + "/leaf" + std::to_string(++n) + ".pem";
-        EXPECT_EQ(ZAVKM_IssueCert(second, csr.data(), static_cast<uint32_t>(csr.size()), "ca", 3,
+        EXPECT_EQ(ZAVKM_IssueCert(second, csr.data(), size(csr), "ca", 3,
                                   nullptr, 30, out.c_str(), 1, nullptr, nullptr),
                   r.issues) << r.name;
         ZAVKM_DNItem dn = subject("mine");
@@ -810,7 +762,7 @@ TEST_F(TokenTest, PlatformStoreShowsTheRegisteredProviders) {
                   "-x509toreq -signkey ro.key -out ro.csr").status, 0);
     std::vector<uint8_t> roCert = readFile(dir + "/ro.pem"), roKey = readFile(dir + "/ro.key"),
                          roReq = readFile(dir + "/ro.csr");
-    const auto n = [](const std::vector<uint8_t>& v) { return static_cast<uint32_t>(v.size()); };
+    const auto n = [](const std::vector<uint8_t>& v) { return size(v); };
     for (const std::vector<uint8_t>& key : {std::vector<uint8_t>(), roKey})
         EXPECT_EQ(ZAVKM_InsertKey(handle, "ro", n(roCert), roCert.data(), n(key),
                                   key.empty() ? nullptr : key.data(), 0, 0),

@@ -329,51 +329,38 @@ class KeyDbTest {
         Stream.of(needles).forEach(n -> assertTrue(text.contains(n), () -> n + " not in " + text));
     }
 
+    /** EDDSA - key size asked for to: openssl's name, OID, key algorithm and size shown. */
+    private static final Map<Integer, List<Object>> EDDSA = Map.of(
+            25519, List.of("ED25519", "1.3.101.112", 3, 256), 448, List.of("ED448", "1.3.101.113", 4, 456));
+
     /**
      * keyText, sigText, sigOid, algorithm, bits - a key of that size asked for, its signatures
      * with selector 1 or 2 (EdDSA signs without a digest), the algorithm and size the library
      * shows for it.
      */
     private static String keyText(int size) {
-        return switch (size) {
-            case 25519 -> "ED25519 Public-Key";
-            case 448 -> "ED448 Public-Key";
-            default -> size >= 1024 ? "Public-Key: (" + size + " bit)" : "NIST CURVE: P-" + size;
-        };
+        return EDDSA.containsKey(size) ? EDDSA.get(size).get(0) + " Public-Key"
+                : size >= 1024 ? "Public-Key: (" + size + " bit)" : "NIST CURVE: P-" + size;
     }
 
     private static String sigText(int signer, int sig) {
-        return switch (signer) {
-            case 25519 -> "Signature Algorithm: ED25519";
-            case 448 -> "Signature Algorithm: ED448";
-            default -> (signer >= 1024 ? "sha%dWithRSAEncryption" : "ecdsa-with-SHA%d")
-                    .formatted(sig == 1 ? 256 : 384);
-        };
+        return EDDSA.containsKey(signer) ? "Signature Algorithm: " + EDDSA.get(signer).get(0)
+                : (signer >= 1024 ? "sha%dWithRSAEncryption" : "ecdsa-with-SHA%d")
+                        .formatted(sig == 1 ? 256 : 384);
     }
 
     private static String sigOid(int signer, int sig) {
-        return switch (signer) {
-            case 25519 -> "1.3.101.112";
-            case 448 -> "1.3.101.113";
-            default -> signer >= 1024 ? "1.2.840.113549.1.1." + (10 + sig)
-                    : "1.2.840.10045.4.3." + (1 + sig);
-        };
+        return EDDSA.containsKey(signer) ? (String) EDDSA.get(signer).get(1)
+                : signer >= 1024 ? "1.2.840.113549.1.1." + (10 + sig)
+                        : "1.2.840.10045.4.3." + (1 + sig);
     }
 
     private static int algorithm(int size) {
-        return switch (size) {
-            case 25519 -> 3;
-            case 448 -> 4;
-            default -> size >= 1024 ? 1 : 2;
-        };
+        return EDDSA.containsKey(size) ? (int) EDDSA.get(size).get(2) : size >= 1024 ? 1 : 2;
     }
 
     private static int bits(int size) {
-        return switch (size) {
-            case 25519 -> 256;
-            case 448 -> 456;
-            default -> size;
-        };
+        return EDDSA.containsKey(size) ? (int) EDDSA.get(size).get(3) : size;
     }
 
     private static String serial(Path dir) {
