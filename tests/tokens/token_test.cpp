@@ -1,6 +1,8 @@
 // token_test.cpp - our library on a SoftHSM2 token made per test in a private SOFTHSM2_CONF,
 // every result checked with pkcs11-tool and openssl as well.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <p11-kit/pkcs11.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -716,7 +718,26 @@ TEST_F(TokenTest, EveryOpenProvesItsPinWhileAnotherHandleIsLoggedIn) {
     uint8_t present = 9;
     EXPECT_EQ(ZAVKM_IsPrivateKeyPresent(handle, "ca", &present), ZAVKM_OK);
     EXPECT_EQ(present, 0);
+    ZAVKM_CloseKeyDb(handle);
+    handle = 0;
     unsetenv("ZAVKM_P11_REGISTRY");
+    // Another part of the process logs the token in on the module itself: a right PIN still
+    // opens (the login is made again with it), a wrong one does not.
+    void* module = dlopen(kModule.c_str(), RTLD_NOW);
+    auto get = reinterpret_cast<CK_C_GetFunctionList>(dlsym(module, "C_GetFunctionList"));
+    CK_FUNCTION_LIST* f = nullptr;
+    CK_SLOT_ID slots[8];
+    CK_ULONG count = 8;
+    CK_SESSION_HANDLE outside = 0;
+    ASSERT_EQ(get(&f), CKR_OK);
+    ASSERT_EQ(f->C_GetSlotList(CK_TRUE, slots, &count), CKR_OK);  // the first slot holds "tok"
+    ASSERT_EQ(f->C_OpenSession(slots[0], CKF_SERIAL_SESSION, nullptr, nullptr, &outside), CKR_OK);
+    ASSERT_EQ(f->C_Login(outside, CKU_USER, reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>("4321")), 4), CKR_OK);
+    EXPECT_EQ(open(token("tok", "4321")), ZAVKM_OK);
+    KeyStoreDescriptor wrong = token("tok", "0000");
+    ZAVKM_KeyDbHandle second = 0;
+    EXPECT_EQ(ZAVKM_OpenKeyDbX(&wrong, &second), ZAVKM_ERR_DATABASE_INVALID_PASSWORD);
+    f->C_CloseSession(outside);
 }
 
 }  // namespace

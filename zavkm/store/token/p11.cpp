@@ -72,8 +72,14 @@ Rc loadModule(const std::string& path, CK_FUNCTION_LIST*& out) noexcept {
 
 namespace {
 
-// Verifier - HMAC-SHA256 of a PIN under the process's login key.
-using Verifier = std::array<uint8_t, 32>;
+// Verifier - HMAC-SHA256 of a PIN under the process's login key, wiped when dropped.
+struct Verifier {
+    std::array<uint8_t, 32> bytes{};
+    Verifier() = default;
+    Verifier(const Verifier&) = default;
+    Verifier& operator=(const Verifier&) = default;
+    ~Verifier() { OPENSSL_cleanse(bytes.data(), bytes.size()); }
+};
 
 // TokenLogin - the process's user login on one token: how many of our sessions share it, and the
 // verifier of the PIN that made it.
@@ -105,8 +111,8 @@ Rc verifierOf(LoginTable& table, const char* pin, Verifier& out) noexcept {
     }
     size_t n = 0;
     if (EVP_Q_mac(nullptr, "HMAC", nullptr, "SHA256", nullptr, table.key.data(), table.key.size(),
-                  reinterpret_cast<const unsigned char*>(pin), std::strlen(pin), out.data(),
-                  out.size(), &n) == nullptr)
+                  reinterpret_cast<const unsigned char*>(pin), std::strlen(pin), out.bytes.data(),
+                  out.bytes.size(), &n) == nullptr)
         return sslError(ZAVKM_ERR_CRYPTO);
     return ZAVKM_OK;
 }
@@ -114,7 +120,6 @@ Rc verifierOf(LoginTable& table, const char* pin, Verifier& out) noexcept {
 void forgetLogins() noexcept {
     LoginTable& table = logins();
     std::lock_guard lock(table.mutex);
-    for (auto& [token, login] : table.tokens) OPENSSL_cleanse(login.verifier.data(), login.verifier.size());
     table.tokens.clear();
     table.key = SecretBytes();
 }
@@ -241,7 +246,7 @@ Rc Session::login(const char* pin) noexcept {
             rv = f->C_Login(handle, CKU_USER, p, std::strlen(pin));
         }
         if (rv == CKR_USER_ALREADY_LOGGED_IN) {
-            if (CRYPTO_memcmp(proof.data(), token.verifier.data(), proof.size()) != 0) {
+            if (CRYPTO_memcmp(proof.bytes.data(), token.verifier.bytes.data(), proof.bytes.size()) != 0) {
                 trace("C_Login: the token is logged in with another PIN");
                 return ZAVKM_ERR_DATABASE_INVALID_PASSWORD;
             }
@@ -283,7 +288,6 @@ void Session::close() noexcept {
         auto it = table.tokens.find({f, slot});
         if (it != table.tokens.end() && --it->second.holders == 0) {
             f->C_Logout(handle);
-            OPENSSL_cleanse(it->second.verifier.data(), it->second.verifier.size());
             table.tokens.erase(it);
         }
         loggedIn = false;
