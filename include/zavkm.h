@@ -286,7 +286,7 @@ typedef struct ZAVKM_PrivKeyInfoItem {
 
 /* A key with its certificate and chain. */
 typedef struct ZAVKM_KeyItem {
-    int32_t shortValue1; /* key algorithm: 1 RSA, 2 EC */
+    int32_t shortValue1; /* key algorithm: 1 RSA, 2 EC, 3 Ed25519, 4 Ed448 */
     char* label;
     int32_t keySize; /* bits */
     int32_t hasPrivateKey;

@@ -10,7 +10,9 @@
  *
  * ZAVKM_ListEntriesX lists the same way, but lists what is sound when rows are damaged and
  * counts the damaged ones in *damaged (0 for a whole listing): a caller must show that the
- * listing is partial. flags: ZAVKM_LIST_DER.
+ * listing is partial. flags: ZAVKM_LIST_DER. On a token or platform-store handle it lists the
+ * token's certificates (personal when the token holds their private key, trusted as the token
+ * marks its anchors) and request keys, with exact times; rowId is 0 there.
  *
  * ZAVKM_GetPasswordExpiry gives when the password of an open key database expires, in seconds
  * since 1970 (0: it never does), as the database held it when the handle was opened.
@@ -51,7 +53,7 @@ enum {
 typedef struct ZAVKM_Entry {
     char* label;      /* UTF-8 */
     int32_t kind;     /* ZAVKM_ENTRY_... */
-    int32_t keyType;  /* as a key item's shortValue1: 1 RSA, 2 EC */
+    int32_t keyType;  /* as a key item's shortValue1: 1 RSA, 2 EC, 3 Ed25519, 4 Ed448 */
     int32_t keyBits;
     uint8_t isDefault;
     uint8_t trusted;

@@ -26,7 +26,7 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 [ "${1:-}" = "--i386" ] || exit 0
-i386=(libssl-dev libsqlite3-dev libp11-kit-dev libgtest-dev libgmock-dev openjdk-17-jdk-headless)
+i386=(libssl-dev libsqlite3-dev libp11-kit-dev p11-kit-modules libgtest-dev libgmock-dev openjdk-17-jdk-headless)
 have=1
 for p in "${i386[@]}"; do
   dpkg-query -W -f='${Status}' "$p:i386" 2>/dev/null | grep -q "install ok installed" || have=0

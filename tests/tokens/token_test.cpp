@@ -1,44 +1,34 @@
 // token_test.cpp - our library on a SoftHSM2 token made per test in a private SOFTHSM2_CONF,
 // every result checked with pkcs11-tool and openssl as well.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <p11-kit/pkcs11.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "shell.h"
 #include "zavkm.h"
+#include "zavkm_ext.h"
 
 namespace {
 
-const std::string kModule = SOFTHSM_MODULE;
+const std::string kModule = SOFTHSM_MODULE;    // the library's
+const std::string kToolModule = TOOL_MODULE;   // pkcs11-tool's: the host's, on the same tokens
 const std::string kOtherLibrary = NOT_A_MODULE;
 
-struct Output { int status; std::string text; };
-
-Output run(const std::string& command) {
-    Output out{-1, {}};
-    FILE* p = popen((command + " 2>&1").c_str(), "r");
-    if (p == nullptr) return out;
-    std::array<char, 4096> buf{};
-    size_t n = 0;
-    while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) out.text.append(buf.data(), n);
-    out.status = pclose(p);
-    return out;
-}
-
-std::vector<uint8_t> readFile(const std::string& name) {
-    std::ifstream in(name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
+using zavkm_test::Output;
+using zavkm_test::readFile;
+using zavkm_test::run;
+using zavkm_test::size;
 
 std::vector<std::string> labels(ZAVKM_LabelList* list) {
     std::vector<std::string> out;
@@ -59,8 +49,8 @@ ZAVKM_DNItem subject(const char* cn) {
 class TokenTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/zavtok-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        std::string tmpl = (std::filesystem::temp_directory_path() / "zavtok-XXXXXX").string();
+        ASSERT_NE(mkdtemp(tmpl.data()), nullptr);  // under TMPDIR
         dir = tmpl;
         std::filesystem::create_directory(dir + "/tokens");
         std::ofstream(dir + "/softhsm2.conf")
@@ -93,8 +83,34 @@ class TokenTest : public ::testing::Test {
                                           file.empty() ? nullptr : file.c_str(), 1);
     }
     Output tool(const std::string& args, const char* pin = "1234") {
-        return run("pkcs11-tool --module " + kModule + " --token-label tok --login --pin " + pin +
+        return run("pkcs11-tool --module " + kToolModule + " --token-label tok --login --pin " + pin +
                    " " + args);
+    }
+    // fields - what pkcs11-tool --list-objects shows of each object, by "<kind> <label> <field>"
+    // ("Private ec Usage:" -> "Usage:      sign").
+    std::map<std::string, std::string> fields() {
+        std::map<std::string, std::string> seen;
+        std::string kind, label;
+        std::vector<std::string> block;  // the field lines of one object, its label comes later
+        auto flush = [&] {
+            for (const std::string& line : block)
+                for (const char* field : {"ID:", "Access:", "Usage:", "EC_PARAMS:"})
+                    if (line.find(field) != std::string::npos)
+                        seen[kind + " " + label + " " + field] = line.substr(line.find(field));
+            block.clear();
+        };
+        std::istringstream lines(tool("--list-objects").text);
+        for (std::string line; std::getline(lines, line);) {
+            if (line.find(" Object;") != std::string::npos) {
+                flush();
+                kind = line.substr(0, line.find(' '));
+            }
+            if (line.find("label:") != std::string::npos)
+                label = line.substr(line.find_last_of(' ') + 1);
+            block.push_back(line);
+        }
+        flush();
+        return seen;
     }
     std::vector<std::string> keyLabels() {
         ZAVKM_LabelList* list = nullptr;
@@ -134,7 +150,7 @@ TEST_F(TokenTest, OpeningGivesOneCodeForEachMistake) {
         {"other", "1234", ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LABEL_NOT_EXIST},
         {"nopin", "1234", ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED},  // no user PIN set
     };
-    ASSERT_EQ(run("pkcs11-tool --module " + kModule +
+    ASSERT_EQ(run("pkcs11-tool --module " + kToolModule +
                   " --init-token --slot-index 1 --label nopin --so-pin 5678").status, 0);
     for (const Row& r : rows) {
         ZAVKM_KeyDbHandle h = 0;
@@ -147,21 +163,35 @@ TEST_F(TokenTest, OpeningGivesOneCodeForEachMistake) {
 
 TEST_F(TokenTest, SelfSignedCertificateIsMadeOnTheToken) {
     ASSERT_EQ(open(token()), ZAVKM_OK);
-    for (auto [label, bits] : {std::pair{"rsa", 2048}, std::pair{"ec", 256}}) {
+    struct Row {
+        const char* label;
+        int32_t size, type, bits;
+        const char* signature;
+    } rows[] = {
+        {"rsa", 2048, 1, 2048, "sha256WithRSAEncryption"},
+        {"ec", 256, 2, 256, "ecdsa-with-SHA256"},
+        {"ed25519", 25519, 3, 256, "Signature Algorithm: ED25519"},
+        {"ed448", 448, 4, 456, "Signature Algorithm: ED448"},
+    };
+    for (const Row& r : rows) {
+        const char* label = r.label;
         const std::string pem = dir + "/" + label + ".pem";
-        ASSERT_EQ(selfSigned(label, bits, pem), ZAVKM_OK) << label;
+        ASSERT_EQ(selfSigned(label, r.size, pem), ZAVKM_OK) << label;
         Output verify = run("openssl verify -CAfile " + pem + " " + pem);
         EXPECT_EQ(verify.status, 0) << verify.text;
+        EXPECT_NE(run("openssl x509 -noout -text -in " + pem).text.find(r.signature), std::string::npos)
+            << label;
         ZAVKM_KeyItem* key = nullptr;
         ASSERT_EQ(ZAVKM_GetKeyItemByLabel(handle, label, &key), ZAVKM_OK);
-        EXPECT_EQ(key->keySize, bits);
+        EXPECT_EQ(key->shortValue1, r.type);
+        EXPECT_EQ(key->keySize, r.bits);
         EXPECT_EQ(key->hasPrivateKey, 1);
         EXPECT_EQ(key->epki, nullptr);
         ASSERT_NE(key->certList, nullptr);
         EXPECT_EQ(key->certList->next, nullptr);  // self-signed: the chain is the certificate
         ZAVKM_FreeKeyItem(key);
     }
-    EXPECT_EQ(keyLabels(), (std::vector<std::string>{"rsa", "ec"}));
+    EXPECT_EQ(keyLabels(), (std::vector<std::string>{"rsa", "ec", "ed25519", "ed448"}));
     // Lookups by label and by public key, and the certificate written out again.
     ZAVKM_KeyItemList* items = nullptr;
     ASSERT_EQ(ZAVKM_GetKeyItemListByLabel(handle, "ec", &items), ZAVKM_OK);
@@ -185,8 +215,8 @@ TEST_F(TokenTest, SelfSignedCertificateIsMadeOnTheToken) {
               ZAVKM_OK);
     ZAVKM_CloseKeyDb(db);
     std::vector<uint8_t> request = readFile(req);
-    for (const char* ca : {"rsa", "ec"}) {
-        ASSERT_EQ(ZAVKM_IssueCert(handle, request.data(), static_cast<uint32_t>(request.size()),
+    for (const char* ca : {"rsa", "ec", "ed25519", "ed448"}) {
+        ASSERT_EQ(ZAVKM_IssueCert(handle, request.data(), size(request),
                                   ca, 3, nullptr, 30, srv.c_str(), 1, nullptr, nullptr),
                   ZAVKM_OK);
         Output verify = run("openssl verify -CAfile " + dir + "/" + ca + ".pem " + srv);
@@ -220,9 +250,11 @@ TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
               ZAVKM_OK);
     Output verify = run("openssl req -verify -noout -in " + req);
     EXPECT_EQ(verify.status, 0) << verify.text;
-    ZAVKM_DNItem spare = subject("spare");
-    ASSERT_EQ(ZAVKM_CreateNewCertReq(handle, "spare", 256, &spare, nullptr, nullptr, nullptr),
-              ZAVKM_OK);
+    ZAVKM_DNItem spare = subject("spare");  // Ed448, signed on the token
+    ASSERT_EQ(ZAVKM_CreateNewCertReq(handle, "spare", 448, &spare, (dir + "/spare.csr").c_str(),
+                                     nullptr, nullptr), ZAVKM_OK);
+    verify = run("openssl req -verify -noout -in " + dir + "/spare.csr");
+    EXPECT_EQ(verify.status, 0) << verify.text;
     ZAVKM_LabelList* list = nullptr;
     ASSERT_EQ(ZAVKM_GetReqKeyDbLabelList(handle, &list), ZAVKM_OK);
     std::vector<std::string> requests = labels(list);
@@ -236,11 +268,11 @@ TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
     ASSERT_EQ(ZAVKM_CreateSelfSignedCert(ca, "ca", 0, 3, 2048, &caName, 30, caPem.c_str(), 1),
               ZAVKM_OK);
     std::vector<uint8_t> request = readFile(req);
-    ASSERT_EQ(ZAVKM_IssueCert(ca, request.data(), static_cast<uint32_t>(request.size()), "ca", 3,
+    ASSERT_EQ(ZAVKM_IssueCert(ca, request.data(), size(request), "ca", 3,
                               nullptr, 30, cert.c_str(), 0, nullptr, nullptr),
               ZAVKM_OK);
     std::vector<uint8_t> caDer = readFile(caPem), der = readFile(cert);
-    ASSERT_EQ(ZAVKM_ReceiveCert(handle, der.data(), static_cast<uint32_t>(der.size()), 0),
+    ASSERT_EQ(ZAVKM_ReceiveCert(handle, der.data(), size(der), 0),
               ZAVKM_OK);
     ASSERT_EQ(ZAVKM_GetReqKeyDbLabelList(handle, &list), ZAVKM_OK);
     EXPECT_EQ(labels(list), std::vector<std::string>{"spare"});
@@ -258,7 +290,7 @@ TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
     };
     auto valid = [&] {
         uint8_t ok = 0;
-        ZAVKM_ValidateCertChain(handle, der.data(), static_cast<uint32_t>(der.size()), &ok);
+        ZAVKM_ValidateCertChain(handle, der.data(), size(der), &ok);
         return ok;
     };
     EXPECT_EQ(chainLength(), 1);
@@ -268,7 +300,7 @@ TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
     EXPECT_EQ(valid(), 1);
     ASSERT_EQ(ZAVKM_UnsetSecondaryKeyDb(handle), ZAVKM_OK);
     EXPECT_EQ(chainLength(), 1);
-    ASSERT_EQ(ZAVKM_StoreCACert(handle, caDer.data(), static_cast<uint32_t>(caDer.size()), "ca"),
+    ASSERT_EQ(ZAVKM_StoreCACert(handle, caDer.data(), size(caDer), "ca"),
               ZAVKM_OK);
     EXPECT_EQ(chainLength(), 2);
 
@@ -283,6 +315,117 @@ TEST_F(TokenTest, RequestOnTheTokenIsIssuedByAFileCaAndReceived) {
     EXPECT_EQ(ZAVKM_DeleteKey(handle, "srv"), ZAVKM_ERR_KEY_GET_BY_LABEL);
 }
 
+// An Ed25519 key pair made by pkcs11-tool, which names the curve by a PrintableString
+// ("edwards25519") instead of the OID, signs for the library once its certificate is on the
+// token under the key's CKA_ID.
+TEST_F(TokenTest, AnEdDsaKeyMadeByAnotherToolSigns) {
+    // The key pair, then its public key as a SubjectPublicKeyInfo, its id the SHA-1 of the key.
+    ASSERT_EQ(tool("--keypairgen --key-type EC:edwards25519 --label made --id 01").status, 0);
+    std::string point;
+    {
+        std::istringstream lines(tool("--list-objects --type pubkey").text);
+        for (std::string line; std::getline(lines, line);)
+            if (line.find("EC_POINT:") != std::string::npos) point = line.substr(line.find("0420") + 4);
+        ASSERT_NE(tool("--list-objects --type pubkey").text.find("EC_PARAMS:  130c6564"), std::string::npos);
+    }
+    ASSERT_EQ(point.size(), 64u);
+    std::ofstream(dir + "/made.ext") << "basicConstraints=critical,CA:TRUE\nsubjectKeyIdentifier=hash\n";
+    ASSERT_EQ(run("cd " + dir + " && echo 302a300506032b6570032100" + point + " | xxd -r -p > made.spki"
+                  " && openssl pkey -pubin -inform DER -in made.spki -out made.pub"
+                  " && openssl req -x509 -nodes -newkey ec -pkeyopt ec_paramgen_curve:P-256 -subj "
+                  "/CN=other -keyout other.key -out other.pem && openssl req -new -key other.key "
+                  "-subj /CN=made -out other.csr && openssl x509 -req -in other.csr -force_pubkey "
+                  "made.pub -CA other.pem -CAkey other.key -days 30 -extfile made.ext -out made.pem")
+                  .status, 0);
+    const std::string id = run("cd " + dir + " && echo " + point +
+                               " | xxd -r -p | openssl dgst -sha1 -r | cut -c1-40").text.substr(0, 40);
+    ASSERT_EQ(tool("--set-id " + id + " --id 01 --type privkey").status, 0);
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    std::vector<uint8_t> cert = readFile(dir + "/made.pem");
+    ASSERT_EQ(ZAVKM_InsertKey(handle, "made", size(cert), cert.data(), 0,
+                              nullptr, 0, 0), ZAVKM_OK);
+    uint8_t present = 0;
+    ASSERT_EQ(ZAVKM_IsPrivateKeyPresent(handle, "made", &present), ZAVKM_OK);
+    ASSERT_EQ(present, 1);
+    ASSERT_EQ(run("cd " + dir + " && openssl req -new -nodes -subj /CN=leaf -newkey ed25519 "
+                  "-keyout leaf.key -out leaf.csr").status, 0);
+    std::vector<uint8_t> csr = readFile(dir + "/leaf.csr");
+    const std::string leaf = dir + "/leaf.pem";
+    ASSERT_EQ(ZAVKM_IssueCert(handle, csr.data(), size(csr), "made", 3,
+                              nullptr, 30, leaf.c_str(), 1, nullptr, nullptr), ZAVKM_OK);
+    Output verify = run("openssl verify -partial_chain -CAfile " + dir + "/made.pem " + leaf);
+    EXPECT_EQ(verify.status, 0) << verify.text;
+}
+
+// FIPS mode refuses MD5 and SHA-1 signatures and RSA keys below 2048 bits on what comes in, on
+// key databases and tokens alike, and nothing else. Each row: what comes in, and what FIPS mode
+// answers (outside it every row is taken).
+TEST_F(TokenTest, FipsModeRefusesWeakSignaturesComingIn) {
+    ASSERT_EQ(run("cd " + dir + " && for w in sha1 md5; do openssl req -x509 -nodes -newkey "
+                  "rsa:2048 -$w -keyout $w.key -subj /CN=$w -days 30 -out $w.pem || exit 1; done && "
+                  "openssl req -x509 -nodes -newkey rsa:1024 -keyout small.key -subj /CN=small -out "
+                  "small.pem && openssl req -new -key sha1.key -sha1 -subj /CN=r -out sha1.csr && "
+                  "openssl req -x509 -nodes -newkey ed448 -keyout ed.key -subj /CN=ed -out ed.pem")
+                  .status, 0);
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    ZAVKM_KeyDbHandle db = 0;
+    ASSERT_EQ(ZAVKM_CreateNewKeyDb((dir + "/f.kdb").c_str(), "Fips-Passw0rd-1", 0, &db), ZAVKM_OK);
+    const ZAVKM_ReturnCode weak = ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
+    for (ZAVKM_KeyDbHandle h : {db, handle}) {
+        // A CA of the store's own, and two requests of its own that openssl's CA signs.
+        ZAVKM_DNItem dn = subject("fips");
+        ASSERT_EQ(ZAVKM_CreateSelfSignedCert(h, "issuer", 0, 3, 256, &dn, 30, nullptr, 0), ZAVKM_OK);
+        for (const char* label : {"renewed", "waiting"})
+            ASSERT_EQ(ZAVKM_CreateNewCertReq(h, label, 256, &dn, (dir + "/" + label + ".csr").c_str(),
+                                             nullptr, nullptr), ZAVKM_OK);
+        const std::string sign = " -CA md5.pem -CAkey md5.key -days 30 -in ";
+        ASSERT_EQ(run("cd " + dir + " && openssl x509 -req -sha256" + sign + "renewed.csr -out "
+                      "renewed.pem && openssl x509 -req -sha1 -set_serial 7" + sign + "renewed.csr "
+                      "-out renewed-sha1.pem && openssl x509 -req -sha1" + sign + "waiting.csr -out "
+                      "waiting-sha1.pem").status, 0);
+        auto in = [&](const char* file) { return readFile(dir + "/" + file); };
+        std::vector<uint8_t> renewed = in("renewed.pem"), key = in("sha1.key");
+        ASSERT_EQ(ZAVKM_ReceiveCert(h, renewed.data(), size(renewed), 0), ZAVKM_OK);
+        std::string pass;  // each pass stores under labels of its own
+        auto signer = [&](const char* file) {
+            auto c = in(file);
+            return ZAVKM_StoreCACert(h, c.data(), size(c), (pass + file).c_str());
+        };
+        struct Row {
+            const char* name;
+            std::function<ZAVKM_ReturnCode()> call;
+            ZAVKM_ReturnCode fips;
+        } rows[] = {
+            {"a SHA-1 signer", [&] { return signer("sha1.pem"); }, weak},
+            {"an MD5 signer", [&] { return signer("md5.pem"); }, weak},
+            {"an RSA-1024 signer", [&] { return signer("small.pem"); },
+             ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE},
+            {"an Ed448 signer", [&] { return signer("ed.pem"); }, ZAVKM_OK},
+            {"a SHA-1 key", [&] { auto c = in("sha1.pem");
+                 return ZAVKM_InsertKey(h, (pass + "k").c_str(), size(c), c.data(), size(key), key.data(), 0, 0); }, weak},
+            {"a SHA-1 request key", [&] { auto c = in("sha1.csr");
+                 return ZAVKM_InsertReqKey(h, (pass + "r").c_str(), size(c), c.data(), size(key), key.data()); }, weak},
+            {"a SHA-1 request to issue", [&] { auto c = in("sha1.csr");
+                 return ZAVKM_IssueCert(h, c.data(), size(c), "issuer", 3, nullptr, 30,
+                                        (dir + "/out.pem").c_str(), 1, nullptr, nullptr); }, weak},
+            {"a SHA-1 certificate received", [&] { auto c = in("waiting-sha1.pem");
+                 return ZAVKM_ReceiveCert(h, c.data(), size(c), 0); }, weak},
+            {"a SHA-1 renewal", [&] { auto c = in("renewed-sha1.pem"); return ZAVKM_RenewCert(h, c.data(), size(c)); }, weak},
+            {"a SHA-256 renewal", [&] { return ZAVKM_RenewCert(h, renewed.data(), size(renewed)); }, ZAVKM_OK},
+        };
+        for (bool fips : {true, false}) {
+            pass = fips ? "fips " : "";
+            auto* info = static_cast<uint8_t*>(std::calloc(1, 16));  // the library keeps the block
+            info[0] = fips ? 1 : 0;
+            ASSERT_EQ(ZAVKM_SetCryptoInfo(info), ZAVKM_OK);
+            for (const Row& r : rows)
+                EXPECT_EQ(r.call(), fips ? r.fips : ZAVKM_OK) << r.name << (fips ? " in FIPS mode" : "")
+                                                              << (h == db ? " (key database)" : " (token)");
+        }
+    }
+    ZAVKM_CloseKeyDb(db);
+}
+
 // Keys made elsewhere are brought onto the token: each row inserts a certificate (and a key,
 // plain or encrypted under the PIN) and names what the label holds afterwards.
 TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
@@ -293,6 +436,7 @@ TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
     };
     make("rsa", "-x509 -days 2 -newkey rsa:2048 -out rsa.pem");
     make("ec", "-x509 -days 2 -newkey ec -pkeyopt ec_paramgen_curve:P-384 -out ec.pem");
+    make("ed", "-x509 -days 2 -newkey ed25519 -out ed.pem");
     make("req", "-new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -out req.csr");
     ASSERT_EQ(run("cd " + dir + " && openssl rsa -traditional -in rsa.key -out rsa1.key && "
                   "openssl pkcs8 -topk8 -in ec.key -outform DER -passout pass:1234 -out ec.epki && "
@@ -312,13 +456,14 @@ TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
         {"marked", "rsa.pem", "rsa.key", 1, ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT, -1},
         {"rsa", "rsa.pem", "rsa1.key", 0, ZAVKM_OK, 1},  // PKCS#1
         {"ec", "ec.pem", "ec.epki", 0, ZAVKM_OK, 1},     // encrypted under the PIN
+        {"ed", "ed.pem", "ed.key", 0, ZAVKM_OK, 1},      // Ed25519, PKCS#8
         {"again", "ec.pem", "", 0, ZAVKM_OK, 1},         // its key is on the token now
         {"rsa", "ec.pem", "", 0, ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL, 1},
     };
     for (const Row& r : rows) {
         std::vector<uint8_t> cert = data(r.cert), key = data(r.key);
-        EXPECT_EQ(ZAVKM_InsertKey(handle, r.label, static_cast<uint32_t>(cert.size()), cert.data(),
-                                  static_cast<uint32_t>(key.size()),
+        EXPECT_EQ(ZAVKM_InsertKey(handle, r.label, size(cert), cert.data(),
+                                  size(key),
                                   key.empty() ? nullptr : key.data(), r.flag, 0),
                   r.rc)
             << r.label;
@@ -327,7 +472,7 @@ TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
                   r.present < 0 ? ZAVKM_ERR_KEY_GET_BY_LABEL : ZAVKM_OK) << r.label;
         EXPECT_EQ(present, r.present > 0 ? 1 : 0) << r.label;
     }
-    // Two key pairs ("again" shares ec's), each private key sensitive, not extractable, with the
+    // Three key pairs ("again" shares ec's), each private key sensitive, not extractable, with the
     // id of its certificate; the refused rows left nothing behind.
     Output all = tool("--list-objects");
     auto count = [&](const std::string& what) {
@@ -337,21 +482,11 @@ TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
             ++n;
         return n;
     };
-    EXPECT_EQ(count("Private Key Object"), 2u) << all.text;
-    EXPECT_EQ(count("Public Key Object"), 2u) << all.text;
-    EXPECT_EQ(count("Certificate Object"), 3u) << all.text;
-    std::map<std::string, std::string> seen;  // "Private rsa ID" -> "ID: ...", "... Access" too
-    std::string current;
-    std::istringstream lines(all.text);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.find(" Object;") != std::string::npos) current = line.substr(0, line.find(' '));
-        if (line.find("label:") != std::string::npos)
-            current += " " + line.substr(line.find_last_of(' ') + 1);
-        for (const char* field : {"ID:", "Access:"})
-            if (line.find(field) != std::string::npos)
-                seen[current + " " + field] = line.substr(line.find(field));
-    }
-    for (const std::string label : {"rsa", "ec"}) {
+    EXPECT_EQ(count("Private Key Object"), 3u) << all.text;
+    EXPECT_EQ(count("Public Key Object"), 3u) << all.text;
+    EXPECT_EQ(count("Certificate Object"), 4u) << all.text;
+    std::map<std::string, std::string> seen = fields();
+    for (const std::string label : {"rsa", "ec", "ed"}) {
         EXPECT_EQ(seen["Private " + label + " Access:"], "Access:     sensitive") << all.text;
         EXPECT_FALSE(seen["Certificate " + label + " ID:"].empty()) << all.text;
         for (const char* kind : {"Private ", "Public "})
@@ -361,8 +496,8 @@ TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
     // A request key: its request written again as stored, then signed anew with SHA-384.
     std::vector<uint8_t> csr = data("req.csr"), reqKey = data("req.key"), wrongKey = data("rsa.key");
     auto insertRequest = [&](const char* label, const std::vector<uint8_t>& k) {
-        return ZAVKM_InsertReqKey(handle, label, static_cast<uint32_t>(csr.size()), csr.data(),
-                                  static_cast<uint32_t>(k.size()), k.data());
+        return ZAVKM_InsertReqKey(handle, label, size(csr), csr.data(),
+                                  size(k), k.data());
     };
     EXPECT_EQ(insertRequest("mismatch", wrongKey), ZAVKM_ERR_VALIDATION_KEY_PAIR);
     ASSERT_EQ(insertRequest("req", reqKey), ZAVKM_OK);
@@ -385,6 +520,7 @@ TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
         {"req", 2, ZAVKM_OK, "ecdsa-with-SHA384"},   // the request key signs on the token
         {"rsa", 1, ZAVKM_OK, "sha256WithRSA"},       // an imported personal key renews
         {"ec", 2, ZAVKM_OK, "ecdsa-with-SHA384"},
+        {"ed", 2, ZAVKM_OK, "Signature Algorithm: ED25519"},
         {"nothing", 1, ZAVKM_ERR_KEY_GET_BY_LABEL, nullptr},
         {"req", 3, ZAVKM_ERR_SIGNATURE_ALGORITHM, nullptr},
     };
@@ -404,6 +540,204 @@ TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
     EXPECT_EQ(ZAVKM_ReCreateCertReq(handle, "nothing", out.c_str(), nullptr, nullptr), ZAVKM_ERR_KEY_GET_BY_LABEL);
     ASSERT_EQ(ZAVKM_GetReqKeyDbLabelList(handle, &list), ZAVKM_OK);
     EXPECT_EQ(labels(list), std::vector<std::string>{"req"});
+}
+
+// A key pair made on the token or brought onto it is for signing only: its private half may not
+// decrypt, unwrap or derive, its public half may not encrypt, wrap or derive, whatever the
+// module's defaults are.
+TEST_F(TokenTest, KeysOnTheTokenSignAndVerifyOnly) {
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    ASSERT_EQ(run("cd " + dir + " && openssl req -x509 -nodes -days 2 -subj /CN=in -newkey rsa:2048 "
+                  "-keyout in-rsa.key -out in-rsa.pem && openssl req -x509 -nodes -days 2 -subj "
+                  "/CN=in -newkey ec -pkeyopt ec_paramgen_curve:P-256 -keyout in-ec.key -out in-ec.pem"
+                  " && openssl req -x509 -nodes -days 2 -subj /CN=in -newkey ed25519 -keyout "
+                  "in-ed25519.key -out in-ed25519.pem && openssl req -x509 -nodes -days 2 -subj "
+                  "/CN=in -newkey ed448 -keyout in-ed448.key -out in-ed448.pem").status, 0);
+    for (auto [label, bits] : {std::pair{"gen-rsa", 2048}, std::pair{"gen-ec", 384},
+                               std::pair{"gen-ed25519", 25519}, std::pair{"gen-ed448", 448}})
+        ASSERT_EQ(selfSigned(label, bits), ZAVKM_OK) << label;
+    for (const std::string label : {"in-rsa", "in-ec", "in-ed25519", "in-ed448"}) {
+        std::vector<uint8_t> cert = readFile(dir + "/" + label + ".pem");
+        std::vector<uint8_t> key = readFile(dir + "/" + label + ".key");
+        ASSERT_EQ(ZAVKM_InsertKey(handle, label.c_str(), size(cert),
+                                  cert.data(), size(key), key.data(), 0, 0),
+                  ZAVKM_OK) << label;
+    }
+    std::map<std::string, std::string> seen = fields();
+    for (const std::string label : {"gen-rsa", "gen-ec", "gen-ed25519", "gen-ed448", "in-rsa",
+                                    "in-ec", "in-ed25519", "in-ed448"}) {
+        EXPECT_EQ(seen["Private " + label + " Usage:"], "Usage:      sign") << label;
+        EXPECT_EQ(seen["Public " + label + " Usage:"], "Usage:      verify") << label;
+    }
+    // EdDSA keys name their curve by its OID, as their certificates do.
+    for (const std::string label : {"gen-ed25519", "in-ed25519"})
+        EXPECT_EQ(seen["Public " + label + " EC_PARAMS:"].substr(0, 26), "EC_PARAMS:  06032b6570 (OI") << label;
+    for (const std::string label : {"gen-ed448", "in-ed448"})
+        EXPECT_EQ(seen["Public " + label + " EC_PARAMS:"].substr(0, 26), "EC_PARAMS:  06032b6571 (OI") << label;
+    // Every key signs, checked by openssl: a certificate for a key database's request.
+    ASSERT_EQ(run("cd " + dir + " && openssl req -new -nodes -subj /CN=leaf -newkey ec -pkeyopt "
+                  "ec_paramgen_curve:P-256 -keyout leaf.key -out leaf.csr").status, 0);
+    const std::vector<uint8_t> csr = readFile(dir + "/leaf.csr");
+    for (const std::string label : {"in-rsa", "in-ec", "in-ed25519", "in-ed448"}) {
+        const std::string out = dir + "/" + label + ".leaf";
+        ASSERT_EQ(ZAVKM_IssueCert(handle, csr.data(), size(csr),
+                                  label.c_str(), 3, nullptr, 30, out.c_str(), 1, nullptr, nullptr),
+                  ZAVKM_OK) << label;
+        Output verify = run("openssl verify -CAfile " + dir + "/" + label + ".pem " + out);
+        EXPECT_EQ(verify.status, 0) << label << verify.text;
+    }
+}
+
+// notAfterByOpenssl - the notAfter of a DER certificate in seconds since 1970, as openssl and
+// date read it.
+int64_t notAfterByOpenssl(const std::string& dir, const uint8_t* der, uint32_t n) {
+    std::ofstream(dir + "/entry.der", std::ios::binary).write(reinterpret_cast<const char*>(der), n);
+    return std::stoll(run("date -u -d \"$(openssl x509 -inform DER -noout -enddate -in " + dir +
+                          "/entry.der | cut -d= -f2)\" +%s").text);
+}
+
+// Listings of a token and of the platform store carry each certificate's exact notAfter, past
+// 2038 too, with its kind and key.
+TEST_F(TokenTest, ListingsShowExactTimesPast2038) {
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    ASSERT_EQ(run("cd " + dir + " && openssl req -x509 -nodes -days 9500 -subj /CN=late -newkey ec "
+                  "-pkeyopt ec_paramgen_curve:P-256 -keyout late.key -out late.pem").status, 0);
+    std::vector<uint8_t> late = readFile(dir + "/late.pem");
+    ASSERT_EQ(ZAVKM_InsertKey(handle, "late", size(late), late.data(), 0,
+                              nullptr, 0, 0), ZAVKM_OK);
+    ZAVKM_DNItem dn = subject("long");
+    ASSERT_EQ(ZAVKM_CreateSelfSignedCert(handle, "long", 0, 3, 384, &dn, 9999, nullptr, 0), ZAVKM_OK);
+    ASSERT_EQ(ZAVKM_CreateNewCertReq(handle, "req", 25519, &dn, nullptr, nullptr, nullptr), ZAVKM_OK);
+    ZAVKM_Entry* entries = nullptr;
+    uint32_t count = 0, damaged = 9;
+    ASSERT_EQ(ZAVKM_ListEntriesX(handle, ZAVKM_LIST_DER, &entries, &count, &damaged), ZAVKM_OK);
+    EXPECT_EQ(damaged, 0u);
+    std::vector<std::string> seen;
+    for (uint32_t i = 0; i < count; ++i) {
+        const ZAVKM_Entry& e = entries[i];
+        seen.push_back(std::string(e.label) + " " + std::to_string(e.kind) + " " +
+                       std::to_string(e.keyType) + "/" + std::to_string(e.keyBits));
+        ASSERT_NE(e.der, nullptr) << e.label;
+        if (e.kind == ZAVKM_ENTRY_REQUEST) {
+            EXPECT_EQ(e.notAfter, 0) << e.label;
+            continue;
+        }
+        EXPECT_GT(e.notAfter, int64_t{INT32_MAX}) << e.label;
+        EXPECT_EQ(e.notAfter, notAfterByOpenssl(dir, e.der, e.derLength)) << e.label;
+        EXPECT_LT(e.notBefore, e.notAfter) << e.label;
+    }
+    ZAVKM_FreeEntries(entries, count);
+    EXPECT_EQ(seen, (std::vector<std::string>{"late 2 2/256", "long 1 2/384", "req 3 3/256"}));
+    ZAVKM_CloseKeyDb(handle);
+    handle = 0;
+
+    // The system's trust anchors, among them some valid past 2038.
+    KeyStoreDescriptor store{};
+    store.storeType = MSCertStore;
+    ASSERT_EQ(open(store), ZAVKM_OK);
+    ASSERT_EQ(ZAVKM_ListEntriesX(handle, ZAVKM_LIST_DER, &entries, &count, &damaged), ZAVKM_OK);
+    const Output anchors = run("trust list --filter=certificates | grep -c 'trust: anchor'");
+    uint32_t trusted = 0, late2038 = 0;
+    for (uint32_t i = 0; i < count; ++i) {
+        trusted += entries[i].trusted;
+        if (entries[i].notAfter <= INT32_MAX) continue;
+        ++late2038;
+        EXPECT_EQ(entries[i].notAfter, notAfterByOpenssl(dir, entries[i].der, entries[i].derLength))
+            << entries[i].label;
+    }
+    ZAVKM_FreeEntries(entries, count);
+    EXPECT_EQ(std::to_string(trusted) + "\n", anchors.text);
+    EXPECT_GT(late2038, 0u);
+}
+
+// A PKCS#11 login belongs to the process: while one handle holds it, the module takes any PIN
+// from any session. Each row opens a second handle while the first one holds the login and
+// says what it may do with the key of "ca".
+TEST_F(TokenTest, EveryOpenProvesItsPinWhileAnotherHandleIsLoggedIn) {
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    ASSERT_EQ(selfSigned("ca", 256), ZAVKM_OK);
+    ASSERT_EQ(run("cd " + dir + " && openssl req -new -nodes -subj /CN=leaf -newkey ec -pkeyopt "
+                  "ec_paramgen_curve:P-256 -keyout leaf.key -out leaf.csr").status, 0);
+    const std::vector<uint8_t> csr = readFile(dir + "/leaf.csr");
+    const std::string registry = dir + "/registry";
+    std::filesystem::create_directory(registry);
+    std::ofstream(registry + "/softhsm2.module") << "module: " << kModule << "\n";
+    setenv("ZAVKM_P11_REGISTRY", registry.c_str(), 1);
+    struct Row {
+        const char* name;
+        uint32_t type;
+        const char* pin;
+        ZAVKM_ReturnCode opens, issues, makes;
+        uint8_t present;
+    } rows[] = {
+        {"the PIN", CryptoToken, "1234", ZAVKM_OK, ZAVKM_OK, ZAVKM_OK, 1},
+        {"a wrong PIN", CryptoToken, "0000", ZAVKM_ERR_DATABASE_INVALID_PASSWORD},
+        {"an empty PIN", CryptoToken, "", ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED},
+        {"the store without PIN", MSCertStore, nullptr, ZAVKM_OK, ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL,
+         ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED, 0},
+    };
+    int n = 0;
+    for (const Row& r : rows) {
+        KeyStoreDescriptor d = token("tok", r.pin);
+        d.storeType = r.type;
+        if (r.type == MSCertStore) d.tokenLabel = "softhsm2/tok";
+        ZAVKM_KeyDbHandle second = 0;
+        ASSERT_EQ(ZAVKM_OpenKeyDbX(&d, &second), r.opens) << r.name;
+        if (second == 0) continue;
+        uint8_t present = 9;
+        EXPECT_EQ(ZAVKM_IsPrivateKeyPresent(second, "ca", &present), ZAVKM_OK) << r.name;
+        EXPECT_EQ(present, r.present) << r.name;
+        const std::string out = dir + "/leaf" + std::to_string(++n) + ".pem";
+        EXPECT_EQ(ZAVKM_IssueCert(second, csr.data(), size(csr), "ca", 3,
+                                  nullptr, 30, out.c_str(), 1, nullptr, nullptr),
+                  r.issues) << r.name;
+        ZAVKM_DNItem dn = subject("mine");
+        EXPECT_EQ(ZAVKM_CreateSelfSignedCert(second, ("mine" + std::to_string(n)).c_str(), 0, 3,
+                                             256, &dn, 30, nullptr, 0),
+                  r.makes) << r.name;
+        ZAVKM_CloseKeyDb(second);
+    }
+    // The first handle kept its login through all of it.
+    EXPECT_EQ(selfSigned("still", 256), ZAVKM_OK);
+    // A PIN changed while the token is logged in: from then on only the new PIN opens.
+    KeyStoreDescriptor change = token("tok", "1234", "4321");
+    ASSERT_EQ(ZAVKM_ChangeKeyDbPwdX(&change), ZAVKM_OK);
+    for (auto [pin, rc] : {std::pair{"1234", ZAVKM_ERR_DATABASE_INVALID_PASSWORD},
+                           std::pair{"4321", ZAVKM_OK}}) {
+        KeyStoreDescriptor d = token("tok", pin);
+        ZAVKM_KeyDbHandle second = 0;
+        EXPECT_EQ(ZAVKM_OpenKeyDbX(&d, &second), rc) << pin;
+        if (second != 0) ZAVKM_CloseKeyDb(second);
+    }
+    // The last handle to close logs the token out: a store opened without PIN then sees no key.
+    ZAVKM_CloseKeyDb(handle);
+    handle = 0;
+    KeyStoreDescriptor store = token("softhsm2/tok", nullptr);
+    store.storeType = MSCertStore;
+    ASSERT_EQ(open(store), ZAVKM_OK);
+    uint8_t present = 9;
+    EXPECT_EQ(ZAVKM_IsPrivateKeyPresent(handle, "ca", &present), ZAVKM_OK);
+    EXPECT_EQ(present, 0);
+    ZAVKM_CloseKeyDb(handle);
+    handle = 0;
+    unsetenv("ZAVKM_P11_REGISTRY");
+    // Another part of the process logs the token in on the module itself: a right PIN still
+    // opens (the login is made again with it), a wrong one does not.
+    void* module = dlopen(kModule.c_str(), RTLD_NOW);
+    auto get = reinterpret_cast<CK_C_GetFunctionList>(dlsym(module, "C_GetFunctionList"));
+    CK_FUNCTION_LIST* f = nullptr;
+    CK_SLOT_ID slots[8];
+    CK_ULONG count = 8;
+    CK_SESSION_HANDLE outside = 0;
+    ASSERT_EQ(get(&f), CKR_OK);
+    ASSERT_EQ(f->C_GetSlotList(CK_TRUE, slots, &count), CKR_OK);  // the first slot holds "tok"
+    ASSERT_EQ(f->C_OpenSession(slots[0], CKF_SERIAL_SESSION, nullptr, nullptr, &outside), CKR_OK);
+    ASSERT_EQ(f->C_Login(outside, CKU_USER, reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>("4321")), 4), CKR_OK);
+    EXPECT_EQ(open(token("tok", "4321")), ZAVKM_OK);
+    KeyStoreDescriptor wrong = token("tok", "0000");
+    ZAVKM_KeyDbHandle second = 0;
+    EXPECT_EQ(ZAVKM_OpenKeyDbX(&wrong, &second), ZAVKM_ERR_DATABASE_INVALID_PASSWORD);
+    f->C_CloseSession(outside);
 }
 
 }  // namespace
@@ -449,7 +783,7 @@ TEST_F(TokenTest, PlatformStoreShowsTheRegisteredProviders) {
                   "-x509toreq -signkey ro.key -out ro.csr").status, 0);
     std::vector<uint8_t> roCert = readFile(dir + "/ro.pem"), roKey = readFile(dir + "/ro.key"),
                          roReq = readFile(dir + "/ro.csr");
-    const auto n = [](const std::vector<uint8_t>& v) { return static_cast<uint32_t>(v.size()); };
+    const auto n = [](const std::vector<uint8_t>& v) { return size(v); };
     for (const std::vector<uint8_t>& key : {std::vector<uint8_t>(), roKey})
         EXPECT_EQ(ZAVKM_InsertKey(handle, "ro", n(roCert), roCert.data(), n(key),
                                   key.empty() ? nullptr : key.data(), 0, 0),

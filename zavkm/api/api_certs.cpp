@@ -152,7 +152,8 @@ Rc reRequest(KeyDb& kdb, const char* label, int32_t signatureAlgorithm, const ch
         PkeyPtr key;
         if (Rc rc = privateKeyOf(kdb, request->privateKey, request->spki, key); rc != ZAVKM_OK)
             return rc;
-        if (X509_REQ_sign(req.get(), key.get(), md) <= 0) return sslError(ZAVKM_ERR_CRYPTO_SIGN);
+        if (X509_REQ_sign(req.get(), key.get(), signingDigest(key.get(), md)) <= 0)
+            return sslError(ZAVKM_ERR_CRYPTO_SIGN);
         Bytes der = derOf(req.get());
         return withFileThenCommit(
             kdb, fileName,

@@ -7,6 +7,7 @@
 #include "pages.h"
 #include "files.h"
 #include "session.h"
+#include "tokenops.h"
 #include "utf.h"
 #include "zavkm_ext.h"
 
@@ -74,7 +75,7 @@ ZAVKM_ReturnCode ZAVKM_ListEntries(ZAVKM_KeyDbHandle handle, ZAVKM_Entry** entri
         *entries = nullptr;
         *count = 0;
         return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
-    }, [&](TokenStore&) -> Rc { return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT; });
+    }, [&](TokenStore& t) { return tokenListEntries(t, 0, entries, count); });
 }
 
 ZAVKM_ReturnCode ZAVKM_ListEntriesX(ZAVKM_KeyDbHandle handle, uint32_t flags, ZAVKM_Entry** entries,
@@ -82,7 +83,10 @@ ZAVKM_ReturnCode ZAVKM_ListEntriesX(ZAVKM_KeyDbHandle handle, uint32_t flags, ZA
     return withStore(__func__, handle, {entries, count, damaged}, [&](KeyDb& kdb) -> Rc {
         *damaged = 0;
         return listed(kdb, flags, entries, count, *damaged);
-    }, [&](TokenStore&) -> Rc { return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT; });
+    }, [&](TokenStore& t) -> Rc {
+        *damaged = 0;
+        return tokenListEntries(t, flags, entries, count);
+    });
 }
 
 ZAVKM_ReturnCode ZAVKM_GetPasswordExpiry(ZAVKM_KeyDbHandle handle, int64_t* expiresAt) noexcept {

@@ -270,10 +270,9 @@ ZAVKM_ReturnCode ZAVKM_InsertReqKey(ZAVKM_KeyDbHandle handle, const char* label,
         if (Rc rc = readView(kdb, [&](View& v) { return checkRequestLabelFree(v, label); }); rc != ZAVKM_OK)
             return rc;
         X509ReqPtr req;
-        if (Rc rc = readRequest(request, requestLength, req); rc != ZAVKM_OK) return rc;
-        EVP_PKEY* publicKey = X509_REQ_get0_pubkey(req.get());
-        if (publicKey == nullptr) return sslError(ZAVKM_ERR_ASN);
-        if (Rc rc = checkKeyPolicy(publicKey); rc != ZAVKM_OK) return rc;
+        EVP_PKEY* publicKey = nullptr;
+        if (Rc rc = readPolicyRequest(request, requestLength, req, publicKey); rc != ZAVKM_OK)
+            return rc;
         PkeyPtr privateKey;
         if (Rc rc = decodeKeyData(kdb, key, keyLength, privateKey); rc != ZAVKM_OK) return rc;
         if (!sameKey(privateKey.get(), publicKey)) return ZAVKM_ERR_VALIDATION_KEY_PAIR;

@@ -16,6 +16,7 @@
 #include "trace.h"
 #include "x509records.h"
 #include "x509util.h"
+#include "zavkm_ext.h"
 
 namespace zavkm {
 namespace {
@@ -342,6 +343,7 @@ Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length) {
     size_t leaf = 0;
     if (Rc rc = requestFor(t, certs, label, leaf); rc != ZAVKM_OK) return rc;
     X509* cert = certs[leaf].get();
+    if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(cert)); rc != ZAVKM_OK) return rc;
     auto toToken = [&]() -> Rc {
         if (Rc rc = storeCertificate(t, label, keyIdOf(cert), cert); rc != ZAVKM_OK) return rc;
         return destroyObjects(t, TokenObject::Request, label);
@@ -363,7 +365,8 @@ Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length) {
 Rc tokenStoreSigner(TokenStore& t, const uint8_t* der, uint32_t length, const char* label) {
     if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
     X509Ptr cert;
-    if (Rc rc = readCertificate(der, length, cert); rc != ZAVKM_OK) return rc;
+    EVP_PKEY* pub = nullptr;
+    if (Rc rc = readPolicyCertificate(der, length, cert, pub); rc != ZAVKM_OK) return rc;
     bool used = false;
     if (Rc rc = labelInUse(t, label, used); rc != ZAVKM_OK) return rc;
     if (used) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
@@ -393,6 +396,7 @@ Rc tokenIsRenewal(TokenStore& t, const uint8_t* der, uint32_t length, uint8_t* i
 Rc tokenRenew(TokenStore& t, const uint8_t* der, uint32_t length) {
     X509Ptr cert;
     if (Rc rc = readCertificate(der, length, cert); rc != ZAVKM_OK) return rc;
+    if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(cert.get())); rc != ZAVKM_OK) return rc;
     std::string label;
     if (Rc rc = renewedLabel(t, cert.get(), label); rc != ZAVKM_OK) return rc;
     if (label.empty()) return ZAVKM_ERR_REQKEY_FOR_CERT_NULL;
@@ -416,6 +420,78 @@ Rc tokenReqKeyItem(TokenStore& t, const char* label, ZAVKM_ReqKeyItem** key) {
         return rc;
     *key = item.release();
     return ZAVKM_OK;
+}
+
+namespace {
+
+// TokenEntry - one line of a token's listing before it becomes a ZAVKM_Entry.
+struct TokenEntry {
+    std::string label;
+    int32_t kind = 0;
+    KeyInfo key;
+    bool trusted = false;
+    int64_t notBefore = 0, notAfter = 0;
+    const Bytes* der = nullptr;
+};
+
+// entryRecords - the listing as the malloc'd array ZAVKM_FreeEntries releases.
+Rc entryRecords(const std::vector<TokenEntry>& rows, bool withDer, ZAVKM_Entry** entries,
+                uint32_t* count) {
+    const uint32_t n = static_cast<uint32_t>(rows.size());
+    auto release = [n](ZAVKM_Entry* p) { ZAVKM_FreeEntries(p, n); };
+    std::unique_ptr<ZAVKM_Entry, decltype(release)> out(
+        static_cast<ZAVKM_Entry*>(std::calloc(n == 0 ? 1 : n, sizeof(ZAVKM_Entry))), release);
+    if (!out) return ZAVKM_ERR_MEMORY_ALLOCATE;
+    for (uint32_t i = 0; i < n; ++i) {  // calloc'd: a failure frees what is filled so far
+        const TokenEntry& r = rows[i];
+        ZAVKM_Entry& e = out.get()[i];
+        e.kind = r.kind;
+        e.keyType = r.key.algorithm;
+        e.keyBits = r.key.bits;
+        e.trusted = r.trusted ? 1 : 0;
+        e.notBefore = r.notBefore;
+        e.notAfter = r.notAfter;
+        e.label = copyText(r.label);
+        if (withDer) copyBytes(*r.der, &e.der, &e.derLength);
+    }
+    *entries = out.release();
+    *count = n;
+    return ZAVKM_OK;
+}
+
+}  // namespace
+
+Rc tokenListEntries(TokenStore& t, uint32_t flags, ZAVKM_Entry** entries, uint32_t* count) {
+    *entries = nullptr;
+    *count = 0;
+    const TokenSnapshot* snap = nullptr;
+    if (Rc rc = snapshotOf(t, snap); rc != ZAVKM_OK) return rc;
+    std::vector<TokenEntry> rows;
+    for (const CertObject& c : snap->certs) {
+        X509Ptr cert = cachedCertificate(c.value);
+        if (!cert) continue;  // not a certificate this library reads: no entry of its own
+        TokenEntry row;
+        row.label = c.label;
+        row.kind = hasPrivateKey(*snap, c.id) ? ZAVKM_ENTRY_PERSONAL : ZAVKM_ENTRY_SIGNER;
+        row.key = keyInfo(X509_get0_pubkey(cert.get()));
+        row.trusted = c.trusted;
+        row.notBefore = exactTime(X509_get0_notBefore(cert.get()));
+        row.notAfter = exactTime(X509_get0_notAfter(cert.get()));
+        row.der = &c.value;
+        rows.push_back(std::move(row));
+    }
+    std::vector<std::pair<std::string, Bytes>> requests;
+    if (Rc rc = requestObjects(t, requests); rc != ZAVKM_OK) return rc;
+    for (const auto& [label, der] : requests) {
+        X509ReqPtr req = parseRequest(der.data(), der.size());
+        TokenEntry row;
+        row.label = label;
+        row.kind = ZAVKM_ENTRY_REQUEST;
+        row.key = keyInfo(req ? X509_REQ_get0_pubkey(req.get()) : nullptr);
+        row.der = &der;
+        rows.push_back(std::move(row));
+    }
+    return entryRecords(rows, (flags & ZAVKM_LIST_DER) != 0, entries, count);
 }
 
 Rc tokenKeyFor(TokenStore& t, EVP_PKEY* pub, TokenKey& out) {
@@ -463,10 +539,8 @@ Rc tokenInsertReqKey(TokenStore& t, const char* label, const uint8_t* der, uint3
                      const EVP_PKEY* privateKey) {
     if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
     X509ReqPtr req;
-    if (Rc rc = readRequest(der, length, req); rc != ZAVKM_OK) return rc;
-    EVP_PKEY* pub = X509_REQ_get0_pubkey(req.get());
-    if (pub == nullptr) return sslError(ZAVKM_ERR_ASN);
-    if (Rc rc = checkKeyPolicy(pub); rc != ZAVKM_OK) return rc;
+    EVP_PKEY* pub = nullptr;
+    if (Rc rc = readPolicyRequest(der, length, req, pub); rc != ZAVKM_OK) return rc;
     bool used = false;
     if (Rc rc = labelInUse(t, label, used); rc != ZAVKM_OK) return rc;
     if (used) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;

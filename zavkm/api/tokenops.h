@@ -4,6 +4,7 @@
 #pragma once
 
 #include "token.h"
+#include "zavkm_ext.h"
 
 namespace zavkm {
 
@@ -62,6 +63,12 @@ Rc tokenRenew(TokenStore& t, const uint8_t* der, uint32_t length);
 // tokenReqKeyItem - the request item of a request key on the token (no EPKI: its private key
 // stays on the token).
 Rc tokenReqKeyItem(TokenStore& t, const char* label, ZAVKM_ReqKeyItem** key);
+
+// tokenListEntries - every certificate of the token (personal when the token holds the private
+// key with its CKA_ID, else a signer; trusted as its CKA_TRUSTED says) with its exact validity in
+// 64-bit seconds, then every request key, as ZAVKM_ListEntriesX gives them (ZAVKM_LIST_DER in
+// flags fills der). A certificate object that holds no certificate is left out.
+Rc tokenListEntries(TokenStore& t, uint32_t flags, ZAVKM_Entry** entries, uint32_t* count);
 
 // tokenKeyFor - the token's key pair whose public half is pub: ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL
 // when the token holds no private key with its CKA_ID.

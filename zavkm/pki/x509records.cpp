@@ -47,14 +47,22 @@ int64_t civilSeconds(int64_t year, int64_t month, int64_t day, int64_t hour, int
     return days * 86400 + hour * 3600 + minute * 60 + second;
 }
 
-int32_t clampedTime(const ASN1_TIME* t) {
+}  // namespace
+
+int64_t exactTime(const ASN1_TIME* t) {
     std::tm tm{};
     if (t == nullptr || ASN1_TIME_to_tm(t, &tm) != 1) {
         clearSslErrors();
         return 0;
     }
-    const int64_t seconds = civilSeconds(int64_t{tm.tm_year} + 1900, tm.tm_mon + 1, tm.tm_mday,
-                                         tm.tm_hour, tm.tm_min, tm.tm_sec);
+    return civilSeconds(int64_t{tm.tm_year} + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour,
+                        tm.tm_min, tm.tm_sec);
+}
+
+namespace {
+
+int32_t clampedTime(const ASN1_TIME* t) {
+    const int64_t seconds = exactTime(t);
     if (seconds > INT32_MAX) return INT32_MAX;
     if (seconds < INT32_MIN) return INT32_MIN;
     return static_cast<int32_t>(seconds);

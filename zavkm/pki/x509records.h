@@ -30,6 +30,10 @@ Rc requestRecord(X509_REQ* req, CertReqItemPtr& out);
 Rc reqKeyItemRecord(const std::string& label, int32_t keyType, int32_t keyBits,
                     const Bytes& spki, X509_REQ* req, ReqKeyItemPtr& out);
 
+// exactTime - a certificate time in seconds since 1970, in 64 bits whatever time_t is; 0 when it
+// does not decode.
+int64_t exactTime(const ASN1_TIME* t);
+
 // notAfterOf - the notAfter of a stored (well-formed) certificate's DER in seconds since 1970,
 // read without decoding the certificate; 0 when the bytes are not one.
 int64_t notAfterOf(const uint8_t* der, size_t n);

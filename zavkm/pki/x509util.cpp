@@ -202,9 +202,13 @@ KeyInfo keyInfo(const EVP_PKEY* key) noexcept {
     KeyInfo info;
     if (key == nullptr) return info;
     if (EVP_PKEY_is_a(key, "RSA") || EVP_PKEY_is_a(key, "RSA-PSS"))
-        info.algorithm = 1;
+        info.algorithm = kKeyRsa;
     else if (EVP_PKEY_is_a(key, "EC"))
-        info.algorithm = 2;
+        info.algorithm = kKeyEc;
+    else if (EVP_PKEY_is_a(key, "ED25519"))
+        info.algorithm = kKeyEd25519;
+    else if (EVP_PKEY_is_a(key, "ED448"))
+        info.algorithm = kKeyEd448;
     info.bits = EVP_PKEY_get_bits(key);
     return info;
 }
@@ -212,7 +216,7 @@ KeyInfo keyInfo(const EVP_PKEY* key) noexcept {
 Rc checkKeyPolicy(const EVP_PKEY* key) noexcept {
     KeyInfo info = keyInfo(key);
     if (info.algorithm == 0) return ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
-    if (fipsMode() && info.algorithm == 1 && info.bits < 2048)
+    if (fipsMode() && info.algorithm == kKeyRsa && info.bits < 2048)
         return ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE;
     return ZAVKM_OK;
 }
@@ -235,6 +239,15 @@ Rc readPolicyCertificate(const uint8_t* p, size_t n, X509Ptr& out, EVP_PKEY*& pu
     return checkKeyPolicy(publicKey);
 }
 
+Rc readPolicyRequest(const uint8_t* p, size_t n, X509ReqPtr& out, EVP_PKEY*& publicKey) {
+    if (Rc rc = readRequest(p, n, out); rc != ZAVKM_OK) return rc;
+    if (Rc rc = checkSignaturePolicy(X509_REQ_get_signature_nid(out.get())); rc != ZAVKM_OK)
+        return rc;
+    publicKey = X509_REQ_get0_pubkey(out.get());
+    if (publicKey == nullptr) return sslError(ZAVKM_ERR_ASN);
+    return checkKeyPolicy(publicKey);
+}
+
 Rc generateKey(int32_t keySize, PkeyPtr& out) noexcept {
     EVP_PKEY* key = nullptr;
     if (keySize >= 1024 && keySize <= 16384) {
@@ -243,12 +256,23 @@ Rc generateKey(int32_t keySize, PkeyPtr& out) noexcept {
     } else if (keySize == 256 || keySize == 384 || keySize == 521) {
         const char* curve = keySize == 256 ? "P-256" : keySize == 384 ? "P-384" : "P-521";
         key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", curve);
+    } else if (keySize == kSizeEd25519 || keySize == kSizeEd448) {
+        key = EVP_PKEY_Q_keygen(nullptr, nullptr, keySize == kSizeEd25519 ? "ED25519" : "ED448");
     } else {
         return ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE;
     }
     if (key == nullptr) return sslError(ZAVKM_ERR_CRYPTO);
     out.reset(key);
     return ZAVKM_OK;
+}
+
+bool isEdDsa(const EVP_PKEY* key) noexcept {
+    const int algorithm = keyInfo(key).algorithm;
+    return algorithm == kKeyEd25519 || algorithm == kKeyEd448;
+}
+
+const EVP_MD* signingDigest(const EVP_PKEY* key, const EVP_MD* md) noexcept {
+    return isEdDsa(key) ? nullptr : md;
 }
 
 Rc signatureDigest(int32_t selector, const EVP_MD*& md) noexcept {
@@ -386,11 +410,13 @@ Bytes derWrap(uint8_t tag, const Bytes& content) {
 }
 
 // setSignatureAlgorithm - alg names md with the key's algorithm (RSA with a NULL parameter,
-// ECDSA with none).
+// ECDSA with none), or the EdDSA algorithm of an EdDSA key (no digest, no parameter).
 Rc setSignatureAlgorithm(X509_ALGOR* alg, const EVP_PKEY* key, const EVP_MD* md) {
     int sigNid = NID_undef;
     const int keyNid = EVP_PKEY_get_base_id(key);
-    if (OBJ_find_sigid_by_algs(&sigNid, EVP_MD_get_type(md), keyNid) != 1)
+    if (isEdDsa(key))
+        sigNid = keyNid;  // the key's algorithm names its signatures too
+    else if (OBJ_find_sigid_by_algs(&sigNid, EVP_MD_get_type(md), keyNid) != 1)
         return ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
     const int ptype = keyNid == EVP_PKEY_RSA ? V_ASN1_NULL : V_ASN1_UNDEF;
     if (X509_ALGOR_set0(alg, OBJ_nid2obj(sigNid), ptype, nullptr) != 1)
@@ -450,8 +476,7 @@ Rc signRequestRemotely(X509ReqPtr& req, const EVP_PKEY* key, const EVP_MD* md,
 
 }  // namespace
 
-Rc makeCertificate(
-const CertPlan& plan, X509Ptr& out) {
+Rc makeCertificate(const CertPlan& plan, X509Ptr& out) {
     X509Ptr cert(X509_new());
     if (!cert) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
     const bool v3 = plan.version != 1;
@@ -485,11 +510,12 @@ const CertPlan& plan, X509Ptr& out) {
     } else if (plan.extra != nullptr && sk_X509_EXTENSION_num(plan.extra) > 0) {
         return ZAVKM_ERR_VALIDATION_KEY_WRONG_VERSION;  // a v1 certificate carries none
     }
+    const EVP_MD* md = signingDigest(plan.signingKey, plan.md);
     if (plan.remote != nullptr) {
-        if (Rc rc = signCertificateRemotely(cert, plan.signingKey, plan.md, *plan.remote);
+        if (Rc rc = signCertificateRemotely(cert, plan.signingKey, md, *plan.remote);
             rc != ZAVKM_OK)
             return rc;
-    } else if (X509_sign(cert.get(), plan.signingKey, plan.md) <= 0) {
+    } else if (X509_sign(cert.get(), plan.signingKey, md) <= 0) {
         return sslError(ZAVKM_ERR_CRYPTO_SIGN);
     }
     out = std::move(cert);
@@ -507,6 +533,7 @@ Rc makeRequest(const X509_NAME* subject, EVP_PKEY* key, const STACK_OF(X509_EXTE
     if (exts != nullptr && sk_X509_EXTENSION_num(exts) > 0 &&
         X509_REQ_add_extensions(req.get(), const_cast<STACK_OF(X509_EXTENSION)*>(exts)) != 1)
         return sslError(ZAVKM_ERR_ASN);
+    md = signingDigest(key, md);
     if (remote != nullptr) {
         if (Rc rc = signRequestRemotely(req, key, md, *remote); rc != ZAVKM_OK) return rc;
     } else if (X509_REQ_sign(req.get(), key, md) <= 0) {

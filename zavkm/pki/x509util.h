@@ -32,19 +32,27 @@ X509ReqPtr parseRequest(const uint8_t* p, size_t n);
 // form, DER or PEM; null when it is none of these.
 PkeyPtr parsePrivateKey(const uint8_t* p, size_t n);
 
-// KeyInfo - the key algorithm (1 RSA, 2 EC, 0 other) and size in bits.
+// The key algorithms as key items and listings number them (shortValue1, ZAVKM_Entry.keyType),
+// and the key sizes that ask for the EdDSA curves.
+enum : int32_t { kKeyRsa = 1, kKeyEc = 2, kKeyEd25519 = 3, kKeyEd448 = 4 };
+enum : int32_t { kSizeEd25519 = 25519, kSizeEd448 = 448 };
+
+// KeyInfo - the key algorithm (kKey..., 0 for any other) and its size in bits as
+// EVP_PKEY_get_bits gives it (256 for Ed25519, 456 for Ed448).
 struct KeyInfo {
     int32_t algorithm = 0;
     int32_t bits = 0;
 };
 KeyInfo keyInfo(const EVP_PKEY* key) noexcept;
 
-// generateKey - 1024 to 16384 gives RSA of that many bits, 256/384/521 EC P-256/P-384/P-521;
-// anything else, or RSA below 2048 in FIPS mode, ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE.
+// generateKey - 1024 to 16384 gives RSA of that many bits, 256/384/521 EC P-256/P-384/P-521,
+// 25519 Ed25519 and 448 Ed448; anything else, or RSA below 2048 in FIPS mode,
+// ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE.
 Rc generateKey(int32_t keySize, PkeyPtr& out) noexcept;
 
 // checkKeyPolicy - ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE for an RSA key below 2048 bits in
-// FIPS mode, ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM for a key that is neither RSA nor EC.
+// FIPS mode, ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM for a key that is neither RSA, EC, Ed25519
+// nor Ed448. EdDSA keys pass in FIPS mode too.
 Rc checkKeyPolicy(const EVP_PKEY* key) noexcept;
 
 // checkSignaturePolicy - in FIPS mode, ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM for an MD5 or
@@ -55,7 +63,19 @@ Rc checkSignaturePolicy(int signatureNid) noexcept;
 // pass checkSignaturePolicy and checkKeyPolicy; publicKey is its key, owned by out.
 Rc readPolicyCertificate(const uint8_t* p, size_t n, X509Ptr& out, EVP_PKEY*& publicKey);
 
+// readPolicyRequest - readRequest of a request whose signature algorithm and key pass
+// checkSignaturePolicy and checkKeyPolicy; publicKey is its key, owned by out.
+Rc readPolicyRequest(const uint8_t* p, size_t n, X509ReqPtr& out, EVP_PKEY*& publicKey);
+
+// isEdDsa - whether key is an Ed25519 or Ed448 key.
+bool isEdDsa(const EVP_PKEY* key) noexcept;
+
+// signingDigest - the digest key signs with when md is asked for: md, or none for an EdDSA key,
+// which signs the message itself.
+const EVP_MD* signingDigest(const EVP_PKEY* key, const EVP_MD* md) noexcept;
+
 // signatureDigest - selector 1 gives SHA-256, 2 SHA-384, else ZAVKM_ERR_SIGNATURE_ALGORITHM.
+// The selector is checked for every key; an EdDSA key then signs without it (signingDigest).
 Rc signatureDigest(int32_t selector, const EVP_MD*& md) noexcept;
 
 // nameFromDN - an X509_NAME from the named parts of dn (C, ST, L, postalCode, O, OU, CN);
@@ -76,7 +96,8 @@ Rc parseSerial(const char* text, Asn1IntPtr& out);
 Rc checkValidityDays(int32_t days) noexcept;
 
 // RemoteSigner - a private key held elsewhere (on a token): it signs the to-be-signed bytes with
-// the algorithm md names for its key type and gives the signature as a certificate carries it.
+// the algorithm md names for its key type (md is null for EdDSA) and gives the signature as a
+// certificate carries it.
 struct RemoteSigner {
     virtual Rc sign(const Bytes& tbs, const EVP_MD* md, Bytes& signature) = 0;
 

@@ -17,6 +17,8 @@ import org.junit.jupiter.params.provider.CsvSource;
  */
 class TokensTest {
     static final String MODULE = System.getProperty("zav.softhsm");
+    /** TOOL - the module pkcs11-tool loads: the host's, on the same token files. */
+    static final String TOOL = System.getProperty("zav.softhsm.tool");
     static final Path WORK = Path.of(System.getenv("SOFTHSM2_CONF")).getParent();
     static final String TOK = "jtok", PIN = "1234", CA_PW = "Ca-Passw0rd-123";
     static final CMSKeyDatabase KDB = new CMSKeyDatabase();
@@ -38,7 +40,7 @@ class TokensTest {
     static Map<String, String> objects() throws Exception {
         Map<String, String> ids = new TreeMap<>();  // "" for objects without ID (data)
         String current = "";
-        for (String line : run("pkcs11-tool", "--module", MODULE, "--token-label", TOK, "--login",
+        for (String line : run("pkcs11-tool", "--module", TOOL, "--token-label", TOK, "--login",
                 "--pin", PIN, "--list-objects").lines().toList()) {
             if (!line.startsWith(" ")) current = line.substring(0, line.indexOf(' ')) + "/";
             if (line.contains("label:")) {
@@ -127,20 +129,22 @@ class TokensTest {
         assertEquals(rc, new CryptographicToken().c_BuildKeyLabelList(MODULE, label, pin));
     }
 
+    /** The key size asked for (25519 Ed25519, 448 Ed448), the algorithm and size shown. */
     @ParameterizedTest(name = "{0} {1} bits, PEM {2}")
-    @CsvSource({"java ca, 2048, true", "java ec, 256, false"})
-    void selfSignedCertificateIsMadeOnTheToken(String label, int bits, boolean pem)
-            throws Exception {
-        ok(selfSigned(T, TOK, PIN, label, bits));
-        assertEquals(23, selfSigned(T, TOK, PIN, label, bits));
+    @CsvSource({"java ca, 2048, true, 1, 2048", "java ec, 256, false, 2, 256",
+            "java ed25519, 25519, true, 3, 256", "java ed448, 448, false, 4, 456"})
+    void selfSignedCertificateIsMadeOnTheToken(String label, int size, boolean pem, int algorithm,
+            int bits) throws Exception {
+        ok(selfSigned(T, TOK, PIN, label, size));
+        assertEquals(23, selfSigned(T, TOK, PIN, label, size));
         String file = at(label + (pem ? ".pem" : ".der"));
         ok(T.c_ExtractCertificate(MODULE, TOK, PIN, label, file, pem));
         run("openssl", "x509", "-inform", pem ? "PEM" : "DER", "-in", file, "-out", file + ".crt");
         run("openssl", "verify", "-CAfile", file + ".crt", file + ".crt");
         KeyItem key = key(label, false);
-        assertEquals(List.of(label, bits, true, false, 1), List.of(key.getLabel(),
-                (int) key.getKeySize(), key.hasPrivateKey(), key.isRequestKey(),
-                key.getCertificateChain().length));
+        assertEquals(List.of(label, algorithm, bits, true, false, 1), List.of(key.getLabel(),
+                (int) key.getKeyAlgorithm(), (int) key.getKeySize(), key.hasPrivateKey(),
+                key.isRequestKey(), key.getCertificateChain().length));
         assertNull(key.getEncryptedPrivateKeyInfo());
         assertArrayEquals(der(file), key.getCertificate().getDer());
         assertTrue(listed().getPersonalKeyLabels().contains(label));
@@ -182,15 +186,23 @@ class TokensTest {
                 ids.containsKey("Private/the ca")), ids.toString());
     }
 
-    /** Made by openssl: a certificate with its key, one alone, a request with its key. */
+    /**
+     * Made by openssl: a certificate with its key, one alone, a request with its key, on P-256
+     * or Ed25519.
+     */
     @ParameterizedTest(name = "{0}")
-    @CsvSource({"in key, true, false", "in signer, false, false", "in request, true, true"})
-    void keysMadeElsewhereComeOntoTheToken(String label, boolean withKey, boolean isReq)
-            throws Exception {
+    @CsvSource({"in key, true, false, ec", "in signer, false, false, ec",
+            "in request, true, true, ec", "in ed key, true, false, ed25519",
+            "in ed request, true, true, ed25519"})
+    void keysMadeElsewhereComeOntoTheToken(String label, boolean withKey, boolean isReq,
+            String keyType) throws Exception {
         String in = at(label + (isReq ? ".csr" : ".pem"));
-        run("openssl", "req", isReq ? "-new" : "-x509", "-newkey", "ec", "-pkeyopt",
-                "ec_paramgen_curve:P-256", "-noenc", "-keyout", at(label + ".key"), "-subj",
-                "/CN=" + label, "-days", "30", "-out", in);
+        List<String> newKey = keyType.equals("ec")
+                ? List.of("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256")
+                : List.of("-newkey", keyType);
+        run(Stream.of(List.of("openssl", "req", isReq ? "-new" : "-x509"), newKey,
+                List.of("-noenc", "-keyout", at(label + ".key"), "-subj", "/CN=" + label, "-days",
+                        "30", "-out", in)).flatMap(List::stream).toArray(String[]::new));
         byte[] data = der(in), key = withKey ? der(at(label + ".key")) : null;
         int keyLength = withKey ? key.length : 0;
         ok(isReq ? T.c_ImportPersonalCertificateRequest(MODULE, TOK, PIN, label, data.length, data,
@@ -226,7 +238,7 @@ class TokensTest {
         assertTrue(renewed.hasPrivateKey());
         ok(T.c_ExtractCertificate(MODULE, TOK, PIN, "renew", at("renew.out"), false));
         assertArrayEquals(renewal, der(at("renew.out")));
-        String certs = run("pkcs11-tool", "--module", MODULE, "--token-label", TOK,
+        String certs = run("pkcs11-tool", "--module", TOOL, "--token-label", TOK,
                 "--list-objects", "--type", "cert");
         assertEquals(1, certs.lines().filter(l -> l.trim().equals("label:      renew")).count());
     }
@@ -286,7 +298,7 @@ class TokensTest {
         assertEquals(16, T.c_ChangeKeyDbPwd(MODULE, "pin", PIN, "5555"));
         assertEquals(16, new CryptographicToken().c_BuildKeyLabelList(MODULE, "pin", PIN));
         ok(selfSigned(T, "pin", "4321", "after", 256));
-        List<String> tool = List.of("pkcs11-tool", "--module", MODULE, "--token-label", "pin",
+        List<String> tool = List.of("pkcs11-tool", "--module", TOOL, "--token-label", "pin",
                 "--login", "--list-objects", "--pin");
         assertTrue(run(Stream.concat(tool.stream(), Stream.of("4321")).toArray(String[]::new))
                 .contains("after"));
@@ -314,6 +326,38 @@ class TokensTest {
         for (String k : List.of("Certificate/t0-", "Private/t0-", "Data/t1-", "Private/t1-")) {
             for (int i = 0; i < 3; ++i) assertTrue(objects.contains(k + i), k + i + " " + objects);
         }
+    }
+
+    /**
+     * A login belongs to the process: while one thread's calls keep the token logged in, every
+     * call with a wrong PIN must still fail, and the right PIN keep working.
+     */
+    @Test
+    void aWrongPinFailsWhileAnotherThreadIsLoggedIn() throws Exception {
+        ok(selfSigned(T, TOK, PIN, "busy", 256));
+        java.util.concurrent.atomic.AtomicBoolean done = new java.util.concurrent.atomic.AtomicBoolean();
+        Map<Integer, Integer> worker = new TreeMap<>();
+        Thread busy = new Thread(() -> {
+            CryptographicToken t = new CryptographicToken();
+            while (!done.get()) {
+                worker.merge(t.c_GetKeyItemByLabel(MODULE, TOK, PIN, "busy", false) == null ? -1
+                        : t.c_BuildKeyLabelList(MODULE, TOK, PIN), 1, Integer::sum);
+            }
+        });
+        busy.start();
+        Map<Integer, Integer> wrong = new TreeMap<>();
+        try {
+            for (int i = 0; i < 300; ++i) {
+                CryptographicToken t = new CryptographicToken();
+                wrong.merge(t.c_BuildKeyLabelList(MODULE, TOK, i % 2 == 0 ? "0000" : "12345"), 1,
+                        Integer::sum);
+            }
+        } finally {
+            done.set(true);
+            busy.join();
+        }
+        assertEquals(Map.of(16, 300), wrong);
+        assertEquals(Set.of(0), worker.keySet(), worker.toString());
     }
 
     @Test

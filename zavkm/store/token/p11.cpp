@@ -1,21 +1,29 @@
 // p11.cpp - PKCS#11 module loading through p11-kit, slots and sessions.
 #include "p11.h"
 
+#include <openssl/evp.h>
 #include <p11-kit/p11-kit.h>
+#include <sys/stat.h>
 
+#include <array>
 #include <cstring>
 #include <map>
 #include <mutex>
 #include <shared_mutex>
 
+#include "ossl.h"
 #include "trace.h"
 
 namespace zavkm {
 namespace {
 
+// ModuleTable - the loaded modules, one function list per library file: two paths naming one
+// file (a link) give the same module, so that its logins are counted in one place.
 struct ModuleTable {
     std::mutex mutex;
-    std::map<std::string, CK_FUNCTION_LIST*> loaded;
+    std::map<std::string, CK_FUNCTION_LIST*> loaded;             // by the path asked for
+    std::map<std::pair<dev_t, ino_t>, CK_FUNCTION_LIST*> files;  // by the file loaded
+    std::vector<CK_FUNCTION_LIST*> modules;                      // each once
 };
 
 ModuleTable& modules() {
@@ -30,6 +38,13 @@ Rc loadModule(const std::string& path, CK_FUNCTION_LIST*& out) noexcept {
         ModuleTable& t = modules();
         std::lock_guard lock(t.mutex);
         if (auto it = t.loaded.find(path); it != t.loaded.end()) {
+            out = it->second;
+            return ZAVKM_OK;
+        }
+        struct stat st {};
+        const bool known = ::stat(path.c_str(), &st) == 0;
+        if (auto it = t.files.find({st.st_dev, st.st_ino}); known && it != t.files.end()) {
+            t.loaded.emplace(path, it->second);
             out = it->second;
             return ZAVKM_OK;
         }
@@ -48,19 +63,80 @@ Rc loadModule(const std::string& path, CK_FUNCTION_LIST*& out) noexcept {
             return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LIBRARY_NOT_LOADED;
         }
         t.loaded.emplace(path, f);
+        if (known) t.files.emplace(std::pair{st.st_dev, st.st_ino}, f);
+        t.modules.push_back(f);
         out = f;
         return ZAVKM_OK;
     });
 }
 
+namespace {
+
+// Verifier - HMAC-SHA256 of a PIN under the process's login key, wiped when dropped.
+struct Verifier {
+    std::array<uint8_t, 32> bytes{};
+    Verifier() = default;
+    Verifier(const Verifier&) = default;
+    Verifier& operator=(const Verifier&) = default;
+    ~Verifier() { OPENSSL_cleanse(bytes.data(), bytes.size()); }
+};
+
+// TokenLogin - the process's user login on one token: how many of our sessions share it, and the
+// verifier of the PIN that made it.
+struct TokenLogin {
+    int holders = 0;
+    Verifier verifier{};
+};
+
+// LoginTable - every token the process is logged in to through our sessions. The key the
+// verifiers are made under is random, made at the first login and wiped with the table: a
+// verifier says nothing about the PIN outside the process, and costs microseconds, not a KDF.
+struct LoginTable {
+    std::mutex mutex;
+    std::map<std::pair<CK_FUNCTION_LIST*, CK_SLOT_ID>, TokenLogin> tokens;
+    SecretBytes key;
+};
+
+LoginTable& logins() {
+    static LoginTable* instance = new LoginTable();  // never destroyed: usable until exit
+    return *instance;
+}
+
+// verifierOf - the verifier of pin; the caller holds the table's lock.
+Rc verifierOf(LoginTable& table, const char* pin, Verifier& out) noexcept {
+    if (table.key.empty()) {
+        SecretBytes key(32);
+        if (Rc rc = randomBytes(key.data(), key.size()); rc != ZAVKM_OK) return rc;
+        table.key = std::move(key);
+    }
+    size_t n = 0;
+    if (EVP_Q_mac(nullptr, "HMAC", nullptr, "SHA256", nullptr, table.key.data(), table.key.size(),
+                  reinterpret_cast<const unsigned char*>(pin), std::strlen(pin), out.bytes.data(),
+                  out.bytes.size(), &n) == nullptr)
+        return sslError(ZAVKM_ERR_CRYPTO);
+    return ZAVKM_OK;
+}
+
+void forgetLogins() noexcept {
+    LoginTable& table = logins();
+    std::lock_guard lock(table.mutex);
+    table.tokens.clear();
+    table.key = SecretBytes();
+}
+
+}  // namespace
+
 void finalizeModules() noexcept {
+    forgetLogins();
     ModuleTable& t = modules();
     std::lock_guard lock(t.mutex);
-    for (auto& [path, f] : t.loaded) {
+    for (CK_FUNCTION_LIST* f : t.modules) {
         f->C_Finalize(nullptr);
         p11_kit_module_release(f);
     }
     t.loaded.clear();
+    t.files.clear();
+    t.modules.clear();
 }
 
 std::shared_mutex& objectLock() noexcept {
@@ -155,16 +231,67 @@ Rc Session::open(CK_FUNCTION_LIST* module, CK_SLOT_ID s, bool readWrite) noexcep
 }
 
 Rc Session::login(const char* pin) noexcept {
-    const auto* p = reinterpret_cast<const unsigned char*>(pin);
-    CK_RV rv = f->C_Login(handle, CKU_USER, const_cast<CK_UTF8CHAR*>(p), std::strlen(pin));
-    if (rv != CKR_OK && rv != CKR_USER_ALREADY_LOGGED_IN) return p11Error(rv, "C_Login");
-    return ZAVKM_OK;
+    return guarded([&]() -> Rc {
+        LoginTable& table = logins();
+        std::lock_guard lock(table.mutex);  // held across C_Login: one login decision at a time
+        Verifier proof{};
+        if (Rc rc = verifierOf(table, pin, proof); rc != ZAVKM_OK) return rc;
+        TokenLogin& token = table.tokens[{f, slot}];
+        auto* p = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(pin));
+        CK_RV rv = f->C_Login(handle, CKU_USER, p, std::strlen(pin));
+        if (rv == CKR_USER_ALREADY_LOGGED_IN && token.holders == 0) {
+            // Logged in, but by none of our sessions: the PIN of that login is unknown here.
+            trace("token logged in outside this library: logging in again");
+            f->C_Logout(handle);
+            rv = f->C_Login(handle, CKU_USER, p, std::strlen(pin));
+        }
+        if (rv == CKR_USER_ALREADY_LOGGED_IN) {
+            if (CRYPTO_memcmp(proof.bytes.data(), token.verifier.bytes.data(), proof.bytes.size()) != 0) {
+                trace("C_Login: the token is logged in with another PIN");
+                return ZAVKM_ERR_DATABASE_INVALID_PASSWORD;
+            }
+        } else if (rv == CKR_OK) {
+            token.verifier = proof;  // the module proved pin
+        } else {
+            if (token.holders == 0) table.tokens.erase({f, slot});
+            return p11Error(rv, "C_Login");
+        }
+        ++token.holders;
+        loggedIn = true;
+        return ZAVKM_OK;
+    });
+}
+
+Rc Session::changePin(const char* oldPin, const char* newPin) noexcept {
+    return guarded([&]() -> Rc {
+        LoginTable& table = logins();
+        std::lock_guard lock(table.mutex);
+        Verifier proof{};
+        if (Rc rc = verifierOf(table, newPin, proof); rc != ZAVKM_OK) return rc;
+        auto* o = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(oldPin));
+        auto* n = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(newPin));
+        CK_RV rv = f->C_SetPIN(handle, o, std::strlen(oldPin), n, std::strlen(newPin));
+        if (rv != CKR_OK) return p11Error(rv, "C_SetPIN");
+        if (auto it = table.tokens.find({f, slot}); it != table.tokens.end())
+            it->second.verifier = proof;
+        return ZAVKM_OK;
+    });
 }
 
 void Session::close() noexcept {
     if (handle == CK_INVALID_HANDLE) return;
-    // No C_Logout: the login belongs to every session of the process on this token; it ends
-    // with the last session.
+    if (loggedIn) {
+        // The login is shared by the process's sessions on the token: the last one ends it, so
+        // that no session opened without a PIN inherits it.
+        LoginTable& table = logins();
+        std::lock_guard lock(table.mutex);
+        auto it = table.tokens.find({f, slot});
+        if (it != table.tokens.end() && --it->second.holders == 0) {
+            f->C_Logout(handle);
+            table.tokens.erase(it);
+        }
+        loggedIn = false;
+    }
     f->C_CloseSession(handle);
     handle = CK_INVALID_HANDLE;
 }

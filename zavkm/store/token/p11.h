@@ -18,7 +18,8 @@ namespace zavkm {
 // not a PKCS#11 library.
 Rc loadModule(const std::string& path, CK_FUNCTION_LIST*& out) noexcept;
 
-// finalizeModules - finalises and unloads every loaded module.
+// finalizeModules - finalises and unloads every loaded module and forgets the PIN verifiers of
+// their logins.
 void finalizeModules() noexcept;
 
 // p11Error - the return code of a failed PKCS#11 call: a wrong PIN gives
@@ -43,7 +44,9 @@ Rc tokenLabels(CK_FUNCTION_LIST* f, std::vector<std::string>& out);
 // An empty label picks the first initialised token.
 Rc findTokenSlot(CK_FUNCTION_LIST* f, const std::string& label, CK_SLOT_ID& slot);
 
-// Session - an open read-write session, closed (and logged out) on destruction.
+// Session - an open session, closed on destruction. A PKCS#11 login belongs to the whole
+// process on a token, not to one session: the sessions that logged in share it, and the last of
+// them to close logs the token out.
 class Session {
   public:
     Session() = default;
@@ -51,12 +54,20 @@ class Session {
     Session& operator=(const Session&) = delete;
     ~Session() { close(); }
     Rc open(CK_FUNCTION_LIST* f, CK_SLOT_ID slot, bool readWrite) noexcept;
-    // login - a user login with pin; an already logged-in user is fine.
+    // login - proves pin and takes part in the token's user login. While other sessions of the
+    // process hold the login, the module takes any PIN (CKR_USER_ALREADY_LOGGED_IN): pin is then
+    // compared with the verifier of the PIN that logged the token in, a wrong one gives
+    // ZAVKM_ERR_DATABASE_INVALID_PASSWORD and the other sessions stay logged in. A login the
+    // process holds without any of our sessions is ended and made again with pin.
     Rc login(const char* pin) noexcept;
+    // changePin - C_SetPIN from oldPin to newPin in this logged-in session; from then on the
+    // sessions that log in must prove newPin.
+    Rc changePin(const char* oldPin, const char* newPin) noexcept;
     void close() noexcept;
     CK_FUNCTION_LIST* f = nullptr;
     CK_SESSION_HANDLE handle = CK_INVALID_HANDLE;
     CK_SLOT_ID slot = 0;
+    bool loggedIn = false;  // this session proved the PIN and holds a share of the login
 };
 
 }  // namespace zavkm

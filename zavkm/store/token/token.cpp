@@ -12,6 +12,7 @@ namespace zavkm {
 namespace {
 
 constexpr char kApplication[] = "zav7km certificate request";
+constexpr char kReplacing[] = "zav7km certificate request, replacing";
 CK_BBOOL kYes = CK_TRUE;
 CK_BBOOL kNo = CK_FALSE;
 
@@ -26,7 +27,8 @@ CK_ATTRIBUTE flag(CK_ATTRIBUTE_TYPE type, bool on) {
     return attr(type, on ? &kYes : &kNo, sizeof(CK_BBOOL));
 }
 
-const CK_OBJECT_CLASS kClasses[] = {CKO_CERTIFICATE, CKO_DATA, CKO_PRIVATE_KEY, CKO_PUBLIC_KEY};
+const CK_OBJECT_CLASS kClasses[] = {CKO_CERTIFICATE, CKO_DATA, CKO_PRIVATE_KEY, CKO_PUBLIC_KEY,
+                                    CKO_DATA};
 
 // kindTemplate - the attributes that select objects of a kind.
 std::vector<CK_ATTRIBUTE> kindTemplate(TokenObject kind) {
@@ -34,10 +36,31 @@ std::vector<CK_ATTRIBUTE> kindTemplate(TokenObject kind) {
                                      sizeof(CK_OBJECT_CLASS))};
     if (kind == TokenObject::Request)
         t.push_back(attr(CKA_APPLICATION, kApplication, sizeof kApplication - 1));
+    if (kind == TokenObject::Replacement)
+        t.push_back(attr(CKA_APPLICATION, kReplacing, sizeof kReplacing - 1));
     return t;
 }
 
+// signingOnly - the usage attributes of a key pair's halves: the private key signs, the public
+// key verifies, and nothing else, whatever the module's defaults.
+std::vector<CK_ATTRIBUTE> signingOnly(bool privateHalf) {
+    if (privateHalf)
+        return {flag(CKA_SIGN, true), flag(CKA_DECRYPT, false), flag(CKA_UNWRAP, false),
+                flag(CKA_DERIVE, false)};
+    return {flag(CKA_VERIFY, true), flag(CKA_ENCRYPT, false), flag(CKA_WRAP, false),
+            flag(CKA_DERIVE, false)};
+}
+
+// needsLogin - ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED unless the handle proved the PIN:
+// the module would take a private object from any session while another one holds the login.
+Rc needsLogin(const TokenStore& t) {
+    return t.session.loggedIn ? ZAVKM_OK : ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED;
+}
+
+// findObjects - the objects matching tmpl; a handle that did not log in sees public objects
+// only, even while the process holds the token's login through another handle.
 Rc findObjects(TokenStore& t, std::vector<CK_ATTRIBUTE> tmpl, std::vector<CK_OBJECT_HANDLE>& out) {
+    if (!t.session.loggedIn) tmpl.push_back(flag(CKA_PRIVATE, false));
     CK_FUNCTION_LIST* f = t.session.f;
     CK_SESSION_HANDLE h = t.session.handle;
     std::shared_lock reading(objectLock());
@@ -97,12 +120,13 @@ Rc readSnapshot(TokenStore& t, TokenSnapshot& out) {
     std::vector<Bytes> values;
     bool gone = false;
     for (CK_OBJECT_HANDLE obj : certs) {
-        if (Rc rc = attributes(t, obj, {CKA_LABEL, CKA_ID, CKA_VALUE}, values, gone);
+        if (Rc rc = attributes(t, obj, {CKA_LABEL, CKA_ID, CKA_VALUE, CKA_TRUSTED}, values, gone);
             rc != ZAVKM_OK)
             return rc;
         if (!gone)
             out.certs.push_back({std::string(values[0].begin(), values[0].end()),
-                                 std::move(values[1]), std::move(values[2])});
+                                 std::move(values[1]), std::move(values[2]),
+                                 values[3].size() == 1 && values[3][0] == CK_TRUE});
     }
     if (Rc rc = findObjects(t, kindTemplate(TokenObject::PrivateKey), keys); rc != ZAVKM_OK)
         return rc;
@@ -156,22 +180,59 @@ Rc sessionOn(const TokenSpec& spec, bool readWrite, Session& s, CK_TOKEN_INFO& i
     return s.open(f, slot, readWrite);
 }
 
-// curveOf - the DER OID and OpenSSL name of the curve of an EC key size; empty for RSA sizes.
+// Curve - a curve of EC or EdDSA keys: its CKA_EC_PARAMS (the DER OID, which the certificate's
+// key names too), its OpenSSL name, and how long its public point is as raw bytes (an EC point
+// uncompressed).
 struct Curve {
     Bytes oid;
     const char* name = nullptr;
+    size_t pointBytes = 0;
+    bool edwards = false;
 };
+
+// kCurves - the curves a key size asks for (256, 384, 521 EC; 25519, 448 EdDSA).
+const std::pair<int32_t, Curve> kCurves[] = {
+    {256, {{0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07}, "prime256v1", 65, false}},
+    {384, {{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22}, "secp384r1", 97, false}},
+    {521, {{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23}, "secp521r1", 133, false}},
+    {kSizeEd25519, {{0x06, 0x03, 0x2B, 0x65, 0x70}, "ED25519", 32, true}},
+    {kSizeEd448, {{0x06, 0x03, 0x2B, 0x65, 0x71}, "ED448", 57, true}},
+};
+
+// curveOf - the curve of a key size; no name for RSA sizes.
 Curve curveOf(int32_t keySize) {
-    switch (keySize) {
-        case 256:
-            return {{0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07}, "prime256v1"};
-        case 384:
-            return {{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22}, "secp384r1"};
-        case 521:
-            return {{0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23}, "secp521r1"};
-        default:
-            return {};
-    }
+    for (const auto& [size, curve] : kCurves)
+        if (size == keySize) return curve;
+    return {};
+}
+
+// curveNamed - the curve OpenSSL calls name (a group name, or ED25519 / ED448); no name when
+// this library makes no keys on it.
+Curve curveNamed(const char* name) {
+    for (const auto& [size, curve] : kCurves)
+        if (std::strcmp(curve.name, name) == 0) return curve;
+    return {};
+}
+
+// pointOf - the raw public point in CKA_EC_POINT, which holds it as a DER OCTET STRING or, with
+// some modules, bare; empty when it is neither for a point of n bytes.
+Bytes pointOf(const Bytes& value, size_t n) {
+    if (value.size() == n) return value;  // bare: a DER form is always longer
+    const unsigned char* p = value.data();
+    Asn1OctetPtr octets(d2i_ASN1_OCTET_STRING(nullptr, &p, static_cast<long>(value.size())));
+    clearSslErrors();
+    if (!octets || p != value.data() + value.size() ||
+        static_cast<size_t>(ASN1_STRING_length(octets.get())) != n)
+        return {};
+    const uint8_t* data = ASN1_STRING_get0_data(octets.get());
+    return Bytes(data, data + n);
+}
+
+// pointAttribute - CKA_EC_POINT for a raw point: its DER OCTET STRING.
+Bytes pointAttribute(const uint8_t* point, size_t n) {
+    Asn1OctetPtr octets(ASN1_OCTET_STRING_new());
+    if (!octets || ASN1_OCTET_STRING_set(octets.get(), point, static_cast<int>(n)) != 1) return {};
+    return toDer(octets.get(), i2d_ASN1_OCTET_STRING);
 }
 
 Rc keyFromParams(const char* type, OSSL_PARAM* params, PkeyPtr& out) {
@@ -202,17 +263,19 @@ Rc rsaPublicKey(TokenStore& t, CK_OBJECT_HANDLE obj, PkeyPtr& out) {
     return keyFromParams("RSA", params.get(), out);
 }
 
-Rc ecPublicKey(TokenStore& t, CK_OBJECT_HANDLE obj, const char* curve, PkeyPtr& out) {
-    Bytes point;
-    if (Rc rc = attribute(t, obj, CKA_EC_POINT, point); rc != ZAVKM_OK) return rc;
-    const unsigned char* p = point.data();  // a DER OCTET STRING around the point
-    Asn1OctetPtr octets(d2i_ASN1_OCTET_STRING(nullptr, &p, static_cast<long>(point.size())));
-    clearSslErrors();
-    if (octets)
-        point.assign(ASN1_STRING_get0_data(octets.get()),
-                     ASN1_STRING_get0_data(octets.get()) + ASN1_STRING_length(octets.get()));
+// curvePublicKey - the public key of an EC or EdDSA key object on curve.
+Rc curvePublicKey(TokenStore& t, CK_OBJECT_HANDLE obj, const Curve& curve, PkeyPtr& out) {
+    Bytes value;
+    if (Rc rc = attribute(t, obj, CKA_EC_POINT, value); rc != ZAVKM_OK) return rc;
+    Bytes point = pointOf(value, curve.pointBytes);
+    if (point.empty()) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_FUNCTION_FAILED;
+    if (curve.edwards) {
+        out.reset(EVP_PKEY_new_raw_public_key_ex(nullptr, curve.name, nullptr, point.data(),
+                                                 point.size()));
+        return out ? ZAVKM_OK : sslError(ZAVKM_ERR_CRYPTO);
+    }
     OSSL_PARAM params[] = {
-        OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, const_cast<char*>(curve), 0),
+        OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, const_cast<char*>(curve.name), 0),
         OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY, point.data(), point.size()),
         OSSL_PARAM_construct_end()};
     return keyFromParams("EC", params, out);
@@ -235,10 +298,17 @@ Rc rawEcdsaToDer(const Bytes& raw, Bytes& out) {
 }  // namespace
 
 Bytes keyIdOf(const EVP_PKEY* key) {
-    Bytes bits = toDer(key, i2d_PublicKey);
+    // The key's bits as its SubjectPublicKeyInfo carries them, as keyIdOf(X509*) digests them.
+    Owned<X509_PUBKEY, X509_PUBKEY_free> spki;
+    X509_PUBKEY* made = nullptr;
+    if (X509_PUBKEY_set(&made, const_cast<EVP_PKEY*>(key)) != 1) return {};
+    spki.reset(made);
+    const unsigned char* bits = nullptr;
+    int length = 0;
     Bytes id(EVP_MAX_MD_SIZE);
     unsigned int n = 0;
-    if (bits.empty() || EVP_Digest(bits.data(), bits.size(), id.data(), &n, EVP_sha1(), nullptr) != 1)
+    if (X509_PUBKEY_get0_param(nullptr, &bits, &length, nullptr, spki.get()) != 1 ||
+        EVP_Digest(bits, static_cast<size_t>(length), id.data(), &n, EVP_sha1(), nullptr) != 1)
         return {};
     id.resize(n);
     return id;
@@ -264,6 +334,8 @@ Rc openToken(const TokenSpec& spec, const char* pin, bool publicOnly,
     } else if ((info.flags & CKF_LOGIN_REQUIRED) != 0 && !publicOnly) {
         return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED;
     }
+    if (Rc rc = recoverReplacements(*t); rc != ZAVKM_OK)  // the token stays usable as it is
+        trace("a request replacement left half-way was not finished: %d", rc);
     out = std::move(t);
     return ZAVKM_OK;
 }
@@ -281,11 +353,8 @@ Rc changeTokenPin(const TokenSpec& spec, const char* oldPin, const char* newPin)
     CK_TOKEN_INFO info{};
     if (Rc rc = sessionOn(spec, true, s, info); rc != ZAVKM_OK) return rc;
     if (Rc rc = s.login(oldPin); rc != ZAVKM_OK) return rc;
-    auto* o = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(oldPin));
-    auto* n = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(newPin));
     std::unique_lock writing(objectLock());
-    CK_RV rv = s.f->C_SetPIN(s.handle, o, std::strlen(oldPin), n, std::strlen(newPin));
-    return rv == CKR_OK ? ZAVKM_OK : p11Error(rv, "C_SetPIN");
+    return s.changePin(oldPin, newPin);
 }
 
 Rc objectLabels(TokenStore& t, TokenObject kind, std::vector<std::string>& out) {
@@ -322,6 +391,19 @@ Rc objectValues(TokenStore& t, TokenObject kind, const std::string& label,
         Bytes value;
         if (Rc rc = attribute(t, obj, CKA_VALUE, value); rc != ZAVKM_OK) return rc;
         out.push_back(std::move(value));
+    }
+    return ZAVKM_OK;
+}
+
+Rc requestObjects(TokenStore& t, std::vector<std::pair<std::string, Bytes>>& out) {
+    std::vector<CK_OBJECT_HANDLE> objs;
+    if (Rc rc = findObjects(t, kindTemplate(TokenObject::Request), objs); rc != ZAVKM_OK) return rc;
+    std::vector<Bytes> values;
+    bool gone = false;
+    for (CK_OBJECT_HANDLE obj : objs) {
+        if (Rc rc = attributes(t, obj, {CKA_LABEL, CKA_VALUE}, values, gone); rc != ZAVKM_OK)
+            return rc;
+        if (!gone) out.emplace_back(std::string(values[0].begin(), values[0].end()), std::move(values[1]));
     }
     return ZAVKM_OK;
 }
@@ -381,32 +463,37 @@ Rc destroyObjects(TokenStore& t, TokenObject kind, const std::string& label) {
 
 Rc generateTokenKey(TokenStore& t, int32_t keySize, const std::string& label, TokenKey& out) {
     const Curve curve = curveOf(keySize);
-    const bool ec = curve.name != nullptr;
+    const bool ec = curve.name != nullptr;  // EC or EdDSA
     if (!ec && (keySize < 1024 || keySize > 16384))
         return ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE;
     if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
     t.snapshot.valid = false;
     CK_ULONG bits = static_cast<CK_ULONG>(keySize);
     const CK_BYTE exponent[] = {1, 0, 1};
-    std::vector<CK_ATTRIBUTE> pub{flag(CKA_TOKEN, true), flag(CKA_VERIFY, true),
-                                  attr(CKA_LABEL, label)};
+    if (Rc rc = needsLogin(t); rc != ZAVKM_OK) return rc;
+    std::vector<CK_ATTRIBUTE> pub = signingOnly(false);
+    pub.insert(pub.end(), {flag(CKA_TOKEN, true), attr(CKA_LABEL, label)});
     if (ec) {
         pub.push_back(attr(CKA_EC_PARAMS, curve.oid));
     } else {
         pub.push_back(attr(CKA_MODULUS_BITS, &bits, sizeof bits));
         pub.push_back(attr(CKA_PUBLIC_EXPONENT, exponent, sizeof exponent));
     }
-    std::vector<CK_ATTRIBUTE> priv{flag(CKA_TOKEN, true),       flag(CKA_PRIVATE, true),
-                                   flag(CKA_SENSITIVE, true),   flag(CKA_EXTRACTABLE, false),
-                                   flag(CKA_SIGN, true),        attr(CKA_LABEL, label)};
-    CK_MECHANISM mech{ec ? CKM_EC_KEY_PAIR_GEN : CKM_RSA_PKCS_KEY_PAIR_GEN, nullptr, 0};
+    std::vector<CK_ATTRIBUTE> priv = signingOnly(true);
+    priv.insert(priv.end(), {flag(CKA_TOKEN, true), flag(CKA_PRIVATE, true),
+                             flag(CKA_SENSITIVE, true), flag(CKA_EXTRACTABLE, false),
+                             attr(CKA_LABEL, label)});
+    CK_MECHANISM mech{curve.edwards ? CKM_EC_EDWARDS_KEY_PAIR_GEN
+                      : ec          ? CKM_EC_KEY_PAIR_GEN
+                                    : CKM_RSA_PKCS_KEY_PAIR_GEN,
+                      nullptr, 0};
     std::unique_lock writing(objectLock());
     CK_RV rv = t.session.f->C_GenerateKeyPair(t.session.handle, &mech, pub.data(), pub.size(),
                                               priv.data(), priv.size(), &out.publicHandle,
                                               &out.privateKey);
     writing.unlock();
     if (rv != CKR_OK) return p11Error(rv, "C_GenerateKeyPair");
-    Rc rc = ec ? ecPublicKey(t, out.publicHandle, curve.name, out.publicKey)
+    Rc rc = ec ? curvePublicKey(t, out.publicHandle, curve, out.publicKey)
                : rsaPublicKey(t, out.publicHandle, out.publicKey);
     if (rc == ZAVKM_OK) out.id = keyIdOf(out.publicKey.get());
     if (rc == ZAVKM_OK && out.id.empty()) rc = sslError(ZAVKM_ERR_CRYPTO);
@@ -443,7 +530,9 @@ Rc TokenSigner::sign(const Bytes& tbs, const EVP_MD* md, Bytes& signature) {
     const bool ec = EVP_PKEY_get_base_id(key_.publicKey.get()) == EVP_PKEY_EC;
     Bytes input = tbs;
     CK_MECHANISM mech{CKM_ECDSA, nullptr, 0};
-    if (ec) {  // the token signs the digest
+    if (isEdDsa(key_.publicKey.get())) {  // the message itself; the signature is the raw one
+        mech.mechanism = CKM_EDDSA;
+    } else if (ec) {  // the token signs the digest
         input.resize(EVP_MAX_MD_SIZE);
         unsigned int n = 0;
         if (EVP_Digest(tbs.data(), tbs.size(), input.data(), &n, md, nullptr) != 1)
@@ -486,29 +575,92 @@ Rc storeCertificate(TokenStore& t, const std::string& label, const Bytes& id, X5
     return createObject(t, tmpl, "C_CreateObject (certificate)");
 }
 
-Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der,
-                CK_OBJECT_HANDLE* created) {
+Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der) {
     std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(TokenObject::Request);
     (void)id;  // data objects carry no CKA_ID: the request's own public key names its pair
     tmpl.insert(tmpl.end(), {flag(CKA_TOKEN, true), flag(CKA_PRIVATE, false),
                              attr(CKA_LABEL, label), attr(CKA_VALUE, der)});
-    return createObject(t, tmpl, "C_CreateObject (request)", created);
+    return createObject(t, tmpl, "C_CreateObject (request)");
 }
 
+namespace {
+
+// replacementLock - held across a request's replacement and across the recovery of one, so that
+// two handles of the process never finish the same replacement at once.
+std::mutex& replacementLock() {
+    static std::mutex lock;
+    return lock;
+}
+
+// destroyObject - C_DestroyObject; an object another session destroyed meanwhile is gone too.
+Rc destroyObject(TokenStore& t, CK_OBJECT_HANDLE obj, const char* what) {
+    t.snapshot.valid = false;
+    std::unique_lock writing(objectLock());
+    CK_RV rv = t.session.f->C_DestroyObject(t.session.handle, obj);
+    return rv == CKR_OK || rv == CKR_OBJECT_HANDLE_INVALID ? ZAVKM_OK : p11Error(rv, what);
+}
+
+// finishReplacement - the last steps of replacing label's request by der, whose replacement
+// object is replacing: every request object under label that holds something else goes, one
+// holding der stays (made when there is none), then the replacement object goes. Each step
+// leaves a state from which a later call finishes the same way.
+Rc finishReplacement(TokenStore& t, CK_OBJECT_HANDLE replacing, const std::string& label,
+                     const Bytes& der) {
+    std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(TokenObject::Request);
+    tmpl.push_back(attr(CKA_LABEL, label));
+    std::vector<CK_OBJECT_HANDLE> requests;
+    if (Rc rc = findObjects(t, tmpl, requests); rc != ZAVKM_OK) return rc;
+    bool kept = false;
+    for (CK_OBJECT_HANDLE obj : requests) {
+        Bytes value;
+        if (Rc rc = attribute(t, obj, CKA_VALUE, value); rc != ZAVKM_OK) return rc;
+        if (!kept && value == der) {
+            kept = true;
+            continue;
+        }
+        if (Rc rc = destroyObject(t, obj, "C_DestroyObject (request)"); rc != ZAVKM_OK) return rc;
+    }
+    if (!kept)
+        if (Rc rc = storeRequest(t, label, {}, der); rc != ZAVKM_OK) return rc;
+    return destroyObject(t, replacing, "C_DestroyObject (replacement)");
+}
+
+}  // namespace
+
 Rc replaceRequest(TokenStore& t, const std::string& label, const Bytes& der) {
+    std::lock_guard replacing(replacementLock());
     std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(TokenObject::Request);
     tmpl.push_back(attr(CKA_LABEL, label));
     std::vector<CK_OBJECT_HANDLE> old;
     if (Rc rc = findObjects(t, tmpl, old); rc != ZAVKM_OK) return rc;
     if (old.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
-    CK_OBJECT_HANDLE fresh = CK_INVALID_HANDLE;
-    if (Rc rc = storeRequest(t, label, {}, der, &fresh); rc != ZAVKM_OK) return rc;
-    std::unique_lock writing(objectLock());
-    for (CK_OBJECT_HANDLE obj : old) {
-        if (CK_RV rv = t.session.f->C_DestroyObject(t.session.handle, obj); rv != CKR_OK) {
-            t.session.f->C_DestroyObject(t.session.handle, fresh);
-            return p11Error(rv, "C_DestroyObject (request)");
-        }
+    // The new request is first kept in an object of its own kind, which no lookup of requests
+    // sees: whenever the process stops, the token holds the old request, or this object from
+    // which the next open finishes the replacement.
+    std::vector<CK_ATTRIBUTE> record = kindTemplate(TokenObject::Replacement);
+    record.insert(record.end(), {flag(CKA_TOKEN, true), flag(CKA_PRIVATE, false),
+                                 attr(CKA_LABEL, label), attr(CKA_VALUE, der)});
+    CK_OBJECT_HANDLE obj = CK_INVALID_HANDLE;
+    if (Rc rc = createObject(t, record, "C_CreateObject (replacement)", &obj); rc != ZAVKM_OK)
+        return rc;
+    return finishReplacement(t, obj, label, der);
+}
+
+Rc recoverReplacements(TokenStore& t) {
+    if (t.readOnly) return ZAVKM_OK;
+    std::lock_guard replacing(replacementLock());
+    std::vector<CK_OBJECT_HANDLE> left;
+    if (Rc rc = findObjects(t, kindTemplate(TokenObject::Replacement), left); rc != ZAVKM_OK)
+        return rc;
+    std::vector<Bytes> values;
+    bool gone = false;
+    for (CK_OBJECT_HANDLE obj : left) {
+        if (Rc rc = attributes(t, obj, {CKA_LABEL, CKA_VALUE}, values, gone); rc != ZAVKM_OK)
+            return rc;
+        if (gone) continue;
+        trace("finishing the replacement of a request left half-way");
+        const std::string label(values[0].begin(), values[0].end());
+        if (Rc rc = finishReplacement(t, obj, label, values[1]); rc != ZAVKM_OK) return rc;
     }
     return ZAVKM_OK;
 }
@@ -559,21 +711,43 @@ Rc ecMaterial(const EVP_PKEY* key, KeyMaterial& m, Bytes& params) {
     size_t n = 0;
     if (EVP_PKEY_get_utf8_string_param(key, OSSL_PKEY_PARAM_GROUP_NAME, group, sizeof group, &n) != 1)
         return sslError(ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM);
-    for (int32_t size : {256, 384, 521})
-        if (std::strcmp(curveOf(size).name, group) == 0) params = curveOf(size).oid;
-    if (params.empty()) return ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
+    const Curve curve = curveNamed(group);
+    if (curve.name == nullptr || curve.edwards) return ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
+    params = curve.oid;
     m.type = CKK_EC;
     m.values.resize(2);
-    Bytes point(256);
+    Bytes point(curve.pointBytes);
     if (EVP_PKEY_get_octet_string_param(key, OSSL_PKEY_PARAM_ENCODED_PUBLIC_KEY, point.data(),
                                         point.size(), &n) != 1 ||
-        !bigParam(key, OSSL_PKEY_PARAM_PRIV_KEY, m.values[1]))
+        n != point.size() || !bigParam(key, OSSL_PKEY_PARAM_PRIV_KEY, m.values[1]))
         return sslError(ZAVKM_ERR_CRYPTO);
-    Asn1OctetPtr octets(ASN1_OCTET_STRING_new());  // CKA_EC_POINT is the DER OCTET STRING
-    if (!octets || ASN1_OCTET_STRING_set(octets.get(), point.data(), static_cast<int>(n)) != 1)
-        return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
-    Bytes der = toDer(octets.get(), i2d_ASN1_OCTET_STRING);
+    Bytes der = pointAttribute(point.data(), point.size());
+    if (der.empty()) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
     m.values[0] = SecretBytes(der.data(), der.size());
+    m.publicPart = {attr(CKA_EC_PARAMS, params), attr(CKA_EC_POINT, m.values[0].data(), m.values[0].size())};
+    m.privatePart = {attr(CKA_EC_PARAMS, params), attr(CKA_VALUE, m.values[1].data(), m.values[1].size())};
+    return ZAVKM_OK;
+}
+
+// edwardsMaterial - an Ed25519 or Ed448 key: CKA_VALUE is the raw private key, CKA_EC_POINT the
+// DER OCTET STRING of the raw public key, CKA_EC_PARAMS the curve's OID.
+Rc edwardsMaterial(const EVP_PKEY* key, KeyMaterial& m, Bytes& params) {
+    const Curve curve = curveNamed(EVP_PKEY_get0_type_name(key));
+    if (curve.name == nullptr || !curve.edwards) return ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
+    params = curve.oid;
+    m.type = CKK_EC_EDWARDS;
+    SecretBytes secret(curve.pointBytes);  // a private key is as long as its public point
+    Bytes point(curve.pointBytes);
+    size_t secretLength = secret.size(), pointLength = point.size();
+    if (EVP_PKEY_get_raw_private_key(key, secret.data(), &secretLength) != 1 ||
+        EVP_PKEY_get_raw_public_key(key, point.data(), &pointLength) != 1 ||
+        secretLength != secret.size() || pointLength != point.size())
+        return sslError(ZAVKM_ERR_CRYPTO);
+    Bytes der = pointAttribute(point.data(), point.size());
+    if (der.empty()) return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
+    m.values.resize(2);
+    m.values[0] = SecretBytes(der.data(), der.size());
+    m.values[1] = std::move(secret);
     m.publicPart = {attr(CKA_EC_PARAMS, params), attr(CKA_EC_POINT, m.values[0].data(), m.values[0].size())};
     m.privatePart = {attr(CKA_EC_PARAMS, params), attr(CKA_VALUE, m.values[1].data(), m.values[1].size())};
     return ZAVKM_OK;
@@ -582,28 +756,31 @@ Rc ecMaterial(const EVP_PKEY* key, KeyMaterial& m, Bytes& params) {
 }  // namespace
 
 Rc importKeyPair(TokenStore& t, const EVP_PKEY* key, const std::string& label, TokenKey& out) {
+    if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
+    if (Rc rc = needsLogin(t); rc != ZAVKM_OK) return rc;
     KeyMaterial m;
     Bytes params;
     const int type = EVP_PKEY_get_base_id(key);
-    if (type != EVP_PKEY_RSA && type != EVP_PKEY_EC) return ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
-    if (Rc rc = type == EVP_PKEY_RSA ? rsaMaterial(key, m) : ecMaterial(key, m, params);
-        rc != ZAVKM_OK)
-        return rc;
+    Rc rc = type == EVP_PKEY_RSA ? rsaMaterial(key, m)
+            : type == EVP_PKEY_EC ? ecMaterial(key, m, params)
+            : isEdDsa(key)        ? edwardsMaterial(key, m, params)
+                                  : ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM;
+    if (rc != ZAVKM_OK) return rc;
     out.id = keyIdOf(key);
     if (out.id.empty()) return sslError(ZAVKM_ERR_CRYPTO);
     static const CK_OBJECT_CLASS privateClass = CKO_PRIVATE_KEY, publicClass = CKO_PUBLIC_KEY;
     std::vector<CK_ATTRIBUTE> common{attr(CKA_KEY_TYPE, &m.type, sizeof m.type),
                                      flag(CKA_TOKEN, true), attr(CKA_LABEL, label),
                                      attr(CKA_ID, out.id)};
-    std::vector<CK_ATTRIBUTE> priv{attr(CKA_CLASS, &privateClass, sizeof privateClass),
-                                   flag(CKA_PRIVATE, true), flag(CKA_SENSITIVE, true),
-                                   flag(CKA_EXTRACTABLE, false), flag(CKA_SIGN, true)};
-    std::vector<CK_ATTRIBUTE> pub{attr(CKA_CLASS, &publicClass, sizeof publicClass),
-                                  flag(CKA_VERIFY, true)};
+    std::vector<CK_ATTRIBUTE> priv = signingOnly(true), pub = signingOnly(false);
+    priv.insert(priv.end(), {attr(CKA_CLASS, &privateClass, sizeof privateClass),
+                             flag(CKA_PRIVATE, true), flag(CKA_SENSITIVE, true),
+                             flag(CKA_EXTRACTABLE, false)});
+    pub.push_back(attr(CKA_CLASS, &publicClass, sizeof publicClass));
     for (auto* part : {&priv, &pub}) part->insert(part->end(), common.begin(), common.end());
     priv.insert(priv.end(), m.privatePart.begin(), m.privatePart.end());
     pub.insert(pub.end(), m.publicPart.begin(), m.publicPart.end());
-    Rc rc = createObject(t, priv, "C_CreateObject (private key)", &out.privateKey);
+    rc = createObject(t, priv, "C_CreateObject (private key)", &out.privateKey);
     if (rc == ZAVKM_OK) rc = createObject(t, pub, "C_CreateObject (public key)", &out.publicHandle);
     if (rc != ZAVKM_OK) destroyKey(t, out);
     return rc;

@@ -19,6 +19,7 @@ struct CertObject {
     std::string label;
     Bytes id;
     Bytes value;
+    bool trusted = false;  // CKA_TRUSTED: a trust anchor of the token (the system's CAs)
 };
 
 // TokenSnapshot - the token's certificates and private key ids, read in two searches at the first
@@ -59,8 +60,9 @@ Rc tokenLoginRequired(const TokenSpec& spec, bool& required);
 // changeTokenPin - C_SetPIN after a user login with oldPin.
 Rc changeTokenPin(const TokenSpec& spec, const char* oldPin, const char* newPin);
 
-// The objects of one kind: a certificate, a request key's data object, a private key.
-enum class TokenObject { Certificate, Request, PrivateKey, PublicKey };
+// The objects of one kind: a certificate, a request key's data object, a private key, a public
+// key, the data object that carries a request while it replaces another (replaceRequest).
+enum class TokenObject { Certificate, Request, PrivateKey, PublicKey, Replacement };
 
 // objectLabels - the label of every object of a kind, in token order.
 Rc objectLabels(TokenStore& t, TokenObject kind, std::vector<std::string>& out);
@@ -68,6 +70,9 @@ Rc objectLabels(TokenStore& t, TokenObject kind, std::vector<std::string>& out);
 // objectValues - CKA_VALUE of every object of a kind with label (certificates, requests).
 Rc objectValues(TokenStore& t, TokenObject kind, const std::string& label,
                 std::vector<Bytes>& out);
+
+// requestObjects - the label and request of every request object, in token order, in one search.
+Rc requestObjects(TokenStore& t, std::vector<std::pair<std::string, Bytes>>& out);
 
 // privateKeyPresent - whether the token holds a private key with id.
 Rc privateKeyPresent(TokenStore& t, const Bytes& id, bool& present);
@@ -93,14 +98,16 @@ struct TokenKey {
     CK_OBJECT_HANDLE publicHandle = CK_INVALID_HANDLE;
 };
 
-// generateTokenKey - a new key pair with label: keySize 1024-16384 RSA, 256/384/521 EC;
-// anything else ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE before the token is touched.
+// generateTokenKey - a new key pair with label: keySize 1024-16384 RSA, 256/384/521 EC, 25519
+// Ed25519 and 448 Ed448 (CKA_EC_PARAMS the curve's OID); anything else
+// ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE before the token is touched.
 Rc generateTokenKey(TokenStore& t, int32_t keySize, const std::string& label, TokenKey& out);
 
 // importKeyPair - a private key made the token's own: its private half as a sensitive, never
 // extractable signing key and its public half, both with label and the id keyIdOf the key
-// (out gets the handles and the id). RSA and EC P-256/P-384/P-521; other keys give
-// ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM before the token is touched. On failure nothing stays.
+// (out gets the handles and the id). RSA, EC P-256/P-384/P-521, Ed25519 and Ed448; other keys
+// give ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM before the token is touched. On failure nothing
+// stays.
 Rc importKeyPair(TokenStore& t, const EVP_PKEY* key, const std::string& label, TokenKey& out);
 
 // privateKeyWithId - the private key object with id; CK_INVALID_HANDLE when there is none.
@@ -109,7 +116,8 @@ Rc privateKeyWithId(TokenStore& t, const Bytes& id, CK_OBJECT_HANDLE& out);
 // destroyKey - removes both halves of a key pair (undoing a failed creation).
 void destroyKey(TokenStore& t, const TokenKey& key) noexcept;
 
-// TokenSigner - signs with a key pair's private half on the token.
+// TokenSigner - signs with a key pair's private half on the token: RSA PKCS#1 v1.5 with the
+// digest md names, ECDSA over the digest, EdDSA (CKM_EDDSA) over the message itself.
 class TokenSigner final : public RemoteSigner {
   public:
     TokenSigner(TokenStore& t, const TokenKey& key) : t_(t), key_(key) {}
@@ -125,15 +133,22 @@ Rc storeCertificate(TokenStore& t, const std::string& label, const Bytes& id, X5
 
 // storeRequest - a CKO_DATA object of this library's application with label holding the
 // request's DER (data objects have no CKA_ID; the request's public key leads to its pair).
-Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der,
-                CK_OBJECT_HANDLE* created = nullptr);
+Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der);
 
-// replaceRequest - the request object(s) with label replaced by one holding der: the new object
-// is made first and the old ones destroyed after, so the token holds one or the other;
+// replaceRequest - the request with label replaced by der (a module need not let a data object's
+// value change): der is first stored in a replacement object, then the old request object goes
+// and one holding der is made, then the replacement object goes. Stopped at any point, the
+// token holds the old request, or a replacement object from which recoverReplacements finishes.
 // ZAVKM_ERR_KEY_GET_BY_LABEL when there is no request with label.
 Rc replaceRequest(TokenStore& t, const std::string& label, const Bytes& der);
 
-// keyIdOf - the CKA_ID of a public key: SHA-1 of its encoded key bits (of a certificate's key).
+// recoverReplacements - finishes every replacement of a request that stopped half-way, so that
+// each label has one request object again; openToken runs it on every writable token (one
+// search, which finds nothing unless a process stopped during a replacement).
+Rc recoverReplacements(TokenStore& t);
+
+// keyIdOf - the CKA_ID of a public key: SHA-1 of the key bits its SubjectPublicKeyInfo carries
+// (of a certificate's key), the certificate's subject key identifier.
 Bytes keyIdOf(const EVP_PKEY* key);
 Bytes keyIdOf(const X509* cert);
 

@@ -100,7 +100,7 @@ public class KeyItem {
         return label;
     }
 
-    /** getKeyAlgorithm - the key algorithm as the library numbers it (1 RSA, 2 EC). */
+    /** getKeyAlgorithm - the key algorithm as the library numbers it (1 RSA, 2 EC, 3 Ed25519, 4 Ed448). */
     public short getKeyAlgorithm() {
         return keyAlgorithm;
     }

@@ -50,15 +50,19 @@ class KeyDbTest {
     }
 
     /**
-     * A chain: CA and server key sizes (RSA from 1024 bits, else an EC curve), signature
-     * selector, version, PEM or DER, natives without selector and extensions.
+     * A chain: CA and server key sizes (RSA from 1024 bits, an EC curve, 25519 Ed25519, 448
+     * Ed448), signature selector, version, PEM or DER, natives without selector and extensions.
+     * The server key goes out in PKCS#12, read by openssl and keytool.
      */
     @ParameterizedTest(name = "{0}")
     @CsvSource({"rsa2048 sha256 pem, 2048, 2048, 1, 3, true, false",
             "rsa3072 ca p384 key sha384 der, 3072, 384, 2, 3, false, false",
             "p256 sha256, 256, 256, 1, 3, true, false",
             "p521 ca rsa key v1, 521, 2048, 2, 1, true, false",
-            "natives without selector, 2048, 2048, 1, 3, true, true"})
+            "natives without selector, 2048, 2048, 1, 3, true, true",
+            "ed25519 ca ed448 key, 25519, 448, 2, 3, true, false",
+            "rsa ca ed25519 key der, 2048, 25519, 1, 3, false, false",
+            "ed448 ca p256 key natives without selector, 448, 256, 1, 3, true, true"})
     void requestIssueReceive(String name, int caKey, int key, int sig, int version, boolean pem,
             boolean plain) throws Exception {
         Kdb k = Kdb.create(dir, "chain.kdb");
@@ -84,7 +88,7 @@ class KeyDbTest {
                     sigText(key, sig));
             assertEquals(pubkey(dir, "req", csr), pubkey(dir, "req", req));
         }
-        assertEquals(key, db.c_GetKeyItemByLabel(k.f, PW, "server", true).getKeySize());
+        assertEquals(bits(key), db.c_GetKeyItemByLabel(k.f, PW, "server", true).getKeySize());
         assertEquals(List.of("ca"), k.labels());
         assertEquals(List.of("server"), db.getReqKeyLabels());
 
@@ -111,7 +115,7 @@ class KeyDbTest {
         assertArrayEquals(der, chain[0].getDer());
         X509Certificate jdk = (X509Certificate) CertificateFactory.getInstance("X.509")
                 .generateCertificate(new ByteArrayInputStream(der));
-        assertEquals(List.of(2, key >= 1024 ? 1 : 2, version, key, serial(dir), sigOid(caKey, sig),
+        assertEquals(List.of(2, algorithm(key), version, bits(key), serial(dir), sigOid(caKey, sig),
                 cn, "CA", "CA", jdk.getNotBefore().getTime() / 1000,
                 jdk.getNotAfter().getTime() / 1000).toString(), List.of(chain.length,
                 item.getKeyAlgorithm(), chain[0].getVersion(), chain[0].getKeySize(),
@@ -122,6 +126,12 @@ class KeyDbTest {
         assertEquals(365, (chain[0].getExpireTime() - chain[0].getEffectTime()) / 86400, 1);
         ok(db.c_ExtractCert(k.f, PW, "server", k.at("out"), pem), "c_ExtractCert");
         assertArrayEquals(der, der(dir, "out", pem));
+
+        ok(db.c_ExportToPFXFile(k.f, PW, k.at("s.p12"), P12, new String[] {"server"}), "export");
+        assertEquals(Map.of("server", "PrivateKeyEntry"), keytool(dir, "s.p12", P12));
+        ssl(dir, "pkcs12", "-in", "s.p12", "-nocerts", "-nodes", "-passin", "pass:" + P12, "-out",
+                "s.key");
+        assertEquals(pubkey(dir, "x509", "leaf.pem"), pubkey(dir, "pkey", "s.key"));
     }
 
     @Test
@@ -325,19 +335,38 @@ class KeyDbTest {
         Stream.of(needles).forEach(n -> assertTrue(text.contains(n), () -> n + " not in " + text));
     }
 
-    /** keyText, sigText, sigOid - a key of that size and its signatures with selector 1 or 2. */
+    /** EDDSA - key size asked for to: openssl's name, OID, key algorithm and size shown. */
+    private static final Map<Integer, List<Object>> EDDSA = Map.of(
+            25519, List.of("ED25519", "1.3.101.112", 3, 256), 448, List.of("ED448", "1.3.101.113", 4, 456));
+
+    /**
+     * keyText, sigText, sigOid, algorithm, bits - a key of that size asked for, its signatures
+     * with selector 1 or 2 (EdDSA signs without a digest), the algorithm and size the library
+     * shows for it.
+     */
     private static String keyText(int size) {
-        return size >= 1024 ? "Public-Key: (" + size + " bit)" : "NIST CURVE: P-" + size;
+        return EDDSA.containsKey(size) ? EDDSA.get(size).get(0) + " Public-Key"
+                : size >= 1024 ? "Public-Key: (" + size + " bit)" : "NIST CURVE: P-" + size;
     }
 
     private static String sigText(int signer, int sig) {
-        return (signer >= 1024 ? "sha%dWithRSAEncryption" : "ecdsa-with-SHA%d")
-                .formatted(sig == 1 ? 256 : 384);
+        return EDDSA.containsKey(signer) ? "Signature Algorithm: " + EDDSA.get(signer).get(0)
+                : (signer >= 1024 ? "sha%dWithRSAEncryption" : "ecdsa-with-SHA%d")
+                        .formatted(sig == 1 ? 256 : 384);
     }
 
     private static String sigOid(int signer, int sig) {
-        return signer >= 1024 ? "1.2.840.113549.1.1." + (10 + sig)
-                : "1.2.840.10045.4.3." + (1 + sig);
+        return EDDSA.containsKey(signer) ? (String) EDDSA.get(signer).get(1)
+                : signer >= 1024 ? "1.2.840.113549.1.1." + (10 + sig)
+                        : "1.2.840.10045.4.3." + (1 + sig);
+    }
+
+    private static int algorithm(int size) {
+        return EDDSA.containsKey(size) ? (int) EDDSA.get(size).get(2) : size >= 1024 ? 1 : 2;
+    }
+
+    private static int bits(int size) {
+        return EDDSA.containsKey(size) ? (int) EDDSA.get(size).get(3) : size;
     }
 
     private static String serial(Path dir) {
