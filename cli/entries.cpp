@@ -96,35 +96,39 @@ Json rename(Context& ctx, const std::string& label, const std::string& newLabel)
 
 }  // namespace
 
-void addEntryCommands(CLI::App& app, Context& ctx) {
+void addEntryVerbs(CLI::App& noun, Context& ctx, const std::function<void(CLI::App*)>& storeOptions) {
     struct Args {
         std::string label, newLabel, state;
         bool pem = false;
     };
     auto a = std::make_shared<Args>();
-    CLI::App* cmd = verb(app, "show", "show an entry's certificate (or request) in full", ctx,
+    CLI::App* cmd = verb(noun, "show", "show an entry's certificate (or request) in full", ctx,
                          [&ctx, a] { return show(ctx, a->label, a->pem); });
     addLabel(cmd, "label", a->label, "the entry's label")->required();
     cmd->add_flag("--pem", a->pem, "print the certificate as PEM");
-    addStoreOptions(cmd, ctx);
-    cmd = verb(app, "delete", "delete an entry (a key with its certificate, or a request)", ctx,
+    storeOptions(cmd);
+    cmd = verb(noun, "delete", "delete an entry (a key with its certificate, or a request)", ctx,
                [&ctx, a] { return remove(ctx, a->label); });
     addLabel(cmd, "label", a->label, "the entry's label")->required();
-    addStoreOptions(cmd, ctx);
-    cmd = verb(app, "default", "make a personal key the default key", ctx,
+    storeOptions(cmd);
+    cmd = verb(noun, "default", "make a personal key the default key", ctx,
                [&ctx, a] { return makeDefault(ctx, a->label); });
     addLabel(cmd, "label", a->label, "the entry's label")->required();
-    addStoreOptions(cmd, ctx);
-    cmd = verb(app, "trust", "trust an entry's certificate as a root, or stop trusting it", ctx,
+    storeOptions(cmd);
+    cmd = verb(noun, "trust", "trust an entry's certificate as a root, or stop trusting it", ctx,
                [&ctx, a] { return trust(ctx, a->label, a->state); });
     addLabel(cmd, "label", a->label, "the entry's label")->required();
     cmd->add_option("state", a->state, "on or off")->required()->check(CLI::IsMember({"on", "off"}));
-    addStoreOptions(cmd, ctx);
-    cmd = verb(app, "rename", "give an entry a new label (a key, a signer or a request)", ctx,
+    storeOptions(cmd);
+    cmd = verb(noun, "rename", "give an entry a new label (a key, a signer or a request)", ctx,
                [&ctx, a] { return rename(ctx, a->label, a->newLabel); });
     addLabel(cmd, "label", a->label, "the entry's label")->required();
     addLabel(cmd, "new-label", a->newLabel, "its new label")->required();
-    addStoreOptions(cmd, ctx);
+    storeOptions(cmd);
+}
+
+void addEntryCommands(CLI::App& app, Context& ctx) {
+    addEntryVerbs(app, ctx, [&ctx](CLI::App* cmd) { addStoreOptions(cmd, ctx); });
 }
 
 }  // namespace tolvik

@@ -102,34 +102,43 @@ const char* kindName(int32_t kind) {
     return kinds[kind >= 1 && kind <= 3 ? kind : 0];
 }
 
+// table - the entries as aligned columns, written in one pass once the label and key columns'
+// widths are known.
 std::string table(const std::vector<Entry>& entries, const Filter& f, bool terminal) {
     const bool paint = terminal && colour();
-    std::vector<std::vector<std::string>> rows{
-        {"label", "kind", "default", "trusted", "key", "expires", "days left"}};
-    std::vector<const char*> paints{nullptr};
+    std::vector<std::string> labels;
+    labels.reserve(entries.size());
+    size_t labelWidth = 5, keyWidth = 3;
     for (const Entry& e : entries) {
+        labels.push_back(terminalText(e.label));
+        labelWidth = std::max(labelWidth, width(labels.back()));
+        keyWidth = std::max(keyWidth, keyText(e.keyType, e.keyBits).size());
+    }
+    std::string text;
+    text.reserve((labelWidth + keyWidth + 64) * (entries.size() + 1));
+    auto cell = [&text](std::string_view s, size_t columns) {
+        text += s;
+        text.append(columns + 2 - std::min(columns, width(s)), ' ');
+    };
+    cell("label", labelWidth);
+    text += "kind      default  trusted  ";
+    cell("key", keyWidth);
+    text += "expires               days left\n";
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const Entry& e = entries[i];
         const bool request = e.kind == ZAVKM_ENTRY_REQUEST;
-        const int64_t days = daysLeft(e.notAfter, f.now);
         const bool expired = !request && e.notAfter <= f.now;
         const bool soon = !request && !expired && e.notAfter <= f.now + f.soon;
-        std::string left = request ? "-" : std::to_string(days);
-        if (terminal && expired) left += " expired";
-        if (terminal && soon) left += " soon";
-        rows.push_back({terminalText(e.label), kindName(e.kind), e.isDefault ? "yes" : "no",
-                        e.trusted ? "yes" : "no", keyText(e.keyType, e.keyBits),
-                        request ? "-" : isoTime(e.notAfter), left});
-        paints.push_back(paint && expired ? "\033[31m" : paint && soon ? "\033[33m" : nullptr);
-    }
-    std::vector<size_t> widths(rows[0].size());
-    for (const auto& cells : rows)
-        for (size_t i = 0; i < cells.size(); ++i) widths[i] = std::max(widths[i], width(cells[i]));
-    std::string text;
-    for (size_t r = 0; r < rows.size(); ++r) {
-        if (paints[r]) text += paints[r];
-        for (size_t i = 0; i + 1 < rows[r].size(); ++i)
-            text += rows[r][i] + std::string(widths[i] + 2 - width(rows[r][i]), ' ');
-        text += rows[r].back();
-        if (paints[r]) text += "\033[0m";
+        if (paint && (expired || soon)) text += expired ? "\033[31m" : "\033[33m";
+        cell(labels[i], labelWidth);
+        cell(kindName(e.kind), 8);
+        cell(e.isDefault ? "yes" : "no", 7);
+        cell(e.trusted ? "yes" : "no", 7);
+        cell(keyText(e.keyType, e.keyBits), keyWidth);
+        cell(request ? "-" : isoTime(e.notAfter), 20);
+        text += request ? "-" : std::to_string(daysLeft(e.notAfter, f.now));
+        if (terminal && (expired || soon)) text += expired ? " expired" : " soon";
+        if (paint && (expired || soon)) text += "\033[0m";
         text += '\n';
     }
     return text;
@@ -160,18 +169,18 @@ Json entryJson(const Entry& e, int64_t now) {
 }
 
 // promValue - a label value of the Prometheus text format: backslash, double quote and newline
-// escaped; bytes that are not UTF-8 become U+FFFD.
+// escaped; other control characters (which the format would carry raw to a terminal) and bytes
+// that are not UTF-8 become U+FFFD.
 std::string promValue(const std::string& text) {
     std::string valid = Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
     valid = Json::parse(valid).get<std::string>();
     std::string out;
     for (char c : valid) {
+        const auto b = static_cast<unsigned char>(c);
         if (c == '\\' || c == '"') out += '\\';
-        if (c == '\n') {
-            out += "\\n";
-            continue;
-        }
-        out += c;
+        if (c == '\n') out += "\\n";
+        else if (b < 0x20 || b == 0x7f) out += "\xef\xbf\xbd";
+        else out += c;
     }
     return out;
 }

@@ -176,7 +176,16 @@ std::string changes(const Json& doc) {
 
 }  // namespace
 
+namespace {
+
+bool printableAscii(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7f; });
+}
+
+}  // namespace
+
 std::string terminalText(std::string_view text) {
+    if (printableAscii(text)) return std::string(text);
     std::string out;
     out.reserve(text.size());
     char buf[16];
@@ -198,6 +207,7 @@ std::string terminalText(std::string_view text) {
 }
 
 size_t width(std::string_view text) {
+    if (printableAscii(text)) return text.size();
     static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
     const locale_t previous = utf8 ? uselocale(utf8) : nullptr;
     size_t columns = 0;

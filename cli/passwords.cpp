@@ -6,8 +6,8 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
 
 #include "tolvik.h"
@@ -33,9 +33,10 @@ bool given(const PasswordSource& s) { return !s.file.empty() || !s.env.empty() |
 Secret fromSource(const PasswordSource& s) {
     Secret secret;
     if (!s.file.empty()) {
-        std::ifstream in(s.file);
-        if (!in) throw Failure{"read the password file " + s.file, ZAVKM_ERR_FILE_OPEN_TO_READ, ""};
-        std::getline(in, secret.text);
+        Bytes data = readInput(s.file);  // a FIFO without a writer does not block
+        const auto end = std::find(data.begin(), data.end(), '\n');
+        secret.text.assign(data.begin(), end);
+        OPENSSL_cleanse(data.data(), data.size());
         if (!secret.text.empty() && secret.text.back() == '\r') secret.text.pop_back();
     } else if (!s.env.empty()) {
         const char* value = std::getenv(s.env.c_str());

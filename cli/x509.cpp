@@ -17,18 +17,16 @@
 namespace tolvik {
 namespace {
 
-template <class T, auto Free>
-using Ptr = std::unique_ptr<T, Releaser<Free>>;
-using BioPtr = Ptr<BIO, BIO_free_all>;
-using X509Ptr = Ptr<X509, X509_free>;
-using ReqPtr = Ptr<X509_REQ, X509_REQ_free>;
-using NamePtr = Ptr<X509_NAME, X509_NAME_free>;
-using ExtPtr = Ptr<X509_EXTENSION, X509_EXTENSION_free>;
-using TimePtr = Ptr<ASN1_TIME, ASN1_TIME_free>;
+using BioPtr = Owned<BIO, BIO_free_all>;
+using X509Ptr = Owned<X509, X509_free>;
+using ReqPtr = Owned<X509_REQ, X509_REQ_free>;
+using NamePtr = Owned<X509_NAME, X509_NAME_free>;
+using ExtPtr = Owned<X509_EXTENSION, X509_EXTENSION_free>;
+using TimePtr = Owned<ASN1_TIME, ASN1_TIME_free>;
 void freeExtensions(STACK_OF(X509_EXTENSION) * s) { sk_X509_EXTENSION_pop_free(s, X509_EXTENSION_free); }
-using ExtensionsPtr = Ptr<STACK_OF(X509_EXTENSION), freeExtensions>;
+using ExtensionsPtr = Owned<STACK_OF(X509_EXTENSION), freeExtensions>;
 void freeNames(GENERAL_NAMES* n) { GENERAL_NAMES_free(n); }
-using NamesPtr = Ptr<GENERAL_NAMES, freeNames>;
+using NamesPtr = Owned<GENERAL_NAMES, freeNames>;
 
 struct Field {
     const char* name;
@@ -244,7 +242,7 @@ std::optional<CertFacts> certFacts(const uint8_t* der, size_t length) {
     const int n = cn < 0 ? -1 : ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, cn)));
     if (n > 0) f.commonName.assign(reinterpret_cast<char*>(utf8), static_cast<size_t>(n));
     OPENSSL_free(utf8);
-    Ptr<BIGNUM, BN_free> serial(ASN1_INTEGER_to_BN(X509_get0_serialNumber(cert.get()), nullptr));
+    Owned<BIGNUM, BN_free> serial(ASN1_INTEGER_to_BN(X509_get0_serialNumber(cert.get()), nullptr));
     if (char* hex = serial ? BN_bn2hex(serial.get()) : nullptr) {
         f.serial = hex;
         OPENSSL_free(hex);

@@ -106,7 +106,10 @@ sys.exit(len(cols) != 1)"; }
 ok cert add-ca 日本語 --in a-root.pem
 run p12 import evil.p12 --p12-password-env P12  # the library may refuse the label (65)
 [ "$rc" -eq 0 ] || has err "65 ZAVKM_ERR_PARAMETER"
+run cert add-ca $'\xffbad' --in b-root.pem  # text that is not UTF-8: refused (65) or kept
+[ "$rc" -eq 0 ] || has err "65 ZAVKM_ERR_PARAMETER"
 check \
+  "0|list --json||json \"all(r['label'] == '\\\\ufffdbad' for r in d['entries'] if r['label'].endswith('bad'))\"" \
   "0|list||! grep -q \$'\\033' out && aligned && { ! grep -q evil out || has out 'evil\\\\x1b\\[2J\\\\nrow'; }" \
   "0|show 日本語 --json||json \"d['label'] == '日本語'\""
 

@@ -10,7 +10,7 @@ echo "not a key database" > junk.kdb
 head -c 12288 keys.kdb > cut.kdb
 openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out k.pem 2> /dev/null
 ok epki encrypt --in k.pem --out k.p8 --key-password-env PW
-mkfifo fifo.p12
+mkfifo fifo.p12 fifo.pw
 long=$(printf 'x%.0s' $(seq 256))
 play \
   "1|list --password-env BAD|open key database keys.kdb: 16 ZAVKM_ERR_DATABASE_INVALID_PASSWORD \(wrong password" \
@@ -27,6 +27,7 @@ play \
   "1|cert add-ca z --in /dev/zero --password-env PW|read /dev/zero: 65 ZAVKM_ERR_PARAMETER \(the file is larger than 16 MiB" \
   "1|p12 import fifo.p12 --p12-password-env PW --password-env PW|read fifo.p12: 65 ZAVKM_ERR_PARAMETER \(the file is empty" \
   "1|p12 import none.p12 --p12-password-env PW --password-env PW|read none.p12: 87 ZAVKM_ERR_FILE_OPEN_TO_READ" \
+  "1|list --password-file fifo.pw|read fifo.pw: 65 ZAVKM_ERR_PARAMETER \(the file is empty" \
   "1|p12 export x.p12 ca nosuch --p12-password-env PW --password-env PW|export to x.p12: 117 ZAVKM_ERR_KEY_GET_BY_LABEL \(no entry nosuch\)" \
   "1|epki decrypt --in k.p8 --out none/k.pem --key-password-env PW|write none/k.pem: [0-9]+ ZAVKM_ERR" \
   "1|token list /none.so|list the tokens of /none.so: 140 ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LIBRARY_NOT_LOADED" \
