@@ -11,7 +11,6 @@ Json showRequest(Context& ctx, ZAVKM_KeyDbHandle handle, const std::string& labe
     std::string text = pem("CERTIFICATE REQUEST", req.der, req.derLength);
     if (withPem && !ctx.json) {
         writeOut(text);
-        ctx.printed = true;
         return nullptr;
     }
     std::optional<CertFacts> f = requestFacts(req.der, req.derLength);
@@ -38,7 +37,6 @@ Json show(Context& ctx, const std::string& label, bool withPem) {
     std::string text = pem("CERTIFICATE", cert.der, cert.derLength);
     if (withPem && !ctx.json) {
         writeOut(text);
-        ctx.printed = true;
         return nullptr;
     }
     Json doc{{"label", label},

@@ -132,7 +132,7 @@ Json verify(Context& ctx) {
     if (damage.count > 0)
         ctx.partial = std::make_shared<Failure>(Failure{
             "vouch for " + store.name, ZAVKM_ERR_DATABASE_KEY_INTEGRITY,
-            std::to_string(damage.count) + " damaged rows; tolvik keydb repair removes them"});
+            damagedRows(damage.count) + "; tolvik keydb repair removes them"});
     return {{"file", store.name}, {"sound", damage.count == 0}, {"damaged", damageJson(damage)}};
 }
 
@@ -150,11 +150,11 @@ Json repair(Context& ctx, bool yes) {
     Json result = changed(changes);
     result["removed"] = 0;
     if (damage.count == 0) return result;
-    const std::string question = "Remove " + std::to_string(damage.count) + " damaged rows from " +
+    const std::string question = "Remove " + damagedRows(damage.count) + " from " +
                                  store.name + "? What they held is lost.";
     if (!yes && !isatty(STDIN_FILENO))
-        throw UsageError{"keydb repair removes " + std::to_string(damage.count) +
-                         " damaged rows: confirm on a terminal or give --yes"};
+        throw UsageError{"keydb repair removes " + damagedRows(damage.count) +
+                         ": confirm on a terminal or give --yes"};
     if (!yes && !confirmed(terminalText(question)))
         throw Failure{"repair " + store.name, ZAVKM_OK, "not confirmed; nothing removed"};
     uint32_t removed = 0;

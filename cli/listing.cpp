@@ -273,7 +273,6 @@ Json list(Context& ctx, const ListArgs& a) {
     } else {
         writeOutput(ctx, a.out, reinterpret_cast<const uint8_t*>(text.data()), text.size(), false);
     }
-    ctx.printed = true;
     return nullptr;
 }
 
@@ -298,11 +297,15 @@ std::vector<Entry> listing(ZAVKM_KeyDbHandle handle, bool der, uint32_t& damaged
     return entries;
 }
 
+std::string damagedRows(uint32_t count) {
+    return std::to_string(count) + (count == 1 ? " damaged row" : " damaged rows");
+}
+
 void reportDamage(Context& ctx, uint32_t damaged) {
     if (damaged == 0) return;
     ctx.partial = std::make_shared<Failure>(Failure{
         "list every entry", ZAVKM_ERR_DATABASE_KEY_INTEGRITY,
-        std::to_string(damaged) + " damaged rows left out; tolvik keydb verify names them"});
+        damagedRows(damaged) + " left out; tolvik keydb verify names them"});
 }
 
 void addListCommand(CLI::App& app, Context& ctx) {

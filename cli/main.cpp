@@ -70,22 +70,24 @@ struct Library {
     ~Library() { ZAVKM_CleanAll(); }
 };
 
-Json envelope(const Context& ctx, bool ok) {
-    return {{"tolvik", kJsonVersion}, {"command", ctx.command}, {"ok", ok}};
-}
-
-}  // namespace
-
 Json errorJson(const Failure& failure) {
     return {{"code", failure.code}, {"name", codeName(failure.code)}, {"message", describe(failure)}};
 }
 
-Json document(const Context& ctx, const Json& result) {
-    Json doc = envelope(ctx, ctx.partial == nullptr);
-    doc["result"] = result;
+// document - the run's JSON document; `failure` makes it a failed one (its result kept when
+// there is one).
+Json document(const Context& ctx, const Json& result, const Failure* failure) {
+    Json doc{{"tolvik", kJsonVersion}, {"command", ctx.command}, {"ok", failure == nullptr}};
+    if (!result.is_null() || failure == nullptr) doc["result"] = result;
     doc["warnings"] = ctx.warnings;
-    if (ctx.partial) doc["error"] = errorJson(*ctx.partial);
+    if (failure != nullptr) doc["error"] = errorJson(*failure);
     return doc;
+}
+
+}  // namespace
+
+Json document(const Context& ctx, const Json& result) {
+    return document(ctx, result, ctx.partial.get());
 }
 
 namespace {
@@ -94,15 +96,9 @@ void warn(const Context& ctx) {
     for (const std::string& w : ctx.warnings) std::cerr << "tolvik: warning: " << terminalText(w) << '\n';
 }
 
-int fail(const Context& ctx, const Failure& failure, Json result) {
+int fail(const Context& ctx, const Failure& failure, const Json& result) {
     std::cerr << "tolvik: " << describe(failure) << '\n';
-    if (ctx.json) {
-        Json doc = envelope(ctx, false);
-        if (!result.is_null()) doc["result"] = std::move(result);
-        doc["error"] = errorJson(failure);
-        doc["warnings"] = ctx.warnings;
-        (ctx.dataOnStdout ? std::cerr : std::cout) << jsonText(doc) << std::flush;
-    }
+    if (ctx.json) (ctx.dataOnStdout ? std::cerr : std::cout) << jsonText(document(ctx, result, &failure)) << std::flush;
     return 1;
 }
 

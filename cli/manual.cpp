@@ -44,7 +44,7 @@ std::vector<Command> tree(const CLI::App& root) {
     return all;
 }
 
-bool takesValue(const CLI::Option* o) { return o->get_type_size_max() > 0 && !o->get_positional(); }
+bool takesValue(const CLI::Option* o) { return o->get_type_size_max() > 0; }
 
 // choices - the values a member check allows, read from the type name it leaves ("TEXT:{a,b}").
 std::vector<std::string> choices(const CLI::Option* o) {

@@ -235,6 +235,8 @@ ZAVKM_ReturnCode withProgress(int keySize, const std::function<ZAVKM_ReturnCode(
 // listing - every entry of an open store; `der` asks for each certificate's DER. `damaged` is
 // how many rows the library left out (0 for a whole listing).
 std::vector<Entry> listing(ZAVKM_KeyDbHandle handle, bool der, uint32_t& damaged);
+// damagedRows - "1 damaged row", "2 damaged rows".
+std::string damagedRows(uint32_t count);
 // reportDamage - a partial listing is said on standard error and ends the run with 1.
 void reportDamage(Context& ctx, uint32_t damaged);
 

@@ -115,7 +115,7 @@ check \
 
 # Everyday verbs: rename, EdDSA keys, names with further parts.
 check \
-  "rename:0|rename web2 www||ok show www && { run show web2; [ \$rc -eq 1 ]; }" \
+  "rename:0|rename web2 www --db keys.kdb||ok show www && { run show web2; [ \$rc -eq 1 ]; }" \
   "rename:1|rename ca web||has err '23 ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL'" \
   "eddsa:0|cert selfsign ed --key ed25519 --subject CN=ed --out ed.pem||openssl x509 -in ed.pem -noout -text | grep -q ED25519" \
   "eddsa:0|cert request ed448 --key ed448 --subject CN=ed448 --out ed448.csr||openssl req -in ed448.csr -noout -text | grep -q ED448" \

@@ -21,7 +21,8 @@ check \
   "0|list||[ \"\$(labels)\" = 'ca old req soon ' ] && has out '^req +request .* - +-$'" \
   "2|list --expiring 30x||has err 'expiring: a duration from 1h'" \
   "2|list --expiring 0d||has err 'expiring: a duration from 1h'" \
-  "4|list --expiring 30d --json||json \"[(r['label'], r['days_left'] < 0) for r in d['entries']] == [('soon', False), ('old', True)]\""
+  "4|list --expiring 30d --json||json \"[(r['label'], r['days_left'] < 0) for r in d['entries']] == [('soon', False), ('old', True)]\"" \
+  "0|keydb info --json||json \"d['entries'] == {'personal': 1, 'signer': 2, 'request': 1, 'trusted': 3} and d['next_expiry']['label'] == 'old' and d['damaged'] == 0\""
 ok delete old
 check \
   "3|list --expiring 30d||[ \"\$(labels)\" = 'soon ' ]" \
@@ -80,11 +81,11 @@ if ! pending integrity "damaged rows"; then
   before=$(gen) && ok trust soon on && [ "$(gen)" -eq $((before + 1)) ] || fail "the generation does not count a change"
   sqlite3 keys.kdb "UPDATE keys SET label = 'forged' WHERE label = 'soon'"
   check \
-    "1|list||has err '^tolvik: cannot list every entry: 20 .*1 damaged rows' && has out '^ca ' && ! grep -q forged out" \
+    "1|list||has err '^tolvik: cannot list every entry: 20 .*1 damaged row left out' && has out '^ca ' && ! grep -q forged out" \
     "1|list --json||json \"d['damaged'] == 1 and not doc['ok'] and doc['error']['code'] == 20\"" \
-    "1|keydb verify --json||json \"not d['sound'] and [(r['label'], r['reason']) for r in d['damaged']] == [('forged', 'mac')]\"" \
+    "1|keydb verify --json||json \"not d['sound'] and ('forged', 'signer', 'mac') in [(r['label'], r['kind'], r['reason']) for r in d['damaged']]\"" \
     "2|keydb repair||has err 'confirm on a terminal or give --yes'" \
-    "0|keydb repair --yes --json||json \"d['removed'] == 1 and d['changes'] == [{'action': 'delete', 'label': 'forged', 'kind': 'signer'}]\"" \
+    "0|keydb repair --yes --json||json \"d['removed'] >= 1 and {'action': 'delete', 'label': 'forged', 'kind': 'signer'} in d['changes']\"" \
     "0|keydb verify --json||json \"d['sound']\"" \
     "0|list||has out '^ca '"
 fi
