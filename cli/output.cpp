@@ -1,6 +1,6 @@
-// output.cpp - what tolvik prints: results as aligned text or one JSON document, failures as one
-// line with the code's name and a hint; times; progress; the files it reads and writes itself.
-#include <fcntl.h>
+// output.cpp - what tolvik prints: results as aligned text or JSON, failures as one line with the
+// code's name and a hint; text made safe for a terminal and measured in columns; times; progress.
+#include <locale.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,9 +8,9 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <fstream>
+#include <cwchar>
 #include <iostream>
 #include <iterator>
 #include <map>
@@ -29,13 +29,6 @@ const char* codeName(ZAVKM_ReturnCode code) {
     return code >= 0 && code <= ZAVKM_ERROR_COUNT ? names[code] : "(unnamed)";
 }
 
-// columns - the characters of UTF-8 text (one column each; continuation bytes are not counted).
-size_t columns(std::string_view text) {
-    return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-        return (static_cast<unsigned char>(c) & 0xc0) != 0x80;
-    }));
-}
-
 namespace {
 
 // What a person can do about a code, where there is something to say.
@@ -46,16 +39,24 @@ const std::map<ZAVKM_ReturnCode, const char*> hints{
     {ZAVKM_ERR_DATABASE_INVALID_PASSWORD, "wrong password, or a stale stash file"},
     {ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE, "not a key database of ours"},
     {ZAVKM_ERR_DATABASE_CORRUPTION, "the file is damaged; restore it from a backup"},
+    {ZAVKM_ERR_DATABASE_KEY_INTEGRITY,
+     "rows of the file fail their check; tolvik keydb verify names them"},
     {ZAVKM_ERR_DATABASE_PASSWORD_CORRUPTION, "the stash file is damaged; stash again"},
     {ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL, "the label is taken"},
-    {ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE, "key sizes: RSA 1024-16384, EC 256, 384, 521"},
+    {ZAVKM_ERR_CRYPTO_UNSUPPORTED_MODULUS_SIZE,
+     "key sizes: RSA 1024-16384, EC 256, 384, 521; or --key ed25519|ed448"},
     {ZAVKM_ERR_VALIDATION_KEY_VALIDITY,
      "a certificate of the chain has expired or is not yet valid"},
     {ZAVKM_ERR_VALIDATION_KEY_ISSUER_NOT_FOUND, "add the issuer with tolvik cert add-ca"},
     {ZAVKM_ERR_VALIDATION_KEY_PAIR, "the key does not belong to the certificate"},
+    {ZAVKM_ERR_VALIDATION_KEY_SIGNATURE, "a signature does not verify"},
+    {ZAVKM_ERR_VALIDATION_KEY_BASIC_CONSTRAINTS, "the issuer is not a CA certificate"},
+    {ZAVKM_ERR_INVALID_CERT_CHAIN, "the chain does not validate"},
     {ZAVKM_ERR_PASSWORD_EXPIRATION_TIME, "the password has expired; tolvik keydb changepw"},
     {ZAVKM_ERR_UNSUPPORTED_OPTION, "not available yet in this build of the library"},
+    {ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT, "not available for this store yet"},
     {ZAVKM_ERR_FILE_OPEN_NOT_EXIST, "no such file"},
+    {ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED, "the file is not ours, or not a file that may be used"},
     {ZAVKM_ERR_BASE64_INVALID_DATA, "neither PEM nor base64"},
     {ZAVKM_ERR_KEYDB_NOT_EXIST, "no such key database; tolvik keydb create makes one"},
     {ZAVKM_ERR_PASSWORD_CHANGE_MATCH, "the new password is the old one"},
@@ -77,7 +78,7 @@ std::string words(std::string key) {
 }
 
 std::string scalar(const Json& v) {
-    if (v.is_string()) return v.get<std::string>();
+    if (v.is_string()) return terminalText(v.get<std::string>());
     if (v.is_null()) return "-";
     if (v.is_boolean()) return v.get<bool>() ? "yes" : "no";
     return v.dump();
@@ -86,66 +87,210 @@ std::string scalar(const Json& v) {
 // line - an object on one line: "key value, ..."; in a list of rows its values only, a true
 // flag shown by its name and a false one left out.
 std::string line(const Json& v, bool row) {
+    if (v.is_array()) {
+        std::string text;
+        for (const Json& x : v) text += (text.empty() ? "" : ", ") + scalar(x);
+        return text.empty() ? "-" : text;
+    }
     if (!v.is_object()) return scalar(v);
     std::string text;
     for (const auto& [key, x] : v.items()) {
         std::string part = x.is_boolean() && row ? (x.get<bool>() ? words(key) : "")
-                                                 : (row ? "" : words(key) + " ") + scalar(x);
+                                                 : (row ? "" : words(key) + " ") + line(x, false);
         if (!part.empty()) text += (text.empty() ? "" : row ? "  " : ", ") + part;
     }
     return text;
 }
 
 // table - rows of objects under a header of their keys, columns aligned.
-void table(const Json& rows) {
+std::string table(const Json& rows) {
     std::vector<std::vector<std::string>> lines(1);
     for (const auto& [key, x] : rows.front().items()) lines[0].push_back(words(key));
     for (const Json& r : rows) {
         lines.emplace_back();
-        for (const auto& [key, x] : r.items()) lines.back().push_back(scalar(x));
+        for (const auto& [key, x] : r.items()) lines.back().push_back(line(x, false));
     }
-    std::vector<size_t> width(lines[0].size());
-    for (const auto& cells : lines) {
-        for (size_t i = 0; i < cells.size(); ++i)
-            width[i] = std::max(width[i], columns(cells[i]) + 2);
-    }
+    std::vector<size_t> widths(lines[0].size());
+    for (const auto& cells : lines)
+        for (size_t i = 0; i < cells.size() && i < widths.size(); ++i)
+            widths[i] = std::max(widths[i], width(cells[i]) + 2);
+    std::string text;
     for (const auto& cells : lines) {
         for (size_t i = 0; i + 1 < cells.size(); ++i)
-            std::cout << cells[i] << std::string(width[i] - columns(cells[i]), ' ');
-        std::cout << cells.back() << '\n';
+            text += cells[i] + std::string(widths[i] - width(cells[i]), ' ');
+        text += cells.back() + '\n';
     }
+    return text;
+}
+
+// decode - the code point at text[i] and its length; -1 for a byte that starts no UTF-8
+// sequence (overlong forms, surrogates and values past U+10FFFF included).
+int32_t decode(std::string_view text, size_t i, size_t& length) {
+    const auto b = [&](size_t k) { return static_cast<unsigned char>(text[i + k]); };
+    const unsigned char c = b(0);
+    length = 1;
+    if (c < 0x80) return c;
+    const size_t n = c >= 0xf0 ? 4 : c >= 0xe0 ? 3 : c >= 0xc0 ? 2 : 0;
+    if (n == 0 || c > 0xf4 || i + n > text.size()) return -1;
+    int32_t cp = c & (0x3f >> (n - 1));
+    for (size_t k = 1; k < n; ++k) {
+        if ((b(k) & 0xc0) != 0x80) return -1;
+        cp = cp << 6 | (b(k) & 0x3f);
+    }
+    static constexpr int32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (cp < kLeast[n] || cp > 0x10ffff || (cp >= 0xd800 && cp <= 0xdfff)) return -1;
+    length = n;
+    return cp;
+}
+
+// hidden - code points a terminal acts on or that turn text around: C0, DEL, C1, the
+// bidirectional controls and the line and paragraph separators.
+bool hidden(int32_t cp) {
+    return cp < 0x20 || (cp >= 0x7f && cp <= 0x9f) || cp == 0x61c || cp == 0x200e ||
+           cp == 0x200f || (cp >= 0x2028 && cp <= 0x202e) || (cp >= 0x2066 && cp <= 0x2069);
+}
+
+// changes - a changing command's result as sentences: "added ca (personal, trusted)", "wrote
+// ca.pem (certificate)", then its other members as "key value" lines.
+std::string changes(const Json& doc) {
+    static const std::map<std::string, std::string> past{
+        {"add", "added"}, {"delete", "deleted"}, {"update", "updated"}, {"rename", "renamed"}};
+    std::string text;
+    for (const Json& c : doc["changes"]) {
+        auto verb = past.find(c.value("action", ""));
+        text += (verb == past.end() ? c.value("action", "") : verb->second) + " " + scalar(c["label"]);
+        if (c.contains("new_label")) text += " to " + scalar(c["new_label"]);
+        std::string notes = c["kind"].is_string() ? c["kind"].get<std::string>() : "";
+        for (const char* flag : {"trusted", "default"}) {
+            if (c.contains(flag))
+                notes += (notes.empty() ? "" : ", ") + std::string(c[flag].get<bool>() ? "" : "not ") + flag;
+        }
+        text += notes.empty() ? "\n" : " (" + notes + ")\n";
+    }
+    for (const Json& f : doc["files"]) text += "wrote " + scalar(f["path"]) + " (" + scalar(f["content"]) + ")\n";
+    for (const auto& [key, x] : doc.items()) {
+        if (key != "changes" && key != "files") text += words(key) + "  " + line(x, false) + "\n";
+    }
+    return text;
 }
 
 }  // namespace
 
-void print(const Json& doc, bool json) {
-    if (json) {
-        std::cout << doc.dump(2) << '\n';
-    } else if (doc.is_array()) {
-        if (!doc.empty() && doc.front().is_object())
-            table(doc);
-        else
-            for (const Json& v : doc) std::cout << scalar(v) << '\n';
-    } else {
-        size_t width = 0;
-        for (const auto& [key, x] : doc.items()) width = std::max(width, key.size());
-        for (const auto& [key, x] : doc.items()) {
-            std::string pad(width + 2 - key.size(), ' ');
-            if (!x.is_array()) std::cout << words(key) << pad << line(x, false) << '\n';
-            if (x.is_array() && x.empty()) std::cout << words(key) << pad << "-\n";
-            for (size_t i = 0; x.is_array() && i < x.size(); ++i) {
-                std::cout << (i ? std::string(width + 2, ' ') : words(key) + pad)
-                          << line(x[i], true) << '\n';
-            }
+namespace {
+
+bool printableAscii(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7f; });
+}
+
+}  // namespace
+
+std::string terminalText(std::string_view text) {
+    if (printableAscii(text)) return std::string(text);
+    std::string out;
+    out.reserve(text.size());
+    char buf[16];
+    for (size_t i = 0, n = 0; i < text.size(); i += n) {
+        const int32_t cp = decode(text, i, n);
+        if (cp == '\n' || cp == '\t' || cp == '\r') {
+            out += cp == '\n' ? "\\n" : cp == '\t' ? "\\t" : "\\r";
+        } else if (cp < 0x20 || cp == 0x7f) {  // a byte that is no UTF-8 too
+            std::snprintf(buf, sizeof buf, "\\x%02x", static_cast<unsigned char>(text[i]));
+            out += buf;
+        } else if (hidden(cp)) {
+            std::snprintf(buf, sizeof buf, "\\u%04x", static_cast<unsigned>(cp));
+            out += buf;
+        } else {
+            out.append(text.substr(i, n));
         }
     }
+    return out;
+}
+
+size_t width(std::string_view text) {
+    if (printableAscii(text)) return text.size();
+    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    const locale_t previous = utf8 ? uselocale(utf8) : nullptr;
+    size_t columns = 0;
+    for (size_t i = 0, n = 0; i < text.size(); i += n) {
+        const int32_t cp = decode(text, i, n);
+        const int w = cp < 0 ? 4 : utf8 ? wcwidth(static_cast<wchar_t>(cp)) : 1;
+        columns += static_cast<size_t>(std::max(w, 0));
+    }
+    if (utf8) uselocale(previous);
+    return columns;
+}
+
+std::string padded(std::string_view text, size_t columns) {
+    std::string shown = terminalText(text);
+    const size_t used = width(shown);
+    if (used < columns) shown.append(columns - used, ' ');
+    return shown;
+}
+
+bool colour() {
+    const char* noColour = std::getenv("NO_COLOR");
+    const char* term = std::getenv("TERM");
+    return isatty(STDOUT_FILENO) && (noColour == nullptr || *noColour == '\0') &&
+           !(term != nullptr && std::strcmp(term, "dumb") == 0);
+}
+
+void writeOut(std::string_view text) {
+    std::cout.flush();
+    if (!text.empty() && std::fwrite(text.data(), 1, text.size(), stdout) != text.size())
+        throw Failure{"write to standard output", ZAVKM_ERR_FILE_WRITE, std::strerror(errno)};
+    if (std::fflush(stdout) != 0)
+        throw Failure{"write to standard output", ZAVKM_ERR_FILE_WRITE, std::strerror(errno)};
+}
+
+std::string render(const Json& doc) {
+    std::string text;
+    if (doc.is_array()) {
+        if (!doc.empty() && doc.front().is_object()) {
+            text = table(doc);
+        } else {
+            for (const Json& v : doc) text += scalar(v) + '\n';
+        }
+    } else if (doc.is_object() && doc.contains("changes") && doc.contains("files")) {
+        text = changes(doc);
+    } else if (doc.is_object()) {
+        size_t keys = 0;
+        for (const auto& [key, x] : doc.items()) keys = std::max(keys, key.size());
+        for (const auto& [key, x] : doc.items()) {
+            std::string pad(keys + 2 - key.size(), ' ');
+            const bool rows = x.is_array() && !x.empty() && x.front().is_object();
+            if (!rows) text += words(key) + pad + line(x, false) + '\n';
+            for (size_t i = 0; rows && i < x.size(); ++i)
+                text += (i ? std::string(keys + 2, ' ') : words(key) + pad) + line(x[i], true) + '\n';
+        }
+    } else {
+        text = scalar(doc) + '\n';
+    }
+    return text;
+}
+
+Json change(const std::string& action, const std::string& label, const char* kind) {
+    return {{"action", action}, {"label", label}, {"kind", kind ? Json(kind) : Json()}};
+}
+
+Json file(const std::string& path, const std::string& content) {
+    return {{"path", path}, {"content", content}};
+}
+
+Json changed(Json changes, Json files) {
+    return {{"changes", changes.is_null() ? Json::array() : std::move(changes)},
+            {"files", std::move(files)}};
+}
+
+std::string jsonText(const Json& doc) {
+    return doc.dump(2, ' ', false, Json::error_handler_t::replace) + '\n';
 }
 
 std::string describe(const Failure& f) {
+    if (f.code == ZAVKM_OK) return terminalText("cannot " + f.what + ": " + f.hint);
     std::string text = "cannot " + f.what + ": " + std::to_string(f.code) + " " + codeName(f.code);
     auto known = hints.find(f.code);
     std::string why = !f.hint.empty() ? f.hint : known != hints.end() ? known->second : "";
-    return why.empty() ? text : text + " (" + why + ")";
+    return terminalText(why.empty() ? text : text + " (" + why + ")");
 }
 
 std::string isoTime(int64_t seconds) {
@@ -170,7 +315,7 @@ std::string isoTime(int64_t seconds) {
 }
 
 ZAVKM_ReturnCode withProgress(int keySize, const std::function<ZAVKM_ReturnCode()>& generate) {
-    if (keySize < 4096 || !isatty(STDERR_FILENO)) return generate();
+    if (keySize < 4096 || keySize == 25519 || !isatty(STDERR_FILENO)) return generate();
     std::atomic<bool> done{false};
     std::thread ticker([&done, keySize] {
         auto start = std::chrono::steady_clock::now();
@@ -189,50 +334,6 @@ ZAVKM_ReturnCode withProgress(int keySize, const std::function<ZAVKM_ReturnCode(
     done = true;
     ticker.join();
     return rc;
-}
-
-Bytes readFile(const std::string& path) {
-    constexpr size_t kLimit = 16u << 20;  // the library refuses larger files too
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw Failure{"read " + path, ZAVKM_ERR_FILE_OPEN_TO_READ, std::strerror(errno)};
-    Bytes data;
-    char chunk[65536];
-    while (in.read(chunk, sizeof chunk) || in.gcount() > 0) {
-        const size_t n = static_cast<size_t>(in.gcount());
-        if (data.size() + n > kLimit)
-            throw Failure{"read " + path, ZAVKM_ERR_PARAMETER, "the file is larger than 16 MiB"};
-        data.insert(data.end(), chunk, chunk + n);
-    }
-    if (in.bad()) throw Failure{"read " + path, ZAVKM_ERR_IO, std::strerror(errno)};
-    return data;
-}
-
-void writeFile(const std::string& path, const uint8_t* data, size_t length) {
-    std::string temp = path + ".XXXXXX";
-    int fd = mkstemp(temp.data());  // mode 0600
-    bool ok = fd >= 0;
-    for (size_t done = 0; ok && done < length;) {
-        ssize_t n = write(fd, data + done, length - done);
-        ok = n > 0;
-        done += ok ? static_cast<size_t>(n) : 0;
-    }
-    ok = ok && fsync(fd) == 0;
-    int error = errno;
-    if (fd >= 0) close(fd);
-    if (ok && std::rename(temp.c_str(), path.c_str()) == 0) {
-        // The rename reaches the disk with the directory.
-        const size_t slash = path.rfind('/');
-        const std::string dir = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-        int dirFd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (dirFd >= 0) {
-            fsync(dirFd);
-            close(dirFd);
-        }
-        return;
-    }
-    error = ok ? errno : error;
-    if (fd >= 0) unlink(temp.c_str());
-    throw Failure{"write " + path, ZAVKM_ERR_FILE_WRITE, std::strerror(error)};
 }
 
 }  // namespace tolvik

@@ -2,11 +2,12 @@
 // prompt without echo on the terminal, or the command line when the user insists), and opening
 // a store with one.
 #include <openssl/crypto.h>
+#include <signal.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
 
 #include "tolvik.h"
@@ -32,9 +33,10 @@ bool given(const PasswordSource& s) { return !s.file.empty() || !s.env.empty() |
 Secret fromSource(const PasswordSource& s) {
     Secret secret;
     if (!s.file.empty()) {
-        std::ifstream in(s.file);
-        if (!in) throw Failure{"read the password file " + s.file, ZAVKM_ERR_FILE_OPEN_TO_READ, ""};
-        std::getline(in, secret.text);
+        Bytes data = readInput(s.file);  // a FIFO without a writer does not block
+        const auto end = std::find(data.begin(), data.end(), '\n');
+        secret.text.assign(data.begin(), end);
+        OPENSSL_cleanse(data.data(), data.size());
         if (!secret.text.empty() && secret.text.back() == '\r') secret.text.pop_back();
     } else if (!s.env.empty()) {
         const char* value = std::getenv(s.env.c_str());
@@ -49,12 +51,28 @@ Secret fromSource(const PasswordSource& s) {
     return secret;
 }
 
-// ask - one answer read from the terminal with echo off.
+// The terminal's settings while a prompt has echo off, for the signal handler to put back.
+termios savedTerminal{};
+volatile sig_atomic_t echoOff = 0;
+
+void onSignal(int signal) {
+    if (echoOff) {
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &savedTerminal);
+        const char newline = '\n';
+        (void)!write(STDERR_FILENO, &newline, 1);
+    }
+    removeScratch();
+    _exit(128 + signal);
+}
+
+// ask - one answer read from the terminal with echo off (and echo back on however it ends).
 Secret ask(const std::string& question) {
     termios old{};
     tcgetattr(STDIN_FILENO, &old);
     termios quiet = old;
     quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    savedTerminal = old;
+    echoOff = 1;
     tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
     std::cerr << question << std::flush;
     Secret answer;
@@ -62,6 +80,7 @@ Secret ask(const std::string& question) {
     char c = 0;
     while (read(STDIN_FILENO, &c, 1) == 1 && c != '\n') answer.text.push_back(c);
     tcsetattr(STDIN_FILENO, TCSAFLUSH, &old);
+    echoOff = 0;
     std::cerr << '\n';
     return answer;
 }
@@ -79,6 +98,22 @@ Secret password(const PasswordSource& source, const std::string& question, bool 
         throw UsageError{"the two passwords differ"};
     }
     return first;
+}
+
+void installSignalHandlers() {
+    struct sigaction action {};
+    action.sa_handler = onSignal;
+    sigemptyset(&action.sa_mask);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaction(signal, &action, nullptr);
+}
+
+bool confirmed(const std::string& question) {
+    if (!isatty(STDIN_FILENO)) return false;
+    std::cerr << question << " [y/N] " << std::flush;
+    std::string answer;
+    char c = 0;
+    while (read(STDIN_FILENO, &c, 1) == 1 && c != '\n') answer.push_back(c);
+    return answer == "y" || answer == "Y" || answer == "yes";
 }
 
 bool stashed(const std::string& db) {
@@ -100,20 +135,32 @@ Secret keyDbPassword(const Context& ctx) {
 
 Store::Store(Context& ctx) {
     if (ctx.storeType == KeyDbFile) {
+        name = ctx.db;
         Secret pw = keyDbPassword(ctx);
-        check(ZAVKM_OpenKeyDb(ctx.db.c_str(), pw.text.c_str(), &handle),
-              "open key database " + ctx.db);
+        const ZAVKM_ReturnCode rc = ZAVKM_OpenKeyDb(ctx.db.c_str(), pw.text.c_str(), &handle);
+        if (rc == ZAVKM_ERR_DATABASE_INVALID_PASSWORD && pw.text.empty())
+            throw Failure{"open key database " + name, rc,
+                          "the stash file holds another password; tolvik keydb stash"};
+        check(rc, "open key database " + name);
         return;
     }
+    name = ctx.storeType == CryptoToken ? ctx.token : ctx.provider;
+    if (ctx.storeType == CryptoToken && (ctx.module.empty() || ctx.token.empty()))
+        throw UsageError{"name the token with -m MODULE and -t LABEL"};
     KeyStoreDescriptor store{};
     store.storeType = ctx.storeType;
     store.cryptoModuleName = ctx.module.c_str();
-    store.tokenLabel = (ctx.storeType == CryptoToken ? ctx.token : ctx.provider).c_str();
+    store.tokenLabel = name.c_str();
     bool asked = given(ctx.pin) || isatty(STDIN_FILENO);  // else the store needs no PIN
-    Secret pin = asked ? password(ctx.pin, "PIN for " + std::string(store.tokenLabel) + ": ", false)
-                       : Secret{};
+    Secret pin = asked ? password(ctx.pin, "PIN for " + name + ": ", false) : Secret{};
     store.password = asked ? pin.text.c_str() : nullptr;
-    check(ZAVKM_OpenKeyDbX(&store, &handle), "open store " + std::string(store.tokenLabel));
+    const ZAVKM_ReturnCode rc = ZAVKM_OpenKeyDbX(&store, &handle);
+    if (rc == ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED && !asked)
+        throw UsageError{"the store " + name + " needs a PIN: give --pin-file or --pin-env, or "
+                         "run on a terminal"};
+    if (rc == ZAVKM_ERR_DATABASE_INVALID_PASSWORD)
+        throw Failure{"open store " + name, rc, "wrong PIN"};
+    check(rc, "open store " + name);
 }
 
 Store::~Store() {

@@ -2,7 +2,8 @@
 # CPack makes of them:
 #   lib   -> libzav7km-gcc295: both libraries in lib/<multiarch>/, the docs in share/doc/
 #   java  -> libtolvik-java:   the binding in share/java/tolvik.jar
-#   tools -> tolvik:           bin/tolvik and its manual
+#   tools -> tolvik:           bin/tolvik, its manual page, shell completions, manual and JSON
+#                              schema
 # Libraries go to lib/<multiarch> under any prefix, so that an i386 and an amd64 tree can sit side
 # by side. The bridge finds the library beside it ($ORIGIN), tolvik finds it from bin/.
 include(GNUInstallDirs)
@@ -19,7 +20,16 @@ install(FILES README.md docs/key-management-library.md docs/return-codes.md
 install_jar(tolvik_jar DESTINATION ${CMAKE_INSTALL_DATADIR}/java COMPONENT java)
 set_target_properties(tolvik PROPERTIES INSTALL_RPATH "\$ORIGIN/../${ZAV_INSTALL_LIBDIR}")
 install(TARGETS tolvik RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-install(FILES docs/tolvik.md DESTINATION ${ZAV_DOC_DIR}/tolvik COMPONENT tools)
+install(FILES docs/tolvik.md docs/tolvik.schema.json DESTINATION ${ZAV_DOC_DIR}/tolvik COMPONENT tools)
+# The manual page and completions tolvik printed from its command definitions (cli/CMakeLists.txt),
+# where man, bash-completion, zsh and fish look for them.
+install(FILES ${ZAV_CLI_MAN_GZ} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+list(GET ZAV_CLI_COMPLETIONS 0 ZAV_CLI_BASH)
+list(GET ZAV_CLI_COMPLETIONS 1 ZAV_CLI_ZSH)
+list(GET ZAV_CLI_COMPLETIONS 2 ZAV_CLI_FISH)
+install(FILES ${ZAV_CLI_BASH} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
+install(FILES ${ZAV_CLI_ZSH} DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tools)
+install(FILES ${ZAV_CLI_FISH} DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT tools)
 
 # Each package's doc directory holds its copyright file and a compressed changelog.
 set(ZAV_CHANGELOG_GZ ${CMAKE_BINARY_DIR}/debian/changelog.gz)

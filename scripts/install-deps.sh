@@ -13,7 +13,7 @@ packages=(
   libcli11-dev nlohmann-json3-dev python3
   softhsm2 opensc libp11-kit-dev p11-kit p11-kit-modules
   lintian clang libclang-rt-14-dev
-  libnss3-dev libnss3-tools
+  libnss3-dev libnss3-tools python3-jsonschema zsh fish
 )
 missing=()
 for p in "${packages[@]}"; do

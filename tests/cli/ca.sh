@@ -53,9 +53,9 @@ ok cert add-ca other --in other.pem
 ok show other --json
 json "{'name': '1.2.3.4', 'critical': True, 'value': '..hi'} in d['extensions']"
 ok list --json
-json "[(r['label'], r['kind'], r['trusted'], r['default']) for r in d] == [('ca', 'personal', True, True), ('other', 'signer', True, False)]"
+json "[(r['label'], r['kind'], r['trusted'], r['default']) for r in d['entries']] == [('ca', 'personal', True, True), ('other', 'signer', True, False)]"
 ok delete other
 ok list
 [ "$(wc -l < out)" -eq 2 ] || fail "list after delete: $(cat out)"
-has out "^label +kind +default +trusted +key +expires$"
+has out "^label +kind +default +trusted +key +expires +days left$"
 finish

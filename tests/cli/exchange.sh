@@ -21,7 +21,7 @@ run p12 import all.p12 --p12-password-env PW --password-env PW
 has err "^tolvik: cannot import all.p12: 120 ZAVKM_ERR_PKCS12_PWD_CORRUPTION \(wrong password"
 ok p12 import all.p12 --p12-password-env P12 --password-env PW
 ok list --json --password-env PW
-json "[(r['label'], r['kind']) for r in d] == [('ca', 'personal'), ('other ☺😀', 'signer')]"
+json "[(r['label'], r['kind']) for r in d['entries']] == [('ca', 'personal'), ('other ☺😀', 'signer')]"
 
 ok keyring export ring.kyr --keyring-password-env P12 --password-env PW
 keytool -list -storetype PKCS12 -keystore ring.kyr -storepass "$P12" > text 2>&1

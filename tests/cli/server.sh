@@ -10,7 +10,8 @@ openssl req -in srv.csr -verify -noout -text > text 2>&1
 has text "verify OK"
 has text "ASN1 OID: secp384r1"
 ok list --json --password-env PW
-json "[(r['label'], r['kind'], r['key']) for r in d] == [('ca', 'personal', 'RSA 2048'), ('srv', 'request', 'EC 384')]"
+json "[(r['label'], r['kind'], r['key_type'], r['key_size']) for r in d['entries']] == [('ca', 'personal', 'RSA', 2048), ('srv', 'request', 'EC', 384)]"
+json "d['entries'][1]['san'] == ['DNS:srv.test', 'IP:10.0.0.1'] and d['entries'][1]['not_after'] is None"
 ok show srv --password-env PW
 has out "^kind +request$"
 has out "^subject +CN=srv.test, O=Norvex, C=NO$"
@@ -26,7 +27,7 @@ has text "serial=04D2"
 has text "DNS:srv.test, IP Address:10.0.0.1"
 has text "Signature Algorithm: sha384WithRSAEncryption"
 ok cert receive --in srv.pem --default --json --password-env PW
-json "d['label'] == 'srv'"
+json "d['changes'] == [{'action': 'update', 'label': 'srv', 'kind': 'personal', 'default': True}]"
 ok show srv --json --password-env PW
 json "d['kind'] == 'personal' and d['default'] and not d['trusted'] and d['chain'] == ['CN=Test CA, C=NO']"
 ok cert validate srv --password-env PW
@@ -43,7 +44,7 @@ openssl req -x509 -newkey rsa:2048 -nodes -keyout o.key -subj /CN=o -days 2 -out
 ok cert renew-check --in other.pem --json --password-env PW
 json "not d['renewal']"
 ok cert renew --in again.pem --password-env PW
-has out "^renewed +srv$"
+has out "^updated srv \(personal\)$"
 ok cert extract srv --out srv.der --der --password-env PW
 [ "$(openssl x509 -inform DER -in srv.der -noout -serial)" = "serial=99" ] || fail "the renewal was not stored"
 ok keydb info --json --password-env PW

@@ -27,6 +27,10 @@ uses() {
 cmake --install "$build" --prefix "$work/prefix" > /dev/null
 uses "$work/prefix"
 [ -f "$work/prefix/share/doc/libzav7km-gcc295/key-management-library.md" ] || fail "docs not installed"
+for f in man/man1/tolvik.1.gz bash-completion/completions/tolvik zsh/vendor-completions/_tolvik \
+  fish/vendor_completions.d/tolvik.fish doc/tolvik/tolvik.schema.json; do
+  [ -f "$work/prefix/share/$f" ] || fail "share/$f not installed"
+done
 
 cpack --config "$build/CPackConfig.cmake" -B "$work/packages" > "$work/cpack.log" 2>&1 ||
   { cat "$work/cpack.log"; fail "cpack"; }
@@ -39,5 +43,6 @@ done
 if command -v lintian > /dev/null; then
   lintian "$work"/packages/*.deb > "$work/lintian.out" 2>&1 || true
   ! grep '^E:' "$work/lintian.out" || fail "lintian errors"
+  ! grep 'no-manual-page' "$work/lintian.out" || fail "lintian finds no manual page"
 fi
 echo "installed tree and packages: ok"
