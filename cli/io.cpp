@@ -132,13 +132,23 @@ Failure exists(const std::string& path) {
 
 }  // namespace
 
+namespace {
+
+// toStdout - `-`, or a name of this process's standard output: written straight to it, whatever
+// it is (a regular file the shell opened is not replaced beside it).
+bool toStdout(const std::string& path) {
+    return path == "-" || path == "/dev/stdout" || path == "/dev/fd/1" || path == "/proc/self/fd/1";
+}
+
+}  // namespace
+
 void checkOutput(const Context& ctx, const std::string& path) {
-    if (!ctx.force && !path.empty() && path != "-" && existingFile(path)) throw exists(path);
+    if (!ctx.force && !path.empty() && !toStdout(path) && existingFile(path)) throw exists(path);
 }
 
 void writeOutput(const Context& ctx, const std::string& path, const uint8_t* data, size_t length,
                  bool secret) {
-    if (path == "-") {
+    if (toStdout(path)) {
         writeOut(std::string_view(reinterpret_cast<const char*>(data), length));
         ctx.dataOnStdout = true;
         return;
