@@ -288,6 +288,30 @@ Rc signatureDigest(int32_t selector, const EVP_MD*& md) noexcept {
     }
 }
 
+namespace {
+
+// addFurtherPart - appends a name part given as "TYPE=value" (TYPE a name OpenSSL knows or a
+// dotted OID, split at the first '='); nothing for a null or empty text.
+// ZAVKM_ERR_INVALID_DN_INPUT when the type or the value is missing, the type is unknown or the
+// value does not suit it.
+Rc addFurtherPart(X509_NAME* name, const char* text) {
+    if (isEmpty(text)) return ZAVKM_OK;
+    std::string_view part(text);
+    const size_t eq = part.find('=');
+    if (eq == 0 || eq == std::string_view::npos || eq + 1 == part.size())
+        return ZAVKM_ERR_INVALID_DN_INPUT;
+    const std::string type(part.substr(0, eq));
+    Owned<ASN1_OBJECT, ASN1_OBJECT_free> obj(OBJ_txt2obj(type.c_str(), 0));
+    if (!obj) return sslError(ZAVKM_ERR_INVALID_DN_INPUT);
+    if (X509_NAME_add_entry_by_OBJ(name, obj.get(), MBSTRING_UTF8,
+                                   reinterpret_cast<const unsigned char*>(text + eq + 1), -1, -1,
+                                   0) != 1)
+        return sslError(ZAVKM_ERR_INVALID_DN_INPUT);
+    return ZAVKM_OK;
+}
+
+}  // namespace
+
 Rc nameFromDN(const ZAVKM_DNItem* dn, X509NamePtr& out) {
     if (dn == nullptr) return ZAVKM_ERR_INVALID_DN_INPUT;
     X509NamePtr name(X509_NAME_new());
@@ -308,6 +332,9 @@ Rc nameFromDN(const ZAVKM_DNItem* dn, X509NamePtr& out) {
                                        0) != 1)
             return sslError(ZAVKM_ERR_INVALID_DN_INPUT);
     }
+    for (const char* further : {dn->optionalField1, dn->optionalField2, dn->optionalField3,
+                                dn->optionalField4})
+        if (Rc rc = addFurtherPart(name.get(), further); rc != ZAVKM_OK) return rc;
     if (X509_NAME_entry_count(name.get()) == 0) return ZAVKM_ERR_INVALID_DN_INPUT;
     out = std::move(name);
     return ZAVKM_OK;

@@ -78,8 +78,10 @@ const EVP_MD* signingDigest(const EVP_PKEY* key, const EVP_MD* md) noexcept;
 // The selector is checked for every key; an EdDSA key then signs without it (signingDigest).
 Rc signatureDigest(int32_t selector, const EVP_MD*& md) noexcept;
 
-// nameFromDN - an X509_NAME from the named parts of dn (C, ST, L, postalCode, O, OU, CN);
-// ZAVKM_ERR_INVALID_DN_INPUT when it has none or a part is not valid for its type.
+// nameFromDN - an X509_NAME from the named parts of dn (C, ST, L, postalCode, O, OU, CN), then
+// its further parts optionalField1..4, each "TYPE=value" (emailAddress=a@example.test, DC=example,
+// 2.5.4.5=42); ZAVKM_ERR_INVALID_DN_INPUT when it has none, a further part is not TYPE=value
+// with a type OpenSSL knows, or a value is not valid for its type.
 Rc nameFromDN(const ZAVKM_DNItem* dn, X509NamePtr& out);
 
 // parseExtensions - DER Extensions (SEQUENCE OF Extension). A null pointer with length 0 gives
