@@ -34,6 +34,20 @@
  * it existed); a FIFO or character device is written straight through; a symbolic link is
  * followed only when it belongs to the caller or to root; the open key databases, their
  * companions and anything else are refused. flags: ZAVKM_WRITE_...
+ *
+ * ZAVKM_IssueCertX issues a v3 certificate for a PKCS#10 request as ZAVKM_IssueCertSig does, on
+ * key databases and tokens alike, and hands it back as DER in *cert (release it with
+ * ZAVKM_Free). extensions (DER Extensions, null with length 0 for none) replace those of the
+ * same type the library adds (basicConstraints CA:FALSE, the key identifiers, the request's
+ * subject alternative names). The issuer must be a CA (basicConstraints CA:TRUE, keyCertSign
+ * when it has a key usage) and may issue a CA certificate only within its path length:
+ * ZAVKM_ERR_VALIDATION_KEY_BASIC_CONSTRAINTS otherwise. Extensions null with a length:
+ * ZAVKM_ERR_PARAMETER; not DER: ZAVKM_ERR_ASN; one type twice:
+ * ZAVKM_ERR_VALIDATION_DUPLICATE_EXTENSIONS.
+ *
+ * ZAVKM_ValidateCertChainX validates the first certificate of PEM, DER or PKCS#7 data as
+ * ZAVKM_ValidateCertChain does; the other certificates of the data may stand in the chain as
+ * intermediates but are never trust anchors. Data that holds no certificate gives ZAVKM_ERR_ASN.
  */
 #ifndef ZAVKM_EXT_H
 #define ZAVKM_EXT_H
@@ -125,7 +139,17 @@ enum {
       (handle, label, newLabel))                                                                  \
     X(ZAVKM_ReturnCode, ZAVKM_WriteFile,                                                          \
       (const char* fileName, const uint8_t* data, uint32_t length, uint32_t flags),               \
-      (fileName, data, length, flags))
+      (fileName, data, length, flags))                                                            \
+    X(ZAVKM_ReturnCode, ZAVKM_IssueCertX,                                                         \
+      (ZAVKM_KeyDbHandle handle, const uint8_t* request, uint32_t requestLength,                  \
+       const char* issuerLabel, const char* serialNumber, int32_t validityDays,                   \
+       int32_t signatureAlgorithm, const uint8_t* extensions, uint32_t extensionsLength,          \
+       uint8_t** cert, uint32_t* certLength),                                                     \
+      (handle, request, requestLength, issuerLabel, serialNumber, validityDays,                   \
+       signatureAlgorithm, extensions, extensionsLength, cert, certLength))                       \
+    X(ZAVKM_ReturnCode, ZAVKM_ValidateCertChainX,                                                 \
+      (ZAVKM_KeyDbHandle handle, const uint8_t* certs, uint32_t length, uint8_t* isValid),        \
+      (handle, certs, length, isValid))
 
 #define ZAVKM_EXT_DECLARE_(ret, name, params, args) ZAVKM_API ret name params ZAVKM_NOEXCEPT;
 ZAVKM_EXT_OPERATIONS(ZAVKM_EXT_DECLARE_)

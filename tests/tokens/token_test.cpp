@@ -222,6 +222,23 @@ TEST_F(TokenTest, SelfSignedCertificateIsMadeOnTheToken) {
         Output verify = run("openssl verify -CAfile " + dir + "/" + ca + ".pem " + srv);
         EXPECT_EQ(verify.status, 0) << verify.text;
     }
+    // They issue with given extensions (basicConstraints critical CA:TRUE, pathlen:0) too, the
+    // certificate handed back; the token's own certificate anchors its chain.
+    const uint8_t subCa[] = {0x30, 0x14, 0x30, 0x12, 0x06, 0x03, 0x55, 0x1d, 0x13, 0x01, 0x01,
+                             0xff, 0x04, 0x08, 0x30, 0x06, 0x01, 0x01, 0xff, 0x02, 0x01, 0x00};
+    for (const char* ca : {"rsa", "ed448"}) {
+        uint8_t* der = nullptr;
+        uint32_t length = 0;
+        ASSERT_EQ(ZAVKM_IssueCertX(handle, request.data(), size(request), ca, nullptr, 30, 2, subCa,
+                                   sizeof subCa, &der, &length), ZAVKM_OK) << ca;
+        std::ofstream(dir + "/sub.der", std::ios::binary).write(reinterpret_cast<const char*>(der), length);
+        uint8_t ok = 0;
+        EXPECT_EQ(ZAVKM_ValidateCertChainX(handle, der, length, &ok), ZAVKM_OK) << ca;
+        EXPECT_EQ(ok, 1) << ca;
+        ZAVKM_Free(der);
+        EXPECT_NE(run("openssl x509 -inform DER -noout -text -in " + dir + "/sub.der").text.find("CA:TRUE, pathlen:0"),
+                  std::string::npos) << ca;
+    }
 }
 
 TEST_F(TokenTest, BadRequestsLeaveTheTokenUnchanged) {

@@ -8,6 +8,7 @@
 #include "tokenops.h"
 #include "x509records.h"
 #include "x509util.h"
+#include "zavkm_ext.h"
 
 using namespace zavkm;
 
@@ -232,19 +233,67 @@ Rc fileIssuer(KeyDb& kdb, const char* issuerLabel, Issuer& out) {
     return out.cert ? ZAVKM_OK : ZAVKM_ERR_DATABASE_CORRUPTION;
 }
 
-// issue - a certificate for the request, signed by the issuer findIssuer(Issuer&) finds, after
+// IssueAsk - what an issue operation is asked for. extensions (DER Extensions) replace those of
+// the same type the library adds; with caIssuer set the issuer must be a CA that may issue
+// what is asked for.
+struct IssueAsk {
+    const uint8_t* request = nullptr;
+    uint32_t requestLength = 0;
+    int32_t version = 3;
+    const char* serialNumber = nullptr;
+    int32_t validityDays = 0;
+    int32_t signatureAlgorithm = 1;
+    const uint8_t* extensions = nullptr;
+    uint32_t extensionsLength = 0;
+    bool caIssuer = false;
+};
+
+// isCaRequest - whether exts ask for a CA certificate (basicConstraints CA:TRUE), and its path
+// length (-1 when it sets none).
+bool isCaRequest(const STACK_OF(X509_EXTENSION) * exts, long& pathLength) {
+    pathLength = -1;
+    for (int i = 0; i < sk_X509_EXTENSION_num(exts); ++i) {
+        X509_EXTENSION* ext = sk_X509_EXTENSION_value(exts, i);
+        if (OBJ_obj2nid(X509_EXTENSION_get_object(ext)) != NID_basic_constraints) continue;
+        Owned<BASIC_CONSTRAINTS, BASIC_CONSTRAINTS_free> bc(
+            static_cast<BASIC_CONSTRAINTS*>(X509V3_EXT_d2i(ext)));
+        clearSslErrors();
+        if (!bc || bc->ca == 0) return false;
+        if (bc->pathlen != nullptr) pathLength = ASN1_INTEGER_get(bc->pathlen);
+        return true;
+    }
+    return false;
+}
+
+// checkCaIssuer - ZAVKM_ERR_VALIDATION_KEY_BASIC_CONSTRAINTS unless issuer is a CA
+// (basicConstraints CA:TRUE, keyCertSign when it has a key usage) and, when exts ask for a CA
+// certificate, its path length leaves room for one below it.
+Rc checkCaIssuer(X509* issuer, const STACK_OF(X509_EXTENSION) * exts) {
+    const uint32_t flags = X509_get_extension_flags(issuer);
+    if ((flags & EXFLAG_CA) == 0) return ZAVKM_ERR_VALIDATION_KEY_BASIC_CONSTRAINTS;
+    if ((flags & EXFLAG_KUSAGE) != 0 && (X509_get_key_usage(issuer) & KU_KEY_CERT_SIGN) == 0)
+        return ZAVKM_ERR_VALIDATION_KEY_BASIC_CONSTRAINTS;
+    long asked = -1;
+    if (!isCaRequest(exts, asked)) return ZAVKM_OK;
+    const long room = X509_get_pathlen(issuer);
+    if (room == 0 || (room > 0 && asked >= room)) return ZAVKM_ERR_VALIDATION_KEY_BASIC_CONSTRAINTS;
+    return ZAVKM_OK;
+}
+
+// issued - a certificate for the request, signed by the issuer findIssuer(Issuer&) finds, after
 // the request and the arguments have passed their checks.
 template <class FindIssuer>
-Rc issue(const uint8_t* request, uint32_t requestLength, int32_t version,
-         const char* serialNumber, int32_t validityDays, int32_t signatureAlgorithm,
-         const char* certFileName, uint8_t isBase64, FindIssuer&& findIssuer) {
-    if (Rc rc = checkValidityDays(validityDays); rc != ZAVKM_OK) return rc;
+Rc issued(const IssueAsk& ask, FindIssuer&& findIssuer, X509Ptr& out) {
+    if (Rc rc = checkValidityDays(ask.validityDays); rc != ZAVKM_OK) return rc;
     const EVP_MD* md = nullptr;
-    if (Rc rc = signatureDigest(signatureAlgorithm, md); rc != ZAVKM_OK) return rc;
+    if (Rc rc = signatureDigest(ask.signatureAlgorithm, md); rc != ZAVKM_OK) return rc;
     Asn1IntPtr serial;
-    if (Rc rc = parseSerial(serialNumber, serial); rc != ZAVKM_OK) return rc;
+    if (Rc rc = parseSerial(ask.serialNumber, serial); rc != ZAVKM_OK) return rc;
+    ExtStackPtr given;
+    if (Rc rc = parseExtensions(ask.extensions, ask.extensionsLength, given); rc != ZAVKM_OK)
+        return rc;
     X509ReqPtr req;
-    if (Rc rc = readRequest(request, requestLength, req); rc != ZAVKM_OK) return rc;
+    if (Rc rc = readRequest(ask.request, ask.requestLength, req); rc != ZAVKM_OK) return rc;
     EVP_PKEY* subjectKey = X509_REQ_get0_pubkey(req.get());
     if (subjectKey == nullptr) return sslError(ZAVKM_ERR_ASN);
     if (X509_REQ_verify(req.get(), subjectKey) != 1)
@@ -254,8 +303,11 @@ Rc issue(const uint8_t* request, uint32_t requestLength, int32_t version,
     if (Rc rc = checkKeyPolicy(subjectKey); rc != ZAVKM_OK) return rc;
     Issuer issuer;
     if (Rc rc = findIssuer(issuer); rc != ZAVKM_OK) return rc;
+    if (ask.caIssuer)
+        if (Rc rc = checkCaIssuer(issuer.cert.get(), given.get()); rc != ZAVKM_OK) return rc;
 
-    ExtStackPtr copied(sk_X509_EXTENSION_new_null());  // the request's subject alternative names
+    // The request's subject alternative names, then the extensions given, which replace them.
+    ExtStackPtr copied(sk_X509_EXTENSION_new_null());
     Owned<STACK_OF(X509_EXTENSION), freeExtStack> requested(X509_REQ_get_extensions(req.get()));
     clearSslErrors();
     if (!copied) return ZAVKM_ERR_MEMORY_ALLOCATE;
@@ -267,20 +319,58 @@ Rc issue(const uint8_t* request, uint32_t requestLength, int32_t version,
             return ZAVKM_ERR_MEMORY_ALLOCATE;
         dup.release();
     }
+    while (sk_X509_EXTENSION_num(given.get()) > 0) {
+        X509ExtPtr moved(sk_X509_EXTENSION_shift(given.get()));
+        if (!sk_X509_EXTENSION_push(copied.get(), moved.get())) return ZAVKM_ERR_MEMORY_ALLOCATE;
+        moved.release();
+    }
     CertPlan plan;
-    plan.version = version;
+    plan.version = ask.version;
     plan.subject = X509_REQ_get_subject_name(req.get());
     plan.subjectKey = subjectKey;
     plan.issuer = issuer.cert.get();
     plan.signingKey = issuer.key.get();
     plan.remote = issuer.remote;
     plan.serial = serial.get();
-    plan.days = validityDays;
+    plan.days = ask.validityDays;
     plan.md = md;
-    plan.extra = version != 1 ? copied.get() : nullptr;
-    X509Ptr cert;
-    if (Rc rc = makeCertificate(plan, cert); rc != ZAVKM_OK) return rc;
-    return writeCertificateFile(certFileName, cert.get(), isBase64 != 0);
+    plan.extra = ask.version != 1 ? copied.get() : nullptr;
+    return makeCertificate(plan, out);
+}
+
+// issueOn - issued on a key database or a token, the issuer found under issuerLabel there;
+// done(X509*) takes the certificate.
+template <class Done>
+ZAVKM_ReturnCode issueOn(const char* name, ZAVKM_KeyDbHandle handle, const IssueAsk& ask,
+                         const char* issuerLabel, std::initializer_list<const void*> required,
+                         Done&& done) noexcept {
+    return withStore(
+        name, handle, required, {labelArg(issuerLabel)},
+        [&](KeyDb& kdb) -> Rc {
+            X509Ptr cert;
+            if (Rc rc = issued(ask, [&](Issuer& out) { return fileIssuer(kdb, issuerLabel, out); },
+                               cert);
+                rc != ZAVKM_OK)
+                return rc;
+            return done(cert.get());
+        },
+        [&](TokenStore& t) -> Rc {
+            TokenIssuer tokenKey(t);
+            X509Ptr cert;
+            if (Rc rc = issued(ask, [&](Issuer& out) { return tokenKey.find(issuerLabel, out); },
+                               cert);
+                rc != ZAVKM_OK)
+                return rc;
+            return done(cert.get());
+        });
+}
+
+// issueToFile - issueOn, the certificate written to certFileName (PEM when pem is set).
+ZAVKM_ReturnCode issueToFile(const char* name, ZAVKM_KeyDbHandle handle, const IssueAsk& ask,
+                             const char* issuerLabel, const char* certFileName,
+                             uint8_t pem) noexcept {
+    return issueOn(name, handle, ask, issuerLabel, {ask.request, issuerLabel, certFileName},
+                   [&](X509* cert) { return writeCertificateFile(certFileName, cert, pem != 0); });
 }
 
 // decodeBase64Text - PEM with any armour (the first block) or bare base64, whitespace ignored.
@@ -392,19 +482,8 @@ ZAVKM_ReturnCode ZAVKM_IssueCert(ZAVKM_KeyDbHandle handle, const uint8_t* reques
                                  const char* serialNumber, int32_t validityDays,
                                  const char* certFileName, uint8_t isBase64, const void*,
                                  const void*) noexcept {
-    return withStore(
-        __func__, handle, {request, issuerLabel, certFileName}, {labelArg(issuerLabel)},
-        [&](KeyDb& kdb) {
-            return issue(request, requestLength, version, serialNumber, validityDays, 1,
-                         certFileName, isBase64,
-                         [&](Issuer& out) { return fileIssuer(kdb, issuerLabel, out); });
-        },
-        [&](TokenStore& t) {
-            TokenIssuer tokenKey(t);
-            return issue(request, requestLength, version, serialNumber, validityDays, 1,
-                         certFileName, isBase64,
-                         [&](Issuer& out) { return tokenKey.find(issuerLabel, out); });
-        });
+    return issueToFile(__func__, handle, {request, requestLength, version, serialNumber, validityDays},
+                       issuerLabel, certFileName, isBase64);
 }
 
 ZAVKM_ReturnCode ZAVKM_IssueCertSig(ZAVKM_KeyDbHandle handle, const uint8_t* request,
@@ -412,19 +491,29 @@ ZAVKM_ReturnCode ZAVKM_IssueCertSig(ZAVKM_KeyDbHandle handle, const uint8_t* req
                                     int32_t version, const char* serialNumber, int32_t validityDays,
                                     int32_t signatureAlgorithm, const char* certFileName,
                                     uint8_t isBase64, const void*, const void*) noexcept {
-    return withStore(
-        __func__, handle, {request, issuerLabel, certFileName}, {labelArg(issuerLabel)},
-        [&](KeyDb& kdb) {
-            return issue(request, requestLength, version, serialNumber, validityDays, signatureAlgorithm,
-                         certFileName, isBase64,
-                         [&](Issuer& out) { return fileIssuer(kdb, issuerLabel, out); });
-        },
-        [&](TokenStore& t) {
-            TokenIssuer tokenKey(t);
-            return issue(request, requestLength, version, serialNumber, validityDays, signatureAlgorithm,
-                         certFileName, isBase64,
-                         [&](Issuer& out) { return tokenKey.find(issuerLabel, out); });
-        });
+    return issueToFile(
+        __func__, handle,
+        {request, requestLength, version, serialNumber, validityDays, signatureAlgorithm},
+        issuerLabel, certFileName, isBase64);
+}
+
+ZAVKM_ReturnCode ZAVKM_IssueCertX(ZAVKM_KeyDbHandle handle, const uint8_t* request,
+                                  uint32_t requestLength, const char* issuerLabel,
+                                  const char* serialNumber, int32_t validityDays,
+                                  int32_t signatureAlgorithm, const uint8_t* extensions,
+                                  uint32_t extensionsLength, uint8_t** cert,
+                                  uint32_t* certLength) noexcept {
+    if (cert != nullptr) *cert = nullptr;
+    if (certLength != nullptr) *certLength = 0;
+    const IssueAsk ask{request,      requestLength,   3,        serialNumber, validityDays,
+                       signatureAlgorithm, extensions, extensionsLength, true};
+    return issueOn(__func__, handle, ask, issuerLabel, {request, issuerLabel, cert, certLength},
+                   [&](X509* made) -> Rc {
+                       Bytes der = derOf(made);
+                       if (der.empty()) return sslError(ZAVKM_ERR_ASN);
+                       copyBytes(der, cert, certLength);
+                       return ZAVKM_OK;
+                   });
 }
 
 ZAVKM_ReturnCode ZAVKM_Base64DecodeFileToBuf(const char* fileName, uint8_t** data,

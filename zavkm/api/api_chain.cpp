@@ -8,6 +8,7 @@
 #include "tokenops.h"
 #include "x509records.h"
 #include "x509util.h"
+#include "zavkm_ext.h"
 
 using namespace zavkm;
 
@@ -55,10 +56,7 @@ Rc verifyCodeToRc(int error) {
 
 // validateChain - whether cert chains up to a trusted candidate; the candidates that are not
 // trusted may stand in the middle.
-Rc validateChain(const uint8_t* cert, uint32_t certLength, const std::vector<ChainCandidate>& pool,
-                 uint8_t* isValid) {
-    X509Ptr x509;
-    if (Rc rc = readCertificate(cert, certLength, x509); rc != ZAVKM_OK) return rc;
+Rc validateChain(X509* cert, const std::vector<ChainCandidate>& pool, uint8_t* isValid) {
     X509StorePtr store(X509_STORE_new());
     X509StackPtr untrusted(sk_X509_new_null());
     if (!store || !untrusted) return ZAVKM_ERR_MEMORY_ALLOCATE;
@@ -71,7 +69,7 @@ Rc validateChain(const uint8_t* cert, uint32_t certLength, const std::vector<Cha
     }
     X509_STORE_set_flags(store.get(), X509_V_FLAG_PARTIAL_CHAIN);
     X509StoreCtxPtr ctx(X509_STORE_CTX_new());
-    if (!ctx || X509_STORE_CTX_init(ctx.get(), store.get(), x509.get(), untrusted.get()) != 1)
+    if (!ctx || X509_STORE_CTX_init(ctx.get(), store.get(), cert, untrusted.get()) != 1)
         return sslError(ZAVKM_ERR_MEMORY_ALLOCATE);
     int ok = X509_verify_cert(ctx.get());
     int error = X509_STORE_CTX_get_error(ctx.get());
@@ -82,6 +80,40 @@ Rc validateChain(const uint8_t* cert, uint32_t certLength, const std::vector<Cha
         return ZAVKM_OK;
     }
     return verifyCodeToRc(error != X509_V_OK ? error : X509_V_ERR_UNSPECIFIED);
+}
+
+// fileCandidates - every certificate of a key database, the trusted ones anchors. Every key is
+// read, or ZAVKM_ERR_DATABASE_KEY_INTEGRITY answers: a damaged row may be the anchor.
+Rc fileCandidates(KeyDb& kdb, std::vector<ChainCandidate>& pool) {
+    std::vector<KeyRow> rows;
+    if (Rc rc = readView(kdb, [&](View& v) { return allKeys(v, rows); }); rc != ZAVKM_OK)
+        return rc;
+    for (const KeyRow& r : rows)
+        if (X509Ptr c = parseCertificate(r.cert.data(), r.cert.size()))
+            pool.push_back({std::move(c), r.trusted});
+    return ZAVKM_OK;
+}
+
+// validateOn - validation on a key database or a token: the store's certificates are the
+// candidates, then readLeaf(X509Ptr&, pool) reads the certificate to validate (and may add
+// candidates that are not trusted).
+template <class ReadLeaf>
+ZAVKM_ReturnCode validateOn(const char* name, ZAVKM_KeyDbHandle handle, const uint8_t* data,
+                            uint8_t* isValid, ReadLeaf&& readLeaf) noexcept {
+    auto validate = [&](auto&& candidates) -> Rc {
+        *isValid = 0;
+        std::vector<ChainCandidate> pool;
+        if (Rc rc = candidates(pool); rc != ZAVKM_OK) return rc;
+        X509Ptr leaf;
+        if (Rc rc = readLeaf(leaf, pool); rc != ZAVKM_OK) return rc;
+        return validateChain(leaf.get(), pool, isValid);
+    };
+    return withStore(
+        name, handle, {data, isValid},
+        [&](KeyDb& kdb) { return validate([&](auto& pool) { return fileCandidates(kdb, pool); }); },
+        [&](TokenStore& t) {
+            return validate([&](auto& pool) { return tokenChainCandidates(t, pool); });
+        });
 }
 
 }  // namespace
@@ -135,25 +167,25 @@ ZAVKM_ReturnCode ZAVKM_RenewCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
 
 ZAVKM_ReturnCode ZAVKM_ValidateCertChain(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
                                          uint32_t certLength, uint8_t* isValid) noexcept {
-    return withStore(
-        __func__, handle, {cert, isValid},
-        [&](KeyDb& kdb) -> Rc {
-            *isValid = 0;
-            std::vector<KeyRow> rows;  // every key, or 20: a damaged row may be the anchor
-            if (Rc rc = readView(kdb, [&](View& v) { return allKeys(v, rows); }); rc != ZAVKM_OK)
-                return rc;
-            std::vector<ChainCandidate> pool;
-            for (const KeyRow& r : rows)
-                if (X509Ptr c = parseCertificate(r.cert.data(), r.cert.size()))
-                    pool.push_back({std::move(c), r.trusted});
-            return validateChain(cert, certLength, pool, isValid);
-        },
-        [&](TokenStore& t) -> Rc {
-            *isValid = 0;
-            std::vector<ChainCandidate> pool;
-            if (Rc rc = tokenChainCandidates(t, pool); rc != ZAVKM_OK) return rc;
-            return validateChain(cert, certLength, pool, isValid);
-        });
+    return validateOn(__func__, handle, cert, isValid,
+                      [&](X509Ptr& leaf, std::vector<ChainCandidate>&) {
+                          return readCertificate(cert, certLength, leaf);
+                      });
+}
+
+ZAVKM_ReturnCode ZAVKM_ValidateCertChainX(ZAVKM_KeyDbHandle handle, const uint8_t* certs,
+                                          uint32_t length, uint8_t* isValid) noexcept {
+    return validateOn(__func__, handle, certs, isValid,
+                      [&](X509Ptr& leaf, std::vector<ChainCandidate>& pool) -> Rc {
+                          std::vector<X509Ptr> read;
+                          if (Rc rc = readCertificates(certs, length, read); rc != ZAVKM_OK)
+                              return rc;
+                          if (read.empty()) return ZAVKM_ERR_ASN;
+                          leaf = std::move(read.front());
+                          for (size_t i = 1; i < read.size(); ++i)
+                              pool.push_back({std::move(read[i]), false});
+                          return ZAVKM_OK;
+                      });
 }
 
 }  // extern "C"
