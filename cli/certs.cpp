@@ -6,26 +6,6 @@
 
 #include "tolvik.h"
 
-// Operations a library build may not offer yet: null until it does. Their contract is the one
-// their callers below rely on.
-extern "C" {
-// ZAVKM_IssueCertX - as ZAVKM_IssueCertSig for a v3 certificate, with `extensions` (DER
-// Extensions) replacing those of the same type the library adds, and the certificate handed
-// back as DER in *cert (freed with ZAVKM_Free) instead of written to a file.
-ZAVKM_API ZAVKM_ReturnCode ZAVKM_IssueCertX(ZAVKM_KeyDbHandle handle, const uint8_t* request,
-                                            uint32_t requestLength, const char* issuerLabel,
-                                            const char* serialNumber, int32_t validityDays,
-                                            int32_t signatureAlgorithm, const uint8_t* extensions,
-                                            uint32_t extensionsLength, uint8_t** cert,
-                                            uint32_t* certLength) ZAVKM_NOEXCEPT
-    __attribute__((weak));
-// ZAVKM_ValidateCertChainX - as ZAVKM_ValidateCertChain for the first certificate of PEM, DER
-// or PKCS#7 data, the others serving as intermediates that are not trusted.
-ZAVKM_API ZAVKM_ReturnCode ZAVKM_ValidateCertChainX(ZAVKM_KeyDbHandle handle, const uint8_t* certs,
-                                                    uint32_t length, uint8_t* isValid) ZAVKM_NOEXCEPT
-    __attribute__((weak));
-}
-
 namespace tolvik {
 namespace {
 
@@ -88,14 +68,6 @@ void keep(Step&& step, const std::function<void()>& undo) {
     }
 }
 
-// checkName - fails when the library left out parts of the subject asked for.
-void checkName(const std::string& subject, const ZAVKM_DNItem* made, const std::string& label) {
-    if (made == nullptr || !sameSubject(subject, made->der, made->derLength))
-        throw Failure{"make " + label, ZAVKM_ERR_UNSUPPORTED_OPTION,
-                      "this build of the library leaves out parts of the subject beyond CN OU O L "
-                      "ST postalCode C; nothing was kept"};
-}
-
 Json selfSign(Context& ctx, const CertArgs& a) {
     std::vector<std::string> texts;
     ZAVKM_DNItem subject = subjectOf(a.subject, texts);
@@ -116,7 +88,6 @@ Json selfSign(Context& ctx, const CertArgs& a) {
             KeyItem key;
             check(ZAVKM_GetKeyItemByLabel(store.handle, a.label.c_str(), out(key)), "read entry " + a.label);
             const ZAVKM_CertItem* cert = key->certList ? key->certList->cert : nullptr;
-            checkName(a.subject, cert ? cert->subject : nullptr, a.label);
             if (!a.out.empty()) writeCert(ctx, a, Bytes(cert->der, cert->der + cert->derLength));
         },
         [&] { ZAVKM_DeleteKey(store.handle, a.label.c_str()); });
@@ -159,7 +130,6 @@ Json request(Context& ctx, const CertArgs& a) {
             check(ZAVKM_GetReqKeyItemByLabel(store.handle, a.label.c_str(), out(request)),
                   "read request " + a.label);
             const ZAVKM_CertReqItem& req = *request->certReq;
-            checkName(a.subject, req.certReqInfoItem ? req.certReqInfoItem->subjectName : nullptr, a.label);
             std::string text = pem("CERTIFICATE REQUEST", req.der, req.derLength);
             writeOutput(ctx, a.out, reinterpret_cast<const uint8_t*>(text.data()), text.size(), false);
         },
@@ -198,9 +168,6 @@ Json sign(Context& ctx, const CertArgs& a) {
     const std::string what = "sign " + a.in + " with " + a.issuer;
     Bytes cert;
     if (!ext.empty()) {
-        if (ZAVKM_IssueCertX == nullptr)
-            throw Failure{what, ZAVKM_ERR_UNSUPPORTED_OPTION,
-                          "this build of the library cannot issue with key usages or as a CA yet"};
         uint8_t* der = nullptr;
         uint32_t length = 0;
         check(ZAVKM_IssueCertX(store.handle, req.data(), size(req), a.issuer.c_str(), orNull(a.serial),
@@ -336,9 +303,6 @@ Json validate(Context& ctx, const CertArgs& a) {
     uint8_t valid = 0;
     ZAVKM_ReturnCode rc;
     if (certs.size() > 1) {
-        if (ZAVKM_ValidateCertChainX == nullptr)
-            throw Failure{"validate the chain of " + name, ZAVKM_ERR_UNSUPPORTED_OPTION,
-                          "this build of the library cannot take intermediates from the input yet"};
         rc = ZAVKM_ValidateCertChainX(store.handle, data.data(), size(data), &valid);
     } else {
         rc = ZAVKM_ValidateCertChain(store.handle, certs[0].data(), size(certs[0]), &valid);

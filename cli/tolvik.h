@@ -210,8 +210,6 @@ Json showCert(const ZAVKM_CertItem& cert);
 // subjectOf - the DN record of "CN=a,O=Foo\, Inc.,C=NO,emailAddress=x"; its texts point into
 // `parts`, which it fills. A UsageError names the part that does not read.
 ZAVKM_DNItem subjectOf(const std::string& subject, std::vector<std::string>& parts);
-// sameSubject - whether the DER name `der` holds every part of `subject` (it reads).
-bool sameSubject(const std::string& subject, const uint8_t* der, size_t length);
 // ExtensionArg - an extension given with an option: its OpenSSL name (subjectAltName) and
 // value as OpenSSL's configuration reads it (DNS:a,IP:1.2.3.4); an empty value adds none.
 struct ExtensionArg {

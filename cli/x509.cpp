@@ -329,25 +329,6 @@ ZAVKM_DNItem subjectOf(const std::string& subject, std::vector<std::string>& tex
     return dn;
 }
 
-bool sameSubject(const std::string& subject, const uint8_t* der, size_t length) {
-    const unsigned char* p = der;
-    NamePtr name(der ? d2i_X509_NAME(nullptr, &p, static_cast<long>(length)) : nullptr);
-    ERR_clear_error();
-    if (!name) return false;
-    std::vector<NamePart> parts = nameParts(subject);
-    return std::all_of(parts.begin(), parts.end(), [&](const NamePart& part) {
-        for (int i = -1; (i = X509_NAME_get_index_by_NID(name.get(), part.nid, i)) >= 0;) {
-            const ASN1_STRING* s = X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name.get(), i));
-            unsigned char* utf8 = nullptr;
-            const int n = ASN1_STRING_to_UTF8(&utf8, s);
-            const bool same = n >= 0 && std::string(reinterpret_cast<char*>(utf8), static_cast<size_t>(n)) == part.value;
-            OPENSSL_free(utf8);
-            if (same) return true;
-        }
-        return false;
-    });
-}
-
 Bytes extensionsDer(const std::vector<ExtensionArg>& args) {
     ExtensionsPtr list(sk_X509_EXTENSION_new_null());
     for (const ExtensionArg& a : args) {

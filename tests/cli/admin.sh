@@ -30,11 +30,11 @@ check \
   "0|cert extract ca -o -||cmp -s out ca.pem" \
   "1|cert extract ca -o old.pem||grep -qx old old.pem && has err 'cannot write old.pem: 9 .*--force replaces it'" \
   "1|cert extract ca -o link.pem||grep -qx old old.pem" \
-  "files:0|cert extract ca -o link.pem --force||[ -L link.pem ] && cmp -s old.pem ca.pem && [ \$(stat -c %a old.pem) = 640 ]" \
-  "files:0|cert extract ca -o pipe|mkfifo pipe; (cat pipe > piped &)|sleep 0.3; [ -p pipe ] && cmp -s piped ca.pem" \
-  "files:1|cert extract ca -o lonely|mkfifo lonely|[ -p lonely ]" \
-  "files:0|cert extract ca -o /dev/stdout||[ -L /dev/stdout ] && cmp -s out ca.pem" \
-  "files:1|cert extract ca -o keys.kdb --force||ok show ca" \
+  "0|cert extract ca -o link.pem --force||[ -L link.pem ] && cmp -s old.pem ca.pem && [ \$(stat -c %a old.pem) = 640 ]" \
+  "0|cert extract ca -o pipe|mkfifo pipe; (cat pipe > piped &)|sleep 0.3; [ -p pipe ] && cmp -s piped ca.pem" \
+  "1|cert extract ca -o lonely|mkfifo lonely|[ -p lonely ]" \
+  "0|cert extract ca -o /dev/stdout||[ -L /dev/stdout ] && cmp -s out ca.pem" \
+  "1|cert extract ca -o keys.kdb --force||ok show ca" \
   "0|p12 export - ca --p12-password-env P12||openssl pkcs12 -in out -passin env:P12 -noout" \
   "1|p12 export old.p12 --p12-password-env P12|echo x > old.p12|grep -qx x old.p12" \
   "1|cert request new --subject CN=new --out none/new.csr||[ ! -e new.csr ] && { run show new; [ \$rc -eq 1 ]; }"
@@ -53,7 +53,7 @@ ok delete leaf
 ok cert add-ca broot --in b-root.pem
 check \
   "1|cert validate --in b-leaf.pem --json||json \"not doc['ok'] and d == {'certificate': 'b-leaf.pem', 'valid': False, 'code': 50, 'reason': d['reason']}\"" \
-  "validatex:0|cert validate --in b-chain.pem --json||json \"d['valid'] and d['code'] is None\"" \
+  "0|cert validate --in b-chain.pem --json||json \"d['valid'] and d['code'] is None\"" \
   "0|cert validate --in a-leaf.pem --json||json \"d['valid']\""
 
 # Signing: key usages, extended key usages and CA certificates with a path length, as openssl reads them.
@@ -64,7 +64,7 @@ ok cert receive --in web2.pem
 ext() { openssl x509 -in "$1" -noout -text | tr -s ' ' | grep -q -- "$2"; }
 check \
   "0|cert sign --issuer ca --in web.csr --out web.pem||ext web.pem 'CA:FALSE' && ext web.pem 'DNS:web.test, IP Address:10.0.0.2'" \
-  "issuex:0|cert sign --issuer ca --in a-leaf.csr --out sub.pem --key-usage critical,digitalSignature,keyEncipherment --ext-key-usage serverAuth --path-len 0||ext sub.pem 'Digital Signature, Key Encipherment' && ext sub.pem 'TLS Web Server Authentication' && ext sub.pem 'CA:TRUE, pathlen:0'" \
+  "0|cert sign --issuer ca --in a-leaf.csr --out sub.pem --key-usage critical,digitalSignature,keyEncipherment --ext-key-usage serverAuth --path-len 0||ext sub.pem 'Digital Signature, Key Encipherment' && ext sub.pem 'TLS Web Server Authentication' && ext sub.pem 'CA:TRUE, pathlen:0'" \
   "2|cert sign --issuer ca --in a-leaf.csr --out sub.pem --key-usage nonsense||has err 'key-usage: cannot read \"nonsense\"'" \
   "1|cert sign --issuer web2 --in a-leaf.csr --out x.pem||has err 'cannot sign a-leaf.csr with web2: 52 .*web2 is not a CA certificate'"
 ok cert receive --in web.pem --default
@@ -93,8 +93,8 @@ check \
   "0|p12 export all.p12 --p12-password-env P12 --json||has err 'warning: request key waiting left out of all.p12' && json \"d['left_out'] == ['waiting'] and doc['ok']\"" \
   "1|p12 export one.p12 web waiting --p12-password-env P12||has err 'waiting is a request key'" \
   "1|p12 import web.p12 --p12-password-env P12|ok p12 export web.p12 web --p12-password-env P12|has err 'import web.p12: 23 .*the label web is taken'" \
-  "roundtrip:0|keyring import ring.kyr --db back.kdb --keyring-password-env P12 --password-env PW --json|ok keyring export ring.kyr --keyring-password-env P12|json \"doc['ok'] and len(d['changes']) == 8\"" \
-  "roundtrip:0|list --db back.kdb --password-env PW --json||same before.json out"
+  "0|keyring import ring.kyr --db back.kdb --keyring-password-env P12 --password-env PW --json|ok keyring export ring.kyr --keyring-password-env P12|json \"doc['ok'] and len(d['changes']) == 8\"" \
+  "0|list --db back.kdb --password-env PW --json||same before.json out"
 
 # Labels reach a terminal escaped and aligned by display width, whatever a PKCS#12 file carried.
 openssl pkcs12 -export -in a-leaf.pem -inkey a-leaf.key -name "$(printf 'evil\033[2J\nrow')" -passout env:P12 -out evil.p12
@@ -115,9 +115,9 @@ check \
 
 # Everyday verbs: rename, EdDSA keys, names with further parts.
 check \
-  "rename:0|rename web2 www --db keys.kdb||ok show www && { run show web2; [ \$rc -eq 1 ]; }" \
-  "rename:1|rename ca web||has err '23 ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL'" \
-  "eddsa:0|cert selfsign ed --key ed25519 --subject CN=ed --out ed.pem||openssl x509 -in ed.pem -noout -text | grep -q ED25519" \
-  "eddsa:0|cert request ed448 --key ed448 --subject CN=ed448 --out ed448.csr||openssl req -in ed448.csr -noout -text | grep -q ED448" \
-  "names:0|cert selfsign mail --subject CN=mail,emailAddress=a@example.test,DC=example --out mail.pem|openssl x509 -in mail.pem -noout -subject -nameopt RFC2253 > text|has text emailAddress=a@example.test && has text DC=example"
+  "0|rename web2 www --db keys.kdb||ok show www && { run show web2; [ \$rc -eq 1 ]; }" \
+  "1|rename ca web||has err '23 ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL'" \
+  "0|cert selfsign ed --key ed25519 --subject CN=ed --out ed.pem||openssl x509 -in ed.pem -noout -text | grep -q ED25519" \
+  "0|cert request ed448 --key ed448 --subject CN=ed448 --out ed448.csr||openssl req -in ed448.csr -noout -text | grep -q ED448" \
+  "0|cert selfsign mail --subject CN=mail,O=Foo\\,Inc.,emailAddress=a@example.test,DC=example --out mail.pem||openssl x509 -in mail.pem -noout -subject -nameopt RFC2253 > text && has text '^subject=DC=example,emailAddress=a@example.test,CN=mail,O=Foo\\\\,Inc\\.\$'"
 finish

@@ -5,13 +5,8 @@ T=${TOLVIK:?}
 case $PWD in */tests/cli/work/*) rm -rf ./* ;; *) echo "run me in my work directory"; exit 1 ;; esac
 fails=0
 export PW=Keydb-passw0rd P12=Export-passw0rd TOLVIK_DB=keys.kdb
-# Library operations still stand-ins on this branch: the rows that need them are skipped until
-# the library's own lands (TOLVIK_PENDING="" runs them all).
-PENDING=" ${TOLVIK_PENDING-issuex validatex names} "
 
 fail() { echo "FAIL: $*"; fails=$((fails + 1)); }
-# pending FEATURE - true, saying so, while the library's FEATURE is a stand-in.
-pending() { [[ $PENDING == *" $1 "* ]] && echo "skipped while $1 is pending: ${2-}"; }
 # run ARGS - tolvik with stdin not a terminal; stdout in `out`, stderr in `err`, exit code in rc.
 run() { timeout -k 5 60 "$T" "$@" < /dev/null > out 2> err; rc=$?; }
 ok() { run "$@"; [ "$rc" -eq 0 ] || fail "tolvik $* exited $rc: $(cat err)"; }
@@ -20,14 +15,13 @@ has() { grep -Eq -- "$2" "$1" || fail "$1 lacks \"$2\": $(head -c 400 "$1")"; }
 # json EXPR - `out` is a JSON document the schema accepts and the Python expression holds for d,
 # its result (doc: the whole document).
 json() { python3 "$CLI_TESTS/check.py" out "$1" || fail "$(head -c 600 out)"; }
-# play ROW... - each row "CODE|ARGS|MESSAGE" (ARGS split at blanks; "FEATURE:CODE|..." while
-# FEATURE is pending is skipped): tolvik ARGS exits CODE; a failure (1, 2) says MESSAGE on one
-# line of standard error, "tolvik: " first; success (0, 3, 4) shows it on standard output.
+# play ROW... - each row "CODE|ARGS|MESSAGE" (ARGS split at blanks): tolvik ARGS exits CODE; a
+# failure (1, 2) says MESSAGE on one line of standard error, "tolvik: " first; success (0, 3, 4)
+# shows it on standard output.
 play() {
   local row code message args argv
   for row in "$@"; do
     IFS='|' read -r code args message <<< "$row"
-    if [[ $code == *:* ]]; then pending "${code%%:*}" "$args" && continue; code=${code#*:}; fi
     read -ra argv <<< "$args"
     run "${argv[@]}"
     [ "$rc" -eq "$code" ] || { fail "tolvik $args exited $rc, not $code: $(cat err)"; continue; }
@@ -39,14 +33,12 @@ play() {
     fi
   done
 }
-# check ROW... - each row "CODE|ARGS|SETUP|CHECK" ("FEATURE:CODE|..." skipped while FEATURE is
-# pending; SETUP holds no "|"): after the shell command SETUP, tolvik ARGS exits CODE and the
-# shell command CHECK holds.
+# check ROW... - each row "CODE|ARGS|SETUP|CHECK" (SETUP holds no "|"): after the shell command
+# SETUP, tolvik ARGS exits CODE and the shell command CHECK holds.
 check() {
   local row code setup test args argv
   for row in "$@"; do
     IFS='|' read -r code args setup test <<< "$row"
-    if [[ $code == *:* ]]; then pending "${code%%:*}" "$args" && continue; code=${code#*:}; fi
     eval "$setup"
     read -ra argv <<< "$args"
     run "${argv[@]}"
