@@ -31,7 +31,29 @@ have=1
 for p in "${i386[@]}"; do
   dpkg-query -W -f='${Status}' "$p:i386" 2>/dev/null | grep -q "install ok installed" || have=0
 done
-[ "$have" -eq 1 ] && exit 0
+
+# run32 - a kernel built without 32-bit x86 support cannot start the i386 build's programs
+# ("Exec format error"); they then run under qemu's user-mode emulation, registered with the
+# kernel's binfmt_misc so that every i386 program (the JVM, tests, tolvik) starts through it.
+run32() {
+  local probe
+  probe=$(mktemp -d)
+  printf 'int main(void) { return 0; }\n' > "$probe/p.c"
+  if gcc -m32 "$probe/p.c" -o "$probe/p" 2> /dev/null && ! "$probe/p" 2> /dev/null; then
+    dpkg-query -W -f='${Status}' qemu-user-static 2> /dev/null | grep -q "install ok installed" ||
+      { $sudo apt-get update -qq || true; DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq qemu-user-static; }
+    [ -e /proc/sys/fs/binfmt_misc/register ] ||
+      $sudo mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc
+    if [ ! -e /proc/sys/fs/binfmt_misc/qemu-i386 ]; then
+      echo "Running i386 programs through qemu-i386-static (this kernel runs no 32-bit x86 code)"
+      printf '%s' ':qemu-i386:M::\x7fELF\x01\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\x03\x00:\xff\xff\xff\xff\xff\xfe\xfe\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff\xff:/usr/bin/qemu-i386-static:OCF' |
+        $sudo tee /proc/sys/fs/binfmt_misc/register > /dev/null
+    fi
+    "$probe/p" || { echo "i386 programs do not start on this machine"; rm -rf "$probe"; exit 1; }
+  fi
+  rm -rf "$probe"
+}
+if [ "$have" -eq 1 ]; then run32; exit 0; fi
 if ! dpkg --print-foreign-architectures | grep -qx i386; then $sudo dpkg --add-architecture i386; fi
 # An index that fails to download (a mirror in sync) leaves the older one in use.
 $sudo apt-get update -qq || true
@@ -58,3 +80,4 @@ for round in $(seq 1 30); do
 done
 echo "Installing for i386: ${i386[*]}"
 DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --allow-downgrades "${pins[@]}"
+run32

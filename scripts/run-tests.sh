@@ -15,7 +15,7 @@ ctest --test-dir build --output-on-failure -j"$jobs"
 
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DZAV_SANITIZE=ON -DZAV_WERROR=ON > /dev/null
 cmake --build build-asan -j"$jobs"
-ctest --test-dir build-asan --output-on-failure -L "conformance|cli" -j"$jobs"
+ctest --test-dir build-asan --output-on-failure -L "in-process|cli" -j"$jobs"
 
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZAV_FUZZ=ON \
   -DZAV_WERROR=ON -DZAV_FUZZ_SECONDS="${ZAV_FUZZ_SECONDS:-15}" > /dev/null
