@@ -18,5 +18,9 @@ set(CMAKE_IGNORE_PATH /usr/lib/x86_64-linux-gnu /lib/x86_64-linux-gnu)
 set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/i386-linux-gnu/pkgconfig:/usr/share/pkgconfig)
 set(ENV{JAVA_HOME} /usr/lib/jvm/java-17-openjdk-i386)
 set(Java_JAVA_EXECUTABLE /usr/lib/jvm/java-17-openjdk-i386/bin/java)
-set(Java_JAVAC_EXECUTABLE /usr/lib/jvm/java-17-openjdk-i386/bin/javac)
-set(Java_JAR_EXECUTABLE /usr/lib/jvm/java-17-openjdk-i386/bin/jar)
+# The JDK whose jni.h and libjvm the bridge and the tests build against.
+set(ZAV_JDK /usr/lib/jvm/java-17-openjdk-i386)
+# javac and jar are build tools: the host's, since class files are the same on every machine (and
+# the i386 JVM may only run under emulation here).
+set(Java_JAVAC_EXECUTABLE /usr/lib/jvm/java-17-openjdk-amd64/bin/javac)
+set(Java_JAR_EXECUTABLE /usr/lib/jvm/java-17-openjdk-amd64/bin/jar)

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <jni.h>
+#include <string.h>
 
 #include <array>
 #include <initializer_list>
@@ -97,13 +98,19 @@ private:
 // A buffer made from a Java byte array with malloc, freed with free.
 struct JavaBytes {
     unsigned char* data = nullptr;
+    size_t length = 0;
     JavaBytes() = default;
     JavaBytes(const JavaBytes&) = delete;
     JavaBytes& operator=(const JavaBytes&) = delete;
-    ~JavaBytes() { free(data); }
+    // The copy may hold a private key: wiped before it is freed.
+    ~JavaBytes() {
+        if (data != nullptr) explicit_bzero(data, length);
+        free(data);
+    }
     // from converts array when its length equals expectedLength (traced); else data stays null.
     unsigned char* from(JNIEnv* env, jbyteArray array, int32_t expectedLength) noexcept {
         JavaByteArrayToUChar(env, array, expectedLength, &data);
+        length = data != nullptr && expectedLength > 0 ? static_cast<size_t>(expectedLength) : 0;
         return data;
     }
 };
