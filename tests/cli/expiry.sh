@@ -77,21 +77,22 @@ check \
 # Damaged rows: a row changed behind the library is left out, counted on standard error with
 # exit status 1, named by keydb verify and removed by keydb repair once confirmed.
 gen() { ok keydb info --json && python3 -c "import json; print(json.load(open('out'))['result']['generation'])"; }
-if ! pending integrity "damaged rows"; then
-  before=$(gen) && ok trust soon on && [ "$(gen)" -eq $((before + 1)) ] || fail "the generation does not count a change"
-  sqlite3 keys.kdb "UPDATE keys SET label = 'forged' WHERE label = 'soon'"
-  check \
-    "1|list||has err '^tolvik: cannot list every entry: 20 .*1 damaged row left out' && has out '^ca ' && ! grep -q forged out" \
-    "1|list --json||json \"d['damaged'] == 1 and not doc['ok'] and doc['error']['code'] == 20\"" \
-    "1|keydb verify --json||json \"not d['sound'] and ('forged', 'signer', 'mac') in [(r['label'], r['kind'], r['reason']) for r in d['damaged']]\"" \
-    "2|keydb repair||has err 'confirm on a terminal or give --yes'" \
-    "0|keydb repair --yes --json||json \"d['removed'] >= 1 and {'action': 'delete', 'label': 'forged', 'kind': 'signer'} in d['changes']\"" \
-    "0|keydb verify --json||json \"d['sound']\"" \
-    "0|list||has out '^ca '"
-fi
+before=$(gen) && ok trust soon on && [ "$(gen)" -eq $((before + 1)) ] || fail "the generation does not count a change"
+sqlite3 keys.kdb "UPDATE keys SET label = 'forged' WHERE label = 'soon'"
+check \
+  "1|list||has err '^tolvik: cannot list every entry: 20 .*1 damaged row left out' && has out '^ca ' && ! grep -q forged out" \
+  "1|list --json||json \"d['damaged'] == 1 and not doc['ok'] and doc['error']['code'] == 20\"" \
+  "1|keydb verify --json||json \"not d['sound'] and ('forged', 'signer', 'mac') in [(r['label'], r['kind'], r['reason']) for r in d['damaged']]\"" \
+  "2|keydb repair||has err 'confirm on a terminal or give --yes'" \
+  "0|keydb repair --yes --json||json \"d['removed'] >= 1 and {'action': 'delete', 'label': 'forged', 'kind': 'signer'} in d['changes']\"" \
+  "0|keydb verify --json||json \"d['sound']\"" \
+  "0|list||has out '^ca '"
 
 # Tokens and the platform store: exact dates past 2038; a PIN asked for, and a wrong one named.
 export SOFTHSM2_CONF=$PWD/softhsm2.conf PIN=1234 BADPIN=9999
+# In the sanitizer build, SoftHSM2's own leak on EdDSA signing is suppressed; the slow unwinder
+# lets the suppression see the module's frames under OpenSSL's.
+export LSAN_OPTIONS=suppressions=$CLI_TESTS/../lsan.supp:fast_unwind_on_malloc=0:print_suppressions=0
 mkdir tokens && echo "directories.tokendir = $PWD/tokens" > softhsm2.conf
 softhsm2-util --init-token --free --label t --pin "$PIN" --so-pin 5678 > /dev/null
 module=${SOFTHSM_MODULE:-/usr/lib/softhsm/libsofthsm2.so}
