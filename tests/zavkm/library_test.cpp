@@ -216,6 +216,8 @@ TEST(Library, EachFailureHasItsCodeAndChangesNothing) {
     ZAVKM_KeyDbHandle h = 0;
     ASSERT_EQ(ZAVKM_CreateNewKeyDb(t.c_str(), kPassword, 0, &h), ZAVKM_OK);
     ASSERT_EQ(ZAVKM_CloseKeyDb(h), ZAVKM_OK);
+    for (const auto& f : std::filesystem::directory_iterator(dir.path("")))
+        EXPECT_EQ(f.path().filename().string().find(".tmp"), std::string::npos) << f.path() << " kept after create";
     zavkm::closeIdleConnections();  // the file alone holds the database
     auto bytes = readBytes(t);
     writeBytes(dir.path("cut.kdb"), std::vector<uint8_t>(bytes.begin(), bytes.begin() + bytes.size() / 2));
@@ -248,9 +250,10 @@ TEST(Library, EachFailureHasItsCodeAndChangesNothing) {
     EXPECT_EQ(labels(db.h), before) << "no failure adds or removes a key";
     EXPECT_EQ(open(t), ZAVKM_OK);
     EXPECT_GT(zavkm::idleConnectionCount(), 0u) << "a sound key database's connection is kept";
-    auto trace = readBytes(dir.path("trace"));
-    EXPECT_NE(std::string(trace.begin(), trace.end()).find("ZAVKM_GetKeyItemByLabel"), std::string::npos)
-        << "the trace file records the operations";
+    const auto trace = readBytes(dir.path("trace"));
+    const std::string traced(trace.begin(), trace.end());
+    EXPECT_NE(traced.find("ZAVKM_GetKeyItemByLabel"), std::string::npos) << "the trace file records the operations";
+    EXPECT_NE(traced.find("openssl: error:"), std::string::npos) << "and OpenSSL's reason for a refused input";
     ZAVKM_KeyDbHandle left = 0;
     ASSERT_EQ(ZAVKM_OpenKeyDb(t.c_str(), kPassword, &left), ZAVKM_OK);
     ZAVKM_CleanAll();
