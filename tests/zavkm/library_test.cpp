@@ -123,6 +123,16 @@ const Row kRows[] = {
          writeBytes(e.file("t.sth"), sth);
          return rc == ZAVKM_OK ? open(e.file("t.kdb"), "") : rc;
      }, ZAVKM_ERR_DATABASE_PASSWORD_CORRUPTION},
+    {"(a reader does not wait for a writer holding the database)", [](Env& e) {
+         sqlite3* writer = nullptr;
+         sqlite3_open(e.file("t.kdb").c_str(), &writer);
+         ZAVKM_KeyItem* k = nullptr;
+         ZAVKM_ReturnCode rc = sqlite3_exec(writer, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK
+                                   ? ZAVKM_GetKeyItemByLabel(e.h, "ca", &k) : ZAVKM_ERR_PARAMETER;
+         ZAVKM_FreeKeyItem(k);
+         sqlite3_close(writer);  // rolls back
+         return rc;
+     }, ZAVKM_OK},
     {"a null label", [](Env& e) { ZAVKM_KeyItem* k; return ZAVKM_GetKeyItemByLabel(e.h, nullptr, &k); }, ZAVKM_ERR_NULL_PARAMETER},
     {"an unknown label", [](Env& e) { ZAVKM_KeyItem* k; return ZAVKM_GetKeyItemByLabel(e.h, "nope", &k); }, ZAVKM_ERR_KEY_GET_BY_LABEL},
     {"a label that is taken", [](Env& e) { return ZAVKM_StoreCACert(e.h, e.ca.data(), size(e.ca), "signer"); }, ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL},
