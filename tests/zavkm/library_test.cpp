@@ -45,6 +45,18 @@ ZAVKM_ReturnCode sql(const std::string& file, const char* statement) {
     sqlite3_close(db);
     return rc;
 }
+// scalar - the single number statement gives on file (-1 when it gives none).
+int64_t scalar(const std::string& file, const char* statement) {
+    sqlite3* db = nullptr;
+    sqlite3_stmt* s = nullptr;
+    int64_t n = -1;
+    sqlite3_open(file.c_str(), &db);
+    if (sqlite3_prepare_v2(db, statement, -1, &s, nullptr) == SQLITE_OK && sqlite3_step(s) == SQLITE_ROW)
+        n = sqlite3_column_int64(s, 0);
+    sqlite3_finalize(s);
+    sqlite3_close(db);
+    return n;
+}
 ZAVKM_ReturnCode selfSign(Env& e, int32_t keySize, int32_t sig, const std::vector<uint8_t>& ext = {}) {
     ZAVKM_DNItem subject = dn("k");
     return ZAVKM_CreateSelfSignedCertSigExt(e.h, "k", 0, 3, keySize, &subject, 30, sig,
@@ -132,6 +144,13 @@ const Row kRows[] = {
          ZAVKM_FreeKeyItem(k);
          sqlite3_close(writer);  // rolls back
          return rc;
+     }, ZAVKM_OK},
+    {"(a deleted key leaves no node of the index behind)", [](Env& e) {
+         const char* count = "SELECT count(*) FROM nodes";
+         const int64_t before = scalar(e.file("t.kdb"), count);
+         ZAVKM_ReturnCode rc = ZAVKM_StoreCACert(e.h, e.ca.data(), size(e.ca), "passing");
+         if (rc == ZAVKM_OK) rc = ZAVKM_DeleteKey(e.h, "passing");
+         return scalar(e.file("t.kdb"), count) == before ? rc : ZAVKM_ERR_PARAMETER;
      }, ZAVKM_OK},
     {"a null label", [](Env& e) { ZAVKM_KeyItem* k; return ZAVKM_GetKeyItemByLabel(e.h, nullptr, &k); }, ZAVKM_ERR_NULL_PARAMETER},
     {"an unknown label", [](Env& e) { ZAVKM_KeyItem* k; return ZAVKM_GetKeyItemByLabel(e.h, "nope", &k); }, ZAVKM_ERR_KEY_GET_BY_LABEL},
