@@ -11,14 +11,14 @@ other keydb stash --password-env PW
 other p12 export made-there.p12 --p12-password-env P12 --password-env PW
 other keyring export made-there.kyr --keyring-password-env P12 --password-env PW
 ok list --json
-json "[(r['label'], r['kind']) for r in d] == [('ca', 'personal'), ('srv', 'request')]"
+json "[(r['label'], r['kind']) for r in d['entries']] == [('ca', 'personal'), ('srv', 'request')]"
 ok cert sign --issuer ca --in srv.csr --out srv.pem
 ok cert receive --in srv.pem
 ok keydb create --db here.kdb --password-env PW
 ok p12 import made-there.p12 --db here.kdb --p12-password-env P12 --password-env PW
 ok keyring import made-there.kyr --db ring.kdb --keyring-password-env P12 --password-env PW
 ok list --db ring.kdb --json --password-env PW
-json "[r['label'] for r in d] == ['ca']"
+json "[(r['label'], r['kind']) for r in d['entries']] == [('ca', 'personal'), ('srv', 'request')]"
 
 ok keydb create --db back.kdb --password-env PW
 ok cert selfsign late --db back.kdb --subject "CN=Late" --key-size 256 --days 9000 --password-env PW
@@ -33,5 +33,5 @@ json "d['not_after'].startswith('$late')"
 other keydb create --db there.kdb --password-env PW
 other p12 import made-here.p12 --db there.kdb --p12-password-env P12 --password-env PW
 other list --db keys.kdb --json
-json "[(r['label'], r['kind']) for r in d] == [('ca', 'personal'), ('srv', 'personal')]"
+json "[(r['label'], r['kind']) for r in d['entries']] == [('ca', 'personal'), ('srv', 'personal')]"
 finish

@@ -94,7 +94,7 @@ fi
 export SOFTHSM2_CONF=$PWD/softhsm2.conf PIN=1234 BADPIN=9999
 mkdir tokens && echo "directories.tokendir = $PWD/tokens" > softhsm2.conf
 softhsm2-util --init-token --free --label t --pin "$PIN" --so-pin 5678 > /dev/null
-module=/usr/lib/softhsm/libsofthsm2.so
+module=${SOFTHSM_MODULE:-/usr/lib/softhsm/libsofthsm2.so}
 ok token selfsign far --subject CN=far --days 9999 -m $module -t t --pin-env PIN
 year=$(date -ud "+9999 days" +%Y)
 check \
