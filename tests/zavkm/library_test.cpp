@@ -45,6 +45,18 @@ ZAVKM_ReturnCode sql(const std::string& file, const char* statement) {
     sqlite3_close(db);
     return rc;
 }
+// scalar - the single number statement gives on file (-1 when it gives none).
+int64_t scalar(const std::string& file, const char* statement) {
+    sqlite3* db = nullptr;
+    sqlite3_stmt* s = nullptr;
+    int64_t n = -1;
+    sqlite3_open(file.c_str(), &db);
+    if (sqlite3_prepare_v2(db, statement, -1, &s, nullptr) == SQLITE_OK && sqlite3_step(s) == SQLITE_ROW)
+        n = sqlite3_column_int64(s, 0);
+    sqlite3_finalize(s);
+    sqlite3_close(db);
+    return n;
+}
 ZAVKM_ReturnCode selfSign(Env& e, int32_t keySize, int32_t sig, const std::vector<uint8_t>& ext = {}) {
     ZAVKM_DNItem subject = dn("k");
     return ZAVKM_CreateSelfSignedCertSigExt(e.h, "k", 0, 3, keySize, &subject, 30, sig,
@@ -123,6 +135,23 @@ const Row kRows[] = {
          writeBytes(e.file("t.sth"), sth);
          return rc == ZAVKM_OK ? open(e.file("t.kdb"), "") : rc;
      }, ZAVKM_ERR_DATABASE_PASSWORD_CORRUPTION},
+    {"(a reader does not wait for a writer holding the database)", [](Env& e) {
+         sqlite3* writer = nullptr;
+         sqlite3_open(e.file("t.kdb").c_str(), &writer);
+         ZAVKM_KeyItem* k = nullptr;
+         ZAVKM_ReturnCode rc = sqlite3_exec(writer, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK
+                                   ? ZAVKM_GetKeyItemByLabel(e.h, "ca", &k) : ZAVKM_ERR_PARAMETER;
+         ZAVKM_FreeKeyItem(k);
+         sqlite3_close(writer);  // rolls back
+         return rc;
+     }, ZAVKM_OK},
+    {"(a deleted key leaves no node of the index behind)", [](Env& e) {
+         const char* count = "SELECT count(*) FROM nodes";
+         const int64_t before = scalar(e.file("t.kdb"), count);
+         ZAVKM_ReturnCode rc = ZAVKM_StoreCACert(e.h, e.ca.data(), size(e.ca), "passing");
+         if (rc == ZAVKM_OK) rc = ZAVKM_DeleteKey(e.h, "passing");
+         return scalar(e.file("t.kdb"), count) == before ? rc : ZAVKM_ERR_PARAMETER;
+     }, ZAVKM_OK},
     {"a null label", [](Env& e) { ZAVKM_KeyItem* k; return ZAVKM_GetKeyItemByLabel(e.h, nullptr, &k); }, ZAVKM_ERR_NULL_PARAMETER},
     {"an unknown label", [](Env& e) { ZAVKM_KeyItem* k; return ZAVKM_GetKeyItemByLabel(e.h, "nope", &k); }, ZAVKM_ERR_KEY_GET_BY_LABEL},
     {"a label that is taken", [](Env& e) { return ZAVKM_StoreCACert(e.h, e.ca.data(), size(e.ca), "signer"); }, ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL},
@@ -216,6 +245,8 @@ TEST(Library, EachFailureHasItsCodeAndChangesNothing) {
     ZAVKM_KeyDbHandle h = 0;
     ASSERT_EQ(ZAVKM_CreateNewKeyDb(t.c_str(), kPassword, 0, &h), ZAVKM_OK);
     ASSERT_EQ(ZAVKM_CloseKeyDb(h), ZAVKM_OK);
+    for (const auto& f : std::filesystem::directory_iterator(dir.path("")))
+        EXPECT_EQ(f.path().filename().string().find(".tmp"), std::string::npos) << f.path() << " kept after create";
     zavkm::closeIdleConnections();  // the file alone holds the database
     auto bytes = readBytes(t);
     writeBytes(dir.path("cut.kdb"), std::vector<uint8_t>(bytes.begin(), bytes.begin() + bytes.size() / 2));
@@ -248,9 +279,10 @@ TEST(Library, EachFailureHasItsCodeAndChangesNothing) {
     EXPECT_EQ(labels(db.h), before) << "no failure adds or removes a key";
     EXPECT_EQ(open(t), ZAVKM_OK);
     EXPECT_GT(zavkm::idleConnectionCount(), 0u) << "a sound key database's connection is kept";
-    auto trace = readBytes(dir.path("trace"));
-    EXPECT_NE(std::string(trace.begin(), trace.end()).find("ZAVKM_GetKeyItemByLabel"), std::string::npos)
-        << "the trace file records the operations";
+    const auto trace = readBytes(dir.path("trace"));
+    const std::string traced(trace.begin(), trace.end());
+    EXPECT_NE(traced.find("ZAVKM_GetKeyItemByLabel"), std::string::npos) << "the trace file records the operations";
+    EXPECT_NE(traced.find("openssl: error:"), std::string::npos) << "and OpenSSL's reason for a refused input";
     ZAVKM_KeyDbHandle left = 0;
     ASSERT_EQ(ZAVKM_OpenKeyDb(t.c_str(), kPassword, &left), ZAVKM_OK);
     ZAVKM_CleanAll();
