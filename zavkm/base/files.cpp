@@ -309,6 +309,17 @@ Rc checkPrivateFile(int fd, uid_t alsoOwner, bool tighten, struct stat& st) noex
     return ZAVKM_OK;
 }
 
+namespace {
+
+// unlinked - the regular file behind fd has lost its last name: another process's connection,
+// the last one closing, removed a companion it made.
+bool unlinked(int fd) noexcept {
+    struct stat st {};
+    return ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 0;
+}
+
+}  // namespace
+
 Rc prepareCompanion(const std::string& path, uid_t dbOwner, dev_t& dev, ino_t& ino) noexcept {
     dev = 0;
     ino = 0;
@@ -318,7 +329,7 @@ Rc prepareCompanion(const std::string& path, uid_t dbOwner, dev_t& dev, ino_t& i
     const int fd = ::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return ZAVKM_OK;  // gone again (the last connection closing): SQLite creates it
     struct stat st {};
-    const Rc rc = checkPrivateFile(fd, dbOwner, true, st);
+    const Rc rc = unlinked(fd) ? ZAVKM_OK : checkPrivateFile(fd, dbOwner, true, st);
     ::close(fd);
     if (rc == ZAVKM_OK) {
         dev = st.st_dev;
@@ -336,7 +347,7 @@ Rc checkCompanions(const std::string& dbPath) noexcept {
             const int fd = ::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
             if (fd < 0) continue;
             struct stat st {};
-            const Rc rc = checkPrivateFile(fd, db.st_uid, true, st);
+            const Rc rc = unlinked(fd) ? ZAVKM_OK : checkPrivateFile(fd, db.st_uid, true, st);
             ::close(fd);
             if (rc != ZAVKM_OK) return rc;
         }

@@ -45,8 +45,12 @@ int checkedOpen(sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int fla
     }
     const int rc = baseVfs->xOpen(baseVfs, name, file, flags, outFlags);
     struct stat now {};
+    // Another process's last connection may have removed the checked log meanwhile, and SQLite
+    // made it anew: the new one must pass the same checks.
     if (rc == SQLITE_OK && dev != 0 &&
-        (::lstat(name, &now) != 0 || now.st_dev != dev || now.st_ino != ino)) {
+        (::lstat(name, &now) != 0 || now.st_dev != dev || now.st_ino != ino) &&
+        (prepareCompanion(name, owner, dev, ino) != ZAVKM_OK || ::lstat(name, &now) != 0 ||
+         now.st_dev != dev || now.st_ino != ino)) {
         trace("%s changed while SQLite opened it", name);
         if (file->pMethods != nullptr) file->pMethods->xClose(file);
         file->pMethods = nullptr;
