@@ -70,6 +70,14 @@ uid_t ownerOf(const char* name) {
 
 ZAVKM_ReturnCode openDb(const char* name, const char* pw = kPw) { return OpenDb(name, pw).rc; }
 
+// readCa - the CA's key item read from k.kdb, opened afresh.
+ZAVKM_ReturnCode readCa() {
+    OpenDb db("k.kdb", kPw);
+    ZAVKM_KeyItem* key = nullptr;
+    const ZAVKM_ReturnCode rc = db.rc == ZAVKM_OK ? ZAVKM_GetKeyItemByLabel(db.h, "ca", &key) : db.rc;
+    ZAVKM_FreeKeyItem(key);
+    return rc;
+}
 // exportCa - the CA's certificate written to target while k.kdb is open.
 ZAVKM_ReturnCode exportCa(const char* target) {
     OpenDb db("k.kdb", kPw);
@@ -118,17 +126,10 @@ const Row kRows[] = {
          return (code & 0xff) == SQLITE_CANTOPEN ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED : ZAVKM_ReturnCode(code);
      }, ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED},
     {"(a log of ours that others can read is tightened)", "k.kdb-wal", Plant::OwnLoose, [] {
-         OpenDb db("k.kdb", kPw);
-         ZAVKM_KeyItem* key = nullptr;
-         ZAVKM_ReturnCode rc = db.rc == ZAVKM_OK ? ZAVKM_GetKeyItemByLabel(db.h, "ca", &key) : db.rc;
-         ZAVKM_FreeKeyItem(key);
-         return rc;
+         return readCa();
      }, ZAVKM_OK, [] { return modeOf("k.kdb-wal") == 0 || modeOf("k.kdb-wal") == 0600; }},
     {"(companions SQLite makes are the user's, 0600)", "none", Plant::None, [] {
-         OpenDb db("k.kdb", kPw);
-         ZAVKM_KeyItem* key = nullptr;
-         ZAVKM_ReturnCode rc = db.rc == ZAVKM_OK ? ZAVKM_GetKeyItemByLabel(db.h, "ca", &key) : db.rc;
-         ZAVKM_FreeKeyItem(key);
+         const ZAVKM_ReturnCode rc = readCa();
          return modeOf("k.kdb-wal") == 0600 && modeOf("k.kdb-shm") == 0600 ? rc : ZAVKM_ERR_PARAMETER;
      }, ZAVKM_OK},
     {"another user's log beside a new database's temporary", "n.kdb.tmp%p-wal", Plant::IntruderFile, [] {
@@ -207,11 +208,7 @@ const Row kRows[] = {
      }, ZAVKM_OK},
     // Root.
     {"(root opens a user's database and the log that user left)", "none", Plant::IntruderDb, [] {
-         OpenDb db("k.kdb", kPw);
-         ZAVKM_KeyItem* key = nullptr;
-         ZAVKM_ReturnCode rc = db.rc == ZAVKM_OK ? ZAVKM_GetKeyItemByLabel(db.h, "ca", &key) : db.rc;
-         ZAVKM_FreeKeyItem(key);
-         return rc;
+         return readCa();
      }, ZAVKM_OK, {}, true},
     {"(root follows a link of root's)", "out.pem", Plant::OwnLink, [] { return exportCa("out.pem"); }, ZAVKM_OK,
      [] { return text("victim.txt").find("CERTIFICATE") != std::string::npos; }, true},
