@@ -2,6 +2,7 @@
 // the input written to a file there, and a key database opened once for targets that need one.
 #pragma once
 
+#include <ftw.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -15,6 +16,18 @@ namespace fuzz {
 
 inline const char* const kPassword = "fuzz-Passw0rd";
 
+inline std::string& scratchName() {
+    static std::string name;
+    return name;
+}
+
+// removeScratch - at exit, the scratch directory and everything in it go (deepest first).
+inline void removeScratch() {
+    if (scratchName().empty()) return;
+    ::nftw(scratchName().c_str(), [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); },
+           8, FTW_DEPTH | FTW_PHYS);
+}
+
 // scratch - the directory of this process, made on first use: in memory (/dev/shm) where there
 // is one, so that the files written for every input cost no disk writes or syncs.
 inline const std::string& scratch() {
@@ -22,6 +35,8 @@ inline const std::string& scratch() {
         ZAVKM_Init();
         std::string name = ::access("/dev/shm", W_OK) == 0 ? "/dev/shm/zavkm-fuzz-XXXXXX" : "/tmp/zavkm-fuzz-XXXXXX";
         if (mkdtemp(name.data()) == nullptr) std::abort();
+        scratchName() = name;
+        std::atexit(removeScratch);
         return name;
     }();
     return dir;

@@ -33,7 +33,9 @@ skip=()
 if [ -e /proc/sys/fs/binfmt_misc/qemu-i386 ] && grep -qx enabled /proc/sys/fs/binfmt_misc/qemu-i386; then
   skip=(-E 'natives_|e2e_|tokens_java|install_|crash_kills')
   if [ "$(df --output=avail -k /dev/shm 2> /dev/null | tail -1)" -gt 4000000 ] 2> /dev/null; then
-    i386=/dev/shm/zav-build-i386-$(id -u)
+    # one directory per run, removed when the run ends however it ends
+    i386="$(mktemp -d /dev/shm/zav-build-i386-XXXXXX)"
+    trap 'rm -rf "$i386"' EXIT
     mkdir -p "$i386/tmp"
     export TMPDIR=$i386/tmp
     export GTEST_FILTER=-TokenTest.ListingsShowExactTimesPast2038:TokenTest.PlatformStoreShowsTheRegisteredProviders

@@ -120,4 +120,9 @@ check \
   "0|cert selfsign ed --key ed25519 --subject CN=ed --out ed.pem||openssl x509 -in ed.pem -noout -text | grep -q ED25519" \
   "0|cert request ed448 --key ed448 --subject CN=ed448 --out ed448.csr||openssl req -in ed448.csr -noout -text | grep -q ED448" \
   "0|cert selfsign mail --subject CN=mail,O=Foo\\,Inc.,emailAddress=a@example.test,DC=example --out mail.pem||openssl x509 -in mail.pem -noout -subject -nameopt RFC2253 > text && has text '^subject=DC=example,emailAddress=a@example.test,CN=mail,O=Foo\\\\,Inc\\.\$'"
+
+# Many processes on one database at once, each one's last connection removing the log the next
+# one checked: none is refused.
+seq 1 120 | xargs -P8 -I{} sh -c '"$TOLVIK" list > /dev/null 2>> race.err; "$TOLVIK" trust ca on > /dev/null 2>> race.err'
+[ ! -s race.err ] || fail "concurrent runs refused: $(sort -u race.err | head -3)"
 finish

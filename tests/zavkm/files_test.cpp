@@ -132,6 +132,14 @@ const Row kRows[] = {
          const ZAVKM_ReturnCode rc = readCa();
          return modeOf("k.kdb-wal") == 0600 && modeOf("k.kdb-shm") == 0600 ? rc : ZAVKM_ERR_PARAMETER;
      }, ZAVKM_OK},
+    {"(a log of ours another process's last connection removed after we opened it)", "none", Plant::None, [] {
+         const int fd = ::open("k.kdb-wal", O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0600);
+         struct stat st {};
+         ::unlink("k.kdb-wal");
+         const ZAVKM_ReturnCode rc = zavkm::checkPrivateFile(fd, ::geteuid(), true, st);
+         ::close(fd);
+         return rc;
+     }, ZAVKM_OK},
     {"another user's log beside a new database's temporary", "n.kdb.tmp%p-wal", Plant::IntruderFile, [] {
          ZAVKM_KeyDbHandle h = 0;
          ZAVKM_ReturnCode rc = ZAVKM_CreateNewKeyDb("n.kdb", kPw, 0, &h);

@@ -296,7 +296,7 @@ Rc publishNewFile(const std::string& temp, const std::string& fileName) noexcept
 }
 
 Rc checkPrivateFile(int fd, uid_t alsoOwner, bool tighten, struct stat& st) noexcept {
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1)
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink > 1)
         return ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED;
     if (st.st_uid != ::geteuid() && st.st_uid != alsoOwner) return ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED;
     if ((st.st_mode & 077) == 0) return ZAVKM_OK;

@@ -65,7 +65,8 @@ bool syncDirectoryOf(const std::string& fileName) noexcept;
 Rc publishNewFile(const std::string& temp, const std::string& fileName) noexcept;
 
 // checkPrivateFile - the file open on fd (opened with O_NOFOLLOW, O_PATH allowed) is a regular
-// file with one link, owned by the effective user or by alsoOwner, that group and others cannot
+// file with no second name (none at all when another process removed it since it was opened),
+// owned by the effective user or by alsoOwner, that group and others cannot
 // read or write; with tighten, such access is taken away when the caller may (fchmod, or chmod
 // through /proc for an O_PATH descriptor, so that no second descriptor is opened and closed on a
 // file SQLite holds locks on). ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED otherwise. st receives the
