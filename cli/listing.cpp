@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <ctime>
+#include <functional>
 #include <iostream>
+#include <map>
 
 #include "tolvik.h"
 
@@ -15,8 +17,7 @@ namespace {
 constexpr int64_t kDay = 86400;
 constexpr int64_t kSoon = 30 * kDay;  // rows marked on a terminal without --expiring
 
-Entry toEntry(const ZAVKM_Entry& e) {
-    Entry out;
+void toEntry(const ZAVKM_Entry& e, Entry& out) {
     out.label = e.label ? e.label : "";
     out.kind = e.kind;
     out.keyType = e.keyType;
@@ -26,7 +27,6 @@ Entry toEntry(const ZAVKM_Entry& e) {
     out.notBefore = e.notBefore;
     out.notAfter = e.notAfter;
     if (e.der != nullptr) out.der.assign(e.der, e.der + e.derLength);
-    return out;
 }
 
 // fillDer - the certificate (or request) of an entry the library listed without it.
@@ -102,20 +102,29 @@ const char* kindName(int32_t kind) {
     return kinds[kind >= 1 && kind <= 3 ? kind : 0];
 }
 
-// table - the entries as aligned columns, written in one pass once the label and key columns'
-// widths are known.
-std::string table(const std::vector<Entry>& entries, const Filter& f, bool terminal) {
+// keyColumn - the key column's text of an algorithm and size, made once for each one met.
+const std::string& keyColumn(std::map<std::pair<int32_t, int32_t>, std::string>& made, int32_t type,
+                             int32_t bits) {
+    auto [it, fresh] = made.try_emplace({type, bits});
+    if (fresh) it->second = keyText(type, bits);
+    return it->second;
+}
+
+// table - the entries as aligned columns, handed to emit a piece at a time once the label and
+// key columns' widths are known.
+void table(const std::vector<Entry>& entries, const Filter& f, bool terminal,
+           const std::function<void(std::string_view)>& emit) {
+    constexpr size_t kPiece = 64 * 1024;
     const bool paint = terminal && colour();
-    std::vector<std::string> labels;
-    labels.reserve(entries.size());
+    std::map<std::pair<int32_t, int32_t>, std::string> keys;
+    auto key = [&keys](int32_t type, int32_t bits) -> const std::string& { return keyColumn(keys, type, bits); };
     size_t labelWidth = 5, keyWidth = 3;
     for (const Entry& e : entries) {
-        labels.push_back(terminalText(e.label));
-        labelWidth = std::max(labelWidth, width(labels.back()));
-        keyWidth = std::max(keyWidth, keyText(e.keyType, e.keyBits).size());
+        labelWidth = std::max(labelWidth, width(terminalText(e.label)));
+        keyWidth = std::max(keyWidth, key(e.keyType, e.keyBits).size());
     }
     std::string text;
-    text.reserve((labelWidth + keyWidth + 64) * (entries.size() + 1));
+    text.reserve(kPiece + 4 * (labelWidth + keyWidth + 64));
     auto cell = [&text](std::string_view s, size_t columns) {
         text += s;
         text.append(columns + 2 - std::min(columns, width(s)), ' ');
@@ -124,24 +133,27 @@ std::string table(const std::vector<Entry>& entries, const Filter& f, bool termi
     text += "kind      default  trusted  ";
     cell("key", keyWidth);
     text += "expires               days left\n";
-    for (size_t i = 0; i < entries.size(); ++i) {
-        const Entry& e = entries[i];
+    for (const Entry& e : entries) {
         const bool request = e.kind == ZAVKM_ENTRY_REQUEST;
         const bool expired = !request && e.notAfter <= f.now;
         const bool soon = !request && !expired && e.notAfter <= f.now + f.soon;
         if (paint && (expired || soon)) text += expired ? "\033[31m" : "\033[33m";
-        cell(labels[i], labelWidth);
+        cell(terminalText(e.label), labelWidth);
         cell(kindName(e.kind), 8);
         cell(e.isDefault ? "yes" : "no", 7);
         cell(e.trusted ? "yes" : "no", 7);
-        cell(keyText(e.keyType, e.keyBits), keyWidth);
+        cell(key(e.keyType, e.keyBits), keyWidth);
         cell(request ? "-" : isoTime(e.notAfter), 20);
         text += request ? "-" : std::to_string(daysLeft(e.notAfter, f.now));
         if (terminal && (expired || soon)) text += expired ? " expired" : " soon";
         if (paint && (expired || soon)) text += "\033[0m";
         text += '\n';
+        if (text.size() >= kPiece) {
+            emit(text);
+            text.clear();
+        }
     }
-    return text;
+    emit(text);
 }
 
 Json orNull(const std::string& s) { return s.empty() ? Json() : Json(s); }
@@ -265,10 +277,16 @@ Json list(Context& ctx, const ListArgs& a) {
         ctx.printed = true;
         return nullptr;
     }
-    const bool toTerminal = (a.out.empty() || a.out == "-") && isatty(STDOUT_FILENO);
-    std::string text = format == "prometheus" ? prometheus(all, store.name, damaged)
-                                              : table(all, f, toTerminal);
-    if (a.out.empty() || a.out == "-") {
+    const bool toStandardOutput = a.out.empty() || a.out == "-";
+    std::string text;
+    if (format == "prometheus") {
+        text = prometheus(all, store.name, damaged);
+    } else if (toStandardOutput) {  // written as it is made
+        table(all, f, isatty(STDOUT_FILENO), [](std::string_view piece) { writeOut(piece); });
+    } else {
+        table(all, f, false, [&text](std::string_view piece) { text += piece; });
+    }
+    if (toStandardOutput) {
         writeOut(text);
     } else {
         writeOutput(ctx, a.out, reinterpret_cast<const uint8_t*>(text.data()), text.size(), false);
@@ -291,7 +309,7 @@ std::vector<Entry> listing(ZAVKM_KeyDbHandle handle, bool der, uint32_t& damaged
     std::vector<Entry> entries;
     entries.reserve(count);
     for (uint32_t i = 0; i < count; ++i) {
-        entries.push_back(toEntry(list[i]));
+        toEntry(list[i], entries.emplace_back());
         if (der && entries.back().der.empty()) fillDer(handle, entries.back());
     }
     return entries;

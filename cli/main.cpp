@@ -2,9 +2,12 @@
 // <verb>`, starts the library, runs the one action chosen, prints its result and stops the
 // library. Exit codes: 0 success, 1 a step failed (one line on standard error), 2 usage, 3 and
 // 4 what `list --expiring` and `--expired` found, 128 + n a signal.
+#include <malloc.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
+#include <string_view>
 
 #include "tolvik.h"
 
@@ -194,11 +197,48 @@ std::string usageLine(CLI::App& app, const CLI::ParseError& e) {
     return message + help;
 }
 
+// Group - top-level commands registered together.
+struct Group {
+    std::string_view names;  // separated by spaces
+    void (*add)(CLI::App&, Context&);
+};
+constexpr Group kGroups[] = {{"keydb", addKeyDbCommands},
+                             {"list", addListCommand},
+                             {"show delete default trust rename", addEntryCommands},
+                             {"cert", addCertCommands},
+                             {"p12 keyring epki pem", addFileCommands},
+                             {"token store", addTokenCommands}};
+
+bool names(std::string_view list, std::string_view word) {
+    for (size_t at = 0; at <= list.size();) {
+        const size_t end = std::min(list.find(' ', at), list.size());
+        if (list.substr(at, end - at) == word) return true;
+        at = end + 1;
+    }
+    return false;
+}
+
+// addCommands - the group of the command the words name (the whole tree costs every run
+// milliseconds), or every command for help, the manual and words that name none.
+void addCommands(CLI::App& app, Context& ctx, int argc, char** argv) {
+    std::string_view word;
+    for (int i = 1; i < argc && word.empty(); ++i)
+        if (argv[i][0] != '-') word = argv[i];
+    for (const Group& g : kGroups)
+        if (!word.empty() && names(g.names, word)) return g.add(app, ctx);
+    for (const Group& g : kGroups) g.add(app, ctx);
+    addManualCommand(app, ctx);
+}
+
 }  // namespace
 }  // namespace tolvik
 
 int main(int argc, char** argv) {
     using namespace tolvik;
+    // Large listings allocate and free megabytes: kept on the heap and not given back, they are
+    // faulted in once rather than once per allocation.
+    mallopt(M_MMAP_THRESHOLD, 64 << 20);
+    mallopt(M_TRIM_THRESHOLD, 128 << 20);
     Context ctx;
     CLI::App app{"tolvik - manage key databases, certificates, PKCS#12 files and tokens", "tolvik"};
     app.fallthrough();
@@ -206,13 +246,7 @@ int main(int argc, char** argv) {
     app.set_version_flag("--version", "tolvik " TOLVIK_VERSION, "print the version and exit");
     app.require_subcommand(1);
     app.add_flag("--json", ctx.json, "print one JSON document");
-    addKeyDbCommands(app, ctx);
-    addListCommand(app, ctx);
-    addEntryCommands(app, ctx);
-    addCertCommands(app, ctx);
-    addFileCommands(app, ctx);
-    addTokenCommands(app, ctx);
-    addManualCommand(app, ctx);
+    addCommands(app, ctx, argc, argv);
     app.footer(
         "Exit codes: 0 success, 1 a step failed (code and name on standard error), 2 usage, 3 "
         "and 4 list --expiring/--expired found certificates expiring or expired.");

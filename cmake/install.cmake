@@ -65,6 +65,8 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${ZAV_LIB_DIR})
 set(CPACK_DEBIAN_LIB_PACKAGE_NAME libzav7km-gcc295)
 set(CPACK_DEBIAN_LIB_PACKAGE_SECTION libs)
+# p11-kit is opened with dlopen, so the shared-library scan does not see it.
+set(CPACK_DEBIAN_LIB_PACKAGE_DEPENDS "libp11-kit0")
 set(CPACK_DEBIAN_LIB_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_SOURCE_DIR}/cmake/debian/triggers)
 set(CPACK_DEBIAN_LIB_DESCRIPTION "key-management library and its JNI bridge
  libzav7km_gcc295.so keeps keys and certificates in key database files

@@ -1,6 +1,7 @@
 // api_certs.cpp - making certificates and requests, issuing, receiving, storing, exporting.
 #include <unistd.h>
 
+#include "certcache.h"
 #include "entries.h"
 #include "files.h"
 #include "keyitems.h"
@@ -536,8 +537,11 @@ ZAVKM_ReturnCode ZAVKM_GetUnsignedCertFromCert(const uint8_t* der, uint32_t derL
     return withLibrary(__func__, {der, tbs, tbsLength}, [&]() -> Rc {
         *tbs = nullptr;
         *tbsLength = 0;
-        X509Ptr cert;
-        if (Rc rc = readCertificate(der, derLength, cert); rc != ZAVKM_OK) return rc;
+        // Mostly the certificate of a key item just read, asked for again and again: decoded
+        // once (the costliest step) and cached when it has the size of a certificate.
+        if (Rc rc = withinSize(derLength, kMaxItemBytes); rc != ZAVKM_OK) return rc;
+        if (!cachedCertificate(Bytes(der, der + derLength), derLength <= kCachedCertBytes))
+            return ZAVKM_ERR_ASN;
         Bytes part = tbsOf(der, derLength);
         if (part.empty()) return ZAVKM_ERR_ASN;  // PEM too: the part is cut from DER bytes
         copyBytes(part, tbs, tbsLength);

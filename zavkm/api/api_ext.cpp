@@ -2,6 +2,7 @@
 #include <bit>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "entries.h"
 #include "pages.h"
@@ -15,13 +16,28 @@ using namespace zavkm;
 
 namespace {
 
-// entriesOut - rows as a malloc'd array of ZAVKM_Entry (texts and DER malloc'd too).
-Rc entriesOut(std::vector<EntryRow>& rows, ZAVKM_Entry** entries, uint32_t* count) {
-    auto* out = static_cast<ZAVKM_Entry*>(std::calloc(rows.empty() ? 1 : rows.size(), sizeof(ZAVKM_Entry)));
-    if (out == nullptr) return ZAVKM_ERR_MEMORY_ALLOCATE;
-    for (size_t i = 0; i < rows.size(); ++i) {
-        const EntryRow& r = rows[i];
-        ZAVKM_Entry& e = out[i];
+// EntriesOut - a malloc'd array of ZAVKM_Entry (texts and DER malloc'd too), filled as the rows
+// are read; the array is freed with what it holds unless it is handed out.
+class EntriesOut {
+  public:
+    EntriesOut() = default;
+    EntriesOut(const EntriesOut&) = delete;
+    EntriesOut& operator=(const EntriesOut&) = delete;
+    ~EntriesOut() { ZAVKM_FreeEntries(out_, static_cast<uint32_t>(n_)); }
+
+    void start(size_t capacity) {
+        ZAVKM_FreeEntries(out_, static_cast<uint32_t>(n_));
+        n_ = 0;
+        capacity_ = capacity;
+        out_ = static_cast<ZAVKM_Entry*>(std::calloc(capacity == 0 ? 1 : capacity, sizeof(ZAVKM_Entry)));
+        failed_ = out_ == nullptr;
+    }
+    void take(const EntryRow& r) {
+        if (failed_ || n_ == capacity_) {
+            failed_ = true;
+            return;
+        }
+        ZAVKM_Entry& e = out_[n_++];
         e.label = strdup(utf8Text(r.label).c_str());
         e.kind = r.kind;
         e.keyType = r.keyType;
@@ -36,27 +52,34 @@ Rc entriesOut(std::vector<EntryRow>& rows, ZAVKM_Entry** entries, uint32_t* coun
             if (e.der != nullptr) std::memcpy(e.der, r.der.data(), r.der.size());
             e.derLength = static_cast<uint32_t>(r.der.size());
         }
-        if (e.label == nullptr || (!r.der.empty() && e.der == nullptr)) {
-            ZAVKM_FreeEntries(out, static_cast<uint32_t>(i + 1));
-            return ZAVKM_ERR_MEMORY_ALLOCATE;
-        }
+        failed_ = e.label == nullptr || (!r.der.empty() && e.der == nullptr);
     }
-    *entries = out;
-    *count = static_cast<uint32_t>(rows.size());
-    return ZAVKM_OK;
-}
+    // handOut - the entries to the caller; ZAVKM_ERR_MEMORY_ALLOCATE when one could not be made.
+    Rc handOut(ZAVKM_Entry** entries, uint32_t* count) {
+        if (failed_ || out_ == nullptr) return ZAVKM_ERR_MEMORY_ALLOCATE;
+        *entries = std::exchange(out_, nullptr);
+        *count = static_cast<uint32_t>(std::exchange(n_, 0));
+        return ZAVKM_OK;
+    }
+
+  private:
+    ZAVKM_Entry* out_ = nullptr;
+    size_t n_ = 0, capacity_ = 0;
+    bool failed_ = false;
+};
 
 // listed - the sound entries of a key database and how many rows are damaged.
 Rc listed(KeyDb& kdb, uint32_t flags, ZAVKM_Entry** entries, uint32_t* count, uint32_t& damaged) {
     *entries = nullptr;
     *count = 0;
-    std::vector<EntryRow> rows;
+    EntriesOut out;
+    const EntrySink sink{[&out](size_t n) { out.start(n); }, [&out](EntryRow&& r) { out.take(r); }};
     if (Rc rc = readView(kdb, [&](View& v) {
-            return listEntries(v, (flags & ZAVKM_LIST_DER) != 0, rows, damaged);
+            return listEntries(v, (flags & ZAVKM_LIST_DER) != 0, sink, damaged);
         });
         rc != ZAVKM_OK)
         return rc;
-    return entriesOut(rows, entries, count);
+    return out.handOut(entries, count);
 }
 
 }  // namespace

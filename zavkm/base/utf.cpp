@@ -1,6 +1,8 @@
 // utf.cpp - canonical text, the forms handed out, UTF-16BE.
 #include "utf.h"
 
+#include <algorithm>
+
 namespace zavkm {
 namespace {
 
@@ -79,6 +81,9 @@ bool isControl(uint32_t c) { return c < 0x20 || (c >= 0x7f && c <= 0x9f); }
 // goes through as U+FFFD.
 template <class Put>
 std::string rewrite(std::string_view stored, Put put) {
+    // ASCII without NUL reads the same in every form: copied as it stands.
+    if (std::all_of(stored.begin(), stored.end(), [](char c) { return c != 0 && static_cast<unsigned char>(c) < 0x80; }))
+        return std::string(stored);
     std::string out;
     out.reserve(stored.size());
     for (size_t i = 0, n = 1; i < stored.size(); i += n) {

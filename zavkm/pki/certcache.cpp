@@ -31,7 +31,7 @@ X509Ptr newReference(X509* cert) {
 
 }  // namespace
 
-X509Ptr cachedCertificate(const Bytes& der) {
+X509Ptr cachedCertificate(const Bytes& der, bool keep) {
     std::string key(der.begin(), der.end());
     Cache& c = cache();
     {
@@ -43,7 +43,7 @@ X509Ptr cachedCertificate(const Bytes& der) {
         }
     }
     X509Ptr cert = parseCertificate(der.data(), der.size());
-    if (!cert) return nullptr;
+    if (!cert || !keep) return cert;
     X509Ptr result = newReference(cert.get());
     std::lock_guard lock(c.mutex);
     if (c.index.count(key) == 0) {

@@ -11,8 +11,11 @@
 namespace zavkm {
 
 // cachedCertificate - the decoded certificate for der (a new reference), or null when der is
-// not a certificate.
-X509Ptr cachedCertificate(const Bytes& der);
+// not a certificate. With keep false a certificate not yet cached is decoded but not kept (bytes
+// from a caller, not from a key database).
+X509Ptr cachedCertificate(const Bytes& der, bool keep = true);
+// kCachedCertBytes - the largest certificate from a caller worth keeping.
+inline constexpr size_t kCachedCertBytes = 16u << 10;
 
 // clearCertificateCache - drops every cached certificate (ZAVKM_CleanAll).
 void clearCertificateCache() noexcept;

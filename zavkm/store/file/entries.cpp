@@ -259,14 +259,13 @@ Rc allRequests(View& v, std::vector<RequestRow>& out) {
     return allRows<StoredRequest>(v, kRequestsTable, ZAVKM_REQUEST_COLUMNS "ORDER BY id", out);
 }
 
-Rc listEntries(View& v, bool withDer, std::vector<EntryRow>& out, uint32_t& damaged) {
-    out.clear();
+Rc listEntries(View& v, bool withDer, const EntrySink& out, uint32_t& damaged) {
     damaged = 0;
     PageBook book;
     if (Rc rc = loadPages(v, book); rc != ZAVKM_OK) return rc;
-    out.reserve(book.rows());
+    out.start(book.rows());
     auto keep = [&](EntryRow&& e, Verdict verdict, bool) {
-        if (verdict == Verdict::Sound) out.push_back(std::move(e));
+        if (verdict == Verdict::Sound) out.take(std::move(e));
     };
     auto none = [](int64_t) {};
     auto keyEntry = [&](const Stmt& s, EntryRow& e) {

@@ -8,6 +8,7 @@
 // partial or forged result. A label the index does not list is truly absent.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -46,9 +47,15 @@ struct EntryRow {
     int64_t rowId = 0;
     Bytes der;  // with withDer: the certificate, or the request
 };
+// EntrySink - where a listing goes as it is read: start(n) first, n at least the number of rows
+// to come, then take(row) for each one.
+struct EntrySink {
+    std::function<void(size_t)> start;
+    std::function<void(EntryRow&&)> take;
+};
 // listEntries - every sound key, then every sound request, in the order they were added; the
 // damaged and missing rows are counted in damaged, not listed.
-Rc listEntries(View& v, bool withDer, std::vector<EntryRow>& out, uint32_t& damaged);
+Rc listEntries(View& v, bool withDer, const EntrySink& out, uint32_t& damaged);
 
 // keyLabels / requestLabels - the labels of a label space in the order they were added;
 // ZAVKM_ERR_DATABASE_KEY_INTEGRITY when any row of it is damaged or missing.

@@ -164,19 +164,32 @@ Rc wrappingKey(const SecretBytes& master, SecretBytes& kek) noexcept {
     return hkdfKey(master, "zavkm data-key wrap v1", kek);
 }
 
+namespace {
+
+// The algorithms, fetched once per process and kept: the first fetch of each costs more than
+// the work done with it.
+EVP_KDF* hkdfAlgorithm() {
+    static EVP_KDF* kdf = EVP_KDF_fetch(nullptr, "HKDF", nullptr);
+    return kdf;
+}
+EVP_CIPHER* gcmAlgorithm() {
+    static EVP_CIPHER* cipher = EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr);
+    return cipher;
+}
+
+}  // namespace
+
 Rc hkdfKey(const SecretBytes& master, std::string_view info, SecretBytes& key) noexcept {
     return guarded([&]() -> Rc {
         SecretBytes out(kKeySize);
-        PkeyCtxPtr ctx(EVP_PKEY_CTX_new_id(EVP_PKEY_HKDF, nullptr));
-        if (!ctx || EVP_PKEY_derive_init(ctx.get()) != 1 ||
-            EVP_PKEY_CTX_set_hkdf_md(ctx.get(), EVP_sha256()) != 1 ||
-            EVP_PKEY_CTX_set1_hkdf_key(ctx.get(), master.data(), static_cast<int>(master.size())) !=
-                1 ||
-            EVP_PKEY_CTX_add1_hkdf_info(ctx.get(), reinterpret_cast<const unsigned char*>(info.data()),
-                                        static_cast<int>(info.size())) != 1)
-            return sslError(ZAVKM_ERR_CRYPTO);
-        size_t len = out.size();
-        if (EVP_PKEY_derive(ctx.get(), out.data(), &len) != 1 || len != out.size())
+        Owned<EVP_KDF_CTX, EVP_KDF_CTX_free> ctx(hkdfAlgorithm() ? EVP_KDF_CTX_new(hkdfAlgorithm()) : nullptr);
+        char digest[] = "SHA256";
+        const OSSL_PARAM params[] = {
+            OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, digest, 0),
+            OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_KEY, const_cast<uint8_t*>(master.data()), master.size()),
+            OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_INFO, const_cast<char*>(info.data()), info.size()),
+            OSSL_PARAM_construct_end()};
+        if (!ctx || EVP_KDF_derive(ctx.get(), out.data(), out.size(), params) != 1)
             return sslError(ZAVKM_ERR_CRYPTO);
         key = std::move(out);
         return ZAVKM_OK;
@@ -193,8 +206,8 @@ Rc sealGcm(const SecretBytes& key, const uint8_t* plain, size_t plainLength, std
         int len = 0;
         uint8_t* body = sealed.data() + kGcmNonceSize;
         if (!ctx ||
-            EVP_EncryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(), sealed.data()) !=
-                1 ||
+            gcmAlgorithm() == nullptr ||
+            EVP_EncryptInit_ex2(ctx.get(), gcmAlgorithm(), key.data(), sealed.data(), nullptr) != 1 ||
             EVP_EncryptUpdate(ctx.get(), nullptr, &len,
                               reinterpret_cast<const unsigned char*>(aad.data()),
                               static_cast<int>(aad.size())) != 1 ||
@@ -220,7 +233,8 @@ Rc openGcm(const SecretBytes& key, const uint8_t* sealed, size_t sealedLength, s
         int len = 0;
         const uint8_t* body = sealed + kGcmNonceSize;
         if (!ctx ||
-            EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.data(), sealed) != 1 ||
+            gcmAlgorithm() == nullptr ||
+            EVP_DecryptInit_ex2(ctx.get(), gcmAlgorithm(), key.data(), sealed, nullptr) != 1 ||
             EVP_DecryptUpdate(ctx.get(), nullptr, &len,
                               reinterpret_cast<const unsigned char*>(aad.data()),
                               static_cast<int>(aad.size())) != 1 ||

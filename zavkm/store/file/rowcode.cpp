@@ -3,6 +3,8 @@
 
 #include <openssl/core_names.h>
 
+#include <cstring>
+
 #include "kdf.h"
 #include "ossl.h"
 
@@ -34,8 +36,10 @@ Encoder& Encoder::u64(uint64_t v) {
 }
 
 Encoder& Encoder::raw(const void* p, size_t n) {
-    const auto* b = static_cast<const uint8_t*>(p);
-    out.insert(out.end(), b, b + n);
+    if (n == 0) return *this;
+    const size_t at = out.size();
+    out.resize(at + n);
+    std::memcpy(out.data() + at, p, n);
     return *this;
 }
 

@@ -2,12 +2,13 @@
 // names.
 #include "registry.h"
 
-#include <p11-kit/p11-kit.h>
 #include <stdlib.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+
+#include "p11kit.h"
 
 namespace zavkm {
 namespace {
@@ -43,14 +44,16 @@ Rc providersInDirectory(const char* dir, std::vector<Provider>& out) {
     return ZAVKM_OK;
 }
 
-void freeModules(CK_FUNCTION_LIST** modules) noexcept { p11_kit_modules_release(modules); }
+void freeModules(CK_FUNCTION_LIST** modules) noexcept { p11kit()->modulesRelease(modules); }
 
 Rc providersOfP11Kit(std::vector<Provider>& out) {
-    Owned<CK_FUNCTION_LIST*, freeModules> modules(p11_kit_modules_load(nullptr, 0));
+    const P11Kit* kit = p11kit();
+    if (kit == nullptr) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LIBRARY_NOT_LOADED;
+    Owned<CK_FUNCTION_LIST*, freeModules> modules(kit->modulesLoad(nullptr, 0));
     if (!modules) return ZAVKM_OK;  // nothing registered
     for (CK_FUNCTION_LIST** m = modules.get(); *m != nullptr; ++m) {
-        Owned<char, free> name(p11_kit_module_get_name(*m));
-        Owned<char, free> file(p11_kit_module_get_filename(*m));
+        Owned<char, free> name(kit->moduleName(*m));
+        Owned<char, free> file(kit->moduleFile(*m));
         if (name && file) out.push_back({name.get(), file.get()});
     }
     return ZAVKM_OK;

@@ -2,7 +2,6 @@
 #include "p11.h"
 
 #include <openssl/evp.h>
-#include <p11-kit/p11-kit.h>
 #include <sys/stat.h>
 
 #include <array>
@@ -12,6 +11,7 @@
 #include <shared_mutex>
 
 #include "ossl.h"
+#include "p11kit.h"
 #include "trace.h"
 
 namespace zavkm {
@@ -48,16 +48,18 @@ Rc loadModule(const std::string& path, CK_FUNCTION_LIST*& out) noexcept {
             out = it->second;
             return ZAVKM_OK;
         }
-        CK_FUNCTION_LIST* f = p11_kit_module_load(path.c_str(), 0);
+        const P11Kit* kit = p11kit();
+        if (kit == nullptr) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LIBRARY_NOT_LOADED;
+        CK_FUNCTION_LIST* f = kit->moduleLoad(path.c_str(), 0);
         if (f == nullptr) {
-            trace("PKCS#11 module %s not loaded: %s", path.c_str(), p11_kit_message());
+            trace("PKCS#11 module %s not loaded: %s", path.c_str(), kit->message());
             return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LIBRARY_NOT_LOADED;
         }
         CK_C_INITIALIZE_ARGS args{};
         args.flags = CKF_OS_LOCKING_OK;  // sessions of one module are used from many threads
         CK_RV rv = f->C_Initialize(&args);
         if (rv != CKR_OK && rv != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
-            p11_kit_module_release(f);
+            kit->moduleRelease(f);
             trace("C_Initialize of %s failed: CKR_ 0x%08lx", path.c_str(),
                   static_cast<unsigned long>(rv));
             return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LIBRARY_NOT_LOADED;
@@ -132,7 +134,7 @@ void finalizeModules() noexcept {
     std::lock_guard lock(t.mutex);
     for (CK_FUNCTION_LIST* f : t.modules) {
         f->C_Finalize(nullptr);
-        p11_kit_module_release(f);
+        p11kit()->moduleRelease(f);  // loaded: the module came through it
     }
     t.loaded.clear();
     t.files.clear();
