@@ -285,7 +285,7 @@ Json file(const std::string& path, const std::string& content);
 Json changed(Json changes, Json files = Json::array());
 // render - the document as aligned text for people (labels and texts escaped).
 std::string render(const Json& doc);
-// printJson - the document as JSON text; bytes that are not UTF-8 become U+FFFD.
+// jsonText - the document as JSON text; bytes that are not UTF-8 become U+FFFD.
 std::string jsonText(const Json& doc);
 // describe - the one line a failure prints: what failed, the code, its name and a hint.
 std::string describe(const Failure& failure);

@@ -51,7 +51,7 @@ std::vector<uint8_t> certificate(EVP_PKEY* key, long serial, const char* cn) {
     return out;
 }
 
-// writeFile - a PKCS#12 file of n certificate bags without friendlyName, under kPw.
+// writePkcs12 - a PKCS#12 file of n certificate bags without friendlyName, under kPw.
 void writePkcs12(const std::string& file, EVP_PKEY* key, int n) {
     STACK_OF(PKCS12_SAFEBAG)* bags = nullptr;
     for (int i = 0; i < n; ++i) {

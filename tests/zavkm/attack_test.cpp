@@ -244,7 +244,7 @@ Op info(int64_t* generation = nullptr) {
         });
     };
 }
-// verified - VerifyKeyDb names the damaged row label for reason (0 when it does), then
+// verifiedAndRepaired - VerifyKeyDb names the damaged row label for reason (0 when it does), then
 // RepairKeyDb removes it and leaves a file whose every listing is whole again.
 Op verifiedAndRepaired(const char* label, int32_t reason) {
     return [=](World&, const std::string& f) {

@@ -53,7 +53,7 @@ Rc decodeKeyData(const KeyDb& kdb, const uint8_t* key, uint32_t keyLength, PkeyP
     return decodeKeyData(kdb.password, &kdb, key, keyLength, out);
 }
 
-// sealedKeyRow - fills the key columns of a row (type, size, sealed private key) for key.
+// sealKey - the private key of key as its row keeps it: PKCS#8, sealed under the data key.
 Rc sealKey(const KeyDb& kdb, EVP_PKEY* key, const Bytes& spki, Bytes& sealed) {
     SecretBytes pkcs8 = pkcs8Of(key);
     if (pkcs8.empty()) return sslError(ZAVKM_ERR_ASN);

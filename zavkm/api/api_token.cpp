@@ -90,7 +90,7 @@ Rc chainOnToken(TokenStore& t, X509Ptr cert, std::vector<X509Ptr>& chain) {
     return ZAVKM_OK;
 }
 
-// writeIfNamed - the certificate or request file when the caller named one.
+// writeCertIfNamed - the certificate or request file when the caller named one.
 Rc writeCertIfNamed(const char* fileName, const X509* cert, bool pem) {
     return isEmpty(fileName) ? ZAVKM_OK : writeCertificateFile(fileName, cert, pem);
 }

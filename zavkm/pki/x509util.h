@@ -165,7 +165,7 @@ Rc writeCertificateFile(const char* fileName, const X509* cert, bool pem);
 // writeRequestFile - PEM, atomically.
 Rc writeRequestFile(const char* fileName, const X509_REQ* req);
 
-// isSelfIssued - subject equals issuer and the certificate verifies with its own key.
+// isSelfSigned - subject equals issuer and the certificate verifies with its own key.
 bool isSelfSigned(X509* cert) noexcept;
 
 // signedBy - whether cert verifies with issuer's public key (names compared first).

@@ -66,7 +66,7 @@ X509Ptr recordCertificate(const Bytes& der) {
     return cert;
 }
 
-// Link - one certificate of a key item's chain: the row it comes from and its decoded form.
+// ChainLink - one certificate of a key item's chain: the row it comes from and its decoded form.
 struct ChainLink {
     KeyRow row;
     X509Ptr cert;  // in full, for verifying what it issued
