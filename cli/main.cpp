@@ -209,6 +209,7 @@ constexpr Group kGroups[] = {{"keydb", addKeyDbCommands},
                              {"p12 keyring epki pem", addFileCommands},
                              {"token store", addTokenCommands}};
 
+// names - whether word is one of the space-separated names of list.
 bool names(std::string_view list, std::string_view word) {
     for (size_t at = 0; at <= list.size();) {
         const size_t end = std::min(list.find(' ', at), list.size());
