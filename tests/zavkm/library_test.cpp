@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <regex>
 #include <thread>
 
 #include "connpool.h"
@@ -282,7 +283,8 @@ TEST(Library, EachFailureHasItsCodeAndChangesNothing) {
     const auto trace = readBytes(dir.path("trace"));
     const std::string traced(trace.begin(), trace.end());
     EXPECT_NE(traced.find("ZAVKM_GetKeyItemByLabel"), std::string::npos) << "the trace file records the operations";
-    EXPECT_NE(traced.find("openssl: error:"), std::string::npos) << "and OpenSSL's reason for a refused input";
+    EXPECT_TRUE(std::regex_search(traced, std::regex("openssl: error:0*[1-9A-F]")))
+        << "and OpenSSL's reason for a refused input";
     ZAVKM_KeyDbHandle left = 0;
     ASSERT_EQ(ZAVKM_OpenKeyDb(t.c_str(), kPassword, &left), ZAVKM_OK);
     ZAVKM_CleanAll();
