@@ -2,8 +2,6 @@
 // <verb>`, starts the library, runs the one action chosen, prints its result and stops the
 // library. Exit codes: 0 success, 1 a step failed (one line on standard error), 2 usage, 3 and
 // 4 what `list --expiring` and `--expired` found, 128 + n a signal.
-#include <malloc.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
@@ -236,10 +234,6 @@ void addCommands(CLI::App& app, Context& ctx, int argc, char** argv) {
 
 int main(int argc, char** argv) {
     using namespace tolvik;
-    // Large listings allocate and free megabytes: kept on the heap and not given back, they are
-    // faulted in once rather than once per allocation.
-    mallopt(M_MMAP_THRESHOLD, 64 << 20);
-    mallopt(M_TRIM_THRESHOLD, 128 << 20);
     Context ctx;
     CLI::App app{"tolvik - manage key databases, certificates, PKCS#12 files and tokens", "tolvik"};
     app.fallthrough();
