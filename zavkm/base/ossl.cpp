@@ -2,6 +2,7 @@
 #include "ossl.h"
 
 #include <openssl/err.h>
+#include <openssl/kdf.h>
 #include <openssl/rand.h>
 
 #include "trace.h"
@@ -38,6 +39,26 @@ Bytes sha256(const uint8_t* data, size_t n) {
         out.clear();
     }
     return out;
+}
+
+const EVP_MD* sha256Algorithm() noexcept {
+    static EVP_MD* const md = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    return md;
+}
+
+EVP_MAC* hmacAlgorithm() noexcept {
+    static EVP_MAC* const mac = EVP_MAC_fetch(nullptr, "HMAC", nullptr);
+    return mac;
+}
+
+EVP_KDF* hkdfAlgorithm() noexcept {
+    static EVP_KDF* const kdf = EVP_KDF_fetch(nullptr, "HKDF", nullptr);
+    return kdf;
+}
+
+EVP_CIPHER* gcmAlgorithm() noexcept {
+    static EVP_CIPHER* const cipher = EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr);
+    return cipher;
 }
 
 }  // namespace zavkm

@@ -57,6 +57,13 @@ void clearSslErrors() noexcept;
 // randomBytes - n bytes from the OpenSSL DRBG into out; ZAVKM_ERR_CRYPTO on failure.
 Rc randomBytes(uint8_t* out, size_t n) noexcept;
 
+// The algorithms the key database uses, fetched once per process and kept (a fetch costs more
+// than a short hash); null when the provider lacks one.
+const EVP_MD* sha256Algorithm() noexcept;
+EVP_MAC* hmacAlgorithm() noexcept;
+EVP_KDF* hkdfAlgorithm() noexcept;
+EVP_CIPHER* gcmAlgorithm() noexcept;
+
 // toDer - the DER encoding of an object through its i2d function; empty on failure.
 template <class T, class F>
 Bytes toDer(const T* object, F i2d) {

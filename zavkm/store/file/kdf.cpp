@@ -164,21 +164,6 @@ Rc wrappingKey(const SecretBytes& master, SecretBytes& kek) noexcept {
     return hkdfKey(master, "zavkm data-key wrap v1", kek);
 }
 
-namespace {
-
-// The algorithms, fetched once per process and kept: the first fetch of each costs more than
-// the work done with it.
-EVP_KDF* hkdfAlgorithm() {
-    static EVP_KDF* kdf = EVP_KDF_fetch(nullptr, "HKDF", nullptr);
-    return kdf;
-}
-EVP_CIPHER* gcmAlgorithm() {
-    static EVP_CIPHER* cipher = EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr);
-    return cipher;
-}
-
-}  // namespace
-
 Rc hkdfKey(const SecretBytes& master, std::string_view info, SecretBytes& key) noexcept {
     return guarded([&]() -> Rc {
         SecretBytes out(kKeySize);

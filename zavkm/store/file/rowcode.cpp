@@ -9,20 +9,6 @@
 #include "ossl.h"
 
 namespace zavkm {
-namespace {
-
-// The algorithms, fetched once per process and kept: a fetch costs more than a short hash.
-const EVP_MD* sha256Algorithm() {
-    static EVP_MD* md = EVP_MD_fetch(nullptr, "SHA256", nullptr);
-    return md;
-}
-EVP_MAC* hmacAlgorithm() {
-    static EVP_MAC* mac = EVP_MAC_fetch(nullptr, "HMAC", nullptr);
-    return mac;
-}
-
-}  // namespace
-
 Encoder& Encoder::u32(uint32_t v) {
     const uint8_t b[4] = {static_cast<uint8_t>(v >> 24), static_cast<uint8_t>(v >> 16),
                           static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
