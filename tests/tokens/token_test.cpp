@@ -470,7 +470,7 @@ TEST_F(TokenTest, InsertedKeysAndRequestsWorkOnTheToken) {
     } rows[] = {
         {"wrong", "rsa.pem", "req.key", 0, ZAVKM_ERR_VALIDATION_KEY_PAIR, -1},
         {"badpin", "ec.pem", "ec.bad", 0, ZAVKM_ERR_DATABASE_INVALID_PASSWORD, -1},
-        {"marked", "rsa.pem", "rsa.key", 1, ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT, -1},
+        {"marked", "rsa.pem", "", 1, ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL, -1},  // undone: no key
         {"rsa", "rsa.pem", "rsa1.key", 0, ZAVKM_OK, 1},  // PKCS#1
         {"ec", "ec.pem", "ec.epki", 0, ZAVKM_OK, 1},     // encrypted under the PIN
         {"ed", "ed.pem", "ed.key", 0, ZAVKM_OK, 1},      // Ed25519, PKCS#8

@@ -4,6 +4,7 @@
 #include "certcache.h"
 #include "entries.h"
 #include "files.h"
+#include "keyflags.h"
 #include "keyitems.h"
 #include "session.h"
 #include "tokenops.h"
@@ -420,7 +421,11 @@ ZAVKM_ReturnCode ZAVKM_CreateSelfSignedCert(ZAVKM_KeyDbHandle handle, const char
     return withStore(__func__, handle, {label, subject}, {labelArg(label)}, [&](KeyDb& kdb) {
         return selfSigned(kdb, label, makeDefault, version, keySize, subject, validityDays, 1,
                           nullptr, 0, certFileName, isBase64);
-    }, [&](TokenStore& t) { return tokenSelfSigned(t, {label, version, keySize, subject, validityDays, 1, nullptr, 0, certFileName, isBase64 != 0}); });
+    }, [&](TokenStore& t) {
+        Rc rc = tokenSelfSigned(t, {label, version, keySize, subject, validityDays, 1, nullptr, 0,
+                                    certFileName, isBase64 != 0});
+        return rc == ZAVKM_OK ? markNewEntry(t, label, makeDefault != 0, false) : rc;
+    });
 }
 
 ZAVKM_ReturnCode ZAVKM_CreateSelfSignedCertSigExt(
@@ -431,7 +436,12 @@ ZAVKM_ReturnCode ZAVKM_CreateSelfSignedCertSigExt(
     return withStore(__func__, handle, {label, subject}, {labelArg(label)}, [&](KeyDb& kdb) {
         return selfSigned(kdb, label, makeDefault, version, keySize, subject, validityDays,
                           signatureAlgorithm, extensions, extensionsLength, certFileName, isBase64);
-    }, [&](TokenStore& t) { return tokenSelfSigned(t, {label, version, keySize, subject, validityDays, signatureAlgorithm, extensions, extensionsLength, certFileName, isBase64 != 0}); });
+    }, [&](TokenStore& t) {
+        Rc rc = tokenSelfSigned(t, {label, version, keySize, subject, validityDays,
+                                    signatureAlgorithm, extensions, extensionsLength, certFileName,
+                                    isBase64 != 0});
+        return rc == ZAVKM_OK ? markNewEntry(t, label, makeDefault != 0, false) : rc;
+    });
 }
 
 ZAVKM_ReturnCode ZAVKM_CreateNewCertReq(ZAVKM_KeyDbHandle handle, const char* label,
@@ -560,7 +570,10 @@ ZAVKM_ReturnCode ZAVKM_StoreCACert(ZAVKM_KeyDbHandle handle, const uint8_t* cert
         row.label = label;
         row.trusted = true;  // a stored signer certificate is a trust anchor
         return writeView(kdb, [&](View& v) { return insertKey(v, row, x509.get()); });
-    }, [&](TokenStore& t) { return tokenStoreSigner(t, cert, certLength, label); });
+    }, [&](TokenStore& t) {  // a trust anchor, as a key database's signer
+        Rc rc = tokenStoreSigner(t, cert, certLength, label);
+        return rc == ZAVKM_OK ? markNewEntry(t, label, false, true) : rc;
+    });
 }
 
 ZAVKM_ReturnCode ZAVKM_ReceiveCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert,
@@ -590,7 +603,7 @@ ZAVKM_ReturnCode ZAVKM_ReceiveCert(ZAVKM_KeyDbHandle handle, const uint8_t* cert
                 if (Rc rc = deleteRequest(v, request.label); rc != ZAVKM_OK) return rc;
                 return insertKey(v, row, x509.get());
             });
-    }, [&](TokenStore& t) { return tokenReceive(t, cert, certLength); });
+    }, [&](TokenStore& t) { return tokenReceive(t, cert, certLength, makeDefault != 0); });
 }
 
 ZAVKM_ReturnCode ZAVKM_ExportCert(ZAVKM_KeyDbHandle handle, const char* label,

@@ -2,6 +2,7 @@
 // keys under a password.
 #include "entries.h"
 #include "epki.h"
+#include "keyflags.h"
 #include "keyitems.h"
 #include "session.h"
 #include "tokenops.h"
@@ -149,7 +150,7 @@ ZAVKM_ReturnCode ZAVKM_IsPrivateKeyPresent(ZAVKM_KeyDbHandle handle, const char*
 }
 
 ZAVKM_ReturnCode ZAVKM_GetDefaultKeyItem(ZAVKM_KeyDbHandle handle, ZAVKM_KeyItem** key) noexcept {
-    return withKeyDb(__func__, handle, {key}, [&](KeyDb& kdb) -> Rc {
+    return withStore(__func__, handle, {key}, [&](KeyDb& kdb) -> Rc {
         *key = nullptr;
         KeyItemPtr item;
         Rc rc = readView(kdb, [&](View& v) -> Rc {
@@ -161,7 +162,7 @@ ZAVKM_ReturnCode ZAVKM_GetDefaultKeyItem(ZAVKM_KeyDbHandle handle, ZAVKM_KeyItem
         if (rc != ZAVKM_OK) return rc;
         *key = item.release();
         return ZAVKM_OK;
-    });
+    }, [&](TokenStore& t) { return tokenDefaultKeyItem(t, key); });
 }
 
 ZAVKM_ReturnCode ZAVKM_GetKeyItemsByPublicKey(ZAVKM_KeyDbHandle handle, uint32_t publicKeyLength,
@@ -201,7 +202,7 @@ ZAVKM_ReturnCode ZAVKM_DeleteRequestKeyPair(ZAVKM_KeyDbHandle handle, const char
 }
 
 ZAVKM_ReturnCode ZAVKM_SetDefaultKeyByLabel(ZAVKM_KeyDbHandle handle, const char* label) noexcept {
-    return withKeyDb(__func__, handle, {label}, {labelArg(label)}, [&](KeyDb& kdb) {
+    return withStore(__func__, handle, {label}, {labelArg(label)}, [&](KeyDb& kdb) {
         return writeView(kdb, [&](View& v) -> Rc {
             std::optional<KeyRow> row;
             if (Rc rc = findKey(v, label, row); rc != ZAVKM_OK) return rc;
@@ -209,14 +210,14 @@ ZAVKM_ReturnCode ZAVKM_SetDefaultKeyByLabel(ZAVKM_KeyDbHandle handle, const char
             if (row->privateKey.empty()) return ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL;
             return setDefaultKey(v, label);
         });
-    });
+    }, [&](TokenStore& t) { return setTokenDefault(t, label); });
 }
 
 ZAVKM_ReturnCode ZAVKM_SetTrustStatus(ZAVKM_KeyDbHandle handle, const char* label,
                                       uint8_t trusted) noexcept {
-    return withKeyDb(__func__, handle, {label}, {labelArg(label)}, [&](KeyDb& kdb) {
+    return withStore(__func__, handle, {label}, {labelArg(label)}, [&](KeyDb& kdb) {
         return writeView(kdb, [&](View& v) { return setTrusted(v, label, trusted != 0); });
-    });
+    }, [&](TokenStore& t) { return setTokenTrust(t, label, trusted != 0); });
 }
 
 ZAVKM_ReturnCode ZAVKM_InsertKey(ZAVKM_KeyDbHandle handle, const char* label, uint32_t certLength,
@@ -250,15 +251,15 @@ ZAVKM_ReturnCode ZAVKM_InsertKey(ZAVKM_KeyDbHandle handle, const char* label, ui
         }
         return writeView(kdb, [&](View& v) { return insertKey(v, row, x509.get()); });
     }, [&](TokenStore& t) -> Rc {
-        // A token keeps no default or trust marks: asking for one changes nothing.
-        if (t.readOnly || makeDefault != 0 || trusted != 0)
-            return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
+        if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
         if (key == nullptr && keyLength != 0) return ZAVKM_ERR_NULL_PARAMETER;
         PkeyPtr privateKey;
         if (key != nullptr && keyLength != 0)
             if (Rc rc = decodeKeyData(t.pin, nullptr, key, keyLength, privateKey); rc != ZAVKM_OK)
                 return rc;
-        return tokenInsertKey(t, label, cert, certLength, privateKey.get());
+        if (Rc rc = tokenInsertKey(t, label, cert, certLength, privateKey.get()); rc != ZAVKM_OK)
+            return rc;
+        return markNewEntry(t, label, makeDefault != 0, trusted != 0);
     });
 }
 

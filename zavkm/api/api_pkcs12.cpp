@@ -3,6 +3,7 @@
 
 #include "pkcs12.h"
 #include "session.h"
+#include "tokenpkcs12.h"
 
 using namespace zavkm;
 
@@ -24,8 +25,10 @@ ZAVKM_ReturnCode ZAVKM_ExportKeys(ZAVKM_KeyDbHandle handle, int32_t exportType,
 
 ZAVKM_ReturnCode ZAVKM_ImportKeysFromPFXFile(ZAVKM_KeyDbHandle handle, const char* pfxFileName,
                                              const char* pfxPassword) noexcept {
-    return withKeyDb(__func__, handle, {pfxFileName, pfxPassword}, {passwordArg(pfxPassword)},
-                     [&](KeyDb& kdb) { return importPkcs12(kdb, pfxFileName, pfxPassword); });
+    return withStore(
+        __func__, handle, {pfxFileName, pfxPassword}, {passwordArg(pfxPassword)},
+        [&](KeyDb& kdb) { return importPkcs12(kdb, pfxFileName, pfxPassword); },
+        [&](TokenStore& t) { return importPkcs12ToToken(t, pfxFileName, pfxPassword); });
 }
 
 ZAVKM_ReturnCode ZAVKM_Kdb2Kyr(const char* keyDbFileName, const char* keyDbPassword,

@@ -8,6 +8,7 @@
 #include "entries.h"
 #include "files.h"
 #include "handles.h"
+#include "keyflags.h"
 #include "keyitems.h"
 #include "records.h"
 #include "registry.h"
@@ -185,14 +186,15 @@ Rc tokenPrivateKeyPresent(TokenStore& t, const char* label, uint8_t* present) {
 
 Rc tokenDelete(TokenStore& t, const char* label) {
     if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
-    return destroyLabelled(t, label);
+    if (Rc rc = destroyLabelled(t, label); rc != ZAVKM_OK) return rc;
+    return forgetKeyFlags(t, label);  // a later entry under label starts without marks
 }
 
 namespace {
 
-// keyItemOf - the key item of one certificate object: its key, its chain, and whether the
-// token holds the private key with the certificate's CKA_ID.
-Rc keyItemOf(TokenStore& t, const CertObject& object, KeyItemPtr& out) {
+// keyItemOf - the key item of one certificate object: its key, its chain, whether the token
+// holds the private key with the certificate's CKA_ID, and its flags.
+Rc keyItemOf(TokenStore& t, const KeyFlags& flags, const CertObject& object, KeyItemPtr& out) {
     X509Ptr cert = cachedCertificate(object.value);
     if (!cert) return ZAVKM_ERR_ASN;
     EVP_PKEY* pub = X509_get0_pubkey(cert.get());
@@ -207,6 +209,8 @@ Rc keyItemOf(TokenStore& t, const CertObject& object, KeyItemPtr& out) {
     const TokenSnapshot* snap = nullptr;
     if (Rc rc = snapshotOf(t, snap); rc != ZAVKM_OK) return rc;
     item->hasPrivateKey = hasPrivateKey(*snap, object.id) ? 1 : 0;  // never leaves: no EPKI
+    item->keyFlag1 = item->hasPrivateKey != 0 && flags.defaultLabel == object.label ? 1 : 0;
+    item->keyFlag2 = trustMark(flags, object.label).value_or(object.trusted) ? 1 : 0;
     std::vector<X509Ptr> chain;
     if (Rc rc = chainOnToken(t, std::move(cert), chain); rc != ZAVKM_OK) return rc;
     CertItemListPtr list;
@@ -228,8 +232,11 @@ Rc matchingCertificates(TokenStore& t, Keep&& keep, std::vector<CertObject>& out
 }
 
 Rc keyItemList(TokenStore& t, const std::vector<CertObject>& objects, ZAVKM_KeyItemList** list) {
+    KeyFlags flags;
+    if (Rc rc = readKeyFlags(t, flags); rc != ZAVKM_OK) return rc;
     return keyItemListOf(
-        objects, [&](const CertObject& object, KeyItemPtr& item) { return keyItemOf(t, object, item); },
+        objects,
+        [&](const CertObject& object, KeyItemPtr& item) { return keyItemOf(t, flags, object, item); },
         list);
 }
 
@@ -241,10 +248,21 @@ Rc tokenKeyItem(TokenStore& t, const char* label, ZAVKM_KeyItem** key) {
     auto byLabel = [&](const CertObject& c) { return c.label == label; };
     if (Rc rc = matchingCertificates(t, byLabel, objects); rc != ZAVKM_OK) return rc;
     if (objects.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+    KeyFlags flags;
+    if (Rc rc = readKeyFlags(t, flags); rc != ZAVKM_OK) return rc;
     KeyItemPtr item;
-    if (Rc rc = keyItemOf(t, objects.front(), item); rc != ZAVKM_OK) return rc;
+    if (Rc rc = keyItemOf(t, flags, objects.front(), item); rc != ZAVKM_OK) return rc;
     *key = item.release();
     return ZAVKM_OK;
+}
+
+Rc tokenDefaultKeyItem(TokenStore& t, ZAVKM_KeyItem** key) {
+    *key = nullptr;
+    KeyFlags flags;
+    if (Rc rc = readKeyFlags(t, flags); rc != ZAVKM_OK) return rc;
+    if (flags.defaultLabel.empty()) return ZAVKM_ERR_KEYDB_DEFAULT_KEY_NULL;
+    Rc rc = tokenKeyItem(t, flags.defaultLabel.c_str(), key);
+    return rc == ZAVKM_ERR_KEY_GET_BY_LABEL ? ZAVKM_ERR_KEYDB_DEFAULT_KEY_NULL : rc;
 }
 
 Rc tokenKeyItemList(TokenStore& t, const char* label, ZAVKM_KeyItemList** list) {
@@ -268,11 +286,19 @@ Rc tokenKeyItemsBySpki(TokenStore& t, const Bytes& spki, ZAVKM_KeyItemList** lis
 }
 
 Rc tokenChainCandidates(TokenStore& t, std::vector<ChainCandidate>& out) {
-    std::vector<X509Ptr> certs;
-    if (Rc rc = allCertificates(t, certs); rc != ZAVKM_OK) return rc;
-    for (X509Ptr& c : certs) {
-        bool anchor = isSelfSigned(c.get());
-        out.push_back({std::move(c), anchor});
+    KeyFlags flags;
+    if (Rc rc = readKeyFlags(t, flags); rc != ZAVKM_OK) return rc;
+    std::vector<std::string> labels;
+    if (Rc rc = objectLabels(t, TokenObject::Certificate, labels); rc != ZAVKM_OK) return rc;
+    std::sort(labels.begin(), labels.end());
+    labels.erase(std::unique(labels.begin(), labels.end()), labels.end());
+    for (const std::string& label : labels) {
+        std::vector<X509Ptr> certs;
+        if (Rc rc = certificatesLabelled(t, label, certs); rc != ZAVKM_OK) return rc;
+        for (X509Ptr& c : certs) {  // self-signed ones are anchors unless marked otherwise
+            bool anchor = trustMark(flags, label).value_or(isSelfSigned(c.get()));
+            out.push_back({std::move(c), anchor});
+        }
     }
     std::shared_ptr<KeyDb> kdb = t.secondary != 0 ? findHandle(t.secondary) : nullptr;
     if (!kdb) return ZAVKM_OK;
@@ -336,7 +362,7 @@ Rc keepChain(View& v, const std::vector<X509Ptr>& chain) {
     return ZAVKM_OK;
 }
 
-Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length) {
+Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length, bool makeDefault) {
     std::vector<X509Ptr> certs;  // one certificate, or it with its chain (PKCS#7, PEM)
     if (Rc rc = readCertificates(der, length, certs); rc != ZAVKM_OK) return rc;
     std::string label;
@@ -346,7 +372,8 @@ Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length) {
     if (Rc rc = checkSignaturePolicy(X509_get_signature_nid(cert)); rc != ZAVKM_OK) return rc;
     auto toToken = [&]() -> Rc {
         if (Rc rc = storeCertificate(t, label, keyIdOf(cert), cert); rc != ZAVKM_OK) return rc;
-        return destroyObjects(t, TokenObject::Request, label);
+        if (Rc rc = destroyObjects(t, TokenObject::Request, label); rc != ZAVKM_OK) return rc;
+        return makeDefault ? setTokenDefault(t, label) : ZAVKM_OK;
     };
     std::shared_ptr<KeyDb> kdb = t.secondary != 0 ? findHandle(t.secondary) : nullptr;
     if (!kdb || certs.size() == 1) return toToken();
@@ -430,6 +457,7 @@ struct TokenEntry {
     int32_t kind = 0;
     KeyInfo key;
     bool trusted = false;
+    bool isDefault = false;
     int64_t notBefore = 0, notAfter = 0;
     const Bytes* der = nullptr;
 };
@@ -449,6 +477,7 @@ Rc entryRecords(const std::vector<TokenEntry>& rows, bool withDer, ZAVKM_Entry**
         e.keyType = r.key.algorithm;
         e.keyBits = r.key.bits;
         e.trusted = r.trusted ? 1 : 0;
+        e.isDefault = r.isDefault ? 1 : 0;
         e.notBefore = r.notBefore;
         e.notAfter = r.notAfter;
         e.label = copyText(r.label);
@@ -464,6 +493,8 @@ Rc entryRecords(const std::vector<TokenEntry>& rows, bool withDer, ZAVKM_Entry**
 Rc tokenListEntries(TokenStore& t, uint32_t flags, ZAVKM_Entry** entries, uint32_t* count) {
     *entries = nullptr;
     *count = 0;
+    KeyFlags marks;
+    if (Rc rc = readKeyFlags(t, marks); rc != ZAVKM_OK) return rc;
     const TokenSnapshot* snap = nullptr;
     if (Rc rc = snapshotOf(t, snap); rc != ZAVKM_OK) return rc;
     std::vector<TokenEntry> rows;
@@ -474,7 +505,8 @@ Rc tokenListEntries(TokenStore& t, uint32_t flags, ZAVKM_Entry** entries, uint32
         row.label = c.label;
         row.kind = hasPrivateKey(*snap, c.id) ? ZAVKM_ENTRY_PERSONAL : ZAVKM_ENTRY_SIGNER;
         row.key = keyInfo(X509_get0_pubkey(cert.get()));
-        row.trusted = c.trusted;
+        row.trusted = trustMark(marks, c.label).value_or(c.trusted);
+        row.isDefault = row.kind == ZAVKM_ENTRY_PERSONAL && marks.defaultLabel == c.label;
         row.notBefore = exactTime(X509_get0_notBefore(cert.get()));
         row.notAfter = exactTime(X509_get0_notAfter(cert.get()));
         row.der = &c.value;

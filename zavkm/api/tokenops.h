@@ -40,6 +40,9 @@ Rc tokenNewRequest(TokenStore& t, const RequestArgs& a);
 Rc tokenPrivateKeyPresent(TokenStore& t, const char* label, uint8_t* present);
 Rc tokenDelete(TokenStore& t, const char* label);
 Rc tokenKeyItem(TokenStore& t, const char* label, ZAVKM_KeyItem** key);
+// tokenDefaultKeyItem - the key item of the token's default key (keyflags.h);
+// ZAVKM_ERR_KEYDB_DEFAULT_KEY_NULL when there is none.
+Rc tokenDefaultKeyItem(TokenStore& t, ZAVKM_KeyItem** key);
 // tokenKeyItemList - every certificate with label (labels two certificates share give two).
 Rc tokenKeyItemList(TokenStore& t, const char* label, ZAVKM_KeyItemList** list);
 Rc tokenKeyItemsBySpki(TokenStore& t, const Bytes& spki, ZAVKM_KeyItemList** list);
@@ -49,8 +52,8 @@ Rc tokenChainCandidates(TokenStore& t, std::vector<ChainCandidate>& out);
 Rc tokenExportCert(TokenStore& t, const char* label, const char* fileName, bool pem);
 
 // tokenReceive - a certificate for a request key on the token: stored with the request's label
-// next to its key pair, the request object removed.
-Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length);
+// next to its key pair, the request object removed; made the default key when makeDefault.
+Rc tokenReceive(TokenStore& t, const uint8_t* der, uint32_t length, bool makeDefault);
 
 // tokenStoreSigner - a signer certificate (no key) with label.
 Rc tokenStoreSigner(TokenStore& t, const uint8_t* der, uint32_t length, const char* label);

@@ -7,15 +7,9 @@
 #include <string_view>
 
 #include "keydb.h"
+#include "pbe.h"
 
 namespace zavkm {
-
-inline constexpr uint32_t kMaxPbeIterations = 10000000;  // more would burn minutes of CPU
-
-// checkPbe - whether a password-based encryption algorithm may be run: PBES2 with PBKDF2, or
-// (outside FIPS mode) a legacy PKCS#12 PBE, with at most kMaxPbeIterations iterations.
-// ZAVKM_ERR_PBE_ALG_UNSUPPORT otherwise; iterations receives the count.
-Rc checkPbe(const X509_ALGOR* alg, long& iterations);
 
 // epkiForKeyDb - encrypts pkcs8 under the key database's password without a KDF run: the PBES2
 // salt and iteration count are the file's, and the derived key is the one the open proved.

@@ -15,16 +15,13 @@
 #include <vector>
 
 #include "keydb.h"
+#include "pkcs12read.h"
 
 namespace zavkm {
 
 inline constexpr int kPkcs12Iterations = 100000;
-// The key-derivation work one import may ask for, summed over the MAC, the encrypted safes and
-// the shrouded keys before any of them is derived (a shrouded key inside an encrypted safe is
-// counted as soon as its safe is open): about 0.9 s of PBKDF2 here. Exports lower the
-// iterations of each key when they hold more than 38 keys, so that the library reads back
-// every file it writes.
-inline constexpr long kPkcs12IterationBudget = 4000000;
+// Exports lower the iterations of each key when they hold more than 38 keys, so that the whole
+// file stays within kPkcs12IterationBudget and the library reads back every file it writes.
 
 // pkcs12NeedsPassword - whether the PKCS#12 file fileName needs a password: it carries a MAC,
 // encrypted content or a shrouded key. ZAVKM_ERR_KEYDB_NOT_EXIST when the file does not exist,
@@ -51,9 +48,5 @@ Rc exportPkcs12(KeyDb& kdb, const std::vector<std::string>& labels, const char* 
 // ZAVKM_ERR_INVALID_PKCS12_DATA, more iterations than kPkcs12IterationBudget or an algorithm
 // refused in FIPS mode ZAVKM_ERR_PBE_ALG_UNSUPPORT.
 Rc importPkcs12(KeyDb& kdb, const char* fileName, const char* password) noexcept;
-
-// unloadLegacyAlgorithms - releases the providers loaded for legacy PKCS#12 files
-// (ZAVKM_CleanAll); the next import loads them again.
-void unloadLegacyAlgorithms() noexcept;
 
 }  // namespace zavkm

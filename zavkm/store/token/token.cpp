@@ -4,6 +4,7 @@
 #include <openssl/core_names.h>
 #include <openssl/param_build.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "trace.h"
@@ -13,6 +14,7 @@ namespace {
 
 constexpr char kApplication[] = "zav7km certificate request";
 constexpr char kReplacing[] = "zav7km certificate request, replacing";
+constexpr char kFlagsApplication[] = "zav7km key flags";
 CK_BBOOL kYes = CK_TRUE;
 CK_BBOOL kNo = CK_FALSE;
 
@@ -28,7 +30,7 @@ CK_ATTRIBUTE flag(CK_ATTRIBUTE_TYPE type, bool on) {
 }
 
 const CK_OBJECT_CLASS kClasses[] = {CKO_CERTIFICATE, CKO_DATA, CKO_PRIVATE_KEY, CKO_PUBLIC_KEY,
-                                    CKO_DATA};
+                                    CKO_DATA, CKO_DATA};
 
 // kindTemplate - the attributes that select objects of a kind.
 std::vector<CK_ATTRIBUTE> kindTemplate(TokenObject kind) {
@@ -38,6 +40,8 @@ std::vector<CK_ATTRIBUTE> kindTemplate(TokenObject kind) {
         t.push_back(attr(CKA_APPLICATION, kApplication, sizeof kApplication - 1));
     if (kind == TokenObject::Replacement)
         t.push_back(attr(CKA_APPLICATION, kReplacing, sizeof kReplacing - 1));
+    if (kind == TokenObject::Flags)
+        t.push_back(attr(CKA_APPLICATION, kFlagsApplication, sizeof kFlagsApplication - 1));
     return t;
 }
 
@@ -417,9 +421,15 @@ Rc privateKeyPresent(TokenStore& t, const Bytes& id, bool& present) {
 
 namespace {
 
-Rc destroyAll(TokenStore& t, std::vector<CK_ATTRIBUTE> tmpl) {
+// destroyAll - destroys the objects matching tmpl, save those in spared;
+// ZAVKM_ERR_KEY_GET_BY_LABEL when there is none.
+Rc destroyAll(TokenStore& t, std::vector<CK_ATTRIBUTE> tmpl,
+              const std::vector<CK_OBJECT_HANDLE>& spared = {}) {
     std::vector<CK_OBJECT_HANDLE> objs;
     if (Rc rc = findObjects(t, std::move(tmpl), objs); rc != ZAVKM_OK) return rc;
+    std::erase_if(objs, [&](CK_OBJECT_HANDLE o) {
+        return std::find(spared.begin(), spared.end(), o) != spared.end();
+    });
     if (objs.empty()) return ZAVKM_ERR_KEY_GET_BY_LABEL;
     if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
     t.snapshot.valid = false;
@@ -433,7 +443,32 @@ Rc destroyAll(TokenStore& t, std::vector<CK_ATTRIBUTE> tmpl) {
 }  // namespace
 
 Rc destroyLabelled(TokenStore& t, const std::string& label) {
-    return destroyAll(t, {attr(CKA_LABEL, label)});
+    std::vector<CK_OBJECT_HANDLE> flags;  // an entry's label may be the flags object's too
+    if (Rc rc = findObjects(t, kindTemplate(TokenObject::Flags), flags); rc != ZAVKM_OK) return rc;
+    return destroyAll(t, {attr(CKA_LABEL, label)}, flags);
+}
+
+Rc flagObjects(TokenStore& t, std::vector<std::pair<CK_OBJECT_HANDLE, Bytes>>& out) {
+    out.clear();
+    std::vector<CK_OBJECT_HANDLE> objs;
+    if (Rc rc = findObjects(t, kindTemplate(TokenObject::Flags), objs); rc != ZAVKM_OK) return rc;
+    std::vector<Bytes> values;
+    bool gone = false;
+    for (CK_OBJECT_HANDLE obj : objs) {
+        if (Rc rc = attributes(t, obj, {CKA_VALUE}, values, gone); rc != ZAVKM_OK) return rc;
+        if (!gone) out.emplace_back(obj, std::move(values[0]));
+    }
+    return ZAVKM_OK;
+}
+
+Rc storeFlagObject(TokenStore& t, const Bytes& value) {
+    if (Rc rc = needsLogin(t); rc != ZAVKM_OK) return rc;
+    std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(TokenObject::Flags);
+    tmpl.insert(tmpl.end(), {flag(CKA_TOKEN, true), flag(CKA_PRIVATE, true),
+                             flag(CKA_MODIFIABLE, true),
+                             attr(CKA_LABEL, kFlagsApplication, sizeof kFlagsApplication - 1),
+                             attr(CKA_VALUE, value)});
+    return createObject(t, tmpl, "C_CreateObject (key flags)");
 }
 
 Rc labelWithId(TokenStore& t, TokenObject kind, const Bytes& id, std::string& label) {
@@ -558,7 +593,8 @@ Rc TokenSigner::sign(const Bytes& tbs, const EVP_MD* md, Bytes& signature) {
     return ZAVKM_OK;
 }
 
-Rc storeCertificate(TokenStore& t, const std::string& label, const Bytes& id, X509* cert) {
+Rc storeCertificate(TokenStore& t, const std::string& label, const Bytes& id, X509* cert,
+                    CK_OBJECT_HANDLE* created) {
     static const CK_CERTIFICATE_TYPE x509 = CKC_X_509;
     Bytes der = derOf(cert);
     Bytes subject = derOf(X509_get_subject_name(cert));
@@ -572,15 +608,16 @@ Rc storeCertificate(TokenStore& t, const std::string& label, const Bytes& id, X5
                              attr(CKA_LABEL, label), attr(CKA_ID, id), attr(CKA_SUBJECT, subject),
                              attr(CKA_ISSUER, issuer), attr(CKA_SERIAL_NUMBER, serial),
                              attr(CKA_VALUE, der)});
-    return createObject(t, tmpl, "C_CreateObject (certificate)");
+    return createObject(t, tmpl, "C_CreateObject (certificate)", created);
 }
 
-Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der) {
+Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der,
+                CK_OBJECT_HANDLE* created) {
     std::vector<CK_ATTRIBUTE> tmpl = kindTemplate(TokenObject::Request);
     (void)id;  // data objects carry no CKA_ID: the request's own public key names its pair
     tmpl.insert(tmpl.end(), {flag(CKA_TOKEN, true), flag(CKA_PRIVATE, false),
                              attr(CKA_LABEL, label), attr(CKA_VALUE, der)});
-    return createObject(t, tmpl, "C_CreateObject (request)");
+    return createObject(t, tmpl, "C_CreateObject (request)", created);
 }
 
 namespace {
@@ -626,6 +663,10 @@ Rc finishReplacement(TokenStore& t, CK_OBJECT_HANDLE replacing, const std::strin
 }
 
 }  // namespace
+
+Rc destroyHandle(TokenStore& t, CK_OBJECT_HANDLE obj) {
+    return destroyObject(t, obj, "C_DestroyObject");
+}
 
 Rc replaceRequest(TokenStore& t, const std::string& label, const Bytes& der) {
     std::lock_guard replacing(replacementLock());

@@ -61,8 +61,9 @@ Rc tokenLoginRequired(const TokenSpec& spec, bool& required);
 Rc changeTokenPin(const TokenSpec& spec, const char* oldPin, const char* newPin);
 
 // The objects of one kind: a certificate, a request key's data object, a private key, a public
-// key, the data object that carries a request while it replaces another (replaceRequest).
-enum class TokenObject { Certificate, Request, PrivateKey, PublicKey, Replacement };
+// key, the data object that carries a request while it replaces another (replaceRequest), the
+// private data object that holds the default and trust flags (keyflags.h).
+enum class TokenObject { Certificate, Request, PrivateKey, PublicKey, Replacement, Flags };
 
 // objectLabels - the label of every object of a kind, in token order.
 Rc objectLabels(TokenStore& t, TokenObject kind, std::vector<std::string>& out);
@@ -77,8 +78,8 @@ Rc requestObjects(TokenStore& t, std::vector<std::pair<std::string, Bytes>>& out
 // privateKeyPresent - whether the token holds a private key with id.
 Rc privateKeyPresent(TokenStore& t, const Bytes& id, bool& present);
 
-// destroyLabelled - destroys every object with label (keys, certificates, request data);
-// ZAVKM_ERR_KEY_GET_BY_LABEL when there is none.
+// destroyLabelled - destroys every object with label (keys, certificates, request data), never
+// the flags object; ZAVKM_ERR_KEY_GET_BY_LABEL when there is none.
 Rc destroyLabelled(TokenStore& t, const std::string& label);
 
 // labelWithId - the label of an object of a kind with id; empty when there is none.
@@ -128,12 +129,27 @@ class TokenSigner final : public RemoteSigner {
     const TokenKey& key_;
 };
 
-// storeCertificate - a CKO_CERTIFICATE with label and id holding cert.
-Rc storeCertificate(TokenStore& t, const std::string& label, const Bytes& id, X509* cert);
+// storeCertificate - a CKO_CERTIFICATE with label and id holding cert; created (when not null)
+// gets its handle.
+Rc storeCertificate(TokenStore& t, const std::string& label, const Bytes& id, X509* cert,
+                    CK_OBJECT_HANDLE* created = nullptr);
 
 // storeRequest - a CKO_DATA object of this library's application with label holding the
-// request's DER (data objects have no CKA_ID; the request's public key leads to its pair).
-Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der);
+// request's DER (data objects have no CKA_ID; the request's public key leads to its pair);
+// created (when not null) gets its handle.
+Rc storeRequest(TokenStore& t, const std::string& label, const Bytes& id, const Bytes& der,
+                CK_OBJECT_HANDLE* created = nullptr);
+
+// destroyHandle - destroys the object obj; one already gone counts as destroyed.
+Rc destroyHandle(TokenStore& t, CK_OBJECT_HANDLE obj);
+
+// flagObjects - the handle and CKA_VALUE of every flags object: private data objects of this
+// library's application, seen only by a handle that proved the PIN (none otherwise).
+Rc flagObjects(TokenStore& t, std::vector<std::pair<CK_OBJECT_HANDLE, Bytes>>& out);
+
+// storeFlagObject - a new flags object holding value (private, so only the PIN reads or
+// changes it); ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_PASSWORD_REQUIRED on a handle without the PIN.
+Rc storeFlagObject(TokenStore& t, const Bytes& value);
 
 // replaceRequest - the request with label replaced by der (a module need not let a data object's
 // value change): der is first stored in a replacement object, then the old request object goes
