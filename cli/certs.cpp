@@ -394,13 +394,18 @@ void addKeyPairVerbs(CLI::App& noun, Context& ctx, const std::function<void(CLI:
         sign, "in out issuer days sig der", storeOptions);
 }
 
+void addReceiveVerb(CLI::App& noun, Context& ctx, const std::function<void(CLI::App*)>& storeOptions) {
+    add(noun, ctx, "receive", "store the certificate issued for a request key", receive, "in default",
+        storeOptions);
+}
+
 void addCertCommands(CLI::App& app, Context& ctx) {
     CLI::App* cert = app.add_subcommand("cert", "make, sign, receive, check and renew certificates");
     cert->require_subcommand(1);
     addStoreOptions(cert, ctx);
     auto store = [&ctx](CLI::App* cmd) { addStoreOptions(cmd, ctx); };
     addKeyPairVerbs(*cert, ctx, store);
-    add(*cert, ctx, "receive", "store the certificate issued for a request key", receive, "in default", store);
+    addReceiveVerb(*cert, ctx, store);
     add(*cert, ctx, "add-ca",
         "store the CA certificates of a file (PEM bundle, PKCS#7 or DER): the first trusted "
         "under LABEL, the others as signers that are not trusted",

@@ -351,6 +351,17 @@ CLI::App* add(CLI::App& noun, Context& ctx, const char* name, const char* about,
 
 }  // namespace
 
+void addP12ImportVerb(CLI::App& parent, Context& ctx, const std::function<void(CLI::App*)>& storeOptions) {
+    auto p = std::make_shared<FileArgs>();
+    CLI::App* p12 = noun(parent, "p12", "import keys from PKCS#12 files");
+    storeOptions(p12);
+    addPasswordOptions(p12, p->filePassword, "p12-password", "the PKCS#12 file");
+    CLI::App* cmd = add(*p12, ctx, "import", "add every key and certificate of a PKCS#12 file",
+                        p12Import, p, "p12-password", "the PKCS#12 file", false);
+    cmd->add_option("file", p->file, "the PKCS#12 file (- for standard input)")->required();
+    storeOptions(cmd);
+}
+
 void addFileCommands(CLI::App& app, Context& ctx) {
     auto p = std::make_shared<FileArgs>();
     CLI::App* p12 = noun(app, "p12", "export keys to and import them from PKCS#12 files");

@@ -1,6 +1,7 @@
 // tokens.cpp - `tolvik token ...` (PKCS#11 tokens) and `tolvik store ...` (the platform's
-// certificate providers). Each verb is one library call on a store descriptor; where the
-// library does not offer the store yet, its code says so.
+// certificate providers). Each verb is one library call on a store descriptor; the verbs a key
+// database has too are built by the same definitions; where the library does not offer the
+// store an operation, its code says so.
 #include "tolvik.h"
 
 namespace tolvik {
@@ -91,6 +92,9 @@ void addTokenCommands(CLI::App& app, Context& ctx) {
     options(change);
     addPasswordOptions(change, ctx.newPin, "new-pin", "the token from now on");
     addKeyPairVerbs(*token, ctx, options);
+    addReceiveVerb(*token, ctx, options);
+    addEntryVerbs(*token, ctx, options);
+    addP12ImportVerb(*token, ctx, options);
 
     CLI::App* store = app.add_subcommand("store", "the platform's certificate providers");
     store->require_subcommand(1);

@@ -150,6 +150,10 @@ void addTokenCommands(CLI::App& app, Context& ctx);
 // addEntryVerbs - `show`, `delete`, `default`, `trust` and `rename` on `noun` (the program for a
 // key database; a token's noun may take them too), `storeOptions` as for addKeyPairVerbs.
 void addEntryVerbs(CLI::App& noun, Context& ctx, const std::function<void(CLI::App*)>& storeOptions);
+// addReceiveVerb - `receive` on `noun`, storeOptions as for addKeyPairVerbs.
+void addReceiveVerb(CLI::App& noun, Context& ctx, const std::function<void(CLI::App*)>& storeOptions);
+// addP12ImportVerb - `p12 import` under `parent`, storeOptions as for addKeyPairVerbs.
+void addP12ImportVerb(CLI::App& parent, Context& ctx, const std::function<void(CLI::App*)>& storeOptions);
 // addKeyPairVerbs - `selfsign`, `request` and `sign` on `noun`, for the key database or a
 // token; `storeOptions` adds the options that name the store and its password to each verb.
 void addKeyPairVerbs(CLI::App& noun, Context& ctx, const std::function<void(CLI::App*)>& storeOptions);

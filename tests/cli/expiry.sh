@@ -103,6 +103,48 @@ check \
   "2|token list-objects -m $module -t t||has err 'the store t needs a PIN: give --pin-file or --pin-env'" \
   "1|token list-objects -m $module -t t --pin-env BADPIN||has err '16 ZAVKM_ERR_DATABASE_INVALID_PASSWORD \\(wrong PIN\\)'" \
   "0|token list-objects -m $module -t t --pin-env PIN --json|ok token selfsign ed -m $module -t t --pin-env PIN --key ed25519 --subject CN=ed|json \"'Ed25519' in [r['key'] for r in d['entries']]\""
+# PKCS#12 files onto the token, then one entry at a time: show, default, trust, receive, delete
+# (the default key deleted, the token has none).
+# The keys arrive as signing keys that never leave the token; an Ed25519 key as well.
+export P12WRONG=Not-the-passw0rd
+openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout alice.key \
+  -subj /CN=alice -days 30 -out alice.pem 2> /dev/null
+openssl req -x509 -newkey ed25519 -nodes -keyout eve.key -subj /CN=eve -days 30 -out eve.pem 2> /dev/null
+ca bob 30
+openssl pkcs12 -export -in alice.pem -inkey alice.key -certfile ca.crt -name alice -passout env:P12 -out alice.p12
+openssl pkcs12 -export -in eve.pem -inkey eve.key -name eve -passout env:P12 -out eve.p12
+openssl req -new -key bob.key -subj /CN=bob -out bob.req 2> /dev/null
+tok="-m $module -t t --pin-env PIN"
+play \
+  "1|token p12 import alice.p12 $tok --p12-password-env P12WRONG|120 ZAVKM_ERR_PKCS12_PWD_CORRUPTION" \
+  "1|token p12 import alice.p12 -m $module -t t --pin-env BADPIN --p12-password-env P12|16 ZAVKM_ERR_DATABASE_INVALID_PASSWORD" \
+  "0|token p12 import alice.p12 $tok --p12-password-env P12|added alice \\(personal\\)" \
+  "1|token p12 import alice.p12 $tok --p12-password-env P12|ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL" \
+  "0|token p12 import eve.p12 $tok --p12-password-env P12|added eve \\(personal\\)" \
+  "1|token show nobody $tok|117 ZAVKM_ERR_KEY_GET_BY_LABEL" \
+  "1|token show alice -m $module -t t --pin-env BADPIN|16 ZAVKM_ERR_DATABASE_INVALID_PASSWORD" \
+  "1|token default nobody $tok|117 ZAVKM_ERR_KEY_GET_BY_LABEL" \
+  "1|token trust nobody on $tok|117 ZAVKM_ERR_KEY_GET_BY_LABEL" \
+  "1|token receive -i bob.pem $tok|ZAVKM_ERR_KEY_GET_BY_LABEL" \
+  "1|token delete nobody $tok|117 ZAVKM_ERR_KEY_GET_BY_LABEL" \
+  "1|token delete alice -m $module -t t --pin-env BADPIN|16 ZAVKM_ERR_DATABASE_INVALID_PASSWORD"
+entries() { echo "json \"sorted((r['label'], r['kind'], r['default'], r['trusted']) for r in d['entries']) == sorted($1)\""; }
+keys=$(pkcs11-tool --module $module --token-label t --login --pin "$PIN" --list-objects 2> /dev/null)
+for k in alice eve; do
+  grep -A4 "^Private Key Object.*" <<< "$keys" | grep -A3 "label: *$k\$" | grep -q "Usage: *sign\$" \
+    || fail "the private key $k on the token is not for signing only"
+  grep -A4 "^Private Key Object.*" <<< "$keys" | grep -A3 "label: *$k\$" | grep -Eq "Access: *sensitive\$" \
+    || fail "the private key $k on the token is not sensitive, or extractable"
+done
+check \
+  "0|token show alice $tok --json||json \"d['kind'] == 'personal' and d['subject'] == 'CN=alice' and not d['default']\"" \
+  "0|token show eve $tok --json||json \"d['key_type'] == 'Ed25519' and d['kind'] == 'personal'\"" \
+  "0|token list-objects $tok --json||$(entries "[('far', 'personal', False, False), ('ed', 'personal', False, False), ('alice', 'personal', False, False), ('eve', 'personal', False, False), ('Openssl CA', 'signer', False, False)]")" \
+  "0|token list-objects $tok --json|ok token default alice $tok && ok token trust 'Openssl CA' on $tok|$(entries "[('far', 'personal', False, False), ('ed', 'personal', False, False), ('alice', 'personal', True, False), ('eve', 'personal', False, False), ('Openssl CA', 'signer', False, True)]")" \
+  "0|token show alice $tok --json|ok token default eve $tok|json \"not d['default']\"" \
+  "0|token list-objects $tok --json|ok token request bob -s CN=bob -o bob2.csr $tok && openssl x509 -req -in bob2.csr -CA ca.crt -CAkey ca.key -days 9 -out bob2.pem 2> /dev/null && ok token receive -i bob2.pem --default $tok|json \"[r['label'] for r in d['entries'] if r['default']] == ['bob']\"" \
+  "0|token delete bob $tok --json||json \"{'action': 'delete', 'label': 'bob'} in [{k: r[k] for k in ('action', 'label')} for r in d['changes']]\"" \
+  "0|token list-objects $tok --json|ok token trust 'Openssl CA' off $tok|$(entries "[('far', 'personal', False, False), ('ed', 'personal', False, False), ('alice', 'personal', False, False), ('eve', 'personal', False, False), ('Openssl CA', 'signer', False, False)]")"
 # The system trust store, unless this run cannot list its directories (ZAV_NO_SYSTEM_STORE: an
 # i386 build under user-mode emulation).
 [ -n "${ZAV_NO_SYSTEM_STORE:-}" ] || check \
