@@ -1,9 +1,9 @@
 // api_pkcs12.cpp - PKCS#12 export and import, keyring files.
 #include <unistd.h>
 
-#include "pkcs12.h"
-#include "session.h"
-#include "tokenpkcs12.h"
+#include "api/session.h"
+#include "store/file/pkcs12.h"
+#include "store/token/tokenpkcs12.h"
 
 using namespace zavkm;
 

@@ -1,7 +1,7 @@
 // pbe.cpp - password-based encryption schemes, checked before any key is derived.
-#include "pbe.h"
+#include "pki/pbe.h"
 
-#include "state.h"
+#include "base/state.h"
 
 namespace zavkm {
 

@@ -4,7 +4,7 @@
 
 #include <openssl/x509.h>
 
-#include "ossl.h"
+#include "base/ossl.h"
 
 namespace zavkm {
 

@@ -1,5 +1,5 @@
 // pkcs12read.cpp - reading PKCS#12 files into entries, and choosing their labels.
-#include "pkcs12read.h"
+#include "pki/pkcs12read.h"
 
 #include <openssl/provider.h>
 
@@ -7,11 +7,11 @@
 #include <mutex>
 #include <optional>
 
-#include "pbe.h"
-#include "state.h"
-#include "trace.h"
-#include "utf.h"
-#include "x509util.h"
+#include "pki/pbe.h"
+#include "base/state.h"
+#include "base/trace.h"
+#include "base/utf.h"
+#include "pki/x509util.h"
 
 namespace zavkm {
 

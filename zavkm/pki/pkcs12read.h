@@ -10,7 +10,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "ossl.h"
+#include "base/ossl.h"
 
 namespace zavkm {
 

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "common.h"
+#include "base/common.h"
 
 namespace zavkm {
 

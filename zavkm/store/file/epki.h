@@ -6,8 +6,8 @@
 
 #include <string_view>
 
-#include "keydb.h"
-#include "pbe.h"
+#include "pki/pbe.h"
+#include "store/file/keydb.h"
 
 namespace zavkm {
 

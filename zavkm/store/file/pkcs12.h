@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "keydb.h"
-#include "pkcs12read.h"
+#include "pki/pkcs12read.h"
+#include "store/file/keydb.h"
 
 namespace zavkm {
 

@@ -1,11 +1,11 @@
 // keyflags.cpp - the default key and trust marks of a token, in its flags object.
-#include "keyflags.h"
+#include "store/token/keyflags.h"
 
 #include <charconv>
 #include <string_view>
 
-#include "trace.h"
-#include "utf.h"
+#include "base/trace.h"
+#include "base/utf.h"
 
 namespace zavkm {
 namespace {

@@ -16,7 +16,7 @@
 #include <optional>
 #include <string>
 
-#include "token.h"
+#include "store/token/token.h"
 
 namespace zavkm {
 

@@ -1,5 +1,5 @@
 // token.cpp - a PKCS#11 token as a key store.
-#include "token.h"
+#include "store/token/token.h"
 
 #include <openssl/core_names.h>
 #include <openssl/param_build.h>
@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "trace.h"
+#include "base/trace.h"
 
 namespace zavkm {
 namespace {

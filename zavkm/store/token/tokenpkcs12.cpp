@@ -1,10 +1,10 @@
 // tokenpkcs12.cpp - PKCS#12 import onto a token.
-#include "tokenpkcs12.h"
+#include "store/token/tokenpkcs12.h"
 
-#include "files.h"
-#include "keyflags.h"
-#include "pkcs12read.h"
-#include "trace.h"
+#include "base/files.h"
+#include "store/token/keyflags.h"
+#include "pki/pkcs12read.h"
+#include "base/trace.h"
 
 namespace zavkm {
 namespace {

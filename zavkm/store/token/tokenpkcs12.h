@@ -1,7 +1,7 @@
 // tokenpkcs12.h - PKCS#12 files brought onto a token.
 #pragma once
 
-#include "token.h"
+#include "store/token/token.h"
 
 namespace zavkm {
 
