@@ -605,6 +605,156 @@ TEST_F(TokenTest, KeysOnTheTokenSignAndVerifyOnly) {
     }
 }
 
+// entriesOf - the token's listing as "label kind default trusted" lines, sorted.
+std::vector<std::string> entriesOf(ZAVKM_KeyDbHandle handle) {
+    ZAVKM_Entry* entries = nullptr;
+    uint32_t count = 0, damaged = 0;
+    EXPECT_EQ(ZAVKM_ListEntriesX(handle, 0, &entries, &count, &damaged), ZAVKM_OK);
+    std::vector<std::string> out;
+    for (uint32_t i = 0; i < count; ++i)
+        out.push_back(std::string(entries[i].label) + " " + std::to_string(entries[i].kind) + " " +
+                      std::to_string(entries[i].isDefault) + " " + std::to_string(entries[i].trusted));
+    ZAVKM_FreeEntries(entries, count);
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+// PKCS#12 files come onto the token as its own objects: keys that sign only and never leave it,
+// certificates beside them, the file's marks as the token's flags; a failure leaves nothing.
+TEST_F(TokenTest, Pkcs12FilesComeOntoTheTokenWhole) {
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    const std::string p = "cd " + dir + " && ";
+    ASSERT_EQ(run(p + "openssl req -x509 -nodes -days 9 -subj /CN=ca -newkey rsa:2048 -keyout ca.key "
+                  "-out ca.pem 2> /dev/null && openssl req -x509 -nodes -days 9 -subj /CN=rsa -newkey rsa:2048 "
+                  "-keyout rsa.key -out rsa.pem && openssl req -x509 -nodes -days 9 -subj /CN=ed "
+                  "-newkey ed25519 -keyout ed.key -out ed.pem && openssl req -x509 -nodes -days 9 "
+                  "-subj /CN=ec -newkey ec -pkeyopt ec_paramgen_curve:P-384 -keyout ec.key -out ec.pem"
+                  " && P=Pfx-passw0rd && openssl pkcs12 -export -in rsa.pem -inkey rsa.key -certfile "
+                  "ca.pem -name rsa -passout pass:$P -out rsa.p12 && openssl pkcs12 -export -in ed.pem"
+                  " -inkey ed.key -name ed -passout pass:$P -out ed.p12 && openssl pkcs12 -export -in "
+                  "ec.pem -inkey ec.key -passout pass:$P -out ec.p12 && openssl pkcs12 -export -nokeys"
+                  " -in ca.pem -passout pass:$P -out anchor.p12 2> /dev/null").status, 0);
+    struct Row {
+        const char* what;
+        const char* file;
+        const char* password;
+        const char* setup;  // pkcs11-tool arguments run first, or null
+        ZAVKM_ReturnCode rc;
+        std::vector<std::string> entries;  // "label kind default trusted" afterwards, sorted
+    } rows[] = {
+        {"wrong password", "rsa.p12", "wrong", nullptr, ZAVKM_ERR_PKCS12_PWD_CORRUPTION, {}},
+        {"not PKCS#12", "rsa.pem", "Pfx-passw0rd", nullptr, ZAVKM_ERR_INVALID_PKCS12_DATA, {}},
+        {"flags object damaged: undone", "rsa.p12", "Pfx-passw0rd",
+         "--write-object /dev/null --type data --private --application-label 'zav7km key flags'",
+         ZAVKM_ERR_DATABASE_CORRUPTION, {}},
+        {"RSA with its CA", "rsa.p12", "Pfx-passw0rd", "--delete-object --type data --application-label 'zav7km key flags'",
+         ZAVKM_OK, {"ca 2 0 0", "rsa 1 0 0"}},
+        {"label taken", "rsa.p12", "Pfx-passw0rd", nullptr, ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL,
+         {"ca 2 0 0", "rsa 1 0 0"}},
+        {"Ed25519", "ed.p12", "Pfx-passw0rd", nullptr, ZAVKM_OK,
+         {"ca 2 0 0", "ed 1 0 0", "rsa 1 0 0"}},
+        {"no name: the common name", "ec.p12", "Pfx-passw0rd", nullptr, ZAVKM_OK,
+         {"ca 2 0 0", "ec 1 0 0", "ed 1 0 0", "rsa 1 0 0"}},
+        {"a certificate held already", "anchor.p12", "Pfx-passw0rd", nullptr, ZAVKM_OK,
+         {"ca 2 0 0", "ec 1 0 0", "ed 1 0 0", "rsa 1 0 0"}},
+    };
+    for (const Row& r : rows) {
+        if (r.setup != nullptr) {
+            ASSERT_EQ(tool(r.setup).status, 0) << r.what;
+        }
+        ZAVKM_CloseKeyDb(handle);  // each row on a fresh handle, as a caller comes back
+        handle = 0;
+        ASSERT_EQ(open(token()), ZAVKM_OK);
+        EXPECT_EQ(ZAVKM_ImportKeysFromPFXFile(handle, (dir + "/" + r.file).c_str(), r.password), r.rc)
+            << r.what;
+        if (r.rc == ZAVKM_ERR_DATABASE_CORRUPTION) {  // the flags fail last: every object went again
+            EXPECT_EQ(tool("--list-objects --type privkey").text.find("label"), std::string::npos);
+            continue;
+        }
+        EXPECT_EQ(entriesOf(handle), r.entries) << r.what;
+    }
+    std::map<std::string, std::string> seen = fields();
+    for (const std::string label : {"rsa", "ed", "ec"}) {
+        EXPECT_EQ(seen["Private " + label + " Usage:"], "Usage:      sign") << label;
+        EXPECT_EQ(seen["Private " + label + " Access:"], "Access:     sensitive") << label;  // no "extractable"
+        EXPECT_EQ(seen["Private " + label + " ID:"], seen["Certificate " + label + " ID:"]) << label;
+    }
+    // Once the token no longer holds it, the same certificate comes again, as a signer named by
+    // its common name (openssl names no certificate bag without a key), not trusted.
+    ASSERT_EQ(ZAVKM_DeleteKey(handle, "ca"), ZAVKM_OK);
+    ASSERT_EQ(ZAVKM_ImportKeysFromPFXFile(handle, (dir + "/anchor.p12").c_str(), "Pfx-passw0rd"),
+              ZAVKM_OK);
+    EXPECT_EQ(entriesOf(handle), (std::vector<std::string>{"ca 2 0 0", "ec 1 0 0", "ed 1 0 0",
+                                                           "rsa 1 0 0"}));
+}
+
+// The default key and trust marks of a token live in its flags object, which only the PIN reads
+// or changes; each call sees what the last one set, on a new handle too.
+TEST_F(TokenTest, DefaultAndTrustMarksStayOnTheToken) {
+    ASSERT_EQ(open(token()), ZAVKM_OK);
+    ASSERT_EQ(selfSigned("a", 256), ZAVKM_OK);
+    ASSERT_EQ(selfSigned("b", 25519), ZAVKM_OK);
+    ASSERT_EQ(run("cd " + dir + " && openssl req -x509 -nodes -days 9 -subj /CN=s -newkey ec -pkeyopt "
+                  "ec_paramgen_curve:P-256 -keyout s.key -out s.pem").status, 0);
+    const std::vector<uint8_t> signer = readFile(dir + "/s.pem");
+    ASSERT_EQ(ZAVKM_InsertKey(handle, "s", size(signer), signer.data(), 0, nullptr, 0, 0), ZAVKM_OK);
+    ZAVKM_KeyItem* item = nullptr;
+    EXPECT_EQ(ZAVKM_GetDefaultKeyItem(handle, &item), ZAVKM_ERR_KEYDB_DEFAULT_KEY_NULL);
+    struct Row {
+        const char* what;
+        std::function<ZAVKM_ReturnCode()> call;
+        ZAVKM_ReturnCode rc;
+        std::vector<std::string> entries;  // "label kind default trusted", sorted
+    } rows[] = {
+        {"default a", [&] { return ZAVKM_SetDefaultKeyByLabel(handle, "a"); }, ZAVKM_OK,
+         {"a 1 1 0", "b 1 0 0", "s 2 0 0"}},
+        {"default b moves it", [&] { return ZAVKM_SetDefaultKeyByLabel(handle, "b"); }, ZAVKM_OK,
+         {"a 1 0 0", "b 1 1 0", "s 2 0 0"}},
+        {"default of a signer", [&] { return ZAVKM_SetDefaultKeyByLabel(handle, "s"); },
+         ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL, {"a 1 0 0", "b 1 1 0", "s 2 0 0"}},
+        {"default of nothing", [&] { return ZAVKM_SetDefaultKeyByLabel(handle, "x"); },
+         ZAVKM_ERR_KEY_GET_BY_LABEL, {"a 1 0 0", "b 1 1 0", "s 2 0 0"}},
+        {"trust s", [&] { return ZAVKM_SetTrustStatus(handle, "s", 1); }, ZAVKM_OK,
+         {"a 1 0 0", "b 1 1 0", "s 2 0 1"}},
+        {"trust nothing", [&] { return ZAVKM_SetTrustStatus(handle, "x", 1); },
+         ZAVKM_ERR_KEY_GET_BY_LABEL, {"a 1 0 0", "b 1 1 0", "s 2 0 1"}},
+        {"untrust s", [&] { return ZAVKM_SetTrustStatus(handle, "s", 0); }, ZAVKM_OK,
+         {"a 1 0 0", "b 1 1 0", "s 2 0 0"}},
+        {"trust a", [&] { return ZAVKM_SetTrustStatus(handle, "a", 1); }, ZAVKM_OK,
+         {"a 1 0 1", "b 1 1 0", "s 2 0 0"}},
+        {"delete b drops its marks", [&] { return ZAVKM_DeleteKey(handle, "b"); }, ZAVKM_OK,
+         {"a 1 0 1", "s 2 0 0"}},
+        {"a new b starts unmarked", [&] { return selfSigned("b", 256); }, ZAVKM_OK,
+         {"a 1 0 1", "b 1 0 0", "s 2 0 0"}},
+        {"inserted as default", [&] {
+             ZAVKM_DNItem dn = subject("c");
+             return ZAVKM_CreateSelfSignedCert(handle, "c", 1, 3, 448, &dn, 30, nullptr, 1);
+         }, ZAVKM_OK, {"a 1 0 1", "b 1 0 0", "c 1 1 0", "s 2 0 0"}},
+    };
+    for (const Row& r : rows) {
+        EXPECT_EQ(r.call(), r.rc) << r.what;
+        ZAVKM_CloseKeyDb(handle);  // the marks are on the token, not in the handle
+        handle = 0;
+        ASSERT_EQ(open(token()), ZAVKM_OK);
+        EXPECT_EQ(entriesOf(handle), r.entries) << r.what;
+    }
+    ASSERT_EQ(ZAVKM_GetDefaultKeyItem(handle, &item), ZAVKM_OK);
+    EXPECT_STREQ(item->label, "c");
+    EXPECT_EQ(item->keyFlag1, 1);
+    ZAVKM_FreeKeyItem(item);
+    ASSERT_EQ(ZAVKM_GetKeyItemByLabel(handle, "a", &item), ZAVKM_OK);
+    EXPECT_EQ(item->keyFlag1, 0);
+    EXPECT_EQ(item->keyFlag2, 1);
+    ZAVKM_FreeKeyItem(item);
+    // Without the PIN the flags object is not seen; pkcs11-tool shows it after a login.
+    EXPECT_NE(tool("--list-objects --type data").text.find("zav7km key flags"), std::string::npos);
+    Output read = tool("--read-object --type data --application-label 'zav7km key flags'");
+    EXPECT_NE(read.text.find("default c\ntrusted a\n"), std::string::npos) << read.text;
+    // A damaged flags object is reported, not skipped.
+    ASSERT_EQ(tool("--write-object /dev/null --type data --private --application-label 'zav7km key flags'").status, 0);
+    EXPECT_EQ(ZAVKM_SetDefaultKeyByLabel(handle, "a"), ZAVKM_ERR_DATABASE_CORRUPTION);
+}
+
 // notAfterByOpenssl - the notAfter of a DER certificate in seconds since 1970, as openssl and
 // date read it.
 int64_t notAfterByOpenssl(const std::string& dir, const uint8_t* der, uint32_t n) {
