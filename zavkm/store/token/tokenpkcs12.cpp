@@ -81,7 +81,7 @@ Rc addEntry(TokenStore& t, const Pkcs12Entry& e, Made& made) {
 void markFlags(const std::vector<Pkcs12Entry>& entries, KeyFlags& flags) {
     for (const Pkcs12Entry& e : entries) {
         if (e.skip) continue;
-        if (e.isDefault && e.kind == Pkcs12Entry::Personal) flags.defaultLabel = e.label;
+        if (e.isDefault) flags.defaultLabel = e.label;  // only a personal key carries the mark
         if (e.trusted) flags.trust[e.label] = true;
     }
 }
