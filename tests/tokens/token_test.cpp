@@ -730,6 +730,9 @@ TEST_F(TokenTest, DefaultAndTrustMarksStayOnTheToken) {
              ZAVKM_DNItem dn = subject("c");
              return ZAVKM_CreateSelfSignedCert(handle, "c", 1, 3, 448, &dn, 30, nullptr, 1);
          }, ZAVKM_OK, {"a 1 0 1", "b 1 0 0", "c 1 1 0", "s 2 0 0"}},
+        {"inserted trusted", [&] {
+             return ZAVKM_InsertKey(handle, "t", size(signer), signer.data(), 0, nullptr, 0, 1);
+         }, ZAVKM_OK, {"a 1 0 1", "b 1 0 0", "c 1 1 0", "s 2 0 0", "t 2 0 1"}},
     };
     for (const Row& r : rows) {
         EXPECT_EQ(r.call(), r.rc) << r.what;
