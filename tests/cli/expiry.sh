@@ -144,7 +144,8 @@ check \
   "0|token show alice $tok --json|ok token default eve $tok|json \"not d['default']\"" \
   "0|token list-objects $tok --json|ok token request bob -s CN=bob -o bob2.csr $tok && openssl x509 -req -in bob2.csr -CA ca.crt -CAkey ca.key -days 9 -out bob2.pem 2> /dev/null && ok token receive -i bob2.pem --default $tok|json \"[r['label'] for r in d['entries'] if r['default']] == ['bob']\"" \
   "0|token delete bob $tok --json||json \"{'action': 'delete', 'label': 'bob'} in [{k: r[k] for k in ('action', 'label')} for r in d['changes']]\"" \
-  "0|token list-objects $tok --json|ok token trust 'Openssl CA' off $tok|$(entries "[('far', 'personal', False, False), ('ed', 'personal', False, False), ('alice', 'personal', False, False), ('eve', 'personal', False, False), ('Openssl CA', 'signer', False, False)]")"
+  "0|token list-objects $tok --json|ok cert selfsign kept --subject CN=kept --default && ok trust kept on && ok p12 export kept.p12 kept --p12-password-env P12 && ok token p12 import kept.p12 $tok --p12-password-env P12|json \"[(r['default'], r['trusted']) for r in d['entries'] if r['label'] == 'kept'] == [(True, True)]\"" \
+  "0|token list-objects $tok --json|ok token trust 'Openssl CA' off $tok && ok token delete kept $tok|$(entries "[('far', 'personal', False, False), ('ed', 'personal', False, False), ('alice', 'personal', False, False), ('eve', 'personal', False, False), ('Openssl CA', 'signer', False, False)]")"
 # The system trust store, unless this run cannot list its directories (ZAV_NO_SYSTEM_STORE: an
 # i386 build under user-mode emulation).
 [ -n "${ZAV_NO_SYSTEM_STORE:-}" ] || check \

@@ -633,7 +633,10 @@ TEST_F(TokenTest, Pkcs12FilesComeOntoTheTokenWhole) {
                   "ca.pem -name rsa -passout pass:$P -out rsa.p12 && openssl pkcs12 -export -in ed.pem"
                   " -inkey ed.key -name ed -passout pass:$P -out ed.p12 && openssl pkcs12 -export -in "
                   "ec.pem -inkey ec.key -passout pass:$P -out ec.p12 && openssl pkcs12 -export -nokeys"
-                  " -in ca.pem -passout pass:$P -out anchor.p12 2> /dev/null").status, 0);
+                  " -in ca.pem -passout pass:$P -out anchor.p12 2> /dev/null && openssl genpkey -genparam "
+                  "-algorithm DSA -pkeyopt dsa_paramgen_bits:1024 -out dsa.par && openssl req -x509 "
+                  "-nodes -days 9 -subj /CN=dsa -newkey dsa:dsa.par -keyout dsa.key -out dsa.pem && "
+                  "openssl pkcs12 -export -nokeys -in dsa.pem -passout pass:$P -out dsa.p12").status, 0);
     struct Row {
         const char* what;
         const char* file;
@@ -644,6 +647,7 @@ TEST_F(TokenTest, Pkcs12FilesComeOntoTheTokenWhole) {
     } rows[] = {
         {"wrong password", "rsa.p12", "wrong", nullptr, ZAVKM_ERR_PKCS12_PWD_CORRUPTION, {}},
         {"not PKCS#12", "rsa.pem", "Pfx-passw0rd", nullptr, ZAVKM_ERR_INVALID_PKCS12_DATA, {}},
+        {"a DSA signer", "dsa.p12", "Pfx-passw0rd", nullptr, ZAVKM_ERR_CRYPTO_UNSUPPORTED_ALGORITHM, {}},
         {"flags object damaged: undone", "rsa.p12", "Pfx-passw0rd",
          "--write-object /dev/null --type data --private --application-label 'zav7km key flags'",
          ZAVKM_ERR_DATABASE_CORRUPTION, {}},
@@ -722,6 +726,8 @@ TEST_F(TokenTest, DefaultAndTrustMarksStayOnTheToken) {
          {"a 1 0 0", "b 1 1 0", "s 2 0 0"}},
         {"trust a", [&] { return ZAVKM_SetTrustStatus(handle, "a", 1); }, ZAVKM_OK,
          {"a 1 0 1", "b 1 1 0", "s 2 0 0"}},
+        {"trust b", [&] { return ZAVKM_SetTrustStatus(handle, "b", 1); }, ZAVKM_OK,
+         {"a 1 0 1", "b 1 1 1", "s 2 0 0"}},
         {"delete b drops its marks", [&] { return ZAVKM_DeleteKey(handle, "b"); }, ZAVKM_OK,
          {"a 1 0 1", "s 2 0 0"}},
         {"a new b starts unmarked", [&] { return selfSigned("b", 256); }, ZAVKM_OK,
