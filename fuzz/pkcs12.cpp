@@ -13,8 +13,8 @@
 #include <iterator>
 #include <vector>
 
-#include "connpool.h"
-#include "kdf.h"
+#include "store/file/connpool.h"
+#include "store/file/kdf.h"
 #include "fuzz.h"
 
 namespace {

@@ -38,9 +38,9 @@
 #include <string>
 #include <vector>
 
-#include "entries.h"
-#include "keydb.h"
-#include "keyitems.h"
+#include "store/file/entries.h"
+#include "store/file/keydb.h"
+#include "store/file/keyitems.h"
 #include "zavkm.h"
 #include "zavkm_ext.h"
 

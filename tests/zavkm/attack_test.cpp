@@ -6,7 +6,7 @@
 
 #include <functional>
 
-#include "connpool.h"
+#include "store/file/connpool.h"
 #include "support.h"
 #include "zavkm_ext.h"
 

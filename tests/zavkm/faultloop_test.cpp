@@ -14,9 +14,9 @@
 #include <functional>
 #include <memory>
 
-#include "certcache.h"
+#include "pki/certcache.h"
 #include "zavkm_ext.h"
-#include "connpool.h"
+#include "store/file/connpool.h"
 #include "faults.h"
 #include "support.h"
 

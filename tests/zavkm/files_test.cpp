@@ -19,9 +19,9 @@
 
 #include <sqlite3.h>
 
-#include "companions.h"
-#include "connpool.h"
-#include "files.h"
+#include "store/file/companions.h"
+#include "store/file/connpool.h"
+#include "base/files.h"
 #include "support.h"
 #include "zavkm_ext.h"
 

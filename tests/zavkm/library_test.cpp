@@ -12,8 +12,8 @@
 #include <regex>
 #include <thread>
 
-#include "connpool.h"
-#include "kdf.h"
+#include "store/file/connpool.h"
+#include "store/file/kdf.h"
 #include "support.h"
 
 namespace zavkm_test {

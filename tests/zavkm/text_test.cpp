@@ -3,8 +3,8 @@
 // control character is refused, and each caller reads labels back in its own form.
 #include <functional>
 
-#include "epki.h"
-#include "keydb.h"
+#include "store/file/epki.h"
+#include "store/file/keydb.h"
 #include "support.h"
 #include "zavkm_ext.h"
 

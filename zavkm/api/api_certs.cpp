@@ -1,14 +1,15 @@
 // api_certs.cpp - making certificates and requests, issuing, receiving, storing, exporting.
 #include <unistd.h>
 
-#include "certcache.h"
-#include "entries.h"
-#include "files.h"
-#include "keyitems.h"
-#include "session.h"
-#include "tokenops.h"
-#include "x509records.h"
-#include "x509util.h"
+#include "pki/certcache.h"
+#include "store/file/entries.h"
+#include "base/files.h"
+#include "store/file/keyitems.h"
+#include "api/session.h"
+#include "api/tokenops.h"
+#include "store/keystore/keyops.h"
+#include "pki/x509records.h"
+#include "pki/x509util.h"
 #include "zavkm_ext.h"
 
 using namespace zavkm;
@@ -28,91 +29,6 @@ Rc withFileThenCommit(KeyDb& kdb, const char* fileName, Change&& change, Write&&
     Rc rc = commitChange(v);
     if (rc != ZAVKM_OK && fileName != nullptr) ::unlink(fileName);
     return rc;
-}
-
-// personalKeyRow - a row for a new personal key and its certificate.
-Rc personalKeyRow(const KeyDb& kdb, const char* label, X509* cert, EVP_PKEY* key, KeyRow& row) {
-    row.label = label;
-    if (Rc rc = certColumns(cert, key, row); rc != ZAVKM_OK) return rc;
-    SecretBytes pkcs8 = pkcs8Of(key);
-    if (pkcs8.empty()) return sslError(ZAVKM_ERR_ASN);
-    return sealPrivateKey(kdb, pkcs8, row.spki, row.privateKey);
-}
-
-Rc selfSigned(KeyDb& kdb, const char* label, uint8_t makeDefault, int32_t version, int32_t keySize,
-              const ZAVKM_DNItem* subject, int32_t validityDays, int32_t signatureAlgorithm,
-              const uint8_t* extensions, uint32_t extensionsLength, const char* certFileName,
-              uint8_t isBase64) {
-    if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
-    if (Rc rc = checkValidityDays(validityDays); rc != ZAVKM_OK) return rc;
-    const EVP_MD* md = nullptr;
-    if (Rc rc = signatureDigest(signatureAlgorithm, md); rc != ZAVKM_OK) return rc;
-    X509NamePtr name;
-    if (Rc rc = nameFromDN(subject, name); rc != ZAVKM_OK) return rc;
-    ExtStackPtr extra;
-    if (Rc rc = parseExtensions(extensions, extensionsLength, extra); rc != ZAVKM_OK) return rc;
-    std::optional<KeyRow> existing;  // refuse before the costly key generation
-    if (Rc rc = readView(kdb, [&](View& v) { return findKey(v, label, existing); }); rc != ZAVKM_OK)
-        return rc;
-    if (existing) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
-    PkeyPtr key;
-    if (Rc rc = generateKey(keySize, key); rc != ZAVKM_OK) return rc;
-    Asn1IntPtr serial;
-    if (Rc rc = parseSerial(nullptr, serial); rc != ZAVKM_OK) return rc;
-    CertPlan plan;
-    plan.version = version;
-    plan.subject = name.get();
-    plan.subjectKey = key.get();
-    plan.signingKey = key.get();
-    plan.serial = serial.get();
-    plan.days = validityDays;
-    plan.md = md;
-    plan.ca = true;
-    plan.extra = extra.get();
-    X509Ptr cert;
-    if (Rc rc = makeCertificate(plan, cert); rc != ZAVKM_OK) return rc;
-    KeyRow row;
-    if (Rc rc = personalKeyRow(kdb, label, cert.get(), key.get(), row); rc != ZAVKM_OK) return rc;
-    row.isDefault = makeDefault != 0;
-    row.trusted = true;  // a self-signed certificate made here is a trust anchor
-    return withFileThenCommit(
-        kdb, certFileName, [&](View& v) { return insertKey(v, row, cert.get()); },
-        [&] { return writeCertificateFile(certFileName, cert.get(), isBase64 != 0); });
-}
-
-Rc newRequest(KeyDb& kdb, const char* label, int32_t keySize, const ZAVKM_DNItem* subject,
-              int32_t signatureAlgorithm, const uint8_t* extensions, uint32_t extensionsLength,
-              const char* fileName) {
-    if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
-    const EVP_MD* md = nullptr;
-    if (Rc rc = signatureDigest(signatureAlgorithm, md); rc != ZAVKM_OK) return rc;
-    X509NamePtr name;
-    if (Rc rc = nameFromDN(subject, name); rc != ZAVKM_OK) return rc;
-    ExtStackPtr exts;
-    if (Rc rc = parseExtensions(extensions, extensionsLength, exts); rc != ZAVKM_OK) return rc;
-    if (Rc rc = readView(kdb, [&](View& v) { return checkRequestLabelFree(v, label); }); rc != ZAVKM_OK)
-        return rc;
-    PkeyPtr key;
-    if (Rc rc = generateKey(keySize, key); rc != ZAVKM_OK) return rc;
-    X509ReqPtr req;
-    if (Rc rc = makeRequest(name.get(), key.get(), exts.get(), md, req); rc != ZAVKM_OK) return rc;
-    RequestRow row;
-    row.label = label;
-    row.request = derOf(req.get());
-    row.spki = spkiOf(key.get());
-    KeyInfo info = keyInfo(key.get());
-    row.keyType = info.algorithm;
-    row.keyBits = info.bits;
-    SecretBytes pkcs8 = pkcs8Of(key.get());
-    if (row.request.empty() || pkcs8.empty()) return sslError(ZAVKM_ERR_ASN);
-    if (Rc rc = sealPrivateKey(kdb, pkcs8, row.spki, row.privateKey); rc != ZAVKM_OK) return rc;
-    return withFileThenCommit(
-        kdb, fileName,
-        [&](View& v) -> Rc {
-            if (Rc rc = checkRequestLabelFree(v, label); rc != ZAVKM_OK) return rc;
-            return insertRequest(v, row);
-        },
-        [&] { return writeRequestFile(fileName, req.get()); });
 }
 
 // renewalRequest - a request for renewing cert: its subject and subject alternative names, for
@@ -417,10 +333,10 @@ ZAVKM_ReturnCode ZAVKM_CreateSelfSignedCert(ZAVKM_KeyDbHandle handle, const char
                                             uint8_t makeDefault, int32_t version, int32_t keySize,
                                             const ZAVKM_DNItem* subject, int32_t validityDays,
                                             const char* certFileName, uint8_t isBase64) noexcept {
-    return withStore(__func__, handle, {label, subject}, {labelArg(label)}, [&](KeyDb& kdb) {
-        return selfSigned(kdb, label, makeDefault, version, keySize, subject, validityDays, 1,
-                          nullptr, 0, certFileName, isBase64);
-    }, [&](TokenStore& t) { return tokenSelfSigned(t, {label, version, keySize, subject, validityDays, 1, nullptr, 0, certFileName, isBase64 != 0}); });
+    return withKeyStore(__func__, handle, {label, subject}, {labelArg(label)}, [&](KeyStore& s) {
+        return createSelfSigned(s, {label, makeDefault != 0, version, keySize, subject, validityDays,
+                                    1, nullptr, 0, certFileName, isBase64 != 0});
+    });
 }
 
 ZAVKM_ReturnCode ZAVKM_CreateSelfSignedCertSigExt(
@@ -428,19 +344,20 @@ ZAVKM_ReturnCode ZAVKM_CreateSelfSignedCertSigExt(
     int32_t keySize, const ZAVKM_DNItem* subject, int32_t validityDays, int32_t signatureAlgorithm,
     const uint8_t* extensions, uint32_t extensionsLength, const char* certFileName,
     uint8_t isBase64) noexcept {
-    return withStore(__func__, handle, {label, subject}, {labelArg(label)}, [&](KeyDb& kdb) {
-        return selfSigned(kdb, label, makeDefault, version, keySize, subject, validityDays,
-                          signatureAlgorithm, extensions, extensionsLength, certFileName, isBase64);
-    }, [&](TokenStore& t) { return tokenSelfSigned(t, {label, version, keySize, subject, validityDays, signatureAlgorithm, extensions, extensionsLength, certFileName, isBase64 != 0}); });
+    return withKeyStore(__func__, handle, {label, subject}, {labelArg(label)}, [&](KeyStore& s) {
+        return createSelfSigned(s, {label, makeDefault != 0, version, keySize, subject, validityDays,
+                                    signatureAlgorithm, extensions, extensionsLength, certFileName,
+                                    isBase64 != 0});
+    });
 }
 
 ZAVKM_ReturnCode ZAVKM_CreateNewCertReq(ZAVKM_KeyDbHandle handle, const char* label,
                                         int32_t keySize, const ZAVKM_DNItem* subject,
                                         const char* certReqFileName, const void*,
                                         const void*) noexcept {
-    return withStore(__func__, handle, {label, subject}, {labelArg(label)}, [&](KeyDb& kdb) {
-        return newRequest(kdb, label, keySize, subject, 1, nullptr, 0, certReqFileName);
-    }, [&](TokenStore& t) { return tokenNewRequest(t, {label, keySize, subject, 1, nullptr, 0, certReqFileName}); });
+    return withKeyStore(__func__, handle, {label, subject}, {labelArg(label)}, [&](KeyStore& s) {
+        return createRequest(s, {label, keySize, subject, 1, nullptr, 0, certReqFileName});
+    });
 }
 
 ZAVKM_ReturnCode ZAVKM_CreateNewCertReqSigExt(ZAVKM_KeyDbHandle handle, const char* label,
@@ -449,10 +366,10 @@ ZAVKM_ReturnCode ZAVKM_CreateNewCertReqSigExt(ZAVKM_KeyDbHandle handle, const ch
                                               uint32_t extensionsLength,
                                               const char* certReqFileName, const void*,
                                               const void*) noexcept {
-    return withStore(__func__, handle, {label, subject}, {labelArg(label)}, [&](KeyDb& kdb) {
-        return newRequest(kdb, label, keySize, subject, signatureAlgorithm, extensions,
-                          extensionsLength, certReqFileName);
-    }, [&](TokenStore& t) { return tokenNewRequest(t, {label, keySize, subject, signatureAlgorithm, extensions, extensionsLength, certReqFileName}); });
+    return withKeyStore(__func__, handle, {label, subject}, {labelArg(label)}, [&](KeyStore& s) {
+        return createRequest(s, {label, keySize, subject, signatureAlgorithm, extensions,
+                                 extensionsLength, certReqFileName});
+    });
 }
 
 ZAVKM_ReturnCode ZAVKM_ReCreateCertReq(ZAVKM_KeyDbHandle handle, const char* label,

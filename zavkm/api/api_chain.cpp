@@ -1,13 +1,13 @@
 // api_chain.cpp - certificates from PKCS#7 data, renewal, and chain validation.
 #include <openssl/pem.h>
 
-#include "entries.h"
-#include "keyitems.h"
-#include "session.h"
-#include "sizes.h"
-#include "tokenops.h"
-#include "x509records.h"
-#include "x509util.h"
+#include "store/file/entries.h"
+#include "store/file/keyitems.h"
+#include "api/session.h"
+#include "base/sizes.h"
+#include "api/tokenops.h"
+#include "pki/x509records.h"
+#include "pki/x509util.h"
 #include "zavkm_ext.h"
 
 using namespace zavkm;

@@ -4,12 +4,12 @@
 #include <cstring>
 #include <utility>
 
-#include "entries.h"
-#include "pages.h"
-#include "files.h"
-#include "session.h"
-#include "tokenops.h"
-#include "utf.h"
+#include "store/file/entries.h"
+#include "store/file/pages.h"
+#include "base/files.h"
+#include "api/session.h"
+#include "api/tokenops.h"
+#include "base/utf.h"
 #include "zavkm_ext.h"
 
 using namespace zavkm;

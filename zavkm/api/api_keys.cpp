@@ -1,23 +1,17 @@
 // api_keys.cpp - label lists, key lookups, inserting, deleting and flagging keys, and private
 // keys under a password.
-#include "entries.h"
-#include "epki.h"
-#include "keyitems.h"
-#include "session.h"
-#include "tokenops.h"
-#include "sizes.h"
-#include "x509util.h"
+#include "store/file/entries.h"
+#include "store/file/epki.h"
+#include "store/file/keyitems.h"
+#include "api/session.h"
+#include "api/tokenops.h"
+#include "store/keystore/keyops.h"
+#include "base/sizes.h"
+#include "pki/x509util.h"
 
 using namespace zavkm;
 
 namespace {
-
-Rc labelList(const std::vector<std::string>& labels, ZAVKM_LabelList** list) {
-    LabelListBuilder builder;
-    for (const std::string& label : labels) builder.add(label);
-    *list = builder.take();
-    return ZAVKM_OK;
-}
 
 // keyItemsList - a list of key items for rows.
 Rc keyItemsList(View& v, const std::vector<KeyRow>& rows, ZAVKM_KeyItemList** list) {
@@ -66,24 +60,14 @@ extern "C" {
 
 ZAVKM_ReturnCode ZAVKM_GetKeyDbLabelList(ZAVKM_KeyDbHandle handle,
                                          ZAVKM_LabelList** list) noexcept {
-    return withStore(__func__, handle, {list}, [&](KeyDb& kdb) -> Rc {
-        *list = nullptr;
-        std::vector<std::string> labels;
-        if (Rc rc = readView(kdb, [&](View& v) { return keyLabels(v, labels); }); rc != ZAVKM_OK)
-            return rc;
-        return labelList(labels, list);
-    }, [&](TokenStore& t) { return tokenKeyLabels(t, list); });
+    return withKeyStore(__func__, handle, {list}, {},
+                        [&](KeyStore& s) { return labelList(s, false, list); });
 }
 
 ZAVKM_ReturnCode ZAVKM_GetReqKeyDbLabelList(ZAVKM_KeyDbHandle handle,
                                             ZAVKM_LabelList** list) noexcept {
-    return withStore(__func__, handle, {list}, [&](KeyDb& kdb) -> Rc {
-        *list = nullptr;
-        std::vector<std::string> labels;
-        if (Rc rc = readView(kdb, [&](View& v) { return requestLabels(v, labels); }); rc != ZAVKM_OK)
-            return rc;
-        return labelList(labels, list);
-    }, [&](TokenStore& t) { return tokenRequestLabels(t, list); });
+    return withKeyStore(__func__, handle, {list}, {},
+                        [&](KeyStore& s) { return labelList(s, true, list); });
 }
 
 ZAVKM_ReturnCode ZAVKM_GetKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char* label,

@@ -1,8 +1,8 @@
 // api_pkcs12.cpp - PKCS#12 export and import, keyring files.
 #include <unistd.h>
 
-#include "pkcs12.h"
-#include "session.h"
+#include "store/file/pkcs12.h"
+#include "api/session.h"
 
 using namespace zavkm;
 

@@ -2,7 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "records.h"
+#include "pki/records.h"
 
 using namespace zavkm;
 

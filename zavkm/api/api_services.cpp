@@ -1,14 +1,14 @@
 // api_services.cpp - library services and memory: initialisation, cleanup, trace, crypto
 // settings, and the malloc-compatible memory operations.
 #include <openssl/crypto.h>
-#include <sqlite3.h>
 
 #include <cstdlib>
 #include <cstring>
 
-#include "lifecycle.h"
-#include "state.h"
-#include "trace.h"
+#include "api/lifecycle.h"
+#include "base/state.h"
+#include "base/trace.h"
+#include "store/file/filestore.h"
 
 using namespace zavkm;
 
@@ -17,7 +17,7 @@ extern "C" {
 ZAVKM_ReturnCode ZAVKM_Init(void) noexcept {
     if (OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr) != 1)
         return traceResult("ZAVKM_Init", ZAVKM_ERR_CRYPTO);
-    if (sqlite3_initialize() != SQLITE_OK) return traceResult("ZAVKM_Init", ZAVKM_ERR_DATABASE);
+    if (initFileStore() != ZAVKM_OK) return traceResult("ZAVKM_Init", ZAVKM_ERR_DATABASE);
     setInitialized(true);
     return traceResult("ZAVKM_Init", ZAVKM_OK);
 }

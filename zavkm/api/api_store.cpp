@@ -1,11 +1,11 @@
 // api_store.cpp - creating, opening, closing and re-keying key databases, the stash, and the
 // password probes.
-#include "keydb.h"
-#include "pkcs12.h"
-#include "session.h"
-#include "stash.h"
-#include "registry.h"
-#include "token.h"
+#include "store/file/keydb.h"
+#include "store/file/pkcs12.h"
+#include "api/session.h"
+#include "store/file/stash.h"
+#include "store/platform/registry.h"
+#include "store/token/token.h"
 
 using namespace zavkm;
 

@@ -4,18 +4,19 @@
 
 #include <set>
 
-#include "certcache.h"
-#include "entries.h"
-#include "files.h"
-#include "handles.h"
-#include "keyitems.h"
-#include "records.h"
-#include "registry.h"
-#include "session.h"
-#include "tokenops.h"
-#include "trace.h"
-#include "x509records.h"
-#include "x509util.h"
+#include "pki/certcache.h"
+#include "store/file/entries.h"
+#include "base/files.h"
+#include "api/handles.h"
+#include "store/file/keyitems.h"
+#include "pki/records.h"
+#include "store/platform/registry.h"
+#include "api/session.h"
+#include "api/tokenops.h"
+#include "store/token/tokenkeys.h"
+#include "base/trace.h"
+#include "pki/x509records.h"
+#include "pki/x509util.h"
 #include "zavkm_ext.h"
 
 namespace zavkm {
@@ -25,15 +26,6 @@ Rc labelRecords(const std::vector<std::string>& labels, ZAVKM_LabelList** list) 
     LabelListBuilder builder;
     for (const std::string& label : labels) builder.add(label);
     *list = builder.take();
-    return ZAVKM_OK;
-}
-
-// labelInUse - whether any object on the token already has label.
-Rc labelInUse(TokenStore& t, const std::string& label, bool& used) {
-    std::vector<Bytes> certs, requests;
-    if (Rc rc = objectValues(t, TokenObject::Certificate, label, certs); rc != ZAVKM_OK) return rc;
-    if (Rc rc = objectValues(t, TokenObject::Request, label, requests); rc != ZAVKM_OK) return rc;
-    used = !certs.empty() || !requests.empty();
     return ZAVKM_OK;
 }
 
@@ -90,85 +82,7 @@ Rc chainOnToken(TokenStore& t, X509Ptr cert, std::vector<X509Ptr>& chain) {
     return ZAVKM_OK;
 }
 
-// writeCertIfNamed - the certificate or request file when the caller named one.
-Rc writeCertIfNamed(const char* fileName, const X509* cert, bool pem) {
-    return isEmpty(fileName) ? ZAVKM_OK : writeCertificateFile(fileName, cert, pem);
-}
-
 }  // namespace
-
-Rc tokenKeyLabels(TokenStore& t, ZAVKM_LabelList** list) {
-    *list = nullptr;
-    std::vector<std::string> labels;
-    if (Rc rc = objectLabels(t, TokenObject::Certificate, labels); rc != ZAVKM_OK) return rc;
-    return labelRecords(labels, list);
-}
-
-Rc tokenRequestLabels(TokenStore& t, ZAVKM_LabelList** list) {
-    *list = nullptr;
-    std::vector<std::string> labels;
-    if (Rc rc = objectLabels(t, TokenObject::Request, labels); rc != ZAVKM_OK) return rc;
-    return labelRecords(labels, list);
-}
-
-Rc tokenSelfSigned(TokenStore& t, const SelfSignedArgs& a) {
-    if (Rc rc = checkLabel(a.label); rc != ZAVKM_OK) return rc;
-    if (Rc rc = checkValidityDays(a.validityDays); rc != ZAVKM_OK) return rc;
-    const EVP_MD* md = nullptr;
-    if (Rc rc = signatureDigest(a.signatureAlgorithm, md); rc != ZAVKM_OK) return rc;
-    X509NamePtr name;
-    if (Rc rc = nameFromDN(a.subject, name); rc != ZAVKM_OK) return rc;
-    ExtStackPtr extra;
-    if (Rc rc = parseExtensions(a.extensions, a.extensionsLength, extra); rc != ZAVKM_OK) return rc;
-    bool used = false;
-    if (Rc rc = labelInUse(t, a.label, used); rc != ZAVKM_OK) return rc;
-    if (used) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
-    TokenKey key;
-    if (Rc rc = generateTokenKey(t, a.keySize, a.label, key); rc != ZAVKM_OK) return rc;
-    Asn1IntPtr serial;
-    Rc rc = parseSerial(nullptr, serial);
-    TokenSigner signer(t, key);
-    CertPlan plan;
-    plan.version = a.version;
-    plan.subject = name.get();
-    plan.subjectKey = key.publicKey.get();
-    plan.signingKey = key.publicKey.get();
-    plan.remote = &signer;
-    plan.serial = serial.get();
-    plan.days = a.validityDays;
-    plan.md = md;
-    plan.ca = true;
-    plan.extra = extra.get();
-    X509Ptr cert;
-    if (rc == ZAVKM_OK) rc = makeCertificate(plan, cert);
-    if (rc == ZAVKM_OK) rc = writeCertIfNamed(a.certFileName, cert.get(), a.pem);
-    if (rc == ZAVKM_OK) rc = storeCertificate(t, a.label, key.id, cert.get());
-    if (rc != ZAVKM_OK) destroyKey(t, key);  // nothing half made stays on the token
-    return rc;
-}
-
-Rc tokenNewRequest(TokenStore& t, const RequestArgs& a) {
-    if (Rc rc = checkLabel(a.label); rc != ZAVKM_OK) return rc;
-    const EVP_MD* md = nullptr;
-    if (Rc rc = signatureDigest(a.signatureAlgorithm, md); rc != ZAVKM_OK) return rc;
-    X509NamePtr name;
-    if (Rc rc = nameFromDN(a.subject, name); rc != ZAVKM_OK) return rc;
-    ExtStackPtr exts;
-    if (Rc rc = parseExtensions(a.extensions, a.extensionsLength, exts); rc != ZAVKM_OK) return rc;
-    bool used = false;
-    if (Rc rc = labelInUse(t, a.label, used); rc != ZAVKM_OK) return rc;
-    if (used) return ZAVKM_ERR_DATABASE_DUPLICATE_KEY_LABEL;
-    TokenKey key;
-    if (Rc rc = generateTokenKey(t, a.keySize, a.label, key); rc != ZAVKM_OK) return rc;
-    TokenSigner signer(t, key);
-    X509ReqPtr req;
-    Rc rc = makeRequest(name.get(), key.publicKey.get(), exts.get(), md, req, &signer);
-    if (rc == ZAVKM_OK && !isEmpty(a.requestFileName))
-        rc = writeRequestFile(a.requestFileName, req.get());
-    if (rc == ZAVKM_OK) rc = storeRequest(t, a.label, key.id, derOf(req.get()));
-    if (rc != ZAVKM_OK) destroyKey(t, key);
-    return rc;
-}
 
 Rc tokenPrivateKeyPresent(TokenStore& t, const char* label, uint8_t* present) {
     *present = 0;
@@ -494,15 +408,6 @@ Rc tokenListEntries(TokenStore& t, uint32_t flags, ZAVKM_Entry** entries, uint32
     return entryRecords(rows, (flags & ZAVKM_LIST_DER) != 0, entries, count);
 }
 
-Rc tokenKeyFor(TokenStore& t, EVP_PKEY* pub, TokenKey& out) {
-    out.id = keyIdOf(pub);
-    if (Rc rc = privateKeyWithId(t, out.id, out.privateKey); rc != ZAVKM_OK) return rc;
-    if (out.privateKey == CK_INVALID_HANDLE) return ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL;
-    EVP_PKEY_up_ref(pub);
-    out.publicKey.reset(pub);
-    return ZAVKM_OK;
-}
-
 namespace {
 
 // newKeyPair - privateKey (matching pub) onto the token with label, then store(id); the key pair
@@ -579,9 +484,7 @@ ZAVKM_ReturnCode ZAVKM_GetCryptoTokenLabelList(const char* moduleName,
             for (const Provider& p : providers) labels.push_back(p.name);
             return labelRecords(labels, list);
         }
-        CK_FUNCTION_LIST* f = nullptr;
-        if (Rc rc = loadModule(moduleName, f); rc != ZAVKM_OK) return rc;
-        if (Rc rc = tokenLabels(f, labels); rc != ZAVKM_OK) return rc;
+        if (Rc rc = moduleTokenLabels(moduleName, labels); rc != ZAVKM_OK) return rc;
         return labelRecords(labels, list);
     });
 }

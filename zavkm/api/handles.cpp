@@ -1,5 +1,5 @@
 // handles.cpp - the table of open key databases.
-#include "handles.h"
+#include "api/handles.h"
 
 #include <map>
 #include <mutex>

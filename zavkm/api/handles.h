@@ -3,8 +3,8 @@
 
 #include <memory>
 
-#include "keydb.h"
-#include "token.h"
+#include "store/file/keydb.h"
+#include "store/token/token.h"
 
 namespace zavkm {
 

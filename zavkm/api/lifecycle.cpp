@@ -1,13 +1,13 @@
 // lifecycle.cpp - what ZAVKM_CleanAll releases.
-#include "lifecycle.h"
+#include "api/lifecycle.h"
 
-#include "certcache.h"
-#include "connpool.h"
-#include "handles.h"
-#include "kdf.h"
-#include "p11.h"
-#include "pkcs12.h"
-#include "state.h"
+#include "pki/certcache.h"
+#include "store/file/connpool.h"
+#include "api/handles.h"
+#include "store/file/kdf.h"
+#include "store/token/p11.h"
+#include "store/file/pkcs12.h"
+#include "base/state.h"
 
 namespace zavkm {
 

@@ -3,10 +3,12 @@
 
 #include <initializer_list>
 
-#include "handles.h"
-#include "state.h"
-#include "trace.h"
-#include "utf.h"
+#include "api/handles.h"
+#include "store/file/filestore.h"
+#include "store/token/tokenkeys.h"
+#include "base/state.h"
+#include "base/trace.h"
+#include "base/utf.h"
 
 namespace zavkm {
 
@@ -47,6 +49,13 @@ Rc withStore(const char* name, ZAVKM_KeyDbHandle handle,
     std::lock_guard lock(token->mutex);
     return traceResult(name, guarded([&] { return tokenFn(*token); }));
 }
+
+// withKeyStore - withStore for the operations written once over the KeyStore interface: fn runs
+// on the key database's FileStore or the token's TokenKeyStore.
+template <class Fn>
+Rc withKeyStore(const char* name, ZAVKM_KeyDbHandle handle,
+                std::initializer_list<const void*> required, std::initializer_list<TextArg> texts,
+                Fn&& fn) noexcept;
 
 // withLibrary - the frame of operations without a handle: required pointers, initialisation,
 // no escaping exception, the result traced.
@@ -96,6 +105,22 @@ Rc withLibrary(const char* name, std::initializer_list<const void*> required,
         if (Rc rc = held.take(texts); rc != ZAVKM_OK) return rc;
         return fn();
     });
+}
+
+template <class Fn>
+Rc withKeyStore(const char* name, ZAVKM_KeyDbHandle handle,
+                std::initializer_list<const void*> required, std::initializer_list<TextArg> texts,
+                Fn&& fn) noexcept {
+    return withStore(
+        name, handle, required, texts,
+        [&](KeyDb& kdb) -> Rc {
+            FileStore store(kdb);
+            return fn(static_cast<KeyStore&>(store));
+        },
+        [&](TokenStore& t) -> Rc {
+            TokenKeyStore store(t);
+            return fn(static_cast<KeyStore&>(store));
+        });
 }
 
 }  // namespace zavkm

@@ -3,39 +3,10 @@
 // files, the token signs them.
 #pragma once
 
-#include "token.h"
+#include "store/token/tokenkeys.h"
 #include "zavkm_ext.h"
 
 namespace zavkm {
-
-Rc tokenKeyLabels(TokenStore& t, ZAVKM_LabelList** list);
-Rc tokenRequestLabels(TokenStore& t, ZAVKM_LabelList** list);
-
-// SelfSignedArgs / RequestArgs - what the caller asked for, as the exported operations take it.
-struct SelfSignedArgs {
-    const char* label;
-    int32_t version;
-    int32_t keySize;
-    const ZAVKM_DNItem* subject;
-    int32_t validityDays;
-    int32_t signatureAlgorithm;
-    const uint8_t* extensions;
-    uint32_t extensionsLength;
-    const char* certFileName;
-    bool pem;
-};
-Rc tokenSelfSigned(TokenStore& t, const SelfSignedArgs& a);
-
-struct RequestArgs {
-    const char* label;
-    int32_t keySize;
-    const ZAVKM_DNItem* subject;
-    int32_t signatureAlgorithm;
-    const uint8_t* extensions;
-    uint32_t extensionsLength;
-    const char* requestFileName;
-};
-Rc tokenNewRequest(TokenStore& t, const RequestArgs& a);
 
 Rc tokenPrivateKeyPresent(TokenStore& t, const char* label, uint8_t* present);
 Rc tokenDelete(TokenStore& t, const char* label);
@@ -69,10 +40,6 @@ Rc tokenReqKeyItem(TokenStore& t, const char* label, ZAVKM_ReqKeyItem** key);
 // 64-bit seconds, then every request key, as ZAVKM_ListEntriesX gives them (ZAVKM_LIST_DER in
 // flags fills der). A certificate object that holds no certificate is left out.
 Rc tokenListEntries(TokenStore& t, uint32_t flags, ZAVKM_Entry** entries, uint32_t* count);
-
-// tokenKeyFor - the token's key pair whose public half is pub: ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL
-// when the token holds no private key with its CKA_ID.
-Rc tokenKeyFor(TokenStore& t, EVP_PKEY* pub, TokenKey& out);
 
 // tokenInsertKey - a certificate under label, with privateKey (may be null; it must match the
 // certificate) brought onto the token as its key pair: all objects or none.

@@ -1,5 +1,5 @@
 // files.cpp - reading input files, writing outputs, the files around open key databases.
-#include "files.h"
+#include "base/files.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -13,8 +13,8 @@
 
 #include <string>
 
-#include "common.h"
-#include "sizes.h"
+#include "base/common.h"
+#include "base/sizes.h"
 
 namespace zavkm {
 

@@ -1,11 +1,11 @@
 // ossl.cpp - the OpenSSL error queue and small helpers.
-#include "ossl.h"
+#include "base/ossl.h"
 
 #include <openssl/err.h>
 #include <openssl/kdf.h>
 #include <openssl/rand.h>
 
-#include "trace.h"
+#include "base/trace.h"
 
 namespace zavkm {
 

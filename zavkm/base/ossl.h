@@ -9,7 +9,7 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
-#include "common.h"
+#include "base/common.h"
 
 namespace zavkm {
 

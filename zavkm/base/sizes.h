@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-#include "common.h"
+#include "base/common.h"
 
 namespace zavkm {
 

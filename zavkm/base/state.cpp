@@ -1,5 +1,5 @@
 // state.cpp - the library's process-wide switches.
-#include "state.h"
+#include "base/state.h"
 
 #include <atomic>
 #include <cstdlib>

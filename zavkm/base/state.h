@@ -1,7 +1,7 @@
 // state.h - the library's process-wide switches: initialised or not, FIPS mode.
 #pragma once
 
-#include "common.h"
+#include "base/common.h"
 
 namespace zavkm {
 

@@ -1,5 +1,5 @@
 // trace.cpp - the library's own trace file.
-#include "trace.h"
+#include "base/trace.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -12,7 +12,7 @@
 #include <ctime>
 #include <mutex>
 
-#include "files.h"
+#include "base/files.h"
 
 namespace zavkm {
 namespace {

@@ -2,7 +2,7 @@
 // file names and labels; never key material and never passwords.
 #pragma once
 
-#include "common.h"
+#include "base/common.h"
 
 namespace zavkm {
 

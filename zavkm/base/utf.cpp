@@ -1,5 +1,5 @@
 // utf.cpp - canonical text, the forms handed out, UTF-16BE.
-#include "utf.h"
+#include "base/utf.h"
 
 #include <algorithm>
 

@@ -14,7 +14,7 @@
 #include <string>
 #include <string_view>
 
-#include "common.h"
+#include "base/common.h"
 
 namespace zavkm {
 

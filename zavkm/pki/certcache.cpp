@@ -1,12 +1,12 @@
 // certcache.cpp - decoded certificates, most recently used first.
-#include "certcache.h"
+#include "pki/certcache.h"
 
 #include <list>
 #include <mutex>
 #include <string>
 #include <unordered_map>
 
-#include "x509util.h"
+#include "pki/x509util.h"
 
 namespace zavkm {
 namespace {

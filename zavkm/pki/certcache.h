@@ -6,7 +6,7 @@
 // certificates are only read, never changed, so threads share them.
 #pragma once
 
-#include "ossl.h"
+#include "base/ossl.h"
 
 namespace zavkm {
 

@@ -1,5 +1,5 @@
 // der.cpp - minimal DER element reader.
-#include "der.h"
+#include "pki/der.h"
 
 namespace zavkm {
 

@@ -1,8 +1,8 @@
 // records.cpp - deep release of the ABI records, and the small allocation helpers.
-#include "records.h"
+#include "pki/records.h"
 
-#include "record_fields.h"
-#include "utf.h"
+#include "pki/record_fields.h"
+#include "base/utf.h"
 
 namespace zavkm {
 

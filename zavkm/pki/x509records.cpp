@@ -1,5 +1,5 @@
 // x509records.cpp - ABI records from decoded certificates, requests and names.
-#include "x509records.h"
+#include "pki/x509records.h"
 
 #include <openssl/asn1.h>
 
@@ -7,8 +7,8 @@
 #include <ctime>
 #include <string>
 
-#include "der.h"
-#include "x509util.h"
+#include "pki/der.h"
+#include "pki/x509util.h"
 
 namespace zavkm {
 namespace {

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "ossl.h"
-#include "records.h"
+#include "base/ossl.h"
+#include "pki/records.h"
 
 namespace zavkm {
 

@@ -1,5 +1,5 @@
 // x509util.cpp - certificates, requests and keys.
-#include "x509util.h"
+#include "pki/x509util.h"
 
 #include <openssl/bn.h>
 #include <openssl/pem.h>
@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "files.h"
-#include "sizes.h"
-#include "state.h"
-#include "utf.h"
+#include "base/files.h"
+#include "base/sizes.h"
+#include "base/state.h"
+#include "base/utf.h"
 
 namespace zavkm {
 namespace {

@@ -3,7 +3,7 @@
 // and writing files.
 #pragma once
 
-#include "ossl.h"
+#include "base/ossl.h"
 
 namespace zavkm {
 

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <set>
 
-#include "entries.h"
-#include "pages.h"
-#include "trace.h"
+#include "store/file/entries.h"
+#include "store/file/pages.h"
+#include "base/trace.h"
 #include "zavkm_ext.h"
 
 namespace zavkm {

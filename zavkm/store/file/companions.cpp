@@ -1,5 +1,5 @@
 // companions.cpp - the checking VFS around SQLite's default VFS.
-#include "companions.h"
+#include "store/file/companions.h"
 
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -8,8 +8,8 @@
 #include <mutex>
 #include <string>
 
-#include "files.h"
-#include "trace.h"
+#include "base/files.h"
+#include "base/trace.h"
 
 namespace zavkm {
 namespace {

@@ -1,5 +1,5 @@
 // connpool.cpp - idle SQLite connections, most recently let go first.
-#include "connpool.h"
+#include "store/file/connpool.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,8 +9,8 @@
 #include <list>
 #include <mutex>
 
-#include "companions.h"
-#include "files.h"
+#include "store/file/companions.h"
+#include "base/files.h"
 
 namespace zavkm {
 namespace {

@@ -19,7 +19,7 @@
 #include <memory>
 #include <string>
 
-#include "sql.h"
+#include "store/file/sql.h"
 
 namespace zavkm {
 

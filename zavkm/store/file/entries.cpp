@@ -1,14 +1,14 @@
 // entries.cpp - reading and changing key database rows, each checked against the index.
-#include "entries.h"
+#include "store/file/entries.h"
 
 #include <algorithm>
 #include <bit>
 #include <cstring>
 #include <set>
 
-#include "pages.h"
-#include "trace.h"
-#include "utf.h"
+#include "store/file/pages.h"
+#include "base/trace.h"
+#include "base/utf.h"
 
 namespace zavkm {
 namespace {

@@ -15,8 +15,8 @@
 
 #include <openssl/x509.h>
 
-#include "index.h"
-#include "rowcode.h"
+#include "store/file/index.h"
+#include "store/file/rowcode.h"
 
 namespace zavkm {
 

@@ -1,11 +1,11 @@
 // epki.cpp - PKCS#8 EncryptedPrivateKeyInfo.
-#include "epki.h"
+#include "store/file/epki.h"
 
 #include <openssl/rand.h>
 
-#include "ossl.h"
-#include "sizes.h"
-#include "state.h"
+#include "base/ossl.h"
+#include "base/sizes.h"
+#include "base/state.h"
 
 namespace zavkm {
 namespace {

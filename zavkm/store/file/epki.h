@@ -6,7 +6,7 @@
 
 #include <string_view>
 
-#include "keydb.h"
+#include "store/file/keydb.h"
 
 namespace zavkm {
 

@@ -1,9 +1,9 @@
 // index.cpp - the hash trees of the index and the checked view.
-#include "index.h"
+#include "store/file/index.h"
 
 #include <functional>
 
-#include "trace.h"
+#include "base/trace.h"
 
 namespace zavkm {
 namespace {

@@ -17,7 +17,7 @@
 #include <utility>
 #include <vector>
 
-#include "keydb.h"
+#include "store/file/keydb.h"
 
 namespace zavkm {
 

@@ -1,5 +1,5 @@
 // kdf.cpp - PBKDF2 with an in-process cache, HKDF, AES-256-GCM.
-#include "kdf.h"
+#include "store/file/kdf.h"
 
 #include <openssl/core_names.h>
 #include <openssl/hmac.h>
@@ -8,8 +8,8 @@
 #include <list>
 #include <mutex>
 
-#include "ossl.h"
-#include "trace.h"
+#include "base/ossl.h"
+#include "base/trace.h"
 
 namespace zavkm {
 namespace {

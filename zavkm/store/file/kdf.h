@@ -11,7 +11,7 @@
 
 #include <string_view>
 
-#include "common.h"
+#include "base/common.h"
 
 namespace zavkm {
 

@@ -1,5 +1,5 @@
 // keydb.cpp - creating, opening and re-keying key database files; their schema and meta row.
-#include "keydb.h"
+#include "store/file/keydb.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,11 +8,11 @@
 #include <cerrno>
 #include <ctime>
 
-#include "entries.h"
-#include "files.h"
-#include "ossl.h"
-#include "stash.h"
-#include "trace.h"
+#include "store/file/entries.h"
+#include "base/files.h"
+#include "base/ossl.h"
+#include "store/file/stash.h"
+#include "base/trace.h"
 
 namespace zavkm {
 namespace {

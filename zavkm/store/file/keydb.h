@@ -14,11 +14,11 @@
 #include <string>
 #include <string_view>
 
-#include "common.h"
-#include "connpool.h"
-#include "kdf.h"
-#include "rowcode.h"
-#include "sql.h"
+#include "base/common.h"
+#include "store/file/connpool.h"
+#include "store/file/kdf.h"
+#include "store/file/rowcode.h"
+#include "store/file/sql.h"
 
 namespace zavkm {
 

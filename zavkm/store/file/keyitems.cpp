@@ -1,5 +1,5 @@
 // keyitems.cpp - key records for the caller.
-#include "keyitems.h"
+#include "store/file/keyitems.h"
 
 #include <openssl/provider.h>
 
@@ -7,10 +7,10 @@
 #include <mutex>
 #include <set>
 
-#include "certcache.h"
-#include "epki.h"
-#include "x509records.h"
-#include "x509util.h"
+#include "pki/certcache.h"
+#include "store/file/epki.h"
+#include "pki/x509records.h"
+#include "pki/x509util.h"
 
 namespace zavkm {
 namespace {

@@ -2,9 +2,9 @@
 // request key with its request.
 #pragma once
 
-#include "entries.h"
-#include "ossl.h"
-#include "records.h"
+#include "store/file/entries.h"
+#include "base/ossl.h"
+#include "pki/records.h"
 
 namespace zavkm {
 

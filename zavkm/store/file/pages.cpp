@@ -1,12 +1,12 @@
 // pages.cpp - index leaves and the checks of stored rows against them.
-#include "pages.h"
+#include "store/file/pages.h"
 
 #include <algorithm>
 #include <bit>
 
-#include "certcache.h"
-#include "x509util.h"
-#include "trace.h"
+#include "pki/certcache.h"
+#include "pki/x509util.h"
+#include "base/trace.h"
 
 namespace zavkm {
 namespace {

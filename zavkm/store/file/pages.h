@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "index.h"
+#include "store/file/index.h"
 
 namespace zavkm {
 

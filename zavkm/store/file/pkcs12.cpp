@@ -1,5 +1,5 @@
 // pkcs12.cpp - PKCS#12 files.
-#include "pkcs12.h"
+#include "store/file/pkcs12.h"
 
 #include <openssl/provider.h>
 
@@ -10,15 +10,15 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "entries.h"
-#include "epki.h"
-#include "files.h"
-#include "keyitems.h"
-#include "ossl.h"
-#include "state.h"
-#include "trace.h"
-#include "utf.h"
-#include "x509util.h"
+#include "store/file/entries.h"
+#include "store/file/epki.h"
+#include "base/files.h"
+#include "store/file/keyitems.h"
+#include "base/ossl.h"
+#include "base/state.h"
+#include "base/trace.h"
+#include "base/utf.h"
+#include "pki/x509util.h"
 
 namespace zavkm {
 namespace {

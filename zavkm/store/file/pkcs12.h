@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "keydb.h"
+#include "store/file/keydb.h"
 
 namespace zavkm {
 

@@ -1,12 +1,12 @@
 // rowcode.cpp - heads, hashes, MACs and tags of key database rows.
-#include "rowcode.h"
+#include "store/file/rowcode.h"
 
 #include <openssl/core_names.h>
 
 #include <cstring>
 
-#include "kdf.h"
-#include "ossl.h"
+#include "store/file/kdf.h"
+#include "base/ossl.h"
 
 namespace zavkm {
 Encoder& Encoder::u32(uint32_t v) {

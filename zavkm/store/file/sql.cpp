@@ -1,7 +1,7 @@
 // sql.cpp - SQLite helpers.
-#include "sql.h"
+#include "store/file/sql.h"
 
-#include "trace.h"
+#include "base/trace.h"
 
 namespace zavkm {
 

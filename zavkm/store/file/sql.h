@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "common.h"
+#include "base/common.h"
 
 namespace zavkm {
 

@@ -1,5 +1,5 @@
 // stash.cpp - the stash file of a key database.
-#include "stash.h"
+#include "store/file/stash.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "files.h"
-#include "trace.h"
+#include "base/files.h"
+#include "base/trace.h"
 
 namespace zavkm {
 namespace {

@@ -18,8 +18,8 @@
 
 #include <string>
 
-#include "common.h"
-#include "kdf.h"
+#include "base/common.h"
+#include "store/file/kdf.h"
 
 namespace zavkm {
 

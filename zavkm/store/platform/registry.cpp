@@ -1,6 +1,6 @@
 // registry.cpp - the providers registered with p11-kit, or in the directory ZAVKM_P11_REGISTRY
 // names.
-#include "registry.h"
+#include "store/platform/registry.h"
 
 #include <stdlib.h>
 
@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "p11kit.h"
+#include "store/token/p11kit.h"
 
 namespace zavkm {
 namespace {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "token.h"
+#include "store/token/token.h"
 
 namespace zavkm {
 

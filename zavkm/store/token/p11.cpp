@@ -1,5 +1,5 @@
 // p11.cpp - PKCS#11 module loading through p11-kit, slots and sessions.
-#include "p11.h"
+#include "store/token/p11.h"
 
 #include <openssl/evp.h>
 #include <sys/stat.h>
@@ -10,9 +10,9 @@
 #include <mutex>
 #include <shared_mutex>
 
-#include "ossl.h"
-#include "p11kit.h"
-#include "trace.h"
+#include "base/ossl.h"
+#include "store/token/p11kit.h"
+#include "base/trace.h"
 
 namespace zavkm {
 namespace {

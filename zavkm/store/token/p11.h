@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "common.h"
+#include "base/common.h"
 
 namespace zavkm {
 

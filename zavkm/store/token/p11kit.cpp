@@ -1,9 +1,9 @@
 // p11kit.cpp - p11-kit through dlopen, once per process, kept until exit.
-#include "p11kit.h"
+#include "store/token/p11kit.h"
 
 #include <dlfcn.h>
 
-#include "trace.h"
+#include "base/trace.h"
 
 namespace zavkm {
 namespace {

@@ -1,12 +1,12 @@
 // token.cpp - a PKCS#11 token as a key store.
-#include "token.h"
+#include "store/token/token.h"
 
 #include <openssl/core_names.h>
 #include <openssl/param_build.h>
 
 #include <cstring>
 
-#include "trace.h"
+#include "base/trace.h"
 
 namespace zavkm {
 namespace {

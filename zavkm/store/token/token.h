@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "ossl.h"
-#include "p11.h"
-#include "x509util.h"
+#include "base/ossl.h"
+#include "store/token/p11.h"
+#include "pki/x509util.h"
 
 namespace zavkm {
 
