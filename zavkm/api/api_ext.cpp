@@ -8,79 +8,12 @@
 #include "store/file/pages.h"
 #include "base/files.h"
 #include "api/session.h"
-#include "api/tokenops.h"
 #include "base/utf.h"
 #include "zavkm_ext.h"
 
 using namespace zavkm;
 
 namespace {
-
-// EntriesOut - a malloc'd array of ZAVKM_Entry (texts and DER malloc'd too), filled as the rows
-// are read; the array is freed with what it holds unless it is handed out.
-class EntriesOut {
-  public:
-    EntriesOut() = default;
-    EntriesOut(const EntriesOut&) = delete;
-    EntriesOut& operator=(const EntriesOut&) = delete;
-    ~EntriesOut() { ZAVKM_FreeEntries(out_, static_cast<uint32_t>(n_)); }
-
-    void start(size_t capacity) {
-        ZAVKM_FreeEntries(out_, static_cast<uint32_t>(n_));
-        n_ = 0;
-        capacity_ = capacity;
-        out_ = static_cast<ZAVKM_Entry*>(std::calloc(capacity == 0 ? 1 : capacity, sizeof(ZAVKM_Entry)));
-        failed_ = out_ == nullptr;
-    }
-    void take(const EntryRow& r) {
-        if (failed_ || n_ == capacity_) {
-            failed_ = true;
-            return;
-        }
-        ZAVKM_Entry& e = out_[n_++];
-        e.label = strdup(utf8Text(r.label).c_str());
-        e.kind = r.kind;
-        e.keyType = r.keyType;
-        e.keyBits = r.keyBits;
-        e.isDefault = static_cast<uint8_t>(r.isDefault);
-        e.trusted = static_cast<uint8_t>(r.trusted);
-        e.notBefore = r.notBefore;
-        e.notAfter = r.notAfter;
-        e.rowId = r.rowId;
-        if (!r.der.empty()) {
-            e.der = static_cast<uint8_t*>(std::malloc(r.der.size()));
-            if (e.der != nullptr) std::memcpy(e.der, r.der.data(), r.der.size());
-            e.derLength = static_cast<uint32_t>(r.der.size());
-        }
-        failed_ = e.label == nullptr || (!r.der.empty() && e.der == nullptr);
-    }
-    // handOut - the entries to the caller; ZAVKM_ERR_MEMORY_ALLOCATE when one could not be made.
-    Rc handOut(ZAVKM_Entry** entries, uint32_t* count) {
-        if (failed_ || out_ == nullptr) return ZAVKM_ERR_MEMORY_ALLOCATE;
-        *entries = std::exchange(out_, nullptr);
-        *count = static_cast<uint32_t>(std::exchange(n_, 0));
-        return ZAVKM_OK;
-    }
-
-  private:
-    ZAVKM_Entry* out_ = nullptr;
-    size_t n_ = 0, capacity_ = 0;
-    bool failed_ = false;
-};
-
-// listed - the sound entries of a key database and how many rows are damaged.
-Rc listed(KeyDb& kdb, uint32_t flags, ZAVKM_Entry** entries, uint32_t* count, uint32_t& damaged) {
-    *entries = nullptr;
-    *count = 0;
-    EntriesOut out;
-    const EntrySink sink{[&out](size_t n) { out.start(n); }, [&out](EntryRow&& r) { out.take(r); }};
-    if (Rc rc = readView(kdb, [&](View& v) {
-            return listEntries(v, (flags & ZAVKM_LIST_DER) != 0, sink, damaged);
-        });
-        rc != ZAVKM_OK)
-        return rc;
-    return out.handOut(entries, count);
-}
 
 }  // namespace
 
@@ -90,25 +23,22 @@ extern "C" {
 
 ZAVKM_ReturnCode ZAVKM_ListEntries(ZAVKM_KeyDbHandle handle, ZAVKM_Entry** entries,
                                    uint32_t* count) noexcept {
-    return withStore(__func__, handle, {entries, count}, [&](KeyDb& kdb) -> Rc {
+    return withKeyStore(__func__, handle, {entries, count}, [&](KeyStore& s) -> Rc {
         uint32_t damaged = 0;
-        Rc rc = listed(kdb, 0, entries, count, damaged);
+        Rc rc = s.listEntries(0, entries, count, damaged);
         if (rc != ZAVKM_OK || damaged == 0) return rc;
         ZAVKM_FreeEntries(*entries, *count);  // a partial list is no answer here
         *entries = nullptr;
         *count = 0;
         return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
-    }, [&](TokenStore& t) { return tokenListEntries(t, 0, entries, count); });
+    });
 }
 
 ZAVKM_ReturnCode ZAVKM_ListEntriesX(ZAVKM_KeyDbHandle handle, uint32_t flags, ZAVKM_Entry** entries,
                                     uint32_t* count, uint32_t* damaged) noexcept {
-    return withStore(__func__, handle, {entries, count, damaged}, [&](KeyDb& kdb) -> Rc {
+    return withKeyStore(__func__, handle, {entries, count, damaged}, [&](KeyStore& s) {
         *damaged = 0;
-        return listed(kdb, flags, entries, count, *damaged);
-    }, [&](TokenStore& t) -> Rc {
-        *damaged = 0;
-        return tokenListEntries(t, flags, entries, count);
+        return s.listEntries(flags, entries, count, *damaged);
     });
 }
 

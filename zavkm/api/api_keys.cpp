@@ -4,7 +4,7 @@
 #include "store/file/epki.h"
 #include "store/file/keyitems.h"
 #include "api/session.h"
-#include "api/tokenops.h"
+#include "store/token/tokenkeys.h"
 #include "store/keystore/keyops.h"
 #include "base/sizes.h"
 #include "pki/x509util.h"
@@ -12,20 +12,6 @@
 using namespace zavkm;
 
 namespace {
-
-// keyItemsList - a list of key items for rows.
-Rc keyItemsList(View& v, const std::vector<KeyRow>& rows, ZAVKM_KeyItemList** list) {
-    return keyItemListOf(
-        rows, [&](const KeyRow& row, KeyItemPtr& item) { return keyItemOf(v, row, item); }, list);
-}
-
-// keyItemByLabel - the key item of label in v.
-Rc keyItemByLabel(View& v, const char* label, KeyItemPtr& item) {
-    std::optional<KeyRow> row;
-    if (Rc rc = findKey(v, label, row); rc != ZAVKM_OK) return rc;
-    if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
-    return keyItemOf(v, *row, item);
-}
 
 // decodeKeyData - the private key of keyData, an EncryptedPrivateKeyInfo under password (the
 // database's, with kdb; a token's PIN) or a plain private key. The decrypted PrivateKeyInfo is
@@ -72,64 +58,40 @@ ZAVKM_ReturnCode ZAVKM_GetReqKeyDbLabelList(ZAVKM_KeyDbHandle handle,
 
 ZAVKM_ReturnCode ZAVKM_GetKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char* label,
                                          ZAVKM_KeyItem** key) noexcept {
-    return withStore(__func__, handle, {label, key}, {labelArg(label)}, [&](KeyDb& kdb) -> Rc {
+    return withKeyStore(__func__, handle, {label, key}, {labelArg(label)}, [&](KeyStore& s) -> Rc {
         *key = nullptr;
         KeyItemPtr item;
-        if (Rc rc = readView(kdb, [&](View& v) { return keyItemByLabel(v, label, item); }); rc != ZAVKM_OK)
-            return rc;
+        if (Rc rc = s.keyItem(label, item); rc != ZAVKM_OK) return rc;
         *key = item.release();
         return ZAVKM_OK;
-    }, [&](TokenStore& t) { return tokenKeyItem(t, label, key); });
+    });
 }
 
 ZAVKM_ReturnCode ZAVKM_GetReqKeyItemByLabel(ZAVKM_KeyDbHandle handle, const char* label,
                                             ZAVKM_ReqKeyItem** key) noexcept {
-    return withStore(__func__, handle, {label, key}, {labelArg(label)}, [&](KeyDb& kdb) -> Rc {
+    return withKeyStore(__func__, handle, {label, key}, {labelArg(label)}, [&](KeyStore& s) -> Rc {
         *key = nullptr;
         ReqKeyItemPtr item;
-        Rc rc = readView(kdb, [&](View& v) -> Rc {
-            std::optional<RequestRow> row;
-            if (Rc found = findRequest(v, label, row); found != ZAVKM_OK) return found;
-            if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
-            return reqKeyItemOf(kdb, *row, item);
-        });
-        if (rc != ZAVKM_OK) return rc;
+        if (Rc rc = s.reqKeyItem(label, item); rc != ZAVKM_OK) return rc;
         *key = item.release();
         return ZAVKM_OK;
-    }, [&](TokenStore& t) { return tokenReqKeyItem(t, label, key); });
+    });
 }
 
 ZAVKM_ReturnCode ZAVKM_GetKeyItemListByLabel(ZAVKM_KeyDbHandle handle, const char* label,
                                              ZAVKM_KeyItemList** list) noexcept {
-    return withStore(__func__, handle, {label, list}, {labelArg(label)}, [&](KeyDb& kdb) -> Rc {
-        *list = nullptr;
-        return readView(kdb, [&](View& v) -> Rc {
-            std::optional<KeyRow> row;
-            if (Rc rc = findKey(v, label, row); rc != ZAVKM_OK) return rc;
-            if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
-            return keyItemsList(v, {*row}, list);
-        });
-    }, [&](TokenStore& t) { return tokenKeyItemList(t, label, list); });
+    return withKeyStore(__func__, handle, {label, list}, {labelArg(label)},
+                        [&](KeyStore& s) { return s.keyItemList(label, list); });
 }
 
 ZAVKM_ReturnCode ZAVKM_IsPrivateKeyPresent(ZAVKM_KeyDbHandle handle, const char* label,
                                            uint8_t* present) noexcept {
-    return withStore(__func__, handle, {label, present}, {labelArg(label)}, [&](KeyDb& kdb) -> Rc {
-        *present = 0;
-        return readView(kdb, [&](View& v) -> Rc {
-            std::optional<KeyRow> row;
-            if (Rc rc = findKey(v, label, row); rc != ZAVKM_OK) return rc;
-            if (row) {
-                *present = row->privateKey.empty() ? 0 : 1;
-                return ZAVKM_OK;
-            }
-            std::optional<RequestRow> request;  // a request key always holds its private key
-            if (Rc rc = findRequest(v, label, request); rc != ZAVKM_OK) return rc;
-            if (!request) return ZAVKM_ERR_KEY_GET_BY_LABEL;
-            *present = 1;
-            return ZAVKM_OK;
-        });
-    }, [&](TokenStore& t) { return tokenPrivateKeyPresent(t, label, present); });
+    return withKeyStore(__func__, handle, {label, present}, {labelArg(label)}, [&](KeyStore& s) {
+        bool held = false;
+        Rc rc = s.privateKeyPresent(label, held);
+        *present = held ? 1 : 0;
+        return rc;
+    });
 }
 
 ZAVKM_ReturnCode ZAVKM_GetDefaultKeyItem(ZAVKM_KeyDbHandle handle, ZAVKM_KeyItem** key) noexcept {
@@ -151,37 +113,19 @@ ZAVKM_ReturnCode ZAVKM_GetDefaultKeyItem(ZAVKM_KeyDbHandle handle, ZAVKM_KeyItem
 ZAVKM_ReturnCode ZAVKM_GetKeyItemsByPublicKey(ZAVKM_KeyDbHandle handle, uint32_t publicKeyLength,
                                               const uint8_t* publicKey,
                                               ZAVKM_KeyItemList** list) noexcept {
-    return withStore(__func__, handle, {publicKey, list}, [&](KeyDb& kdb) -> Rc {
-        *list = nullptr;
-        if (publicKeyLength == 0 || publicKeyLength > kMaxItemBytes) return ZAVKM_ERR_PARAMETER;
-        const unsigned char* p = publicKey;  // re-encoded, so any valid DER form matches
-        PkeyPtr key(d2i_PUBKEY(nullptr, &p, static_cast<long>(publicKeyLength)));
-        if (!key) return sslError(ZAVKM_ERR_ASN);
-        return readView(kdb, [&](View& v) -> Rc {
-            std::vector<KeyRow> rows;
-            if (Rc rc = findKeysBySpki(v, spkiOf(key.get()), rows); rc != ZAVKM_OK) return rc;
-            return keyItemsList(v, rows, list);
-        });
-    }, [&](TokenStore& t) -> Rc {
-        *list = nullptr;
-        if (publicKeyLength == 0 || publicKeyLength > kMaxItemBytes) return ZAVKM_ERR_PARAMETER;
-        const unsigned char* p = publicKey;
-        PkeyPtr key(d2i_PUBKEY(nullptr, &p, static_cast<long>(publicKeyLength)));
-        if (!key) return sslError(ZAVKM_ERR_ASN);
-        return tokenKeyItemsBySpki(t, spkiOf(key.get()), list);
+    return withKeyStore(__func__, handle, {publicKey, list}, [&](KeyStore& s) {
+        return keyItemsByPublicKey(s, publicKey, publicKeyLength, list);
     });
 }
 
 ZAVKM_ReturnCode ZAVKM_DeleteKey(ZAVKM_KeyDbHandle handle, const char* label) noexcept {
-    return withStore(__func__, handle, {label}, {labelArg(label)}, [&](KeyDb& kdb) {
-        return writeView(kdb, [&](View& v) { return deleteKey(v, label); });
-    }, [&](TokenStore& t) { return tokenDelete(t, label); });
+    return withKeyStore(__func__, handle, {label}, {labelArg(label)},
+                        [&](KeyStore& s) { return s.deleteEntry(label, false); });
 }
 
 ZAVKM_ReturnCode ZAVKM_DeleteRequestKeyPair(ZAVKM_KeyDbHandle handle, const char* label) noexcept {
-    return withStore(__func__, handle, {label}, {labelArg(label)}, [&](KeyDb& kdb) {
-        return writeView(kdb, [&](View& v) { return deleteRequest(v, label); });
-    }, [&](TokenStore& t) { return tokenDelete(t, label); });
+    return withKeyStore(__func__, handle, {label}, {labelArg(label)},
+                        [&](KeyStore& s) { return s.deleteEntry(label, true); });
 }
 
 ZAVKM_ReturnCode ZAVKM_SetDefaultKeyByLabel(ZAVKM_KeyDbHandle handle, const char* label) noexcept {

@@ -1,6 +1,8 @@
 // handles.cpp - the table of open key databases.
 #include "api/handles.h"
 
+#include "store/file/filestore.h"
+
 #include <map>
 #include <mutex>
 
@@ -98,6 +100,19 @@ size_t openHandleCount() noexcept {
     HandleTable& t = table();
     std::lock_guard lock(t.mutex);
     return t.open.size();
+}
+
+PairedStore pairedWith(const TokenStore& t) {
+    const ZAVKM_KeyDbHandle paired = t.secondary;
+    if (paired == 0) return {};
+    return [paired](const std::function<Rc(KeyStore&)>& fn, bool& found) -> Rc {
+        std::shared_ptr<KeyDb> kdb = findHandle(paired);
+        found = kdb != nullptr;
+        if (!kdb) return ZAVKM_OK;
+        std::lock_guard lock(kdb->mutex);
+        FileStore store(*kdb);
+        return fn(store);
+    };
 }
 
 }  // namespace zavkm

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "store/file/keydb.h"
+#include "store/keystore/keystore.h"
 #include "store/token/token.h"
 
 namespace zavkm {
@@ -31,5 +32,9 @@ void removeAllHandles() noexcept;
 
 // size_t openHandleCount - how many handles are open.
 size_t openHandleCount() noexcept;
+
+// pairedWith - the key database paired with token t (ZAVKM_SetSecondaryKeyDb), reached under its
+// own lock for each call; empty when none is paired.
+PairedStore pairedWith(const TokenStore& t);
 
 }  // namespace zavkm

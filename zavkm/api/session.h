@@ -56,6 +56,11 @@ template <class Fn>
 Rc withKeyStore(const char* name, ZAVKM_KeyDbHandle handle,
                 std::initializer_list<const void*> required, std::initializer_list<TextArg> texts,
                 Fn&& fn) noexcept;
+template <class Fn>
+Rc withKeyStore(const char* name, ZAVKM_KeyDbHandle handle,
+                std::initializer_list<const void*> required, Fn&& fn) noexcept {
+    return withKeyStore(name, handle, required, {}, std::forward<Fn>(fn));
+}
 
 // withLibrary - the frame of operations without a handle: required pointers, initialisation,
 // no escaping exception, the result traced.
@@ -118,7 +123,7 @@ Rc withKeyStore(const char* name, ZAVKM_KeyDbHandle handle,
             return fn(static_cast<KeyStore&>(store));
         },
         [&](TokenStore& t) -> Rc {
-            TokenKeyStore store(t);
+            TokenKeyStore store(t, pairedWith(t));
             return fn(static_cast<KeyStore&>(store));
         });
 }

@@ -23,7 +23,8 @@ using Bytes = std::vector<uint8_t>;
 
 // guarded - runs fn and returns what it returns; an exception (only std::bad_alloc can come
 // from our code, through the standard containers) becomes ZAVKM_ERR_MEMORY_ALLOCATE, anything
-// else ZAVKM_ERR_UNKNOWN. This is the one place exceptions stop: nothing crosses the C ABI.
+// else ZAVKM_ERR_UNKNOWN. The exported operations' frames (api/session.h) are the only callers:
+// exceptions stop there and nothing crosses the C ABI.
 template <class Fn>
 Rc guarded(Fn&& fn) noexcept {
     try {
@@ -35,7 +36,8 @@ Rc guarded(Fn&& fn) noexcept {
     }
 }
 
-// guardedVoid - guarded for operations without a return code.
+// guardedVoid - guarded for best-effort bookkeeping without a return code (caches, the table of
+// open databases), which destructors and cleanup paths run: a failure there changes no result.
 template <class Fn>
 void guardedVoid(Fn&& fn) noexcept {
     try {

@@ -198,40 +198,38 @@ Rc writeWhole(const Target& t, const uint8_t* data, size_t n, uint32_t flags) {
 
 }  // namespace
 
-Rc readFile(const char* fileName, Bytes& out) noexcept {
-    return guarded([&]() -> Rc {
-        if (isEmpty(fileName)) return ZAVKM_ERR_FILENAME_NULL;
-        const int fd = ::open(fileName, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-        if (fd < 0) {
-            if (errno == ENOENT || errno == ENOTDIR) return ZAVKM_ERR_FILE_OPEN_NOT_EXIST;
-            return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED : ZAVKM_ERR_FILE_OPEN_TO_READ;
+Rc readFile(const char* fileName, Bytes& out) {
+    if (isEmpty(fileName)) return ZAVKM_ERR_FILENAME_NULL;
+    const int fd = ::open(fileName, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno == ENOENT || errno == ENOTDIR) return ZAVKM_ERR_FILE_OPEN_NOT_EXIST;
+        return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED : ZAVKM_ERR_FILE_OPEN_TO_READ;
+    }
+    struct stat st {};
+    Rc rc = ::fstat(fd, &st) == 0 ? ZAVKM_OK : ZAVKM_ERR_IO;
+    const int fl = ::fcntl(fd, F_GETFL);  // a pipe's data is waited for once it is open
+    if (rc == ZAVKM_OK && !S_ISREG(st.st_mode) &&
+        (fl < 0 || ::fcntl(fd, F_SETFL, fl & ~O_NONBLOCK) != 0))
+        rc = ZAVKM_ERR_IO;
+    Bytes data;
+    uint8_t chunk[65536];
+    while (rc == ZAVKM_OK) {
+        const ssize_t r = ::read(fd, chunk, sizeof chunk);
+        if (r < 0 && errno == EINTR) continue;
+        if (r < 0) {
+            rc = errno == EISDIR ? ZAVKM_ERR_FILE_OPEN_TO_READ : ZAVKM_ERR_IO;
+            break;
         }
-        struct stat st {};
-        Rc rc = ::fstat(fd, &st) == 0 ? ZAVKM_OK : ZAVKM_ERR_IO;
-        const int fl = ::fcntl(fd, F_GETFL);  // a pipe's data is waited for once it is open
-        if (rc == ZAVKM_OK && !S_ISREG(st.st_mode) &&
-            (fl < 0 || ::fcntl(fd, F_SETFL, fl & ~O_NONBLOCK) != 0))
-            rc = ZAVKM_ERR_IO;
-        Bytes data;
-        uint8_t chunk[65536];
-        while (rc == ZAVKM_OK) {
-            const ssize_t r = ::read(fd, chunk, sizeof chunk);
-            if (r < 0 && errno == EINTR) continue;
-            if (r < 0) {
-                rc = errno == EISDIR ? ZAVKM_ERR_FILE_OPEN_TO_READ : ZAVKM_ERR_IO;
-                break;
-            }
-            if (r == 0) break;
-            if (data.size() + static_cast<size_t>(r) > kMaxInputFile) {
-                rc = ZAVKM_ERR_PARAMETER;
-                break;
-            }
-            data.insert(data.end(), chunk, chunk + r);
+        if (r == 0) break;
+        if (data.size() + static_cast<size_t>(r) > kMaxInputFile) {
+            rc = ZAVKM_ERR_PARAMETER;
+            break;
         }
-        ::close(fd);
-        if (rc == ZAVKM_OK) out = std::move(data);
-        return rc;
-    });
+        data.insert(data.end(), chunk, chunk + r);
+    }
+    ::close(fd);
+    if (rc == ZAVKM_OK) out = std::move(data);
+    return rc;
 }
 
 void removeStaleTemporaries(const std::string& fileName) noexcept {
@@ -260,22 +258,20 @@ void removeStaleTemporaries(const std::string& fileName) noexcept {
     });
 }
 
-Rc writeOutput(const char* fileName, const uint8_t* data, size_t n, uint32_t flags) noexcept {
-    return guarded([&]() -> Rc {
-        if (isEmpty(fileName)) return ZAVKM_ERR_FILENAME_NULL;
-        Target t;
-        if (Rc rc = resolveTarget(fileName, t); rc != ZAVKM_OK) return rc;
-        if (t.exists && (S_ISFIFO(t.st.st_mode) || S_ISCHR(t.st.st_mode)))
-            return writeThrough(t.path, data, n);
-        if (t.exists && (!S_ISREG(t.st.st_mode) || t.viaProc))
-            return ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED;
-        if (isOpenDatabaseOrCompanion(t.path, t.exists ? &t.st : nullptr))
-            return ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED;
-        if (t.exists && (flags & kWriteNoReplace) != 0) return ZAVKM_ERR_DATABASE_ALREADY_EXISTS;
-        if (t.exists && t.st.st_uid != ::geteuid() && ::geteuid() != 0)
-            return ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED;
-        return writeWhole(t, data, n, flags);
-    });
+Rc writeOutput(const char* fileName, const uint8_t* data, size_t n, uint32_t flags) {
+    if (isEmpty(fileName)) return ZAVKM_ERR_FILENAME_NULL;
+    Target t;
+    if (Rc rc = resolveTarget(fileName, t); rc != ZAVKM_OK) return rc;
+    if (t.exists && (S_ISFIFO(t.st.st_mode) || S_ISCHR(t.st.st_mode)))
+        return writeThrough(t.path, data, n);
+    if (t.exists && (!S_ISREG(t.st.st_mode) || t.viaProc))
+        return ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED;
+    if (isOpenDatabaseOrCompanion(t.path, t.exists ? &t.st : nullptr))
+        return ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED;
+    if (t.exists && (flags & kWriteNoReplace) != 0) return ZAVKM_ERR_DATABASE_ALREADY_EXISTS;
+    if (t.exists && t.st.st_uid != ::geteuid() && ::geteuid() != 0)
+        return ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED;
+    return writeWhole(t, data, n, flags);
 }
 
 bool syncDirectoryOf(const std::string& fileName) noexcept {
@@ -338,21 +334,19 @@ Rc prepareCompanion(const std::string& path, uid_t dbOwner, dev_t& dev, ino_t& i
     return rc;
 }
 
-Rc checkCompanions(const std::string& dbPath) noexcept {
-    return guarded([&]() -> Rc {
-        struct stat db {};
-        if (::stat(dbPath.c_str(), &db) != 0) return ZAVKM_OK;  // the open reports it
-        for (const char* suffix : kCompanions) {
-            const std::string path = dbPath + suffix;
-            const int fd = ::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
-            if (fd < 0) continue;
-            struct stat st {};
-            const Rc rc = unlinked(fd) ? ZAVKM_OK : checkPrivateFile(fd, db.st_uid, true, st);
-            ::close(fd);
-            if (rc != ZAVKM_OK) return rc;
-        }
-        return ZAVKM_OK;
-    });
+Rc checkCompanions(const std::string& dbPath) {
+    struct stat db {};
+    if (::stat(dbPath.c_str(), &db) != 0) return ZAVKM_OK;  // the open reports it
+    for (const char* suffix : kCompanions) {
+        const std::string path = dbPath + suffix;
+        const int fd = ::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+        if (fd < 0) continue;
+        struct stat st {};
+        const Rc rc = unlinked(fd) ? ZAVKM_OK : checkPrivateFile(fd, db.st_uid, true, st);
+        ::close(fd);
+        if (rc != ZAVKM_OK) return rc;
+    }
+    return ZAVKM_OK;
 }
 
 void noteOpenDatabase(const std::string& path, dev_t dev, ino_t ino) noexcept {

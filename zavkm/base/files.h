@@ -22,7 +22,7 @@ namespace zavkm {
 // ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED without permission, ZAVKM_ERR_FILE_OPEN_TO_READ otherwise,
 // ZAVKM_ERR_IO on a read error, ZAVKM_ERR_PARAMETER for a file over kMaxInputFile. The open never
 // waits: a FIFO without a writer reads as empty.
-Rc readFile(const char* fileName, Bytes& out) noexcept;
+Rc readFile(const char* fileName, Bytes& out);
 
 // removeStaleTemporaries - removes what a writer killed while making fileName left beside it
 // (fileName.tmp<pid> and its SQLite companions) when that process is gone and the file is the
@@ -46,7 +46,7 @@ inline constexpr uint32_t kWriteNoReplace = 2;  // an existing regular file is n
 // With kWriteNoReplace an existing regular file gives ZAVKM_ERR_DATABASE_ALREADY_EXISTS. A
 // failed write gives ZAVKM_ERR_FILE_OPEN_TO_WRITE or ZAVKM_ERR_FILE_WRITE and leaves the old
 // file and no temporary.
-Rc writeOutput(const char* fileName, const uint8_t* data, size_t n, uint32_t flags) noexcept;
+Rc writeOutput(const char* fileName, const uint8_t* data, size_t n, uint32_t flags);
 
 // writeFile - writeOutput for the library's own outputs: mode 0600 makes a private file.
 inline Rc writeFile(const char* fileName, const uint8_t* data, size_t n, unsigned mode) noexcept {
@@ -84,7 +84,7 @@ Rc prepareCompanion(const std::string& path, uid_t dbOwner, dev_t& dev, ino_t& i
 // checkCompanions - prepareCompanion for the "-wal", "-shm" and "-journal" files beside the key
 // database dbPath that exist already (SQLite's own open creates the others through the
 // library's VFS, companions.h). ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED for a planted one.
-Rc checkCompanions(const std::string& dbPath) noexcept;
+Rc checkCompanions(const std::string& dbPath);
 
 // noteOpenDatabase / forgetOpenDatabase - the key database files with a connection open in this
 // process, by device and inode, with the directory and name their companions live under.

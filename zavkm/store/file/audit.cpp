@@ -239,42 +239,38 @@ Rc reindex(View& v, RowKeys& keys) {
 }  // namespace
 
 Rc verifyKeyDb(View& v, std::vector<Damage>& out) {
-    return guarded([&]() -> Rc {
-        out.clear();
-        Judged j;
-        if (Rc rc = judgeAll(v, j); rc != ZAVKM_OK) return rc;
-        for (const Judged::Row& row : j.rows)
-            if (row.verdict != Verdict::Sound)
-                out.push_back({row.label, row.kind,
-                               row.verdict == Verdict::Forged ? ZAVKM_DAMAGE_MAC : ZAVKM_DAMAGE_STALE, row.id});
-        for (auto [table, id] : j.missing)
-            out.push_back({"", table == kRequestsTable ? ZAVKM_ENTRY_REQUEST : 0, ZAVKM_DAMAGE_MISSING, id});
-        if (Rc rc = indexDamage(v, j, out); rc != ZAVKM_OK) return rc;
-        std::stable_sort(out.begin(), out.end(),
-                         [](const Damage& a, const Damage& b) { return a.rowId < b.rowId; });
-        if (!out.empty()) trace("verify: %zu damaged rows or parts of the index", out.size());
-        return ZAVKM_OK;
-    });
+    out.clear();
+    Judged j;
+    if (Rc rc = judgeAll(v, j); rc != ZAVKM_OK) return rc;
+    for (const Judged::Row& row : j.rows)
+        if (row.verdict != Verdict::Sound)
+            out.push_back({row.label, row.kind,
+                           row.verdict == Verdict::Forged ? ZAVKM_DAMAGE_MAC : ZAVKM_DAMAGE_STALE, row.id});
+    for (auto [table, id] : j.missing)
+        out.push_back({"", table == kRequestsTable ? ZAVKM_ENTRY_REQUEST : 0, ZAVKM_DAMAGE_MISSING, id});
+    if (Rc rc = indexDamage(v, j, out); rc != ZAVKM_OK) return rc;
+    std::stable_sort(out.begin(), out.end(),
+                     [](const Damage& a, const Damage& b) { return a.rowId < b.rowId; });
+    if (!out.empty()) trace("verify: %zu damaged rows or parts of the index", out.size());
+    return ZAVKM_OK;
 }
 
 Rc rebuild(View& v, Rebuild& plan) {
-    return guarded([&]() -> Rc {
-        if (!v.write) return ZAVKM_ERR_DATABASE_WRITE;
-        Judged j;
-        if (Rc rc = judgeAll(v, j); rc != ZAVKM_OK) return rc;
-        const auto drop = keepOrDrop(j);
-        if (!plan.dropDamaged && (!drop.empty() || !j.missing.empty())) {
-            trace("rebuild refused: %zu damaged and %zu missing rows", drop.size(), j.missing.size());
-            return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
-        }
-        for (auto [table, id] : drop)
-            if (Rc rc = removeRow(v, table, id); rc != ZAVKM_OK) return rc;
-        plan.removed = static_cast<uint32_t>(drop.size() + j.missing.size());
-        if (plan.to != nullptr)
-            if (Rc rc = reseal(v, *plan.to); rc != ZAVKM_OK) return rc;
-        v.touchedPages.clear();
-        return reindex(v, plan.to != nullptr ? plan.to->keys : v.kdb.keys);
-    });
+    if (!v.write) return ZAVKM_ERR_DATABASE_WRITE;
+    Judged j;
+    if (Rc rc = judgeAll(v, j); rc != ZAVKM_OK) return rc;
+    const auto drop = keepOrDrop(j);
+    if (!plan.dropDamaged && (!drop.empty() || !j.missing.empty())) {
+        trace("rebuild refused: %zu damaged and %zu missing rows", drop.size(), j.missing.size());
+        return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
+    }
+    for (auto [table, id] : drop)
+        if (Rc rc = removeRow(v, table, id); rc != ZAVKM_OK) return rc;
+    plan.removed = static_cast<uint32_t>(drop.size() + j.missing.size());
+    if (plan.to != nullptr)
+        if (Rc rc = reseal(v, *plan.to); rc != ZAVKM_OK) return rc;
+    v.touchedPages.clear();
+    return reindex(v, plan.to != nullptr ? plan.to->keys : v.kdb.keys);
 }
 
 }  // namespace zavkm

@@ -440,20 +440,18 @@ Rc renameEntry(View& v, const std::string& label, const std::string& newLabel) {
 }
 
 Rc commitChange(View& v) {
-    return guarded([&]() -> Rc {
-        if (v.status() != ZAVKM_OK) return v.status();
-        for (const auto& [key, changed] : v.touchedPages) {
-            std::optional<PageRecord> old;  // as checked when the page was touched
-            if (Rc rc = findPage(v, key.first, key.second, old); rc != ZAVKM_OK) return rc;
-            PageRecord record;
-            if (Rc rc = sealPage(v, key.first, key.second, record, old ? &*old : nullptr, &changed);
-                rc != ZAVKM_OK)
-                return rc;
-            if (Rc rc = putPage(v, record); rc != ZAVKM_OK) return rc;
-        }
-        v.touchedPages.clear();
-        return v.finish();
-    });
+    if (v.status() != ZAVKM_OK) return v.status();
+    for (const auto& [key, changed] : v.touchedPages) {
+        std::optional<PageRecord> old;  // as checked when the page was touched
+        if (Rc rc = findPage(v, key.first, key.second, old); rc != ZAVKM_OK) return rc;
+        PageRecord record;
+        if (Rc rc = sealPage(v, key.first, key.second, record, old ? &*old : nullptr, &changed);
+            rc != ZAVKM_OK)
+            return rc;
+        if (Rc rc = putPage(v, record); rc != ZAVKM_OK) return rc;
+    }
+    v.touchedPages.clear();
+    return v.finish();
 }
 
 }  // namespace zavkm

@@ -12,14 +12,7 @@ class FileStore final : public KeyStore {
     explicit FileStore(KeyDb& kdb) : kdb_(kdb) {}
     KeyDb& keyDb() { return kdb_; }
 
-    Rc keyLabels(std::vector<std::string>& out) override;
-    Rc requestLabels(std::vector<std::string>& out) override;
-    Rc checkNewLabel(const std::string& label, bool forRequest) override;
-    Rc generate(int32_t keySize, const std::string& label, std::unique_ptr<NewKey>& out) override;
-    Rc keepCertificate(NewKey& key, const std::string& label, X509* cert, bool makeDefault,
-                       const Output& output) override;
-    Rc keepRequest(NewKey& key, const std::string& label, X509_REQ* req,
-                   const Output& output) override;
+    ZAVKM_KEY_STORE_OPERATIONS
 
   private:
     KeyDb& kdb_;

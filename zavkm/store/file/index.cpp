@@ -53,7 +53,12 @@ bool LeafSet::isLost(uint32_t leaf) const noexcept {
 }
 
 View::View(KeyDb& k, bool w) : kdb(k), link(k.db.link()), db(k.db.get()), write(w) {
-    status_ = guarded([&] { return start(); });
+    try {
+        status_ = start();
+    } catch (...) {  // the destructor does not run for a view that never finished starting
+        if (open_) run(link, "ROLLBACK");
+        throw;
+    }
 }
 
 View::~View() {
@@ -241,17 +246,15 @@ Rc View::finishTree(Tree tree, Hash& root) {
 }
 
 Rc View::finish() {
-    return guarded([&]() -> Rc {
-        if (!open_ || !write) return ZAVKM_ERR_DATABASE_WRITE;
-        if (Rc rc = finishTree(Tree::Tags, meta.tagRoot); rc != ZAVKM_OK) return rc;
-        if (Rc rc = finishTree(Tree::Pages, meta.pageRoot); rc != ZAVKM_OK) return rc;
-        dirty_.clear();
-        ++meta.generation;
-        if (Rc rc = writeMeta(kdb, link, meta); rc != ZAVKM_OK) return rc;
-        if (int code = run(link, "COMMIT"); code != SQLITE_OK) return sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
-        open_ = false;
-        return ZAVKM_OK;
-    });
+    if (!open_ || !write) return ZAVKM_ERR_DATABASE_WRITE;
+    if (Rc rc = finishTree(Tree::Tags, meta.tagRoot); rc != ZAVKM_OK) return rc;
+    if (Rc rc = finishTree(Tree::Pages, meta.pageRoot); rc != ZAVKM_OK) return rc;
+    dirty_.clear();
+    ++meta.generation;
+    if (Rc rc = writeMeta(kdb, link, meta); rc != ZAVKM_OK) return rc;
+    if (int code = run(link, "COMMIT"); code != SQLITE_OK) return sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
+    open_ = false;
+    return ZAVKM_OK;
 }
 
 }  // namespace zavkm

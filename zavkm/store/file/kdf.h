@@ -35,7 +35,7 @@ struct KdfParams {
 // it before, else one PBKDF2 run. The result is not cached here; cacheMaster does that once the
 // key proved right (a wrong password never enters the cache).
 Rc deriveMaster(const KdfParams& params, std::string_view password, SecretBytes& master,
-                bool& fromCache) noexcept;
+                bool& fromCache);
 
 // cacheMaster - remembers master for (params, password). The cache is keyed by the salt, the
 // iteration count and an HMAC of the password under a random per-process key; the password
@@ -64,17 +64,17 @@ struct KdfCacheStats {
 KdfCacheStats kdfCacheStats() noexcept;
 
 // wrappingKey - the key-encryption key derived from master (HKDF-SHA256).
-Rc wrappingKey(const SecretBytes& master, SecretBytes& kek) noexcept;
+Rc wrappingKey(const SecretBytes& master, SecretBytes& kek);
 // hkdfKey - a 32-byte key derived from master for one purpose, named by info (HKDF-SHA256).
-Rc hkdfKey(const SecretBytes& master, std::string_view info, SecretBytes& key) noexcept;
+Rc hkdfKey(const SecretBytes& master, std::string_view info, SecretBytes& key);
 
 // sealGcm - nonce || AES-256-GCM(key, plain, aad) || tag into out.
 Rc sealGcm(const SecretBytes& key, const uint8_t* plain, size_t plainLength, std::string_view aad,
-           Bytes& out) noexcept;
+           Bytes& out);
 
 // openGcm - the inverse of sealGcm. A failed tag gives ZAVKM_ERR_DATABASE_KEY_INTEGRITY; a
 // block too short to hold nonce and tag gives ZAVKM_ERR_DATABASE_CORRUPTION.
 Rc openGcm(const SecretBytes& key, const uint8_t* sealed, size_t sealedLength, std::string_view aad,
-           SecretBytes& plain) noexcept;
+           SecretBytes& plain);
 
 }  // namespace zavkm

@@ -329,279 +329,259 @@ Bytes encodeMeta(const Meta& m) {
     return out;
 }
 
-Rc checkSchema(Link& link) noexcept {
-    return guarded([&]() -> Rc {
-        sqlite3* db = link.db.get();
-        Stmt cookie(link, "PRAGMA schema_version");
-        int code = cookie.step();
-        if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_CORRUPTION);
-        const int64_t now = cookie.integer(0);
-        if (now == link.checkedCookie) return ZAVKM_OK;
-        Stmt s(link, "SELECT type, name, tbl_name, sql FROM sqlite_master ORDER BY name");
-        size_t at = 0;
-        constexpr size_t count = sizeof kSchema / sizeof kSchema[0];
-        bool same = true;
-        while ((code = s.step()) == SQLITE_ROW) {
-            // kSchema is in the order of the names.
-            const SchemaObject* want = nullptr;
-            for (const SchemaObject& o : kSchema)
-                if (s.view(1) == o.name) want = &o;
-            same = same && want != nullptr && s.view(0) == want->type && s.view(2) == want->table &&
-                   !s.isNull(3) && s.view(3) == want->sql;
-            ++at;
-        }
-        if (code != SQLITE_DONE) return sqlRc(db, code, ZAVKM_ERR_DATABASE_CORRUPTION);
-        if (!same || at != count) {
-            trace("key database schema is not the library's: %zu objects", at);
-            return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
-        }
-        link.checkedCookie = now;
-        return ZAVKM_OK;
-    });
+Rc checkSchema(Link& link) {
+    sqlite3* db = link.db.get();
+    Stmt cookie(link, "PRAGMA schema_version");
+    int code = cookie.step();
+    if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_CORRUPTION);
+    const int64_t now = cookie.integer(0);
+    if (now == link.checkedCookie) return ZAVKM_OK;
+    Stmt s(link, "SELECT type, name, tbl_name, sql FROM sqlite_master ORDER BY name");
+    size_t at = 0;
+    constexpr size_t count = sizeof kSchema / sizeof kSchema[0];
+    bool same = true;
+    while ((code = s.step()) == SQLITE_ROW) {
+        // kSchema is in the order of the names.
+        const SchemaObject* want = nullptr;
+        for (const SchemaObject& o : kSchema)
+            if (s.view(1) == o.name) want = &o;
+        same = same && want != nullptr && s.view(0) == want->type && s.view(2) == want->table &&
+               !s.isNull(3) && s.view(3) == want->sql;
+        ++at;
+    }
+    if (code != SQLITE_DONE) return sqlRc(db, code, ZAVKM_ERR_DATABASE_CORRUPTION);
+    if (!same || at != count) {
+        trace("key database schema is not the library's: %zu objects", at);
+        return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
+    }
+    link.checkedCookie = now;
+    return ZAVKM_OK;
 }
 
-Rc readMeta(Link& link, Meta& m) noexcept {
-    return guarded([&]() -> Rc {
-        sqlite3* db = link.db.get();
-        Stmt s(link,
-               "SELECT file_id, generation, kdf, kdf_salt, kdf_iterations, wrapped_data_key, "
-               "password_time, expire_seconds, default_key, next_id, tag_root, page_root, mac "
-               "FROM meta WHERE id = 1");
-        int code = s.step();
-        if (code == SQLITE_DONE) return ZAVKM_ERR_DATABASE_CORRUPTION;
-        if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_CORRUPTION);
-        if (s.view(2) != kKdfName) return ZAVKM_ERR_DATABASE_INVALID_VERSION;
-        m.fileId = s.blob(0);
-        m.generation = s.integer(1);
-        m.kdf.salt = s.blob(3);
-        const int64_t iterations = s.integer(4);
-        m.wrapped = s.blob(5);
-        m.passwordTime = s.integer(6);
-        m.expireSeconds = s.integer(7);
-        m.defaultKey = s.integer(8);
-        m.nextId = s.integer(9);
-        const Bytes tagRoot = s.blob(10), pageRoot = s.blob(11);
-        m.mac = s.blob(12);
-        if (m.fileId.size() != kFileIdSize || m.kdf.salt.size() != kKdfSaltSize ||
-            iterations <= 0 || iterations > kMaxKdfIterations ||
-            m.wrapped.size() != kGcmNonceSize + kKeySize + kGcmTagSize ||
-            tagRoot.size() != kHashSize || pageRoot.size() != kHashSize ||
-            m.mac.size() != kHashSize || m.generation < 0 || m.nextId < 1 || m.defaultKey < 0 ||
-            m.expireSeconds < 0)
-            return ZAVKM_ERR_DATABASE_CORRUPTION;
-        m.kdf.iterations = static_cast<uint32_t>(iterations);
-        std::memcpy(m.tagRoot.data(), tagRoot.data(), kHashSize);
-        std::memcpy(m.pageRoot.data(), pageRoot.data(), kHashSize);
-        return ZAVKM_OK;
-    });
+Rc readMeta(Link& link, Meta& m) {
+    sqlite3* db = link.db.get();
+    Stmt s(link,
+           "SELECT file_id, generation, kdf, kdf_salt, kdf_iterations, wrapped_data_key, "
+           "password_time, expire_seconds, default_key, next_id, tag_root, page_root, mac "
+           "FROM meta WHERE id = 1");
+    int code = s.step();
+    if (code == SQLITE_DONE) return ZAVKM_ERR_DATABASE_CORRUPTION;
+    if (code != SQLITE_ROW) return sqlRc(db, code, ZAVKM_ERR_DATABASE_CORRUPTION);
+    if (s.view(2) != kKdfName) return ZAVKM_ERR_DATABASE_INVALID_VERSION;
+    m.fileId = s.blob(0);
+    m.generation = s.integer(1);
+    m.kdf.salt = s.blob(3);
+    const int64_t iterations = s.integer(4);
+    m.wrapped = s.blob(5);
+    m.passwordTime = s.integer(6);
+    m.expireSeconds = s.integer(7);
+    m.defaultKey = s.integer(8);
+    m.nextId = s.integer(9);
+    const Bytes tagRoot = s.blob(10), pageRoot = s.blob(11);
+    m.mac = s.blob(12);
+    if (m.fileId.size() != kFileIdSize || m.kdf.salt.size() != kKdfSaltSize ||
+        iterations <= 0 || iterations > kMaxKdfIterations ||
+        m.wrapped.size() != kGcmNonceSize + kKeySize + kGcmTagSize ||
+        tagRoot.size() != kHashSize || pageRoot.size() != kHashSize ||
+        m.mac.size() != kHashSize || m.generation < 0 || m.nextId < 1 || m.defaultKey < 0 ||
+        m.expireSeconds < 0)
+        return ZAVKM_ERR_DATABASE_CORRUPTION;
+    m.kdf.iterations = static_cast<uint32_t>(iterations);
+    std::memcpy(m.tagRoot.data(), tagRoot.data(), kHashSize);
+    std::memcpy(m.pageRoot.data(), pageRoot.data(), kHashSize);
+    return ZAVKM_OK;
 }
 
-Rc acceptMeta(KeyDb& kdb, const Meta& m) noexcept {
-    return guarded([&]() -> Rc {
-        Bytes form = checkedForm(m);
-        if (form == kdb.checkedMeta) return ZAVKM_OK;
-        if (m.fileId != kdb.fileId || m.wrapped != kdb.wrapped || m.kdf.salt != kdb.kdf.salt ||
-            m.kdf.iterations != kdb.kdf.iterations) {
-            trace("key database re-keyed since the handle was opened");
-            if (Rc rc = unlock(kdb, m, nullptr); rc != ZAVKM_OK) return rc;
-        }
-        Bytes mac;
-        if (Rc rc = metaMac(kdb, m, mac); rc != ZAVKM_OK) return rc;
-        if (CRYPTO_memcmp(mac.data(), m.mac.data(), kHashSize) != 0) {
-            trace("key database meta fails its MAC");
-            return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
-        }
-        kdb.passwordExpiry = m.expireSeconds > 0 ? m.passwordTime + m.expireSeconds : 0;
-        kdb.checkedMeta = std::move(form);
-        return ZAVKM_OK;
-    });
+Rc acceptMeta(KeyDb& kdb, const Meta& m) {
+    Bytes form = checkedForm(m);
+    if (form == kdb.checkedMeta) return ZAVKM_OK;
+    if (m.fileId != kdb.fileId || m.wrapped != kdb.wrapped || m.kdf.salt != kdb.kdf.salt ||
+        m.kdf.iterations != kdb.kdf.iterations) {
+        trace("key database re-keyed since the handle was opened");
+        if (Rc rc = unlock(kdb, m, nullptr); rc != ZAVKM_OK) return rc;
+    }
+    Bytes mac;
+    if (Rc rc = metaMac(kdb, m, mac); rc != ZAVKM_OK) return rc;
+    if (CRYPTO_memcmp(mac.data(), m.mac.data(), kHashSize) != 0) {
+        trace("key database meta fails its MAC");
+        return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
+    }
+    kdb.passwordExpiry = m.expireSeconds > 0 ? m.passwordTime + m.expireSeconds : 0;
+    kdb.checkedMeta = std::move(form);
+    return ZAVKM_OK;
 }
 
-Rc writeMeta(KeyDb& kdb, Link& link, Meta& m) noexcept {
-    return guarded([&]() -> Rc {
-        if (Rc rc = metaMac(kdb, m, m.mac); rc != ZAVKM_OK) return rc;
-        Stmt s(link,
-               "UPDATE meta SET file_id = ?1, generation = ?2, kdf = ?3, kdf_salt = ?4, "
-               "kdf_iterations = ?5, wrapped_data_key = ?6, password_time = ?7, "
-               "expire_seconds = ?8, default_key = ?9, next_id = ?10, tag_root = ?11, "
-               "page_root = ?12, mac = ?13 WHERE id = 1");
-        s.bind(1, m.fileId).bind(2, m.generation).bind(3, std::string_view(kKdfName));
-        s.bind(4, m.kdf.salt).bind(5, int64_t{m.kdf.iterations}).bind(6, m.wrapped);
-        s.bind(7, m.passwordTime).bind(8, m.expireSeconds).bind(9, m.defaultKey);
-        s.bind(10, m.nextId).bind(11, m.tagRoot.data(), kHashSize);
-        s.bind(12, m.pageRoot.data(), kHashSize).bind(13, m.mac);
-        sqlite3* db = link.db.get();
-        int code = s.step();
-        if (code != SQLITE_DONE) return sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
-        if (sqlite3_changes(db) != 1) return ZAVKM_ERR_DATABASE_CORRUPTION;
-        kdb.checkedMeta = checkedForm(m);  // true of these bytes whether or not they commit
-        return ZAVKM_OK;
-    });
+Rc writeMeta(KeyDb& kdb, Link& link, Meta& m) {
+    if (Rc rc = metaMac(kdb, m, m.mac); rc != ZAVKM_OK) return rc;
+    Stmt s(link,
+           "UPDATE meta SET file_id = ?1, generation = ?2, kdf = ?3, kdf_salt = ?4, "
+           "kdf_iterations = ?5, wrapped_data_key = ?6, password_time = ?7, "
+           "expire_seconds = ?8, default_key = ?9, next_id = ?10, tag_root = ?11, "
+           "page_root = ?12, mac = ?13 WHERE id = 1");
+    s.bind(1, m.fileId).bind(2, m.generation).bind(3, std::string_view(kKdfName));
+    s.bind(4, m.kdf.salt).bind(5, int64_t{m.kdf.iterations}).bind(6, m.wrapped);
+    s.bind(7, m.passwordTime).bind(8, m.expireSeconds).bind(9, m.defaultKey);
+    s.bind(10, m.nextId).bind(11, m.tagRoot.data(), kHashSize);
+    s.bind(12, m.pageRoot.data(), kHashSize).bind(13, m.mac);
+    sqlite3* db = link.db.get();
+    int code = s.step();
+    if (code != SQLITE_DONE) return sqlRc(db, code, ZAVKM_ERR_DATABASE_WRITE);
+    if (sqlite3_changes(db) != 1) return ZAVKM_ERR_DATABASE_CORRUPTION;
+    kdb.checkedMeta = checkedForm(m);  // true of these bytes whether or not they commit
+    return ZAVKM_OK;
 }
 
-Rc probeKeyDbFile(const char* fileName) noexcept {
-    return guarded([&]() -> Rc {
-        if (Rc rc = statKeyDbFile(fileName); rc != ZAVKM_OK) return rc;
-        Connection db;
-        if (Rc rc = takeConnection(fileName, db); rc != ZAVKM_OK) return rc;
-        Rc rc = checkHeader(db.get());
-        if (rc == ZAVKM_OK) db.markReusable();
-        return rc;
-    });
+Rc probeKeyDbFile(const char* fileName) {
+    if (Rc rc = statKeyDbFile(fileName); rc != ZAVKM_OK) return rc;
+    Connection db;
+    if (Rc rc = takeConnection(fileName, db); rc != ZAVKM_OK) return rc;
+    Rc rc = checkHeader(db.get());
+    if (rc == ZAVKM_OK) db.markReusable();
+    return rc;
 }
 
 Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSeconds,
-               std::unique_ptr<KeyDb>& out, const std::function<Rc(KeyDb&)>& fill) noexcept {
-    return guarded([&]() -> Rc {
-        if (isEmpty(fileName)) return ZAVKM_ERR_FILENAME_NULL;
-        if (password.empty()) return ZAVKM_ERR_PWD_TOO_SHORT;
-        struct stat st {};
-        if (::lstat(fileName, &st) == 0) return ZAVKM_ERR_DATABASE_ALREADY_EXISTS;
-        // Built beside its final name and linked there only when whole: a crash leaves no file
-        // or the complete one.
-        const std::string final(fileName);
-        removeStaleTemporaries(final);
-        const std::string name = final + ".tmp" + std::to_string(::getpid());
-        removeFileSet(name);  // left by a killed creator with this process id
-        int fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-        if (fd < 0)
-            return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED : ZAVKM_ERR_DATABASE_CREATE;
-        bool modeOk = ::fchmod(fd, 0600) == 0;
-        ::close(fd);
+               std::unique_ptr<KeyDb>& out, const std::function<Rc(KeyDb&)>& fill) {
+    if (isEmpty(fileName)) return ZAVKM_ERR_FILENAME_NULL;
+    if (password.empty()) return ZAVKM_ERR_PWD_TOO_SHORT;
+    struct stat st {};
+    if (::lstat(fileName, &st) == 0) return ZAVKM_ERR_DATABASE_ALREADY_EXISTS;
+    // Built beside its final name and linked there only when whole: a crash leaves no file
+    // or the complete one.
+    const std::string final(fileName);
+    removeStaleTemporaries(final);
+    const std::string name = final + ".tmp" + std::to_string(::getpid());
+    removeFileSet(name);  // left by a killed creator with this process id
+    int fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0)
+        return errno == EACCES ? ZAVKM_ERR_FILE_OPEN_NOT_ALLOWED : ZAVKM_ERR_DATABASE_CREATE;
+    bool modeOk = ::fchmod(fd, 0600) == 0;
+    ::close(fd);
 
-        auto kdb = std::make_unique<KeyDb>();
-        kdb->fileName = name;
-        kdb->password = SecretBytes(reinterpret_cast<const uint8_t*>(password.data()), password.size());
-        Rc rc = modeOk ? ZAVKM_OK : ZAVKM_ERR_DATABASE_CREATE;
-        Meta m;
-        if (rc == ZAVKM_OK) {
-            kdb->dataKey = SecretBytes(kKeySize);
-            m.fileId.assign(kFileIdSize, 0);
-            rc = randomBytes(kdb->dataKey.data(), kdb->dataKey.size());
-            if (rc == ZAVKM_OK) rc = randomBytes(m.fileId.data(), m.fileId.size());
-        }
-        if (rc == ZAVKM_OK) rc = wrapDataKey(kdb->dataKey, password, m, kdb->master);
-        if (rc == ZAVKM_OK) rc = deriveRowKeys(kdb->dataKey, m.fileId, kdb->keys);
-        if (rc == ZAVKM_OK) rc = takeConnection(name, kdb->db);
-        if (rc == ZAVKM_OK) {
-            sqlite3* db = kdb->db.get();
-            int code = exec(db, "PRAGMA journal_mode=WAL");
-            WriteTransaction tx(db);
-            if (code == SQLITE_OK) code = tx.beginCode();
-            if (code == SQLITE_OK) code = createSchema(db);
-            if (code != SQLITE_OK) rc = sqlRc(db, code, ZAVKM_ERR_DATABASE_CREATE);
-            m.passwordTime = now();
-            m.expireSeconds = expireSeconds > 0 ? expireSeconds : 0;
-            if (rc == ZAVKM_OK) rc = insertMeta(*kdb, kdb->db.link(), m);
-            if (rc == ZAVKM_OK && (code = tx.commit()) != SQLITE_OK)
-                rc = sqlRc(db, code, ZAVKM_ERR_DATABASE_CREATE);
-            // The new file holds its header, schema and password record by itself.
-        }
-        kdb->kdf = m.kdf;
-        kdb->wrapped = m.wrapped;
-        kdb->fileId = m.fileId;
-        kdb->passwordExpiry = m.expireSeconds > 0 ? m.passwordTime + m.expireSeconds : 0;
-        if (rc == ZAVKM_OK && fill) rc = fill(*kdb);
-        if (rc == ZAVKM_OK) {
-            sqlite3* db = kdb->db.get();
-            if (int code = exec(db, "PRAGMA wal_checkpoint(TRUNCATE)"); code != SQLITE_OK)
-                rc = sqlRc(db, code, ZAVKM_ERR_DATABASE_CREATE);
-        }
-        kdb->db.forbidReuse();
-        { Connection closing = std::move(kdb->db); }
-        if (rc == ZAVKM_OK) rc = publishNewFile(name, final);
-        if (rc == ZAVKM_OK) {
-            kdb->fileName = final;
-            rc = takeConnection(final, kdb->db);
-            if (rc != ZAVKM_OK) removeFileSet(final);
-        }
-        if (rc != ZAVKM_OK) {
-            kdb.reset();
-            removeFileSet(name);
-            return rc;
-        }
-        cacheMaster(m.kdf, password, kdb->master);
-        kdb->db.markReusable();
-        out = std::move(kdb);
-        return ZAVKM_OK;
-    });
+    auto kdb = std::make_unique<KeyDb>();
+    kdb->fileName = name;
+    kdb->password = SecretBytes(reinterpret_cast<const uint8_t*>(password.data()), password.size());
+    Rc rc = modeOk ? ZAVKM_OK : ZAVKM_ERR_DATABASE_CREATE;
+    Meta m;
+    if (rc == ZAVKM_OK) {
+        kdb->dataKey = SecretBytes(kKeySize);
+        m.fileId.assign(kFileIdSize, 0);
+        rc = randomBytes(kdb->dataKey.data(), kdb->dataKey.size());
+        if (rc == ZAVKM_OK) rc = randomBytes(m.fileId.data(), m.fileId.size());
+    }
+    if (rc == ZAVKM_OK) rc = wrapDataKey(kdb->dataKey, password, m, kdb->master);
+    if (rc == ZAVKM_OK) rc = deriveRowKeys(kdb->dataKey, m.fileId, kdb->keys);
+    if (rc == ZAVKM_OK) rc = takeConnection(name, kdb->db);
+    if (rc == ZAVKM_OK) {
+        sqlite3* db = kdb->db.get();
+        int code = exec(db, "PRAGMA journal_mode=WAL");
+        WriteTransaction tx(db);
+        if (code == SQLITE_OK) code = tx.beginCode();
+        if (code == SQLITE_OK) code = createSchema(db);
+        if (code != SQLITE_OK) rc = sqlRc(db, code, ZAVKM_ERR_DATABASE_CREATE);
+        m.passwordTime = now();
+        m.expireSeconds = expireSeconds > 0 ? expireSeconds : 0;
+        if (rc == ZAVKM_OK) rc = insertMeta(*kdb, kdb->db.link(), m);
+        if (rc == ZAVKM_OK && (code = tx.commit()) != SQLITE_OK)
+            rc = sqlRc(db, code, ZAVKM_ERR_DATABASE_CREATE);
+        // The new file holds its header, schema and password record by itself.
+    }
+    kdb->kdf = m.kdf;
+    kdb->wrapped = m.wrapped;
+    kdb->fileId = m.fileId;
+    kdb->passwordExpiry = m.expireSeconds > 0 ? m.passwordTime + m.expireSeconds : 0;
+    if (rc == ZAVKM_OK && fill) rc = fill(*kdb);
+    if (rc == ZAVKM_OK) {
+        sqlite3* db = kdb->db.get();
+        if (int code = exec(db, "PRAGMA wal_checkpoint(TRUNCATE)"); code != SQLITE_OK)
+            rc = sqlRc(db, code, ZAVKM_ERR_DATABASE_CREATE);
+    }
+    kdb->db.forbidReuse();
+    { Connection closing = std::move(kdb->db); }
+    if (rc == ZAVKM_OK) rc = publishNewFile(name, final);
+    if (rc == ZAVKM_OK) {
+        kdb->fileName = final;
+        rc = takeConnection(final, kdb->db);
+        if (rc != ZAVKM_OK) removeFileSet(final);
+    }
+    if (rc != ZAVKM_OK) {
+        kdb.reset();
+        removeFileSet(name);
+        return rc;
+    }
+    cacheMaster(m.kdf, password, kdb->master);
+    kdb->db.markReusable();
+    out = std::move(kdb);
+    return ZAVKM_OK;
 }
 
 Rc openKeyDb(const char* fileName, std::string_view password, bool checkExpiry,
-             std::unique_ptr<KeyDb>& out) noexcept {
-    return guarded([&]() -> Rc {
-        if (Rc rc = statKeyDbFile(fileName); rc != ZAVKM_OK) return rc;
-        auto kdb = std::make_unique<KeyDb>();
-        kdb->fileName = fileName;
-        if (Rc rc = takeConnection(kdb->fileName, kdb->db); rc != ZAVKM_OK) return rc;
-        Link& link = kdb->db.link();
-        if (Rc rc = checkHeader(link.db.get()); rc != ZAVKM_OK) return rc;
-        Stash secret;
-        if (Rc rc = resolvePassword(kdb->fileName, password, secret); rc != ZAVKM_OK) return rc;
-        kdb->password = std::move(secret.password);
-        Meta m;
-        {
-            ReadTransaction tx(link.db.get());
-            if (tx.beginCode() != SQLITE_OK)
-                return sqlRc(link.db.get(), tx.beginCode(), ZAVKM_ERR_DATABASE_OPEN);
-            if (Rc rc = checkVersion(link); rc != ZAVKM_OK) return rc;
-            if (Rc rc = checkSchema(link); rc != ZAVKM_OK) return rc;
-            if (Rc rc = readMeta(link, m); rc != ZAVKM_OK) return rc;
-        }
-        kdb->db.markReusable();  // the key database's own schema, whatever the password turns out
-        if (Rc rc = unlock(*kdb, m, &secret); rc != ZAVKM_OK) return rc;
-        if (Rc rc = acceptMeta(*kdb, m); rc != ZAVKM_OK) return rc;
-        if (checkExpiry && m.expireSeconds > 0 && now() >= m.passwordTime + m.expireSeconds)
-            return ZAVKM_ERR_PASSWORD_EXPIRATION_TIME;
-        out = std::move(kdb);
-        return ZAVKM_OK;
-    });
+             std::unique_ptr<KeyDb>& out) {
+    if (Rc rc = statKeyDbFile(fileName); rc != ZAVKM_OK) return rc;
+    auto kdb = std::make_unique<KeyDb>();
+    kdb->fileName = fileName;
+    if (Rc rc = takeConnection(kdb->fileName, kdb->db); rc != ZAVKM_OK) return rc;
+    Link& link = kdb->db.link();
+    if (Rc rc = checkHeader(link.db.get()); rc != ZAVKM_OK) return rc;
+    Stash secret;
+    if (Rc rc = resolvePassword(kdb->fileName, password, secret); rc != ZAVKM_OK) return rc;
+    kdb->password = std::move(secret.password);
+    Meta m;
+    {
+        ReadTransaction tx(link.db.get());
+        if (tx.beginCode() != SQLITE_OK)
+            return sqlRc(link.db.get(), tx.beginCode(), ZAVKM_ERR_DATABASE_OPEN);
+        if (Rc rc = checkVersion(link); rc != ZAVKM_OK) return rc;
+        if (Rc rc = checkSchema(link); rc != ZAVKM_OK) return rc;
+        if (Rc rc = readMeta(link, m); rc != ZAVKM_OK) return rc;
+    }
+    kdb->db.markReusable();  // the key database's own schema, whatever the password turns out
+    if (Rc rc = unlock(*kdb, m, &secret); rc != ZAVKM_OK) return rc;
+    if (Rc rc = acceptMeta(*kdb, m); rc != ZAVKM_OK) return rc;
+    if (checkExpiry && m.expireSeconds > 0 && now() >= m.passwordTime + m.expireSeconds)
+        return ZAVKM_ERR_PASSWORD_EXPIRATION_TIME;
+    out = std::move(kdb);
+    return ZAVKM_OK;
 }
 
 Rc changeKeyDbPassword(const char* fileName, std::string_view oldPassword,
-                       std::string_view newPassword, int32_t expireSeconds) noexcept {
-    return guarded([&]() -> Rc {
-        if (newPassword.empty()) return ZAVKM_ERR_PWD_TOO_SHORT;
-        if (newPassword == oldPassword) return ZAVKM_ERR_PASSWORD_CHANGE_MATCH;
-        std::unique_ptr<KeyDb> kdb;
-        if (Rc rc = openKeyDb(fileName, oldPassword, false, kdb); rc != ZAVKM_OK) return rc;
-        // The new password's key derivation runs before the write lock is taken, so other
-        // writers do not wait for it.
-        Meta fresh;
-        fresh.fileId = kdb->fileId;
-        fresh.kdf.iterations = kdb->kdf.iterations;
-        SecretBytes dataKey(kKeySize), master;
-        if (Rc rc = randomBytes(dataKey.data(), dataKey.size()); rc != ZAVKM_OK) return rc;
-        if (Rc rc = wrapDataKey(dataKey, newPassword, fresh, master); rc != ZAVKM_OK) return rc;
-        // Under the write lock the meta row is read again: another writer may have changed the
-        // file, or its password (then the old password must still open it).
-        View v(*kdb, true);
-        if (v.status() != ZAVKM_OK) return v.status();
-        if (Rc rc = reseal(*kdb, v, dataKey, fresh, expireSeconds); rc != ZAVKM_OK) return rc;
-        cacheMaster(fresh.kdf, newPassword, master);
-        trace("key database re-keyed under a new password");
-        return ZAVKM_OK;
-    });
+                       std::string_view newPassword, int32_t expireSeconds) {
+    if (newPassword.empty()) return ZAVKM_ERR_PWD_TOO_SHORT;
+    if (newPassword == oldPassword) return ZAVKM_ERR_PASSWORD_CHANGE_MATCH;
+    std::unique_ptr<KeyDb> kdb;
+    if (Rc rc = openKeyDb(fileName, oldPassword, false, kdb); rc != ZAVKM_OK) return rc;
+    // The new password's key derivation runs before the write lock is taken, so other
+    // writers do not wait for it.
+    Meta fresh;
+    fresh.fileId = kdb->fileId;
+    fresh.kdf.iterations = kdb->kdf.iterations;
+    SecretBytes dataKey(kKeySize), master;
+    if (Rc rc = randomBytes(dataKey.data(), dataKey.size()); rc != ZAVKM_OK) return rc;
+    if (Rc rc = wrapDataKey(dataKey, newPassword, fresh, master); rc != ZAVKM_OK) return rc;
+    // Under the write lock the meta row is read again: another writer may have changed the
+    // file, or its password (then the old password must still open it).
+    View v(*kdb, true);
+    if (v.status() != ZAVKM_OK) return v.status();
+    if (Rc rc = reseal(*kdb, v, dataKey, fresh, expireSeconds); rc != ZAVKM_OK) return rc;
+    cacheMaster(fresh.kdf, newPassword, master);
+    trace("key database re-keyed under a new password");
+    return ZAVKM_OK;
 }
 
 Rc sealPrivateKey(const KeyDb& kdb, const SecretBytes& pkcs8, const Bytes& spki,
-                  Bytes& sealed) noexcept {
-    return guarded([&]() -> Rc {
-        std::string aad(kPrivateKeyAad);
-        aad.append(kdb.fileId.begin(), kdb.fileId.end());
-        aad.append(reinterpret_cast<const char*>(spki.data()), spki.size());
-        return sealGcm(kdb.dataKey, pkcs8.data(), pkcs8.size(), aad, sealed);
-    });
+                  Bytes& sealed) {
+    std::string aad(kPrivateKeyAad);
+    aad.append(kdb.fileId.begin(), kdb.fileId.end());
+    aad.append(reinterpret_cast<const char*>(spki.data()), spki.size());
+    return sealGcm(kdb.dataKey, pkcs8.data(), pkcs8.size(), aad, sealed);
 }
 
 Rc openPrivateKey(const KeyDb& kdb, const Bytes& sealed, const Bytes& spki,
-                  SecretBytes& pkcs8) noexcept {
-    return guarded([&]() -> Rc {
-        std::string aad(kPrivateKeyAad);
-        aad.append(kdb.fileId.begin(), kdb.fileId.end());
-        aad.append(reinterpret_cast<const char*>(spki.data()), spki.size());
-        return openGcm(kdb.dataKey, sealed.data(), sealed.size(), aad, pkcs8);
-    });
+                  SecretBytes& pkcs8) {
+    std::string aad(kPrivateKeyAad);
+    aad.append(kdb.fileId.begin(), kdb.fileId.end());
+    aad.append(reinterpret_cast<const char*>(spki.data()), spki.size());
+    return openGcm(kdb.dataKey, sealed.data(), sealed.size(), aad, pkcs8);
 }
 
 }  // namespace zavkm

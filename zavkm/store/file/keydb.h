@@ -66,7 +66,7 @@ struct KeyDb {
 // left on disk.
 Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSeconds,
                std::unique_ptr<KeyDb>& out,
-               const std::function<Rc(KeyDb&)>& fill = {}) noexcept;
+               const std::function<Rc(KeyDb&)>& fill = {});
 
 // openKeyDb - opens an existing key database with its password: ZAVKM_ERR_KEYDB_NOT_EXIST for
 // a missing file, ZAVKM_ERR_DATABASE_INVALID_FILE_TYPE for a file that is not a key database,
@@ -76,44 +76,44 @@ Rc createKeyDb(const char* fileName, std::string_view password, int32_t expireSe
 // wrong password, ZAVKM_ERR_PASSWORD_EXPIRATION_TIME past the password's lifetime (checked only
 // when checkExpiry). An empty password reads the stash file.
 Rc openKeyDb(const char* fileName, std::string_view password, bool checkExpiry,
-             std::unique_ptr<KeyDb>& out) noexcept;
+             std::unique_ptr<KeyDb>& out);
 
 // changeKeyDbPassword - gives the file a new data key wrapped under newPassword (new salt,
 // current KDF parameters), re-seals every private key, row MAC and the index under it and
 // restarts the lifetime with expireSeconds, in one transaction. A file with a damaged row is
 // refused with ZAVKM_ERR_DATABASE_KEY_INTEGRITY (repair it first).
 Rc changeKeyDbPassword(const char* fileName, std::string_view oldPassword,
-                       std::string_view newPassword, int32_t expireSeconds) noexcept;
+                       std::string_view newPassword, int32_t expireSeconds);
 
 // probeKeyDbFile - ZAVKM_OK when fileName looks like a key database by its header alone;
 // otherwise the code openKeyDb would give for it.
-Rc probeKeyDbFile(const char* fileName) noexcept;
+Rc probeKeyDbFile(const char* fileName);
 
 // sealPrivateKey / openPrivateKey - a PKCS#8 PrivateKeyInfo sealed with the data key, bound to
 // the file and the key's SubjectPublicKeyInfo.
 Rc sealPrivateKey(const KeyDb& kdb, const SecretBytes& pkcs8, const Bytes& spki,
-                  Bytes& sealed) noexcept;
+                  Bytes& sealed);
 Rc openPrivateKey(const KeyDb& kdb, const Bytes& sealed, const Bytes& spki,
-                  SecretBytes& pkcs8) noexcept;
+                  SecretBytes& pkcs8);
 
 // checkSchema - the connection's database holds exactly the key database's tables and indexes
 // (each one's SQL text compared byte for byte) and nothing else: ZAVKM_ERR_DATABASE_KEY_INTEGRITY
 // otherwise. Checked again only when the schema cookie moved since the last check.
-Rc checkSchema(Link& link) noexcept;
+Rc checkSchema(Link& link);
 
 // readMeta - the meta row of the current transaction: ZAVKM_ERR_DATABASE_CORRUPTION when it is
 // missing or malformed.
-Rc readMeta(Link& link, Meta& m) noexcept;
+Rc readMeta(Link& link, Meta& m);
 
 // acceptMeta - whether m, read in a transaction, is the file's own: its MAC holds under the
 // handle's keys (ZAVKM_ERR_DATABASE_KEY_INTEGRITY otherwise). When another handle changed the
 // password meanwhile, the handle's password must open the new data key
 // (ZAVKM_ERR_DATABASE_INVALID_PASSWORD otherwise).
-Rc acceptMeta(KeyDb& kdb, const Meta& m) noexcept;
+Rc acceptMeta(KeyDb& kdb, const Meta& m);
 
 // writeMeta - replaces the meta row with m under a fresh MAC (filled into m) and remembers it
 // as the handle's checked meta once the transaction commits (the caller's business).
-Rc writeMeta(KeyDb& kdb, Link& link, Meta& m) noexcept;
+Rc writeMeta(KeyDb& kdb, Link& link, Meta& m);
 
 // encodeMeta - the bytes the meta MAC covers (everything in m but the MAC).
 Bytes encodeMeta(const Meta& m);

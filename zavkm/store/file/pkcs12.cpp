@@ -727,80 +727,74 @@ void unloadLegacyAlgorithms() noexcept {
     legacyProvider = defaultProvider = nullptr;
 }
 
-Rc pkcs12NeedsPassword(const char* fileName, bool& needed) noexcept {
-    return guarded([&]() -> Rc {
-        Bytes data;
-        Rc rc = readFile(fileName, data);
-        if (rc == ZAVKM_ERR_FILE_OPEN_NOT_EXIST) return ZAVKM_ERR_KEYDB_NOT_EXIST;
-        if (rc != ZAVKM_OK) return rc;
-        Pkcs12Ptr p12 = parsePkcs12(data);
-        if (!p12) return ZAVKM_ERR_WEBDB_DATA_BAD_FORMAT;
-        needed = PKCS12_mac_present(p12.get()) != 0;
-        AuthSafesPtr safes(PKCS12_unpack_authsafes(p12.get()));
-        if (!safes) return sslError(ZAVKM_ERR_WEBDB_DATA_BAD_FORMAT);
-        for (int i = 0; i < sk_PKCS7_num(safes.get()) && !needed; ++i) {
-            PKCS7* safe = sk_PKCS7_value(safes.get(), i);
-            if (OBJ_obj2nid(safe->type) != NID_pkcs7_data) {
-                needed = true;  // encrypted or enveloped content
-                continue;
-            }
-            BagsPtr bags(PKCS12_unpack_p7data(safe));
-            if (!bags) return sslError(ZAVKM_ERR_WEBDB_DATA_BAD_FORMAT);
-            for (int j = 0; j < sk_PKCS12_SAFEBAG_num(bags.get()); ++j)
-                if (PKCS12_SAFEBAG_get_nid(sk_PKCS12_SAFEBAG_value(bags.get(), j)) ==
-                    NID_pkcs8ShroudedKeyBag)
-                    needed = true;
+Rc pkcs12NeedsPassword(const char* fileName, bool& needed) {
+    Bytes data;
+    Rc rc = readFile(fileName, data);
+    if (rc == ZAVKM_ERR_FILE_OPEN_NOT_EXIST) return ZAVKM_ERR_KEYDB_NOT_EXIST;
+    if (rc != ZAVKM_OK) return rc;
+    Pkcs12Ptr p12 = parsePkcs12(data);
+    if (!p12) return ZAVKM_ERR_WEBDB_DATA_BAD_FORMAT;
+    needed = PKCS12_mac_present(p12.get()) != 0;
+    AuthSafesPtr safes(PKCS12_unpack_authsafes(p12.get()));
+    if (!safes) return sslError(ZAVKM_ERR_WEBDB_DATA_BAD_FORMAT);
+    for (int i = 0; i < sk_PKCS7_num(safes.get()) && !needed; ++i) {
+        PKCS7* safe = sk_PKCS7_value(safes.get(), i);
+        if (OBJ_obj2nid(safe->type) != NID_pkcs7_data) {
+            needed = true;  // encrypted or enveloped content
+            continue;
         }
-        return ZAVKM_OK;
-    });
+        BagsPtr bags(PKCS12_unpack_p7data(safe));
+        if (!bags) return sslError(ZAVKM_ERR_WEBDB_DATA_BAD_FORMAT);
+        for (int j = 0; j < sk_PKCS12_SAFEBAG_num(bags.get()); ++j)
+            if (PKCS12_SAFEBAG_get_nid(sk_PKCS12_SAFEBAG_value(bags.get(), j)) ==
+                NID_pkcs8ShroudedKeyBag)
+                needed = true;
+    }
+    return ZAVKM_OK;
 }
 
 Rc exportPkcs12(KeyDb& kdb, const std::vector<std::string>& labels, const char* fileName,
-                const char* password, bool withRequests) noexcept {
-    return guarded([&]() -> Rc {
-        if (isEmpty(fileName)) return ZAVKM_ERR_FILENAME_NULL;
-        if (isEmpty(password)) return ZAVKM_ERR_PWD_TOO_SHORT;
-        std::vector<ExportEntry> entries;
-        if (Rc rc = readView(kdb, [&](View& v) -> Rc {
-                if (Rc collected = collectKeys(v, labels, entries); collected != ZAVKM_OK)
-                    return collected;
-                return withRequests ? collectRequests(v, entries) : ZAVKM_OK;
-            });
-            rc != ZAVKM_OK)
-            return rc;
-        Bytes der;
-        if (Rc rc = buildPkcs12(entries, password, der); rc != ZAVKM_OK) return rc;
-        trace("PKCS#12 written: %zu entries", entries.size());
-        return writeFile(fileName, der, 0600);
-    });
+                const char* password, bool withRequests) {
+    if (isEmpty(fileName)) return ZAVKM_ERR_FILENAME_NULL;
+    if (isEmpty(password)) return ZAVKM_ERR_PWD_TOO_SHORT;
+    std::vector<ExportEntry> entries;
+    if (Rc rc = readView(kdb, [&](View& v) -> Rc {
+            if (Rc collected = collectKeys(v, labels, entries); collected != ZAVKM_OK)
+                return collected;
+            return withRequests ? collectRequests(v, entries) : ZAVKM_OK;
+        });
+        rc != ZAVKM_OK)
+        return rc;
+    Bytes der;
+    if (Rc rc = buildPkcs12(entries, password, der); rc != ZAVKM_OK) return rc;
+    trace("PKCS#12 written: %zu entries", entries.size());
+    return writeFile(fileName, der, 0600);
 }
 
-Rc importPkcs12(KeyDb& kdb, const char* fileName, const char* password) noexcept {
-    return guarded([&]() -> Rc {
-        Bytes data;
-        if (Rc rc = readFile(fileName, data); rc != ZAVKM_OK) return rc;
-        Reader in;
-        in.password = password;
-        in.passwordLength = static_cast<int>(std::strlen(password));
-        if (Rc rc = in.read(data); rc != ZAVKM_OK) return rc;
-        Prepared all;
-        if (Rc rc = prepare(kdb, in, all); rc != ZAVKM_OK) return rc;
-        Snapshot snap;
-        if (Rc rc = readView(kdb, [&](View& v) { return readSnapshot(v, snap); }); rc != ZAVKM_OK)
-            return rc;
-        if (Rc rc = assign(snap, all); rc != ZAVKM_OK) return rc;
-        if (Rc rc = writeView(kdb, [&](View& v) -> Rc {
-                if (v.meta.generation != snap.generation) {  // another writer came first: choose again
-                    if (Rc read = readSnapshot(v, snap); read != ZAVKM_OK) return read;
-                    if (Rc chosen = assign(snap, all); chosen != ZAVKM_OK) return chosen;
-                }
-                return insertAll(v, all);
-            });
-            rc != ZAVKM_OK)
-            return rc;
-        trace("PKCS#12 imported: %zu candidates", all.size());
-        return ZAVKM_OK;
-    });
+Rc importPkcs12(KeyDb& kdb, const char* fileName, const char* password) {
+    Bytes data;
+    if (Rc rc = readFile(fileName, data); rc != ZAVKM_OK) return rc;
+    Reader in;
+    in.password = password;
+    in.passwordLength = static_cast<int>(std::strlen(password));
+    if (Rc rc = in.read(data); rc != ZAVKM_OK) return rc;
+    Prepared all;
+    if (Rc rc = prepare(kdb, in, all); rc != ZAVKM_OK) return rc;
+    Snapshot snap;
+    if (Rc rc = readView(kdb, [&](View& v) { return readSnapshot(v, snap); }); rc != ZAVKM_OK)
+        return rc;
+    if (Rc rc = assign(snap, all); rc != ZAVKM_OK) return rc;
+    if (Rc rc = writeView(kdb, [&](View& v) -> Rc {
+            if (v.meta.generation != snap.generation) {  // another writer came first: choose again
+                if (Rc read = readSnapshot(v, snap); read != ZAVKM_OK) return read;
+                if (Rc chosen = assign(snap, all); chosen != ZAVKM_OK) return chosen;
+            }
+            return insertAll(v, all);
+        });
+        rc != ZAVKM_OK)
+        return rc;
+    trace("PKCS#12 imported: %zu candidates", all.size());
+    return ZAVKM_OK;
 }
 
 }  // namespace zavkm

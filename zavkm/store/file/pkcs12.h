@@ -29,14 +29,14 @@ inline constexpr long kPkcs12IterationBudget = 4000000;
 // pkcs12NeedsPassword - whether the PKCS#12 file fileName needs a password: it carries a MAC,
 // encrypted content or a shrouded key. ZAVKM_ERR_KEYDB_NOT_EXIST when the file does not exist,
 // ZAVKM_ERR_WEBDB_DATA_BAD_FORMAT when it is not PKCS#12.
-Rc pkcs12NeedsPassword(const char* fileName, bool& needed) noexcept;
+Rc pkcs12NeedsPassword(const char* fileName, bool& needed);
 
 // exportPkcs12 - writes the entries named by labels (empty: every personal key and signer
 // certificate; with withRequests, every request key too) to fileName (mode 0600, through
 // writeFile). ZAVKM_ERR_KEY_GET_BY_LABEL for a label that is not there;
 // ZAVKM_ERR_DATABASE_KEY_INTEGRITY when a row to write is damaged (never a file without it).
 Rc exportPkcs12(KeyDb& kdb, const std::vector<std::string>& labels, const char* fileName,
-                const char* password, bool withRequests) noexcept;
+                const char* password, bool withRequests);
 
 // importPkcs12 - adds every key (with its certificate), request key and further certificate of
 // the PKCS#12 file to the open database in one transaction: all or nothing. Labels are the
@@ -50,7 +50,7 @@ Rc exportPkcs12(KeyDb& kdb, const std::vector<std::string>& labels, const char* 
 // wrong password or failed MAC ZAVKM_ERR_PKCS12_PWD_CORRUPTION, data that is not PKCS#12
 // ZAVKM_ERR_INVALID_PKCS12_DATA, more iterations than kPkcs12IterationBudget or an algorithm
 // refused in FIPS mode ZAVKM_ERR_PBE_ALG_UNSUPPORT.
-Rc importPkcs12(KeyDb& kdb, const char* fileName, const char* password) noexcept;
+Rc importPkcs12(KeyDb& kdb, const char* fileName, const char* password);
 
 // unloadLegacyAlgorithms - releases the providers loaded for legacy PKCS#12 files
 // (ZAVKM_CleanAll); the next import loads them again.

@@ -64,21 +64,19 @@ bool Digest::finish(uint8_t* out) {
     return ok;
 }
 
-Rc Hmac::setKey(const SecretBytes& key) noexcept {
-    return guarded([&]() -> Rc {
-        if (hmacAlgorithm() == nullptr) return sslError(ZAVKM_ERR_CRYPTO);
-        ctx_.reset(EVP_MAC_CTX_new(hmacAlgorithm()));
-        char digest[] = "SHA256";
-        OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digest, 0),
-                               OSSL_PARAM_construct_end()};
-        if (!ctx_ || EVP_MAC_init(ctx_.get(), key.data(), key.size(), params) != 1) {
-            ctx_.reset();
-            return sslError(ZAVKM_ERR_CRYPTO);
-        }
-        started_ = true;
-        failed_ = false;
-        return ZAVKM_OK;
-    });
+Rc Hmac::setKey(const SecretBytes& key) {
+    if (hmacAlgorithm() == nullptr) return sslError(ZAVKM_ERR_CRYPTO);
+    ctx_.reset(EVP_MAC_CTX_new(hmacAlgorithm()));
+    char digest[] = "SHA256";
+    OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digest, 0),
+                           OSSL_PARAM_construct_end()};
+    if (!ctx_ || EVP_MAC_init(ctx_.get(), key.data(), key.size(), params) != 1) {
+        ctx_.reset();
+        return sslError(ZAVKM_ERR_CRYPTO);
+    }
+    started_ = true;
+    failed_ = false;
+    return ZAVKM_OK;
 }
 
 void Hmac::start() {
@@ -106,26 +104,24 @@ bool Hmac::finish(uint8_t* out, size_t n) {
     return ok;
 }
 
-Rc deriveRowKeys(const SecretBytes& dataKey, const Bytes& fileId, RowKeys& out) noexcept {
-    return guarded([&]() -> Rc {
-        const std::string id(fileId.begin(), fileId.end());
-        for (auto [info, mac] : {std::pair{"zavkm row mac v3:", &out.row},
-                                 std::pair{"zavkm index tag v3:", &out.tag},
-                                 std::pair{"zavkm meta mac v3:", &out.meta}}) {
-            const std::string purpose = std::string(info) + id;
-            Digest d;
-            d.add(dataKey.data(), dataKey.size()).add(purpose);
-            Bytes lookup(kHashSize);
-            SecretBytes key;
-            const bool known = d.finish(lookup.data()) && recallSecret(lookup, key);
-            if (!known) {
-                if (Rc rc = hkdfKey(dataKey, purpose, key); rc != ZAVKM_OK) return rc;
-                rememberSecret(lookup, key);
-            }
-            if (Rc rc = mac->setKey(key); rc != ZAVKM_OK) return rc;
+Rc deriveRowKeys(const SecretBytes& dataKey, const Bytes& fileId, RowKeys& out) {
+    const std::string id(fileId.begin(), fileId.end());
+    for (auto [info, mac] : {std::pair{"zavkm row mac v3:", &out.row},
+                             std::pair{"zavkm index tag v3:", &out.tag},
+                             std::pair{"zavkm meta mac v3:", &out.meta}}) {
+        const std::string purpose = std::string(info) + id;
+        Digest d;
+        d.add(dataKey.data(), dataKey.size()).add(purpose);
+        Bytes lookup(kHashSize);
+        SecretBytes key;
+        const bool known = d.finish(lookup.data()) && recallSecret(lookup, key);
+        if (!known) {
+            if (Rc rc = hkdfKey(dataKey, purpose, key); rc != ZAVKM_OK) return rc;
+            rememberSecret(lookup, key);
         }
-        return ZAVKM_OK;
-    });
+        if (Rc rc = mac->setKey(key); rc != ZAVKM_OK) return rc;
+    }
+    return ZAVKM_OK;
 }
 
 Hash keyBody(std::string_view cert, std::string_view spki, std::string_view subject, bool hasKey,

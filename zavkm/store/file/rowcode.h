@@ -105,7 +105,7 @@ class Digest {
 // Hmac - HMAC-SHA256 under one key, keyed once and restarted for every message.
 class Hmac {
   public:
-    Rc setKey(const SecretBytes& key) noexcept;
+    Rc setKey(const SecretBytes& key);
     Hmac& add(const void* p, size_t n);
     Hmac& add(const Bytes& b) { return add(b.data(), b.size()); }
     // finish - the first n bytes (at most 32) of the MAC of everything added since the last
@@ -128,7 +128,7 @@ struct RowKeys {
 
 // deriveRowKeys - the three keys, HKDF-SHA256 of dataKey with infos naming their use and the
 // file id.
-Rc deriveRowKeys(const SecretBytes& dataKey, const Bytes& fileId, RowKeys& out) noexcept;
+Rc deriveRowKeys(const SecretBytes& dataKey, const Bytes& fileId, RowKeys& out);
 
 // keyBody / requestBody - the hash of a row's large columns.
 Hash keyBody(const KeyRow& row);

@@ -34,10 +34,10 @@ struct Stash {
 };
 
 // writeStash - writes the stash for keyDbFileName atomically (temporary file, then rename).
-Rc writeStash(const std::string& keyDbFileName, const Stash& stash) noexcept;
+Rc writeStash(const std::string& keyDbFileName, const Stash& stash);
 
 // readStash - the stash: ZAVKM_ERR_PWDFILE_NOT_EXIST when there is no stash file,
 // ZAVKM_ERR_DATABASE_PASSWORD_CORRUPTION when it is not one (or is cut short).
-Rc readStash(const std::string& keyDbFileName, Stash& stash) noexcept;
+Rc readStash(const std::string& keyDbFileName, Stash& stash);
 
 }  // namespace zavkm

@@ -33,43 +33,41 @@ ModuleTable& modules() {
 
 }  // namespace
 
-Rc loadModule(const std::string& path, CK_FUNCTION_LIST*& out) noexcept {
-    return guarded([&]() -> Rc {
-        ModuleTable& t = modules();
-        std::lock_guard lock(t.mutex);
-        if (auto it = t.loaded.find(path); it != t.loaded.end()) {
-            out = it->second;
-            return ZAVKM_OK;
-        }
-        struct stat st {};
-        const bool known = ::stat(path.c_str(), &st) == 0;
-        if (auto it = t.files.find({st.st_dev, st.st_ino}); known && it != t.files.end()) {
-            t.loaded.emplace(path, it->second);
-            out = it->second;
-            return ZAVKM_OK;
-        }
-        const P11Kit* kit = p11kit();
-        if (kit == nullptr) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LIBRARY_NOT_LOADED;
-        CK_FUNCTION_LIST* f = kit->moduleLoad(path.c_str(), 0);
-        if (f == nullptr) {
-            trace("PKCS#11 module %s not loaded: %s", path.c_str(), kit->message());
-            return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LIBRARY_NOT_LOADED;
-        }
-        CK_C_INITIALIZE_ARGS args{};
-        args.flags = CKF_OS_LOCKING_OK;  // sessions of one module are used from many threads
-        CK_RV rv = f->C_Initialize(&args);
-        if (rv != CKR_OK && rv != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
-            kit->moduleRelease(f);
-            trace("C_Initialize of %s failed: CKR_ 0x%08lx", path.c_str(),
-                  static_cast<unsigned long>(rv));
-            return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LIBRARY_NOT_LOADED;
-        }
-        t.loaded.emplace(path, f);
-        if (known) t.files.emplace(std::pair{st.st_dev, st.st_ino}, f);
-        t.modules.push_back(f);
-        out = f;
+Rc loadModule(const std::string& path, CK_FUNCTION_LIST*& out) {
+    ModuleTable& t = modules();
+    std::lock_guard lock(t.mutex);
+    if (auto it = t.loaded.find(path); it != t.loaded.end()) {
+        out = it->second;
         return ZAVKM_OK;
-    });
+    }
+    struct stat st {};
+    const bool known = ::stat(path.c_str(), &st) == 0;
+    if (auto it = t.files.find({st.st_dev, st.st_ino}); known && it != t.files.end()) {
+        t.loaded.emplace(path, it->second);
+        out = it->second;
+        return ZAVKM_OK;
+    }
+    const P11Kit* kit = p11kit();
+    if (kit == nullptr) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LIBRARY_NOT_LOADED;
+    CK_FUNCTION_LIST* f = kit->moduleLoad(path.c_str(), 0);
+    if (f == nullptr) {
+        trace("PKCS#11 module %s not loaded: %s", path.c_str(), kit->message());
+        return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LIBRARY_NOT_LOADED;
+    }
+    CK_C_INITIALIZE_ARGS args{};
+    args.flags = CKF_OS_LOCKING_OK;  // sessions of one module are used from many threads
+    CK_RV rv = f->C_Initialize(&args);
+    if (rv != CKR_OK && rv != CKR_CRYPTOKI_ALREADY_INITIALIZED) {
+        kit->moduleRelease(f);
+        trace("C_Initialize of %s failed: CKR_ 0x%08lx", path.c_str(),
+              static_cast<unsigned long>(rv));
+        return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LIBRARY_NOT_LOADED;
+    }
+    t.loaded.emplace(path, f);
+    if (known) t.files.emplace(std::pair{st.st_dev, st.st_ino}, f);
+    t.modules.push_back(f);
+    out = f;
+    return ZAVKM_OK;
 }
 
 namespace {
@@ -232,52 +230,48 @@ Rc Session::open(CK_FUNCTION_LIST* module, CK_SLOT_ID s, bool readWrite) noexcep
     return ZAVKM_OK;
 }
 
-Rc Session::login(const char* pin) noexcept {
-    return guarded([&]() -> Rc {
-        LoginTable& table = logins();
-        std::lock_guard lock(table.mutex);  // held across C_Login: one login decision at a time
-        Verifier proof{};
-        if (Rc rc = verifierOf(table, pin, proof); rc != ZAVKM_OK) return rc;
-        TokenLogin& token = table.tokens[{f, slot}];
-        auto* p = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(pin));
-        CK_RV rv = f->C_Login(handle, CKU_USER, p, std::strlen(pin));
-        if (rv == CKR_USER_ALREADY_LOGGED_IN && token.holders == 0) {
-            // Logged in, but by none of our sessions: the PIN of that login is unknown here.
-            trace("token logged in outside this library: logging in again");
-            f->C_Logout(handle);
-            rv = f->C_Login(handle, CKU_USER, p, std::strlen(pin));
+Rc Session::login(const char* pin) {
+    LoginTable& table = logins();
+    std::lock_guard lock(table.mutex);  // held across C_Login: one login decision at a time
+    Verifier proof{};
+    if (Rc rc = verifierOf(table, pin, proof); rc != ZAVKM_OK) return rc;
+    TokenLogin& token = table.tokens[{f, slot}];
+    auto* p = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(pin));
+    CK_RV rv = f->C_Login(handle, CKU_USER, p, std::strlen(pin));
+    if (rv == CKR_USER_ALREADY_LOGGED_IN && token.holders == 0) {
+        // Logged in, but by none of our sessions: the PIN of that login is unknown here.
+        trace("token logged in outside this library: logging in again");
+        f->C_Logout(handle);
+        rv = f->C_Login(handle, CKU_USER, p, std::strlen(pin));
+    }
+    if (rv == CKR_USER_ALREADY_LOGGED_IN) {
+        if (CRYPTO_memcmp(proof.bytes.data(), token.verifier.bytes.data(), proof.bytes.size()) != 0) {
+            trace("C_Login: the token is logged in with another PIN");
+            return ZAVKM_ERR_DATABASE_INVALID_PASSWORD;
         }
-        if (rv == CKR_USER_ALREADY_LOGGED_IN) {
-            if (CRYPTO_memcmp(proof.bytes.data(), token.verifier.bytes.data(), proof.bytes.size()) != 0) {
-                trace("C_Login: the token is logged in with another PIN");
-                return ZAVKM_ERR_DATABASE_INVALID_PASSWORD;
-            }
-        } else if (rv == CKR_OK) {
-            token.verifier = proof;  // the module proved pin
-        } else {
-            if (token.holders == 0) table.tokens.erase({f, slot});
-            return p11Error(rv, "C_Login");
-        }
-        ++token.holders;
-        loggedIn = true;
-        return ZAVKM_OK;
-    });
+    } else if (rv == CKR_OK) {
+        token.verifier = proof;  // the module proved pin
+    } else {
+        if (token.holders == 0) table.tokens.erase({f, slot});
+        return p11Error(rv, "C_Login");
+    }
+    ++token.holders;
+    loggedIn = true;
+    return ZAVKM_OK;
 }
 
-Rc Session::changePin(const char* oldPin, const char* newPin) noexcept {
-    return guarded([&]() -> Rc {
-        LoginTable& table = logins();
-        std::lock_guard lock(table.mutex);
-        Verifier proof{};
-        if (Rc rc = verifierOf(table, newPin, proof); rc != ZAVKM_OK) return rc;
-        auto* o = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(oldPin));
-        auto* n = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(newPin));
-        CK_RV rv = f->C_SetPIN(handle, o, std::strlen(oldPin), n, std::strlen(newPin));
-        if (rv != CKR_OK) return p11Error(rv, "C_SetPIN");
-        if (auto it = table.tokens.find({f, slot}); it != table.tokens.end())
-            it->second.verifier = proof;
-        return ZAVKM_OK;
-    });
+Rc Session::changePin(const char* oldPin, const char* newPin) {
+    LoginTable& table = logins();
+    std::lock_guard lock(table.mutex);
+    Verifier proof{};
+    if (Rc rc = verifierOf(table, newPin, proof); rc != ZAVKM_OK) return rc;
+    auto* o = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(oldPin));
+    auto* n = reinterpret_cast<CK_UTF8CHAR*>(const_cast<char*>(newPin));
+    CK_RV rv = f->C_SetPIN(handle, o, std::strlen(oldPin), n, std::strlen(newPin));
+    if (rv != CKR_OK) return p11Error(rv, "C_SetPIN");
+    if (auto it = table.tokens.find({f, slot}); it != table.tokens.end())
+        it->second.verifier = proof;
+    return ZAVKM_OK;
 }
 
 void Session::close() noexcept {

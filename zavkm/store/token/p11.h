@@ -16,7 +16,7 @@ namespace zavkm {
 // loadModule - the function list of the PKCS#11 library at path, loaded and initialised on
 // first use; ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_LIBRARY_NOT_LOADED when it cannot be loaded or is
 // not a PKCS#11 library.
-Rc loadModule(const std::string& path, CK_FUNCTION_LIST*& out) noexcept;
+Rc loadModule(const std::string& path, CK_FUNCTION_LIST*& out);
 
 // finalizeModules - finalises and unloads every loaded module and forgets the PIN verifiers of
 // their logins.
@@ -59,10 +59,10 @@ class Session {
     // compared with the verifier of the PIN that logged the token in, a wrong one gives
     // ZAVKM_ERR_DATABASE_INVALID_PASSWORD and the other sessions stay logged in. A login the
     // process holds without any of our sessions is ended and made again with pin.
-    Rc login(const char* pin) noexcept;
+    Rc login(const char* pin);
     // changePin - C_SetPIN from oldPin to newPin in this logged-in session; from then on the
     // sessions that log in must prove newPin.
-    Rc changePin(const char* oldPin, const char* newPin) noexcept;
+    Rc changePin(const char* oldPin, const char* newPin);
     void close() noexcept;
     CK_FUNCTION_LIST* f = nullptr;
     CK_SESSION_HANDLE handle = CK_INVALID_HANDLE;

@@ -8,22 +8,17 @@ namespace zavkm {
 
 // TokenKeyStore - the KeyStore of an open token; t stays the caller's and locked by it. Keys
 // are generated on the token and sign there; a key pair that is not kept is destroyed again.
+// paired (may be empty) reaches the key database paired with the token.
 class TokenKeyStore final : public KeyStore {
   public:
-    explicit TokenKeyStore(TokenStore& t) : t_(t) {}
-    TokenStore& token() { return t_; }
+    TokenKeyStore(TokenStore& t, PairedStore paired) : t_(t), paired_(std::move(paired)) {}
+    bool readOnly() const override { return t_.readOnly; }
 
-    Rc keyLabels(std::vector<std::string>& out) override;
-    Rc requestLabels(std::vector<std::string>& out) override;
-    Rc checkNewLabel(const std::string& label, bool forRequest) override;
-    Rc generate(int32_t keySize, const std::string& label, std::unique_ptr<NewKey>& out) override;
-    Rc keepCertificate(NewKey& key, const std::string& label, X509* cert, bool makeDefault,
-                       const Output& output) override;
-    Rc keepRequest(NewKey& key, const std::string& label, X509_REQ* req,
-                   const Output& output) override;
+    ZAVKM_KEY_STORE_OPERATIONS
 
   private:
     TokenStore& t_;
+    PairedStore paired_;
 };
 
 // labelInUse - whether any certificate or request object on the token has label.
@@ -32,6 +27,16 @@ Rc labelInUse(TokenStore& t, const std::string& label, bool& used);
 // tokenKeyFor - the token's key pair whose public half is pub: ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL
 // when the token holds no private key with its CKA_ID.
 Rc tokenKeyFor(TokenStore& t, EVP_PKEY* pub, TokenKey& out);
+
+// tokenInsertKey - a certificate under label, with privateKey (may be null; it must match the
+// certificate) brought onto the token as its key pair: all objects or none.
+Rc tokenInsertKey(TokenStore& t, const char* label, const uint8_t* der, uint32_t length,
+                  const EVP_PKEY* privateKey);
+
+// tokenInsertReqKey - a request key under label: privateKey (matching the request) as a key
+// pair on the token plus the request object; all objects or none.
+Rc tokenInsertReqKey(TokenStore& t, const char* label, const uint8_t* der, uint32_t length,
+                     const EVP_PKEY* privateKey);
 
 // moduleTokenLabels - the labels of the tokens in the PKCS#11 module at path.
 Rc moduleTokenLabels(const std::string& path, std::vector<std::string>& out);
