@@ -43,7 +43,7 @@ Bytes sanDer(const std::string& san) {
 
 // certificateOf - the DER of an entry's certificate.
 Bytes certificateOf(ZAVKM_KeyDbHandle handle, const std::string& label) {
-    KeyItem key;
+    zavkm::KeyItemPtr key;
     check(ZAVKM_GetKeyItemByLabel(handle, label.c_str(), out(key)), "read entry " + label);
     const ZAVKM_CertItem* cert = key->certList ? key->certList->cert : nullptr;
     if (cert == nullptr)
@@ -85,7 +85,7 @@ Json selfSign(Context& ctx, const CertArgs& a) {
           "make the self-signed certificate " + a.label);
     keep(
         [&] {
-            KeyItem key;
+            zavkm::KeyItemPtr key;
             check(ZAVKM_GetKeyItemByLabel(store.handle, a.label.c_str(), out(key)), "read entry " + a.label);
             const ZAVKM_CertItem* cert = key->certList ? key->certList->cert : nullptr;
             if (!a.out.empty()) writeCert(ctx, a, Bytes(cert->der, cert->der + cert->derLength));
@@ -126,7 +126,7 @@ Json request(Context& ctx, const CertArgs& a) {
           "make the request " + a.label);
     keep(
         [&] {
-            ReqKeyItem request;
+            zavkm::ReqKeyItemPtr request;
             check(ZAVKM_GetReqKeyItemByLabel(store.handle, a.label.c_str(), out(request)),
                   "read request " + a.label);
             const ZAVKM_CertReqItem& req = *request->certReq;
@@ -191,8 +191,8 @@ Json sign(Context& ctx, const CertArgs& a) {
 
 // labelOf - the label of the personal key that holds the certificate's public key.
 Json labelOf(ZAVKM_KeyDbHandle handle, const Bytes& cert) {
-    CertList certs;
-    Owned<ZAVKM_KeyItemList, ZAVKM_FreeKeyItemList> keys;
+    zavkm::CertItemListPtr certs;
+    zavkm::KeyItemListPtr keys;
     ZAVKM_ExtractCertListFromPKCS7Data(cert.data(), size(cert), out(certs));
     if (!certs || !certs->cert) return nullptr;
     ZAVKM_GetKeyItemsByPublicKey(handle, certs->cert->spkiLength, certs->cert->spki, out(keys));
@@ -211,10 +211,10 @@ Json receive(Context& ctx, const CertArgs& a) {
 
 // heldAs - the label under which the store holds exactly this certificate, empty when none.
 std::string heldAs(ZAVKM_KeyDbHandle handle, const Bytes& der) {
-    CertList list;
+    zavkm::CertItemListPtr list;
     const ZAVKM_ReturnCode rc = ZAVKM_ExtractCertListFromPKCS7Data(der.data(), size(der), out(list));
     if (rc != ZAVKM_OK || !list || !list->cert) return "";
-    Owned<ZAVKM_KeyItemList, ZAVKM_FreeKeyItemList> keys;
+    zavkm::KeyItemListPtr keys;
     ZAVKM_GetKeyItemsByPublicKey(handle, list->cert->spkiLength, list->cert->spki, out(keys));
     for (const ZAVKM_KeyItemList* k = keys.get(); k; k = k->next) {
         const ZAVKM_CertItem* c = k->key && k->key->certList ? k->key->certList->cert : nullptr;
@@ -243,7 +243,7 @@ Json addCa(Context& ctx, const CertArgs& a) {
                       "trust anchor; --force trusts it all the same"};
     Store store(ctx);
     std::set<std::string> taken;
-    LabelList labels;
+    zavkm::LabelListPtr labels;
     check(ZAVKM_GetKeyDbLabelList(store.handle, out(labels)), "list the labels");
     for (const ZAVKM_LabelList* n = labels.get(); n && n->label; n = n->next) taken.insert(n->label);
     taken.insert(a.label);

@@ -5,7 +5,7 @@ namespace tolvik {
 namespace {
 
 Json showRequest(Context& ctx, ZAVKM_KeyDbHandle handle, const std::string& label, bool withPem) {
-    ReqKeyItem request;
+    zavkm::ReqKeyItemPtr request;
     check(ZAVKM_GetReqKeyItemByLabel(handle, label.c_str(), out(request)), "find entry " + label);
     const ZAVKM_CertReqItem& req = *request->certReq;
     std::string text = pem("CERTIFICATE REQUEST", req.der, req.derLength);
@@ -27,7 +27,7 @@ Json showRequest(Context& ctx, ZAVKM_KeyDbHandle handle, const std::string& labe
 
 Json show(Context& ctx, const std::string& label, bool withPem) {
     Store store(ctx);
-    KeyItem key;
+    zavkm::KeyItemPtr key;
     ZAVKM_ReturnCode rc = ZAVKM_GetKeyItemByLabel(store.handle, label.c_str(), out(key));
     if (rc == ZAVKM_ERR_KEY_GET_BY_LABEL) return showRequest(ctx, store.handle, label, withPem);
     check(rc, "read entry " + label);

@@ -27,15 +27,18 @@ struct FileArgs {
     bool noEncrypt = false, withRoot = false;
 };
 
-// Wiped - bytes that held a private key, wiped when they go.
-struct Wiped {
-    Bytes bytes;
-    ~Wiped() { OPENSSL_cleanse(bytes.data(), bytes.size()); }
-};
+// secretInput - the bytes of a file (as readInput reads them) that may hold a private key, in a
+// buffer that wipes them; the buffer they were read into is wiped at once.
+zavkm::SecretBytes secretInput(const std::string& path) {
+    Bytes data = readInput(path);
+    zavkm::SecretBytes secret(data.data(), data.size());
+    zavkm::wipe(data.data(), data.size());
+    return secret;
+}
 
 // labelList - the library's list of `labels`, in order; null for none.
-LabelList labelList(const std::vector<std::string>& labels) {
-    LabelList list;
+zavkm::LabelListPtr labelList(const std::vector<std::string>& labels) {
+    zavkm::LabelListPtr list;
     for (auto it = labels.rbegin(); it != labels.rend(); ++it) {
         auto* node = static_cast<ZAVKM_LabelList*>(ZAVKM_Malloc(sizeof(ZAVKM_LabelList)));
         if (node == nullptr) throw Failure{"list the labels", ZAVKM_ERR_MEMORY_ALLOCATE, ""};
@@ -81,7 +84,7 @@ Json p12Export(Context& ctx, const FileArgs& a) {
     for (const auto& [label, kind] : all)
         if (a.labels.empty() && kind == ZAVKM_ENTRY_REQUEST) leftOut.push_back(label);
     Secret pw = password(a.filePassword, "Password for " + a.file + ": ", true);
-    LabelList labels = labelList(a.labels);
+    zavkm::LabelListPtr labels = labelList(a.labels);
     Scratch scratch;
     const std::string made = scratch.file("export.p12");
     check(ZAVKM_ExportKeys(store.handle, 1, made.c_str(), pw.text.c_str(), labels.get()), what);
@@ -95,7 +98,7 @@ Json p12Export(Context& ctx, const FileArgs& a) {
     return result;
 }
 
-using P12Ptr = std::unique_ptr<PKCS12, Releaser<PKCS12_free>>;
+using P12Ptr = std::unique_ptr<PKCS12, zavkm::Deleter<PKCS12_free>>;
 
 // friendlyNames - the labels a PKCS#12 file brings, in order (a key's and its certificate's
 // once); empty when the file does not open with `password` here.
@@ -195,16 +198,15 @@ void writeKey(const Context& ctx, const std::string& path, bool der, const char*
 }
 
 // pemBody - the DER of the first PEM block of `data`, or `data` itself when it is not PEM.
-void pemBody(Wiped& data) {
-    using BioPtr = std::unique_ptr<BIO, Releaser<BIO_free_all>>;
-    BioPtr bio(BIO_new_mem_buf(data.bytes.data(), static_cast<int>(data.bytes.size())));
+void pemBody(zavkm::SecretBytes& data) {
+    using BioPtr = std::unique_ptr<BIO, zavkm::Deleter<BIO_free_all>>;
+    BioPtr bio(BIO_new_mem_buf(data.data(), static_cast<int>(data.size())));
     char* name = nullptr;
     char* header = nullptr;
     unsigned char* der = nullptr;
     long length = 0;
     if (bio && PEM_read_bio(bio.get(), &name, &header, &der, &length) == 1) {
-        OPENSSL_cleanse(data.bytes.data(), data.bytes.size());
-        data.bytes.assign(der, der + length);
+        data.assign(der, static_cast<size_t>(length));
         OPENSSL_clear_free(der, static_cast<size_t>(length));
     }
     OPENSSL_free(name);
@@ -214,10 +216,10 @@ void pemBody(Wiped& data) {
 
 Json encrypt(Context& ctx, const FileArgs& a) {
     checkOutput(ctx, a.out);
-    Wiped key{readInput(a.in)};
+    const zavkm::SecretBytes key = secretInput(a.in);
     Secret pw = password(a.filePassword, "Password for " + a.out + ": ", true);
-    EpkiItem epki;
-    check(ZAVKM_GetEPKIItemFromPrivateKey(key.bytes.data(), static_cast<uint32_t>(key.bytes.size()),
+    zavkm::EPKIPtr epki;
+    check(ZAVKM_GetEPKIItemFromPrivateKey(key.data(), static_cast<uint32_t>(key.size()),
                                           pw.text.c_str(), out(epki)),
           "encrypt the key in " + a.in);
     writeKey(ctx, a.out, a.der, "ENCRYPTED PRIVATE KEY", epki->der, epki->derLength);
@@ -226,11 +228,11 @@ Json encrypt(Context& ctx, const FileArgs& a) {
 
 Json decrypt(Context& ctx, const FileArgs& a) {
     checkOutput(ctx, a.out);
-    Wiped data{readInput(a.in)};
+    zavkm::SecretBytes data = secretInput(a.in);
     pemBody(data);
-    ZAVKM_EPKIItem epki{data.bytes.data(), static_cast<uint32_t>(data.bytes.size())};
+    ZAVKM_EPKIItem epki{data.data(), static_cast<uint32_t>(data.size())};
     Secret pw = password(a.filePassword, "Password of " + a.in + ": ", false);
-    PrivKeyInfo key;
+    zavkm::PrivKeyInfoPtr key;
     check(ZAVKM_GetPrivKeyInfoItemFromEPKIItem(&epki, pw.text.c_str(), out(key)), "decrypt " + a.in);
     writeKey(ctx, a.out, a.der, "PRIVATE KEY", key->der, key->derLength);
     return changed(Json::array(), Json::array({file(a.out, "private key")}));
@@ -238,15 +240,15 @@ Json decrypt(Context& ctx, const FileArgs& a) {
 
 // privateKey - the PKCS#8 DER of a personal key's private key: exported by the library in a
 // PKCS#12 file under a random password in the scratch directory, and read back from it.
-Wiped privateKey(ZAVKM_KeyDbHandle handle, const std::string& label) {
+zavkm::SecretBytes privateKey(ZAVKM_KeyDbHandle handle, const std::string& label) {
     unsigned char random[24];
     if (RAND_bytes(random, sizeof random) != 1) throw Failure{"make a password", ZAVKM_ERR_CRYPTO, ""};
     Secret pw;
     for (unsigned char b : random) pw.text += "0123456789abcdef"[b & 15];
-    OPENSSL_cleanse(random, sizeof random);
+    zavkm::wipe(random, sizeof random);
     Scratch scratch;
     const std::string made = scratch.file("key.p12");
-    LabelList labels = labelList({label});
+    zavkm::LabelListPtr labels = labelList({label});
     check(ZAVKM_ExportKeys(handle, 1, made.c_str(), pw.text.c_str(), labels.get()),
           "read the private key of " + label);
     Bytes p12 = readInput(made);
@@ -258,7 +260,6 @@ Wiped privateKey(ZAVKM_KeyDbHandle handle, const std::string& label) {
     const bool ok = parsed && PKCS12_parse(parsed.get(), pw.text.c_str(), &key, &cert, &chain) == 1 && key;
     X509_free(cert);
     sk_X509_pop_free(chain, X509_free);
-    Wiped der;
     PKCS8_PRIV_KEY_INFO* info = ok ? EVP_PKEY2PKCS8(key) : nullptr;
     EVP_PKEY_free(key);
     unsigned char* bytes = nullptr;
@@ -266,7 +267,13 @@ Wiped privateKey(ZAVKM_KeyDbHandle handle, const std::string& label) {
     PKCS8_PRIV_KEY_INFO_free(info);
     ERR_clear_error();
     if (n <= 0) throw Failure{"read the private key of " + label, ZAVKM_ERR_INVALID_PKCS12_DATA, ""};
-    der.bytes.assign(bytes, bytes + n);
+    zavkm::SecretBytes der;
+    try {
+        der.assign(bytes, static_cast<size_t>(n));
+    } catch (...) {
+        OPENSSL_clear_free(bytes, static_cast<size_t>(n));
+        throw;
+    }
     OPENSSL_clear_free(bytes, static_cast<size_t>(n));
     return der;
 }
@@ -285,7 +292,7 @@ Json pemExport(Context& ctx, const FileArgs& a) {
     if (!any) throw UsageError{"say what to write: --cert, --chain, --fullchain, --key or --bundle FILE"};
     const std::string label = a.labels.front();
     Store store(ctx);
-    KeyItem item;
+    zavkm::KeyItemPtr item;
     check(ZAVKM_GetKeyItemByLabel(store.handle, label.c_str(), out(item)), "read entry " + label);
     std::string leaf, chain;
     for (const ZAVKM_CertItemList* node = item->certList; node && node->cert; node = node->next) {
@@ -302,13 +309,13 @@ Json pemExport(Context& ctx, const FileArgs& a) {
     if (!a.key.empty() || !a.bundle.empty()) {
         if (!item->hasPrivateKey)
             throw Failure{"export the key of " + label, ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL, ""};
-        Wiped der = privateKey(store.handle, label);
+        const zavkm::SecretBytes der = privateKey(store.handle, label);
         if (a.noEncrypt) {
-            key.text = pem("PRIVATE KEY", der.bytes.data(), der.bytes.size());
+            key.text = pem("PRIVATE KEY", der.data(), der.size());
         } else {
             Secret pw = password(a.filePassword, "Password for the key of " + label + ": ", true);
-            EpkiItem epki;
-            check(ZAVKM_GetEPKIItemFromPrivateKey(der.bytes.data(), static_cast<uint32_t>(der.bytes.size()),
+            zavkm::EPKIPtr epki;
+            check(ZAVKM_GetEPKIItemFromPrivateKey(der.data(), static_cast<uint32_t>(der.size()),
                                                   pw.text.c_str(), out(epki)),
                   "encrypt the key of " + label);
             key.text = pem("ENCRYPTED PRIVATE KEY", epki->der, epki->derLength);

@@ -32,13 +32,13 @@ void toEntry(const ZAVKM_Entry& e, Entry& out) {
 // fillDer - the certificate (or request) of an entry the library listed without it.
 void fillDer(ZAVKM_KeyDbHandle handle, Entry& e) {
     if (e.kind == ZAVKM_ENTRY_REQUEST) {
-        ReqKeyItem request;
+        zavkm::ReqKeyItemPtr request;
         check(ZAVKM_GetReqKeyItemByLabel(handle, e.label.c_str(), out(request)),
               "read request " + e.label);
         if (request->certReq) e.der.assign(request->certReq->der, request->certReq->der + request->certReq->derLength);
         return;
     }
-    KeyItem key;
+    zavkm::KeyItemPtr key;
     check(ZAVKM_GetKeyItemByLabel(handle, e.label.c_str(), out(key)), "read entry " + e.label);
     const ZAVKM_CertItem* cert = key->certList ? key->certList->cert : nullptr;
     if (cert) e.der.assign(cert->der, cert->der + cert->derLength);
@@ -48,10 +48,10 @@ void fillDer(ZAVKM_KeyDbHandle handle, Entry& e) {
 // validity comes from each certificate's DER (the records' times stop at 2038).
 std::vector<Entry> entriesByLabel(ZAVKM_KeyDbHandle handle) {
     std::vector<Entry> all;
-    LabelList labels;
+    zavkm::LabelListPtr labels;
     check(ZAVKM_GetKeyDbLabelList(handle, out(labels)), "list the labels");
     for (const ZAVKM_LabelList* node = labels.get(); node && node->label; node = node->next) {
-        KeyItem key;
+        zavkm::KeyItemPtr key;
         check(ZAVKM_GetKeyItemByLabel(handle, node->label, out(key)),
               "read entry " + std::string(node->label));
         Entry e;
@@ -71,7 +71,7 @@ std::vector<Entry> entriesByLabel(ZAVKM_KeyDbHandle handle) {
     }
     check(ZAVKM_GetReqKeyDbLabelList(handle, out(labels)), "list the request labels");
     for (const ZAVKM_LabelList* node = labels.get(); node && node->label; node = node->next) {
-        ReqKeyItem request;
+        zavkm::ReqKeyItemPtr request;
         check(ZAVKM_GetReqKeyItemByLabel(handle, node->label, out(request)),
               "read request " + std::string(node->label));
         Entry e;
@@ -304,8 +304,7 @@ std::vector<Entry> listing(ZAVKM_KeyDbHandle handle, bool der, uint32_t& damaged
         ZAVKM_ListEntriesX(handle, der ? ZAVKM_LIST_DER : 0, &list, &count, &damaged);
     if (rc == ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT) return entriesByLabel(handle);
     check(rc, "list the entries");
-    std::unique_ptr<ZAVKM_Entry, std::function<void(ZAVKM_Entry*)>> owned(
-        list, [count](ZAVKM_Entry* e) { ZAVKM_FreeEntries(e, count); });
+    const zavkm::EntriesPtr owned(list, count);
     std::vector<Entry> entries;
     entries.reserve(count);
     for (uint32_t i = 0; i < count; ++i) {

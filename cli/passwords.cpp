@@ -1,7 +1,6 @@
 // passwords.cpp - where passwords come from (a file, an environment variable, the stash file, a
 // prompt without echo on the terminal, or the command line when the user insists), and opening
 // a store with one.
-#include <openssl/crypto.h>
 #include <signal.h>
 #include <termios.h>
 #include <unistd.h>
@@ -14,7 +13,7 @@
 
 namespace tolvik {
 
-Secret::~Secret() { OPENSSL_cleanse(text.data(), text.capacity()); }
+Secret::~Secret() { zavkm::wipe(text.data(), text.capacity()); }
 
 void addPasswordOptions(CLI::App* cmd, PasswordSource& source, const std::string& name,
                         const std::string& what) {
@@ -36,7 +35,7 @@ Secret fromSource(const PasswordSource& s) {
         Bytes data = readInput(s.file);  // a FIFO without a writer does not block
         const auto end = std::find(data.begin(), data.end(), '\n');
         secret.text.assign(data.begin(), end);
-        OPENSSL_cleanse(data.data(), data.size());
+        zavkm::wipe(data.data(), data.size());
         if (!secret.text.empty() && secret.text.back() == '\r') secret.text.pop_back();
     } else if (!s.env.empty()) {
         const char* value = std::getenv(s.env.c_str());

@@ -26,7 +26,7 @@ KeyStoreDescriptor tokenStore(const Context& ctx) {
 
 // tokenLabels - the tokens of a module; the empty module name asks for the providers.
 Json tokenLabels(const std::string& module, const std::string& what, const char* key) {
-    LabelList labels;
+    zavkm::LabelListPtr labels;
     check(ZAVKM_GetCryptoTokenLabelList(module.c_str(), out(labels)), "list " + what);
     return {{key, labelsJson(labels.get())}};
 }

@@ -14,6 +14,7 @@
 
 #include "zavkm.h"
 #include "zavkm_ext.h"
+#include "zavkm.hpp"
 
 namespace tolvik {
 
@@ -83,35 +84,10 @@ struct Context {
 
 // ---- owned library records -----------------------------------------------------------------
 
-template <auto Release>
-struct Releaser {
-    template <class T>
-    void operator()(T* p) const noexcept {
-        Release(p);
-    }
-};
-template <class T, auto Release>
-using Owned = std::unique_ptr<T, Releaser<Release>>;
-using LabelList = Owned<ZAVKM_LabelList, ZAVKM_FreeLabelList>;
-using KeyItem = Owned<ZAVKM_KeyItem, ZAVKM_FreeKeyItem>;
-using ReqKeyItem = Owned<ZAVKM_ReqKeyItem, ZAVKM_FreeReqKeyItem>;
-using CertList = Owned<ZAVKM_CertItemList, ZAVKM_FreeCertItemList>;
-using EpkiItem = Owned<ZAVKM_EPKIItem, ZAVKM_FreeEPKIItem>;
-using PrivKeyInfo = Owned<ZAVKM_PrivKeyInfoItem, ZAVKM_FreePrivKeyInfoItem>;
-
-// out - the address an operation writes a record to; the record lands in `owner` at the end of
-// the full expression, also when a failure is thrown.
-template <class P>
-struct Out {
-    P& owner;
-    typename P::pointer raw = nullptr;
-    ~Out() { owner.reset(raw); }
-    operator typename P::pointer *() { return &raw; }
-};
-template <class P>
-Out<P> out(P& owner) {
-    return Out<P>{owner};
-}
+// The owners of zavkm.hpp hold what the library hands out (zavkm::KeyItemPtr, ...); Owned
+// holds OpenSSL objects the same way, and out(owner) is the out-parameter that fills one.
+using zavkm::Owned;
+using zavkm::out;
 
 // Store - an open store, closed when it goes. Opens the context's key database (or token or
 // provider) with the password the context's sources give.

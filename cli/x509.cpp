@@ -349,7 +349,7 @@ Bytes extensionsDer(const std::vector<ExtensionArg>& args) {
 }
 
 std::vector<Bytes> certificates(const Bytes& data, const std::string& what) {
-    CertList list;
+    zavkm::CertItemListPtr list;
     check(ZAVKM_ExtractCertListFromPKCS7Data(data.data(), static_cast<uint32_t>(data.size()), out(list)),
           "read the certificates of " + what);
     std::vector<Bytes> certs;

@@ -112,8 +112,8 @@ ZAVKJNI_NATIVE(jint, CMSKeyDatabase, c_1BuildKeyLabelList)(JNIEnv* env, jobject 
     KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
     jmethodID addKeyLabel = env->GetMethodID(cls, "addKeyLabel", sig::labelCallback);
     if (addKeyLabel == nullptr) return ZAVKM_ERR_PARAMETER;  // before the file is opened
-    LabelListRecord keyLabels;
-    LabelListRecord reqLabels;
+    zavkm::LabelListPtr keyLabels;
+    zavkm::LabelListPtr reqLabels;
     ZAVKM_ReturnCode rc = withKeyDb(strings, db, [&](ZAVKM_KeyDbHandle handle) {
         ZAVKM_ReturnCode listed = ZAVKM_GetKeyDbLabelList(handle, out(keyLabels));
         if (listed == 0) listed = ZAVKM_GetReqKeyDbLabelList(handle, out(reqLabels));
@@ -189,7 +189,7 @@ ZAVKJNI_NATIVE(jobject, CMSKeyDatabase, c_1GetDefaultKeyItem)(JNIEnv* env, jobje
     if (!hasClass(env, self)) return nullptr;
     JavaStrings strings(env);
     KeyDbNames db = takeKeyDbNames(strings, keyDbFileName, keyDbPwd);
-    KeyRecord key;
+    zavkm::KeyItemPtr key;
     withKeyDb(strings, db, [&](ZAVKM_KeyDbHandle handle) {
         return ZAVKM_GetDefaultKeyItem(handle, out(key));
     });
@@ -289,7 +289,7 @@ template <class CreateNew, class MakeAgain>
 jint createRequest(JNIEnv* env, const JavaStrings& strings, KeyDbNames db, jboolean isNewCertReq,
                    jobject dnItem, CreateNew createNew, MakeAgain makeAgain) noexcept {
     if (!isNewCertReq) return withKeyDb(strings, db, makeAgain);
-    DNRecord dn;
+    zavkm::DNPtr dn;
     JavaDNItem2CDN(env, dnItem, out(dn));
     if (!dn) return ZAVKM_ERR_INVALID_DN_INPUT;
     return withKeyDb(strings, db,
@@ -517,7 +517,7 @@ ZAVKJNI_NATIVE(jobject, CMSKeyDatabase, c_1EncryptPrivateKey)(JNIEnv* env, jobje
     const char* password = strings.take(keyDbPwd, msg::keyDbPwd);
     if (privateKeyDataLen <= 0 || strings.missing()) return nullptr;
     if (privateKey.from(env, privateKeyData, privateKeyDataLen) == nullptr) return nullptr;
-    EPKIRecord epki;  // released even when it comes back with a failure code
+    zavkm::EPKIPtr epki;  // released even when it comes back with a failure code
     ZAVKM_ReturnCode rc = ZAVKM_GetEPKIItemFromPrivateKey(
         privateKey.data, static_cast<uint32_t>(privateKeyDataLen), password, out(epki));
     traceMessage("JNI_DEBUG......ZAVKM_GetEPKIItemFromPrivateKey returns %d\n", rc);
@@ -537,12 +537,12 @@ ZAVKJNI_NATIVE(jobject, CMSKeyDatabase, c_1DecryptPrivateKey)(JNIEnv* env, jobje
     auto* record = static_cast<ZAVKM_EPKIItem*>(ZAVKM_Malloc(32));
     if (record == nullptr) return nullptr;
     ZAVKM_InitEPKIItem(&record);
-    EPKIRecord epki(record);
+    zavkm::EPKIPtr epki(record);
     if (!epki) return nullptr;
     epki->der = encrypted.data;  // from here the buffer belongs to the record
     epki->derLength = static_cast<uint32_t>(epkiDataLen);
     encrypted.data = nullptr;
-    PKIRecord pki;
+    zavkm::PrivKeyInfoPtr pki;
     ZAVKM_ReturnCode rc = ZAVKM_GetPrivKeyInfoItemFromEPKIItem(epki.get(), password, out(pki));
     traceMessage("JNI_DEBUG......ZAVKM_GetPrivKeyInfoItemFromEPKIItem returns %d\n", rc);
     jobject result = rc == 0 ? getJavaPrivKeyInfoItem(env, pki.get()) : nullptr;
@@ -743,7 +743,7 @@ ZAVKJNI_NATIVE(jobjectArray, CMSKeyDatabase, c_1ExtractCertFromPKCS7Data)(
     ZAVKM_ReturnCode rc = KM_ReadCertFileToBuf(certFile, isBase64, &data.data, &data.length);
     strings.release();  // given back at once, before the data is used
     if (rc != 0) return nullptr;
-    CertListRecord certs;
+    zavkm::CertItemListPtr certs;
     if (ZAVKM_ExtractCertListFromPKCS7Data(data.data, data.length, out(certs)) != 0) {
         return nullptr;
     }

@@ -52,7 +52,7 @@ ZAVKJNI_NATIVE(jint, CryptographicToken, c_1GetCryptoTokenLabelList)(
     JavaStrings strings(env);
     const char* moduleName = strings.take(cryptographicModuleName, msg::moduleName);
     if (strings.missing()) return ZAVKM_ERR_PARAMETER;
-    LabelListRecord labels;  // released even when it comes back with a failure code
+    zavkm::LabelListPtr labels;  // released even when it comes back with a failure code
     ZAVKM_ReturnCode rc = ZAVKM_GetCryptoTokenLabelList(moduleName, out(labels));
     if (rc == 0) deliverLabels(env, labels.get(), {cls, addTokenLabel, true}, labelTraceNone);
     return rc;
@@ -116,12 +116,12 @@ ZAVKJNI_NATIVE(jint, CryptographicToken, c_1BuildKeyLabelList)(
     return withToken(strings, token, [&](ZAVKM_KeyDbHandle handle) {
         ZAVKM_ReturnCode rc;
         {
-            LabelListRecord keys;
+            zavkm::LabelListPtr keys;
             rc = ZAVKM_GetKeyDbLabelList(handle, out(keys));
             if (rc == 0) rc = deliverSortedLabels(env, handle, keys.get(), {self, nullptr, personal, signer});
         }
         if (rc != 0) return rc;
-        LabelListRecord requests;
+        zavkm::LabelListPtr requests;
         rc = ZAVKM_GetReqKeyDbLabelList(handle, out(requests));
         if (rc == 0) deliverLabels(env, requests.get(), {self, request, false}, labelTraceNone);
         return rc;
@@ -298,7 +298,7 @@ namespace {
 // is released after the token is closed, also when it did not open, then the strings go back.
 template <class Create>
 jint createOnToken(JNIEnv* env, jobject dnItem, JavaStrings& strings, Create create) noexcept {
-    DNRecord dn;
+    zavkm::DNPtr dn;
     JavaDNItem2CDN(env, dnItem, out(dn));
     if (!dn) return ZAVKM_ERR_INVALID_DN_INPUT;
     ZAVKM_ReturnCode rc = create(static_cast<const ZAVKM_DNItem*>(dn.get()));

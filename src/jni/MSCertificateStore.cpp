@@ -52,7 +52,7 @@ ZAVKJNI_NATIVE(jint, MSCertificateStore, c_1GetCSPNameList)(JNIEnv* env, jclass 
     jmethodID addCSPName = env->GetStaticMethodID(cls, "addCSPName", sig::labelCallback);
     if (addCSPName == nullptr) return ZAVKM_ERR_PARAMETER;
     // An empty module name asks for the provider names; no store is opened.
-    LabelListRecord names;
+    zavkm::LabelListPtr names;
     ZAVKM_ReturnCode rc = ZAVKM_GetCryptoTokenLabelList("", out(names));
     if (rc == 0) deliverLabels(env, names.get(), {cls, addCSPName, true}, labelTraceNone);
     return rc;
@@ -73,7 +73,7 @@ ZAVKJNI_NATIVE(jint, MSCertificateStore, c_1BuildKeyLabelList)(JNIEnv* env, jobj
     JavaStrings strings(env);
     StoreNames store = takeStoreNames(strings, cspName, password);
     return withCertStore(strings, store, [&](ZAVKM_KeyDbHandle handle) {
-        LabelListRecord labels;  // released before the store is closed
+        zavkm::LabelListPtr labels;  // released before the store is closed
         ZAVKM_ReturnCode rc = ZAVKM_GetKeyDbLabelList(handle, out(labels));
         if (rc != 0) return rc;
         return deliverSortedLabels(env, handle, labels.get(), {self, all, personal, signer});

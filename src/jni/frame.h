@@ -18,6 +18,7 @@
 #include "marshal/records.h"
 #include "trace/trace.h"
 #include "zavkm.h"
+#include "zavkm.hpp"
 
 #define ZAVKJNI_NATIVE(type, cls, method) \
     extern "C" JNIEXPORT type JNICALL Java_com_norvex_zav_tolvik_basic_##cls##_##method
@@ -104,7 +105,7 @@ struct JavaBytes {
     JavaBytes& operator=(const JavaBytes&) = delete;
     // The copy may hold a private key: wiped before it is freed.
     ~JavaBytes() {
-        if (data != nullptr) explicit_bzero(data, length);
+        zavkm::wipe(data, length);
         free(data);
     }
     // from converts array when its length equals expectedLength (traced); else data stays null.
@@ -140,38 +141,9 @@ struct LibraryBlock {
     }
 };
 
-// Records the library returned, each released with its own operation.
-template <auto Release>
-struct ReleaseWith {
-    template <class T>
-    void operator()(T* record) const noexcept { Release(record); }
-};
-using DNRecord = std::unique_ptr<ZAVKM_DNItem, ReleaseWith<ZAVKM_FreeDNItem>>;
-using KeyRecord = std::unique_ptr<ZAVKM_KeyItem, ReleaseWith<ZAVKM_FreeKeyItem>>;
-using KeyListRecord = std::unique_ptr<ZAVKM_KeyItemList, ReleaseWith<ZAVKM_FreeKeyItemList>>;
-using LabelListRecord = std::unique_ptr<ZAVKM_LabelList, ReleaseWith<ZAVKM_FreeLabelList>>;
-using CertListRecord = std::unique_ptr<ZAVKM_CertItemList, ReleaseWith<ZAVKM_FreeCertItemList>>;
-using EPKIRecord = std::unique_ptr<ZAVKM_EPKIItem, ReleaseWith<ZAVKM_FreeEPKIItem>>;
-using PKIRecord = std::unique_ptr<ZAVKM_PrivKeyInfoItem, ReleaseWith<ZAVKM_FreePrivKeyInfoItem>>;
-
-// Out-parameter adapter: `ZAVKM_GetX(handle, out(record))` fills a unique_ptr.
-template <class Record>
-class OutRecord {
-public:
-    explicit OutRecord(Record& record) noexcept : record_(record) {}
-    ~OutRecord() { record_.reset(raw_); }
-    OutRecord(const OutRecord&) = delete;
-    OutRecord& operator=(const OutRecord&) = delete;
-    operator typename Record::pointer*() noexcept { return &raw_; }
-
-private:
-    Record& record_;
-    typename Record::pointer raw_ = nullptr;
-};
-template <class Record>
-OutRecord<Record> out(Record& record) noexcept {
-    return OutRecord<Record>(record);
-}
+// Records the library returned are held by the owners of zavkm.hpp (KeyItemPtr, EPKIPtr, ...),
+// each released with its own operation; out(owner) is the out-parameter that fills one.
+using zavkm::out;
 
 // The key database file and password every key-database native takes first.
 struct KeyDbNames {
@@ -284,7 +256,7 @@ ZAVKM_ReturnCode deliverSortedLabels(JNIEnv* env, ZAVKM_KeyDbHandle handle,
 template <class Lookup>
 jobjectArray keyItemArray(JNIEnv* env, ZAVKM_KeyDbHandle handle, const char* gotTrace,
                           Lookup lookup) noexcept {
-    KeyListRecord list;
+    zavkm::KeyItemListPtr list;
     ZAVKM_ReturnCode rc = lookup(handle, out(list));
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -309,7 +281,7 @@ jint createSelfSigned(JNIEnv* env, JavaStrings& strings, jobject dnItem,
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
     traceMessage("JNI_DEBUG......to call JavaDNItem2CDN()\n");
-    DNRecord dn;
+    zavkm::DNPtr dn;
     JavaDNItem2CDN(env, dnItem, out(dn));
     ZAVKM_ReturnCode rc = ZAVKM_ERR_INVALID_DN_INPUT;
     if (dn) {

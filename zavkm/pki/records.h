@@ -2,8 +2,9 @@
 //
 // Every record, text and byte block handed over the ABI is allocated with calloc/malloc, so the
 // caller may release it with ZAVKM_Free or the release operation of its type, and the release
-// operations accept records the caller built with malloc and ZAVKM_Strdup. The Owned aliases
-// hold a record while it is being built; release() hands it to the caller.
+// operations accept records the caller built with malloc and ZAVKM_Strdup. The owners of
+// zavkm.hpp (and CertItemPtr, CertReqItemPtr below) hold a record while it is being built;
+// release() hands it to the caller.
 #pragma once
 
 #include <cstdlib>
@@ -26,16 +27,10 @@ void freeKeyItem(ZAVKM_KeyItem* key) noexcept;
 void freeReqKeyItem(ZAVKM_ReqKeyItem* key) noexcept;
 void freeKeyItemList(ZAVKM_KeyItemList* list) noexcept;
 
-using DNPtr = Owned<ZAVKM_DNItem, freeDN>;
+// The records the ABI releases have their owners in zavkm.hpp (DNPtr, KeyItemPtr, ...); these
+// two have no release operation of their own there.
 using CertItemPtr = Owned<ZAVKM_CertItem, freeCertItem>;
-using CertItemListPtr = Owned<ZAVKM_CertItemList, freeCertItemList>;
 using CertReqItemPtr = Owned<ZAVKM_CertReqItem, freeCertReqItem>;
-using EPKIPtr = Owned<ZAVKM_EPKIItem, freeEPKI>;
-using PrivKeyInfoPtr = Owned<ZAVKM_PrivKeyInfoItem, freePrivKeyInfo>;
-using LabelListPtr = Owned<ZAVKM_LabelList, freeLabelList>;
-using KeyItemPtr = Owned<ZAVKM_KeyItem, freeKeyItem>;
-using ReqKeyItemPtr = Owned<ZAVKM_ReqKeyItem, freeReqKeyItem>;
-using KeyItemListPtr = Owned<ZAVKM_KeyItemList, freeKeyItemList>;
 
 // newRecord - a zeroed record from calloc; throws std::bad_alloc when memory runs out.
 template <class T>
