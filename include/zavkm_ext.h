@@ -11,8 +11,9 @@
  * ZAVKM_ListEntriesX lists the same way, but lists what is sound when rows are damaged and
  * counts the damaged ones in *damaged (0 for a whole listing): a caller must show that the
  * listing is partial. flags: ZAVKM_LIST_DER. On a token or platform-store handle it lists the
- * token's certificates (personal when the token holds their private key, trusted as the token
- * marks its anchors) and request keys, with exact times; rowId is 0 there.
+ * token's certificates (personal when the token holds their private key; default and trusted as
+ * the token's flags object marks them, else trusted as the token marks its anchors) and request
+ * keys, with exact times; rowId is 0 there.
  *
  * ZAVKM_GetPasswordExpiry gives when the password of an open key database expires, in seconds
  * since 1970 (0: it never does), as the database held it when the handle was opened.
