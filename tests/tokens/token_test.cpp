@@ -382,7 +382,8 @@ TEST_F(TokenTest, FipsModeRefusesWeakSignaturesComingIn) {
                   "rsa:2048 -$w -keyout $w.key -subj /CN=$w -days 30 -out $w.pem || exit 1; done && "
                   "openssl req -x509 -nodes -newkey rsa:1024 -keyout small.key -subj /CN=small -out "
                   "small.pem && openssl req -new -key sha1.key -sha1 -subj /CN=r -out sha1.csr && "
-                  "openssl req -x509 -nodes -newkey ed448 -keyout ed.key -subj /CN=ed -out ed.pem")
+                  "openssl req -x509 -nodes -newkey ed448 -keyout ed.key -subj /CN=ed -out ed.pem && "
+                  "openssl pkcs12 -export -nokeys -in md5.pem -passout pass:Pfx-passw0rd -out md5.p12")
                   .status, 0);
     ASSERT_EQ(open(token()), ZAVKM_OK);
     ZAVKM_KeyDbHandle db = 0;
@@ -429,6 +430,8 @@ TEST_F(TokenTest, FipsModeRefusesWeakSignaturesComingIn) {
                  return ZAVKM_ReceiveCert(h, c.data(), size(c), 0); }, weak},
             {"a SHA-1 renewal", [&] { auto c = in("renewed-sha1.pem"); return ZAVKM_RenewCert(h, c.data(), size(c)); }, weak},
             {"a SHA-256 renewal", [&] { return ZAVKM_RenewCert(h, renewed.data(), size(renewed)); }, ZAVKM_OK},
+            {"an MD5 certificate in a PKCS#12 file", [&] {
+                 return ZAVKM_ImportKeysFromPFXFile(h, (dir + "/md5.p12").c_str(), "Pfx-passw0rd"); }, weak},
         };
         for (bool fips : {true, false}) {
             pass = fips ? "fips " : "";

@@ -1,8 +1,7 @@
 // api_keys.cpp - label lists, key lookups, inserting, deleting and flagging keys, and private
 // keys under a password.
-#include "store/file/entries.h"
 #include "store/file/epki.h"
-#include "store/file/keyitems.h"
+#include "store/file/filestore.h"
 #include "api/session.h"
 #include "store/token/keyflags.h"
 #include "store/token/tokenkeys.h"
@@ -32,13 +31,6 @@ Rc decodeKeyData(const SecretBytes& secret, const KeyDb* kdb, const uint8_t* key
 }
 Rc decodeKeyData(const KeyDb& kdb, const uint8_t* key, uint32_t keyLength, PkeyPtr& out) {
     return decodeKeyData(kdb.password, &kdb, key, keyLength, out);
-}
-
-// sealKey - the private key of key as its row keeps it: PKCS#8, sealed under the data key.
-Rc sealKey(const KeyDb& kdb, EVP_PKEY* key, const Bytes& spki, Bytes& sealed) {
-    SecretBytes pkcs8 = pkcs8Of(key);
-    if (pkcs8.empty()) return sslError(ZAVKM_ERR_ASN);
-    return sealPrivateKey(kdb, pkcs8, spki, sealed);
 }
 
 }  // namespace
@@ -96,19 +88,9 @@ ZAVKM_ReturnCode ZAVKM_IsPrivateKeyPresent(ZAVKM_KeyDbHandle handle, const char*
 }
 
 ZAVKM_ReturnCode ZAVKM_GetDefaultKeyItem(ZAVKM_KeyDbHandle handle, ZAVKM_KeyItem** key) noexcept {
-    return withStore(__func__, handle, {key}, [&](KeyDb& kdb) -> Rc {
-        *key = nullptr;
-        KeyItemPtr item;
-        Rc rc = readView(kdb, [&](View& v) -> Rc {
-            std::optional<KeyRow> row;
-            if (Rc found = findDefaultKey(v, row); found != ZAVKM_OK) return found;
-            if (!row) return ZAVKM_ERR_KEYDB_DEFAULT_KEY_NULL;
-            return keyItemOf(v, *row, item);
-        });
-        if (rc != ZAVKM_OK) return rc;
-        *key = item.release();
-        return ZAVKM_OK;
-    }, [&](TokenStore& t) { return tokenDefaultKeyItem(t, key); });
+    return withStore(
+        __func__, handle, {key}, [&](KeyDb& kdb) { return fileDefaultKeyItem(kdb, key); },
+        [&](TokenStore& t) { return tokenDefaultKeyItem(t, key); });
 }
 
 ZAVKM_ReturnCode ZAVKM_GetKeyItemsByPublicKey(ZAVKM_KeyDbHandle handle, uint32_t publicKeyLength,
@@ -130,54 +112,28 @@ ZAVKM_ReturnCode ZAVKM_DeleteRequestKeyPair(ZAVKM_KeyDbHandle handle, const char
 }
 
 ZAVKM_ReturnCode ZAVKM_SetDefaultKeyByLabel(ZAVKM_KeyDbHandle handle, const char* label) noexcept {
-    return withStore(__func__, handle, {label}, {labelArg(label)}, [&](KeyDb& kdb) {
-        return writeView(kdb, [&](View& v) -> Rc {
-            std::optional<KeyRow> row;
-            if (Rc rc = findKey(v, label, row); rc != ZAVKM_OK) return rc;
-            if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
-            if (row->privateKey.empty()) return ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL;
-            return setDefaultKey(v, label);
-        });
-    }, [&](TokenStore& t) { return setTokenDefault(t, label); });
+    return withStore(
+        __func__, handle, {label}, {labelArg(label)},
+        [&](KeyDb& kdb) { return setFileDefault(kdb, label); },
+        [&](TokenStore& t) { return setTokenDefault(t, label); });
 }
 
 ZAVKM_ReturnCode ZAVKM_SetTrustStatus(ZAVKM_KeyDbHandle handle, const char* label,
                                       uint8_t trusted) noexcept {
-    return withStore(__func__, handle, {label}, {labelArg(label)}, [&](KeyDb& kdb) {
-        return writeView(kdb, [&](View& v) { return setTrusted(v, label, trusted != 0); });
-    }, [&](TokenStore& t) { return setTokenTrust(t, label, trusted != 0); });
+    return withStore(
+        __func__, handle, {label}, {labelArg(label)},
+        [&](KeyDb& kdb) { return setFileTrust(kdb, label, trusted != 0); },
+        [&](TokenStore& t) { return setTokenTrust(t, label, trusted != 0); });
 }
 
 ZAVKM_ReturnCode ZAVKM_InsertKey(ZAVKM_KeyDbHandle handle, const char* label, uint32_t certLength,
                                  const uint8_t* cert, uint32_t keyLength, const uint8_t* key,
                                  uint8_t makeDefault, uint8_t trusted) noexcept {
     return withStore(__func__, handle, {label, cert}, {labelArg(label)}, [&](KeyDb& kdb) -> Rc {
-        if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
-        if (key == nullptr && keyLength != 0) return ZAVKM_ERR_NULL_PARAMETER;
-        X509Ptr x509;
-        EVP_PKEY* publicKey = nullptr;
-        if (Rc rc = readPolicyCertificate(cert, certLength, x509, publicKey); rc != ZAVKM_OK)
-            return rc;
-        KeyRow row;
-        row.label = label;
-        row.cert = derOf(x509.get());
-        row.spki = spkiOf(publicKey);
-        row.subject = derOf(X509_get_subject_name(x509.get()));
-        KeyInfo info = keyInfo(publicKey);
-        row.keyType = info.algorithm;
-        row.keyBits = info.bits;
-        row.trusted = trusted != 0;
-        if (key != nullptr && keyLength != 0) {
-            PkeyPtr privateKey;
-            if (Rc rc = decodeKeyData(kdb, key, keyLength, privateKey); rc != ZAVKM_OK) return rc;
-            if (!sameKey(privateKey.get(), publicKey)) return ZAVKM_ERR_VALIDATION_KEY_PAIR;
-            if (Rc rc = sealKey(kdb, privateKey.get(), row.spki, row.privateKey); rc != ZAVKM_OK)
-                return rc;
-            row.isDefault = makeDefault != 0;
-        } else if (makeDefault != 0) {
-            return ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL;  // only a personal key can be the default
-        }
-        return writeView(kdb, [&](View& v) { return insertKey(v, row, x509.get()); });
+        return fileInsertKey(
+            kdb, label, cert, certLength, key, keyLength,
+            [&](PkeyPtr& out) { return decodeKeyData(kdb, key, keyLength, out); },
+            makeDefault != 0, trusted != 0);
     }, [&](TokenStore& t) -> Rc {
         if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
         if (key == nullptr && keyLength != 0) return ZAVKM_ERR_NULL_PARAMETER;
@@ -195,29 +151,9 @@ ZAVKM_ReturnCode ZAVKM_InsertReqKey(ZAVKM_KeyDbHandle handle, const char* label,
                                     uint32_t requestLength, const uint8_t* request,
                                     uint32_t keyLength, const uint8_t* key) noexcept {
     return withStore(__func__, handle, {label, request, key}, {labelArg(label)}, [&](KeyDb& kdb) -> Rc {
-        if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
-        if (Rc rc = readView(kdb, [&](View& v) { return checkRequestLabelFree(v, label); }); rc != ZAVKM_OK)
-            return rc;
-        X509ReqPtr req;
-        EVP_PKEY* publicKey = nullptr;
-        if (Rc rc = readPolicyRequest(request, requestLength, req, publicKey); rc != ZAVKM_OK)
-            return rc;
-        PkeyPtr privateKey;
-        if (Rc rc = decodeKeyData(kdb, key, keyLength, privateKey); rc != ZAVKM_OK) return rc;
-        if (!sameKey(privateKey.get(), publicKey)) return ZAVKM_ERR_VALIDATION_KEY_PAIR;
-        RequestRow row;
-        row.label = label;
-        row.request = derOf(req.get());
-        row.spki = spkiOf(publicKey);
-        KeyInfo info = keyInfo(publicKey);
-        row.keyType = info.algorithm;
-        row.keyBits = info.bits;
-        if (Rc rc = sealKey(kdb, privateKey.get(), row.spki, row.privateKey); rc != ZAVKM_OK)
-            return rc;
-        return writeView(kdb, [&](View& v) -> Rc {
-            if (Rc rc = checkRequestLabelFree(v, label); rc != ZAVKM_OK) return rc;
-            return insertRequest(v, row);
-        });
+        return fileInsertReqKey(
+            kdb, label, request, requestLength,
+            [&](PkeyPtr& out) { return decodeKeyData(kdb, key, keyLength, out); });
     }, [&](TokenStore& t) -> Rc {
         if (t.readOnly) return ZAVKM_ERR_CRYPTOGRAPHIC_TOKEN_NOT_SUPPORT;
         PkeyPtr privateKey;

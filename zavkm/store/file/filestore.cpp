@@ -133,6 +133,13 @@ Rc keepChain(View& v, const std::vector<X509Ptr>& chain) {
     return ZAVKM_OK;
 }
 
+// sealKey - the private key of key as its row keeps it: PKCS#8, sealed under the data key.
+Rc sealKey(const KeyDb& kdb, EVP_PKEY* key, const Bytes& spki, Bytes& sealed) {
+    SecretBytes pkcs8 = pkcs8Of(key);
+    if (pkcs8.empty()) return sslError(ZAVKM_ERR_ASN);
+    return sealPrivateKey(kdb, pkcs8, spki, sealed);
+}
+
 // keyRowOf - the key row under label: ZAVKM_ERR_KEY_GET_BY_LABEL without one.
 Rc keyRowOf(View& v, const std::string& label, KeyRow& out) {
     std::optional<KeyRow> row;
@@ -421,6 +428,92 @@ Rc FileStore::addSignersThen(const std::vector<X509Ptr>& chain, const std::funct
         if (Rc rc = keepChain(v, chain); rc != ZAVKM_OK) return rc;
         return then();
     });
+}
+
+Rc fileInsertKey(KeyDb& kdb, const char* label, const uint8_t* cert, uint32_t certLength,
+                 const uint8_t* key, uint32_t keyLength, const KeyDecoder& decode,
+                 bool makeDefault, bool trusted) {
+    if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
+    if (key == nullptr && keyLength != 0) return ZAVKM_ERR_NULL_PARAMETER;
+    X509Ptr x509;
+    EVP_PKEY* publicKey = nullptr;
+    if (Rc rc = readPolicyCertificate(cert, certLength, x509, publicKey); rc != ZAVKM_OK)
+        return rc;
+    KeyRow row;
+    row.label = label;
+    row.cert = derOf(x509.get());
+    row.spki = spkiOf(publicKey);
+    row.subject = derOf(X509_get_subject_name(x509.get()));
+    KeyInfo info = keyInfo(publicKey);
+    row.keyType = info.algorithm;
+    row.keyBits = info.bits;
+    row.trusted = trusted;
+    if (key != nullptr && keyLength != 0) {
+        PkeyPtr privateKey;
+        if (Rc rc = decode(privateKey); rc != ZAVKM_OK) return rc;
+        if (!sameKey(privateKey.get(), publicKey)) return ZAVKM_ERR_VALIDATION_KEY_PAIR;
+        if (Rc rc = sealKey(kdb, privateKey.get(), row.spki, row.privateKey); rc != ZAVKM_OK)
+            return rc;
+        row.isDefault = makeDefault;
+    } else if (makeDefault) {
+        return ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL;  // only a personal key can be the default
+    }
+    return writeView(kdb, [&](View& v) { return insertKey(v, row, x509.get()); });
+}
+
+Rc fileInsertReqKey(KeyDb& kdb, const char* label, const uint8_t* request, uint32_t requestLength,
+                    const KeyDecoder& decode) {
+    if (Rc rc = checkLabel(label); rc != ZAVKM_OK) return rc;
+    if (Rc rc = readView(kdb, [&](View& v) { return checkRequestLabelFree(v, label); }); rc != ZAVKM_OK)
+        return rc;
+    X509ReqPtr req;
+    EVP_PKEY* publicKey = nullptr;
+    if (Rc rc = readPolicyRequest(request, requestLength, req, publicKey); rc != ZAVKM_OK)
+        return rc;
+    PkeyPtr privateKey;
+    if (Rc rc = decode(privateKey); rc != ZAVKM_OK) return rc;
+    if (!sameKey(privateKey.get(), publicKey)) return ZAVKM_ERR_VALIDATION_KEY_PAIR;
+    RequestRow row;
+    row.label = label;
+    row.request = derOf(req.get());
+    row.spki = spkiOf(publicKey);
+    KeyInfo info = keyInfo(publicKey);
+    row.keyType = info.algorithm;
+    row.keyBits = info.bits;
+    if (Rc rc = sealKey(kdb, privateKey.get(), row.spki, row.privateKey); rc != ZAVKM_OK)
+        return rc;
+    return writeView(kdb, [&](View& v) -> Rc {
+        if (Rc rc = checkRequestLabelFree(v, label); rc != ZAVKM_OK) return rc;
+        return insertRequest(v, row);
+    });
+}
+
+Rc fileDefaultKeyItem(KeyDb& kdb, ZAVKM_KeyItem** key) {
+    *key = nullptr;
+    KeyItemPtr item;
+    Rc rc = readView(kdb, [&](View& v) -> Rc {
+        std::optional<KeyRow> row;
+        if (Rc found = findDefaultKey(v, row); found != ZAVKM_OK) return found;
+        if (!row) return ZAVKM_ERR_KEYDB_DEFAULT_KEY_NULL;
+        return keyItemOf(v, *row, item);
+    });
+    if (rc != ZAVKM_OK) return rc;
+    *key = item.release();
+    return ZAVKM_OK;
+}
+
+Rc setFileDefault(KeyDb& kdb, const char* label) {
+    return writeView(kdb, [&](View& v) -> Rc {
+        std::optional<KeyRow> row;
+        if (Rc rc = findKey(v, label, row); rc != ZAVKM_OK) return rc;
+        if (!row) return ZAVKM_ERR_KEY_GET_BY_LABEL;
+        if (row->privateKey.empty()) return ZAVKM_ERR_KEYDB_PRIVATE_KEY_NULL;
+        return setDefaultKey(v, label);
+    });
+}
+
+Rc setFileTrust(KeyDb& kdb, const char* label, bool trusted) {
+    return writeView(kdb, [&](View& v) { return setTrusted(v, label, trusted); });
 }
 
 Rc initFileStore() noexcept {
