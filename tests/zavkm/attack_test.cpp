@@ -324,6 +324,53 @@ const Attack kDeleted{"a signer deleted", "DELETE FROM keys WHERE label = 'other
 const Attack kReplayed{"an older row put back (trusted, before the owner turned it off)", put("s3", "late")};
 const Attack kUndeleted{"a deleted row put back", put("s3", "temp")};
 
+// A listing repeated in one process may be answered from the last one while the file is
+// unchanged; a change by any connection in between must be seen.
+enum class Keep { Handle, Pool };  // the handle stays open, or closes and its connection waits
+
+using Between = std::function<void(World&, const std::string&)>;
+Between attacked(const Attack& a) {
+    return [sql = a.sql](World& w, const std::string& f) { run(w, f, sql); };
+}
+const Between kOwnerAdds = [](World& w, const std::string& f) {
+    OpenDb db(f, kPw);
+    EXPECT_EQ(ZAVKM_StoreCACert(db.h, w.evilLeaf.data(), size(w.evilLeaf), "new"), ZAVKM_OK);
+};
+
+// listedAround - the key and request labels, then `between`, then both again: the second list's
+// code, or ZAVKM_ERR_VALIDATION when a list is sound but lacks the request "req" (or the second
+// one the key mustHold).
+Op listedAround(Keep keep, Between between, const char* mustHold = nullptr) {
+    return [=](World& w, const std::string& f) {
+        auto listed = [&](ZAVKM_KeyDbHandle h, const char* want) {
+            ZAVKM_LabelList* keys = nullptr;
+            ZAVKM_LabelList* requests = nullptr;
+            ZAVKM_ReturnCode rc = ZAVKM_GetKeyDbLabelList(h, &keys);
+            if (rc == ZAVKM_OK) rc = ZAVKM_GetReqKeyDbLabelList(h, &requests);
+            bool held = want == nullptr;
+            for (ZAVKM_LabelList* n = keys; n != nullptr && n->label != nullptr; n = n->next)
+                held = held || std::string(n->label) == want;
+            held = held && requests != nullptr && std::string(requests->label) == "req" && requests->next == nullptr;
+            ZAVKM_FreeLabelList(keys);
+            ZAVKM_FreeLabelList(requests);
+            return rc == ZAVKM_OK && !held ? ZAVKM_ERR_VALIDATION : rc;
+        };
+        ZAVKM_KeyDbHandle h = 0;
+        if (ZAVKM_ReturnCode rc = ZAVKM_OpenKeyDb(f.c_str(), kPw, &h); rc != ZAVKM_OK) return rc;
+        ZAVKM_ReturnCode rc = listed(h, nullptr);
+        if (rc == ZAVKM_OK && keep == Keep::Pool) {
+            ZAVKM_CloseKeyDb(h);
+            between(w, f);
+            if ((rc = ZAVKM_OpenKeyDb(f.c_str(), kPw, &h)) != ZAVKM_OK) return rc;
+        } else if (rc == ZAVKM_OK) {
+            between(w, f);
+        }
+        if (rc == ZAVKM_OK) rc = listed(h, mustHold);
+        ZAVKM_CloseKeyDb(h);
+        return rc;
+    };
+}
+
 const std::vector<Row>& rows() {
     static const std::vector<Row> table = {
         // The schema and the format.
@@ -367,6 +414,14 @@ const std::vector<Row>& rows() {
         {kDeleted, "label list", labelList(), ZAVKM_ERR_DATABASE_KEY_INTEGRITY},
         {kDeleted, "listing", listing(), ZAVKM_ERR_DATABASE_KEY_INTEGRITY},
         {kDeleted, "partial listing", partialListing(1), ZAVKM_OK},
+        {kNothing, "label lists, a label edited by another connection, again (handle open)",
+         listedAround(Keep::Handle, attacked(kLabelEdit)), ZAVKM_ERR_DATABASE_KEY_INTEGRITY},
+        {kNothing, "label lists, a signer deleted, again (connection pooled)",
+         listedAround(Keep::Pool, attacked(kDeleted)), ZAVKM_ERR_DATABASE_KEY_INTEGRITY},
+        {kNothing, "label lists, the owner adds a CA on another handle, again",
+         listedAround(Keep::Handle, kOwnerAdds, "new"), ZAVKM_OK},
+        {kNothing, "label lists, the owner adds a CA on the pooled connection, again",
+         listedAround(Keep::Pool, kOwnerAdds, "new"), ZAVKM_OK},
         {kDeleted, "lookup by public key", byPublicKey("other"), ZAVKM_ERR_DATABASE_KEY_INTEGRITY},
         {{"an issuer deleted", "DELETE FROM keys WHERE label = 'ca'"}, "a key item's chain through it", keyItem("srv"), ZAVKM_ERR_DATABASE_KEY_INTEGRITY},
         {{"the default key deleted", "DELETE FROM keys WHERE label = 'ca'"}, "the default key", defaultKey(), ZAVKM_ERR_DATABASE_KEY_INTEGRITY},

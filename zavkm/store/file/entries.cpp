@@ -185,8 +185,44 @@ Rc allRows(View& v, uint8_t table, const char* sql, std::vector<Row>& out) {
     return rc;
 }
 
-// labelsOf - the labels of one table, all of them sound.
+// The most a connection keeps of one table's labels between listings.
+constexpr size_t kLabelMemoBytes = size_t{64} << 20;
+
+// dataVersion - SQLite's count of changes to the file by this or any other connection, as of the
+// current transaction; nullopt when SQLite cannot tell.
+std::optional<unsigned> dataVersion(sqlite3* db) noexcept {
+    unsigned version = 0;
+    if (sqlite3_file_control(db, "main", SQLITE_FCNTL_DATA_VERSION, &version) != SQLITE_OK)
+        return std::nullopt;
+    return version;
+}
+
+// memoHolds - whether the connection's last sound listing of the table still stands: no
+// connection changed the file since.
+bool memoHolds(const std::optional<LabelMemo>& memo, std::optional<unsigned> version) {
+    return memo && version && memo->dataVersion == *version;
+}
+
+// remember - keeps a sound listing on the connection for the next one, unless it is too large.
+void remember(std::optional<LabelMemo>& memo, std::optional<unsigned> version,
+              const std::vector<std::string>& labels) {
+    size_t bytes = labels.size() * sizeof(std::string);
+    for (const std::string& label : labels) bytes += label.size();
+    if (version && bytes <= kLabelMemoBytes)
+        memo = LabelMemo{*version, labels};
+    else
+        memo.reset();
+}
+
+// labelsOf - the labels of one table, all of them sound. A listing repeated on the same
+// connection while no connection changed the file is the last one's, checked then.
 Rc labelsOf(View& v, uint8_t table, std::vector<std::string>& out) {
+    std::optional<LabelMemo>& memo = v.link.labelMemos[table == kKeysTable ? 0 : 1];
+    const std::optional<unsigned> version = dataVersion(v.db);
+    if (memoHolds(memo, version)) {
+        out = memo->labels;
+        return ZAVKM_OK;
+    }
     PageBook book;
     if (Rc rc = loadPages(v, book); rc != ZAVKM_OK) return rc;
     out.reserve(book.rows(table));
@@ -202,6 +238,7 @@ Rc labelsOf(View& v, uint8_t table, std::vector<std::string>& out) {
         trace("%u damaged rows: the label list is refused", damaged);
         return ZAVKM_ERR_DATABASE_KEY_INTEGRITY;
     }
+    if (rc == ZAVKM_OK) remember(memo, version, out);
     return rc;
 }
 

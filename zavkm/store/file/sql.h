@@ -25,13 +25,22 @@ using StmtPtr = Owned<sqlite3_stmt, sqlite3_finalize>;
 // SQLite message.
 Rc sqlRc(sqlite3* db, int code, Rc fallback) noexcept;
 
-// Link - one SQLite connection with the statements prepared on it and the schema cookie at which
-// its schema was last found to be exactly the key database's. The statements are finalized
-// before the connection closes.
+// LabelMemo - a table's labels as the last listing on a connection found them, every row sound,
+// with the file's data version they hold for (SQLite's count of changes to the file by this or
+// any other connection) in that listing's transaction.
+struct LabelMemo {
+    unsigned dataVersion = 0;
+    std::vector<std::string> labels;
+};
+
+// Link - one SQLite connection with the statements prepared on it, the schema cookie at which
+// its schema was last found to be exactly the key database's, and the last sound label list of
+// each table. The statements are finalized before the connection closes.
 struct Link {
     SqlitePtr db;
     std::vector<std::pair<const char*, StmtPtr>> statements;  // by the address of their text
     int64_t checkedCookie = -1;  // -1: the schema was never checked on this connection
+    std::optional<LabelMemo> labelMemos[2];  // keys, requests
     ~Link();
     // prepared - the statement for sql (a text that lives as long as the program, such as a
     // literal), prepared once and kept; null when it does not prepare (the code in *code).
