@@ -5,19 +5,6 @@
 #include "store/platform/registry.h"
 #include "store/token/tokenkeys.h"
 
-namespace zavkm {
-namespace {
-
-Rc labelRecords(const std::vector<std::string>& labels, ZAVKM_LabelList** list) {
-    LabelListBuilder builder;
-    for (const std::string& label : labels) builder.add(label);
-    *list = builder.take();
-    return ZAVKM_OK;
-}
-
-}  // namespace
-}  // namespace zavkm
-
 using namespace zavkm;
 
 extern "C" {
@@ -31,10 +18,11 @@ ZAVKM_ReturnCode ZAVKM_GetCryptoTokenLabelList(const char* moduleName,
             std::vector<Provider> providers;
             if (Rc rc = registeredProviders(providers); rc != ZAVKM_OK) return rc;
             for (const Provider& p : providers) labels.push_back(p.name);
-            return labelRecords(labels, list);
+        } else if (Rc rc = moduleTokenLabels(moduleName, labels); rc != ZAVKM_OK) {
+            return rc;
         }
-        if (Rc rc = moduleTokenLabels(moduleName, labels); rc != ZAVKM_OK) return rc;
-        return labelRecords(labels, list);
+        *list = labelRecords(labels);
+        return ZAVKM_OK;
     });
 }
 

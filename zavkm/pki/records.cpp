@@ -63,4 +63,10 @@ void LabelListBuilder::add(std::string_view label) {
     node->label = copyText(label);
 }
 
+ZAVKM_LabelList* labelRecords(const std::vector<std::string>& labels) {
+    LabelListBuilder builder;
+    for (const std::string& label : labels) builder.add(label);
+    return builder.take();
+}
+
 }  // namespace zavkm

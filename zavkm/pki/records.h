@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdlib>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -86,5 +87,8 @@ class LabelListBuilder {
     LabelListPtr head_;
     ZAVKM_LabelList* tail_ = nullptr;
 };
+
+// labelRecords - the labels as a list, in order (null for none); throws std::bad_alloc.
+ZAVKM_LabelList* labelRecords(const std::vector<std::string>& labels);
 
 }  // namespace zavkm

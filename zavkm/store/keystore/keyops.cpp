@@ -261,9 +261,7 @@ Rc labelList(KeyStore& store, bool requests, ZAVKM_LabelList** list) {
     std::vector<std::string> labels;
     Rc rc = requests ? store.requestLabels(labels) : store.keyLabels(labels);
     if (rc != ZAVKM_OK) return rc;
-    LabelListBuilder builder;
-    for (const std::string& label : labels) builder.add(label);
-    *list = builder.take();
+    *list = labelRecords(labels);
     return ZAVKM_OK;
 }
 
