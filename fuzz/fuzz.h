@@ -70,3 +70,10 @@ inline ZAVKM_KeyDbHandle keyDb() {
 }
 
 }  // namespace fuzz
+
+// Before the first input: the library started and the scratch directory made, so that the
+// first input meets the same library as every other.
+extern "C" inline int LLVMFuzzerInitialize(int*, char***) {
+    fuzz::scratch();
+    return 0;
+}

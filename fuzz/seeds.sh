@@ -22,6 +22,8 @@ openssl crl2pkcs7 -nocrl -certfile chain.pem -out ../pkcs7/chain.p7b.pem
 cp chain.pem ../pkcs7/
 openssl pkcs8 -topk8 -in leaf.key -v2 aes-256-cbc -iter 2048 -passout pass:$pw -outform DER -out ../pkcs8/leaf.p8
 openssl pkcs8 -topk8 -in ca.key -v2 aes-256-cbc -iter 2048 -passout pass:$pw -out ../pkcs8/ca.p8.pem
+openssl pkcs8 -topk8 -nocrypt -in leaf.key -outform DER -out ../pkcs8/leaf-plain.p8
+openssl genpkey -algorithm ed25519 -outform DER -out ../pkcs8/ed25519-plain.p8
 openssl req -in leaf.csr -outform DER -out ../pkcs10/leaf.der
 cp leaf.csr ../pkcs10/leaf.pem
 openssl pkcs12 -export -in leaf.pem -inkey leaf.key -certfile ca.pem -name leaf -iter 2048 -macalg sha256 \
