@@ -214,11 +214,12 @@ void remember(std::optional<LabelMemo>& memo, std::optional<unsigned> version,
         memo.reset();
 }
 
-// labelsOf - the labels of one table, all of them sound. A listing repeated on the same
-// connection while no connection changed the file is the last one's, checked then.
+// labelsOf - the labels of one table, all of them sound. A listing in a read view repeated on
+// the same connection while no connection changed the file is the last one's, checked then. A
+// write view reads the rows: its own changes do not move the data version before they commit.
 Rc labelsOf(View& v, uint8_t table, std::vector<std::string>& out) {
     std::optional<LabelMemo>& memo = v.link.labelMemos[table == kKeysTable ? 0 : 1];
-    const std::optional<unsigned> version = dataVersion(v.db);
+    const std::optional<unsigned> version = v.write ? std::nullopt : dataVersion(v.db);
     if (memoHolds(memo, version)) {
         out = memo->labels;
         return ZAVKM_OK;
