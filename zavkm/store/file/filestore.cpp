@@ -134,10 +134,20 @@ Rc keepChain(View& v, const std::vector<X509Ptr>& chain) {
 }
 
 // sealKey - the private key of key as its row keeps it: PKCS#8, sealed under the data key.
-Rc sealKey(const KeyDb& kdb, EVP_PKEY* key, const Bytes& spki, Bytes& sealed) {
+Rc sealKey(const KeyDb& kdb, const EVP_PKEY* key, const Bytes& spki, Bytes& sealed) {
     SecretBytes pkcs8 = pkcs8Of(key);
     if (pkcs8.empty()) return sslError(ZAVKM_ERR_ASN);
     return sealPrivateKey(kdb, pkcs8, spki, sealed);
+}
+
+// requestColumns - the request's columns of a row: request, spki, key type and size.
+Rc requestColumns(const X509_REQ* req, const EVP_PKEY* key, RequestRow& row) {
+    row.request = derOf(req);
+    row.spki = spkiOf(key);
+    const KeyInfo info = keyInfo(key);
+    row.keyType = info.algorithm;
+    row.keyBits = info.bits;
+    return row.request.empty() || row.spki.empty() ? sslError(ZAVKM_ERR_ASN) : ZAVKM_OK;
 }
 
 // keyRowOf - the key row under label: ZAVKM_ERR_KEY_GET_BY_LABEL without one.
@@ -181,9 +191,7 @@ Rc FileStore::keepCertificate(StoreKey& key, const std::string& label, X509* cer
     KeyRow row;
     row.label = label;
     if (Rc rc = certColumns(cert, key.signingKey(), row); rc != ZAVKM_OK) return rc;
-    SecretBytes pkcs8 = pkcs8Of(key.signingKey());
-    if (pkcs8.empty()) return sslError(ZAVKM_ERR_ASN);
-    if (Rc rc = sealPrivateKey(kdb_, pkcs8, row.spki, row.privateKey); rc != ZAVKM_OK) return rc;
+    if (Rc rc = sealKey(kdb_, key.signingKey(), row.spki, row.privateKey); rc != ZAVKM_OK) return rc;
     row.isDefault = makeDefault;
     row.trusted = true;  // a self-signed certificate made here is a trust anchor
     return commitWithOutput(kdb_, output, [&](View& v) { return insertKey(v, row, cert); });
@@ -193,14 +201,8 @@ Rc FileStore::keepRequest(StoreKey& key, const std::string& label, X509_REQ* req
                           const Output& output) {
     RequestRow row;
     row.label = label;
-    row.request = derOf(req);
-    row.spki = spkiOf(key.signingKey());
-    const KeyInfo info = keyInfo(key.signingKey());
-    row.keyType = info.algorithm;
-    row.keyBits = info.bits;
-    SecretBytes pkcs8 = pkcs8Of(key.signingKey());
-    if (row.request.empty() || pkcs8.empty()) return sslError(ZAVKM_ERR_ASN);
-    if (Rc rc = sealPrivateKey(kdb_, pkcs8, row.spki, row.privateKey); rc != ZAVKM_OK) return rc;
+    if (Rc rc = requestColumns(req, key.signingKey(), row); rc != ZAVKM_OK) return rc;
+    if (Rc rc = sealKey(kdb_, key.signingKey(), row.spki, row.privateKey); rc != ZAVKM_OK) return rc;
     return commitWithOutput(kdb_, output, [&](View& v) -> Rc {
         if (Rc rc = checkRequestLabelFree(v, label); rc != ZAVKM_OK) return rc;
         return insertRequest(v, row);
@@ -441,12 +443,7 @@ Rc fileInsertKey(KeyDb& kdb, const char* label, const uint8_t* cert, uint32_t ce
         return rc;
     KeyRow row;
     row.label = label;
-    row.cert = derOf(x509.get());
-    row.spki = spkiOf(publicKey);
-    row.subject = derOf(X509_get_subject_name(x509.get()));
-    KeyInfo info = keyInfo(publicKey);
-    row.keyType = info.algorithm;
-    row.keyBits = info.bits;
+    if (Rc rc = certColumns(x509.get(), publicKey, row); rc != ZAVKM_OK) return rc;
     row.trusted = trusted;
     if (key != nullptr && keyLength != 0) {
         PkeyPtr privateKey;
@@ -475,11 +472,7 @@ Rc fileInsertReqKey(KeyDb& kdb, const char* label, const uint8_t* request, uint3
     if (!sameKey(privateKey.get(), publicKey)) return ZAVKM_ERR_VALIDATION_KEY_PAIR;
     RequestRow row;
     row.label = label;
-    row.request = derOf(req.get());
-    row.spki = spkiOf(publicKey);
-    KeyInfo info = keyInfo(publicKey);
-    row.keyType = info.algorithm;
-    row.keyBits = info.bits;
+    if (Rc rc = requestColumns(req.get(), publicKey, row); rc != ZAVKM_OK) return rc;
     if (Rc rc = sealKey(kdb, privateKey.get(), row.spki, row.privateKey); rc != ZAVKM_OK)
         return rc;
     return writeView(kdb, [&](View& v) -> Rc {
